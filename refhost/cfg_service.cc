@@ -1,0 +1,80 @@
+#include "refhost/cfg_service.h"
+
+#include <vector>
+
+#include <boost/filesystem/path.hpp>
+#include <Poco/UTF8String.h>
+
+#include "refhost/settings.h"
+#include "refhost/text_conversion.h"
+
+namespace {
+
+struct CComponents {
+  bool absolute = false;
+  std::vector<std::wstring> names;
+};
+
+CComponents Split(const std::wstring& path) {
+  CComponents result;
+  boost::filesystem::path p(path);
+  result.absolute = p.has_root_directory();
+  for (const boost::filesystem::path& part : p.relative_path()) {
+    std::wstring name = part.wstring();
+    if (name.empty() || name == L".") continue;
+    if (name == L".." && !result.names.empty() && result.names.back() != L"..") {
+      result.names.pop_back();
+      continue;
+    }
+    result.names.push_back(name);
+  }
+  return result;
+}
+
+// True when "base" is a prefix of "path", component by component.
+bool IsPrefix(const CComponents& base, const CComponents& path) {
+  if (base.absolute != path.absolute || base.names.size() > path.names.size()) return false;
+  for (size_t i = 0; i < base.names.size(); ++i) {
+    if (base.names[i] != path.names[i]) return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+CRefCfgService::CRefCfgService(const CRefSettings& settings)
+    : certificate_(Utf8ToWide(settings.signer_certificate)),
+      key_(Utf8ToWide(settings.signer_key)),
+      chain_(Utf8ToWide(settings.signer_chain)),
+      description_factory_(std::make_shared<CRefDescriptionFactory>()) {}
+
+std::wstring CRefCfgService::SignerCertificate() { return certificate_; }
+std::wstring CRefCfgService::SignerKey() { return key_; }
+std::wstring CRefCfgService::SignerChain() { return chain_; }
+
+std::string CRefCfgService::NormaliseName(const std::string& name, bool fold_case) {
+  return fold_case ? Poco::UTF8::toLower(name) : name;
+}
+
+std::wstring CRefCfgService::RelativePath(const std::wstring& root, const std::wstring& full) {
+  CComponents base = Split(root);
+  CComponents path = Split(full);
+  if (!IsPrefix(base, path)) return full;
+  boost::filesystem::path relative;
+  for (size_t i = base.names.size(); i < path.names.size(); ++i) relative /= path.names[i];
+  return relative.wstring();
+}
+
+bool CRefCfgService::SamePath(const std::wstring& a, const std::wstring& b) {
+  CComponents first = Split(a);
+  CComponents second = Split(b);
+  return first.absolute == second.absolute && first.names == second.names;
+}
+
+bool CRefCfgService::PathAtOrBelow(const std::wstring& base, const std::wstring& path) {
+  return IsPrefix(Split(base), Split(path));
+}
+
+const std::shared_ptr<CDescriptionFactory>& CRefCfgService::DescriptionFactory() {
+  return description_factory_;
+}

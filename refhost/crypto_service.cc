@@ -1,0 +1,132 @@
+#include "refhost/crypto_service.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <memory>
+#include <stdexcept>
+
+#include <openssl/crypto.h>
+#include <openssl/evp.h>
+#include <openssl/objects.h>
+
+#include "refhost/settings.h"
+#include "refhost/text_conversion.h"
+
+namespace {
+
+constexpr size_t kReadBlock = 1 << 20;
+
+const EVP_MD* DigestOf(uint32_t policy_number) {
+  switch (policy_number) {
+    case 160: return EVP_sha1();
+    case 224: return EVP_sha224();
+    case 256: return EVP_sha256();
+    case 384: return EVP_sha384();
+    case 512: return EVP_sha512();
+    default:
+      throw std::runtime_error("unsupported policy number " + std::to_string(policy_number) +
+                               " (use 160, 224, 256, 384 or 512)");
+  }
+}
+
+struct CDigestContextFree {
+  void operator()(EVP_MD_CTX* context) const { EVP_MD_CTX_free(context); }
+};
+using CDigestContext = std::unique_ptr<EVP_MD_CTX, CDigestContextFree>;
+
+CDigestContext StartDigest(uint32_t policy_number) {
+  CDigestContext context(EVP_MD_CTX_new());
+  if (!context || EVP_DigestInit_ex(context.get(), DigestOf(policy_number), nullptr) != 1) {
+    throw std::runtime_error("digest start failed");
+  }
+  return context;
+}
+
+std::string ToHex(const uint8_t* bytes, uint64_t length) {
+  static const char kHex[] = "0123456789abcdef";
+  std::string text(length * 2, '0');
+  for (uint64_t i = 0; i < length; ++i) {
+    text[2 * i] = kHex[bytes[i] >> 4];
+    text[2 * i + 1] = kHex[bytes[i] & 15];
+  }
+  return text;
+}
+
+std::string FinishDigest(EVP_MD_CTX* context) {
+  unsigned char digest[EVP_MAX_MD_SIZE];
+  unsigned int length = 0;
+  if (EVP_DigestFinal_ex(context, digest, &length) != 1) throw std::runtime_error("digest failed");
+  return ToHex(digest, length);
+}
+
+}  // namespace
+
+std::string HashBytes(const void* bytes, size_t length, uint32_t policy_number) {
+  CDigestContext context = StartDigest(policy_number);
+  if (EVP_DigestUpdate(context.get(), bytes, length) != 1) throw std::runtime_error("digest failed");
+  return FinishDigest(context.get());
+}
+
+CRefCryptoService::CRefCryptoService(const CRefSettings& settings)
+    : local_cstm_id_(settings.local_cstm_id), local_lcs_id_(settings.local_lcs_id) {}
+
+uint32_t CRefCryptoService::DigestDescriptor(uint32_t policy_number) {
+  return static_cast<uint32_t>(EVP_MD_get_type(DigestOf(policy_number)));
+}
+
+std::string CRefCryptoService::HashFile(const std::wstring& path, uint32_t policy_number) {
+  std::string narrow = WideToUtf8(path);
+  int fd = ::open(narrow.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+  if (fd < 0) throw std::runtime_error("cannot open " + narrow + ": " + std::strerror(errno));
+  std::unique_ptr<int, void (*)(int*)> closer(&fd, [](int* f) { ::close(*f); });
+  ::posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
+  CDigestContext context = StartDigest(policy_number);
+  std::unique_ptr<unsigned char[]> block(new unsigned char[kReadBlock]);
+  for (;;) {
+    ssize_t n = ::read(fd, block.get(), kReadBlock);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      throw std::runtime_error("cannot read " + narrow + ": " + std::strerror(errno));
+    }
+    if (n == 0) break;
+    if (EVP_DigestUpdate(context.get(), block.get(), static_cast<size_t>(n)) != 1) {
+      throw std::runtime_error("digest failed for " + narrow);
+    }
+  }
+  return FinishDigest(context.get());
+}
+
+std::vector<uint8_t> CRefCryptoService::HashTextToBinary(const std::string& hash_text) {
+  std::vector<uint8_t> bytes(hash_text.size() / 2);
+  size_t length = 0;
+  if (hash_text.size() % 2 != 0 ||
+      OPENSSL_hexstr2buf_ex(bytes.data(), bytes.size(), &length, hash_text.c_str(), '\0') != 1) {
+    throw std::runtime_error("hash text is not hexadecimal: " + hash_text);
+  }
+  bytes.resize(length);
+  return bytes;
+}
+
+std::string CRefCryptoService::BinaryToHashText(const uint8_t* bytes, uint64_t length, uint32_t) {
+  return ToHex(bytes, length);
+}
+
+std::shared_ptr<CSigner> CRefCryptoService::MakeSigner(const std::wstring&, const std::wstring&,
+                                                       const std::wstring&) {
+  throw std::runtime_error("PKCS#7 signing is not configured in this host");
+}
+
+std::shared_ptr<CPkcs7Verifier> CRefCryptoService::MakeVerifier() {
+  throw std::runtime_error("PKCS#7 verification is not configured in this host");
+}
+
+std::string CRefCryptoService::LocalCstmId() { return local_cstm_id_; }
+
+std::string CRefCryptoService::LocalLcsId() { return local_lcs_id_; }
+
+std::wstring CRefCryptoService::SignatureFilePath(const std::wstring& path) {
+  return path + L".p7s";
+}

@@ -1,0 +1,35 @@
+#pragma once
+
+#include <string>
+
+#include "host/crypto_service.h"
+
+struct CRefSettings;
+
+// Hashing with OpenSSL's EVP digests; hash text is lowercase hex.
+//
+// Policy numbers name the digest by its length in bits: 160 SHA-1, 224 SHA-224, 256 SHA-256,
+// 384 SHA-384, 512 SHA-512. The digest descriptor of a policy number is OpenSSL's NID of that
+// digest. Any other policy number is refused with std::runtime_error.
+class CRefCryptoService : public CCryptoService {
+ public:
+  explicit CRefCryptoService(const CRefSettings& settings);
+
+  uint32_t DigestDescriptor(uint32_t policy_number) override;
+  std::string HashFile(const std::wstring& path, uint32_t policy_number) override;
+  std::vector<uint8_t> HashTextToBinary(const std::string& hash_text) override;
+  std::string BinaryToHashText(const uint8_t* bytes, uint64_t length, uint32_t a) override;
+  std::shared_ptr<CSigner> MakeSigner(const std::wstring& certificate, const std::wstring& key,
+                                      const std::wstring& chain) override;
+  std::shared_ptr<CPkcs7Verifier> MakeVerifier() override;
+  std::string LocalCstmId() override;
+  std::string LocalLcsId() override;
+  std::wstring SignatureFilePath(const std::wstring& path) override;
+
+ private:
+  std::string local_cstm_id_;
+  std::string local_lcs_id_;
+};
+
+// The hash text of "bytes" under the digest of "policy_number".
+std::string HashBytes(const void* bytes, size_t length, uint32_t policy_number);

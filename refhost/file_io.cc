@@ -1,0 +1,111 @@
+#include "refhost/file_io.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <stdexcept>
+
+#include <boost/filesystem/path.hpp>
+
+namespace {
+
+[[noreturn]] void Fail(const std::string& what, const std::string& path, int error) {
+  throw std::runtime_error(what + " " + path + ": " + std::strerror(error));
+}
+
+class CFileDescriptor {
+ public:
+  explicit CFileDescriptor(int fd) : fd_(fd) {}
+  ~CFileDescriptor() {
+    if (fd_ >= 0) ::close(fd_);
+  }
+  CFileDescriptor(const CFileDescriptor&) = delete;
+  CFileDescriptor& operator=(const CFileDescriptor&) = delete;
+  int get() const { return fd_; }
+  int release() {
+    int fd = fd_;
+    fd_ = -1;
+    return fd;
+  }
+
+ private:
+  int fd_;
+};
+
+}  // namespace
+
+std::vector<uint8_t> ReadWholeFile(const std::string& path, uint64_t max_bytes) {
+  CFileDescriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  if (fd.get() < 0) Fail("cannot open", path, errno);
+  struct stat info {};
+  if (::fstat(fd.get(), &info) != 0) Fail("cannot examine", path, errno);
+  if (S_ISDIR(info.st_mode)) Fail("cannot read", path, EISDIR);
+  uint64_t want = static_cast<uint64_t>(info.st_size);
+  if (max_bytes != 0 && max_bytes < want) want = max_bytes;
+  std::vector<uint8_t> bytes(want);
+  uint64_t done = 0;
+  while (done < want) {
+    ssize_t n = ::read(fd.get(), bytes.data() + done, want - done);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      Fail("cannot read", path, errno);
+    }
+    if (n == 0) break;  // the file shrank meanwhile
+    done += static_cast<uint64_t>(n);
+  }
+  bytes.resize(done);
+  return bytes;
+}
+
+void SyncDirectoryOf(const std::string& path) {
+  std::string directory = boost::filesystem::path(path).parent_path().string();
+  if (directory.empty()) directory = ".";
+  CFileDescriptor fd(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (fd.get() >= 0) ::fsync(fd.get());
+}
+
+void WriteWholeFile(const std::string& path, const void* data, uint64_t length) {
+  std::string temporary = path + ".writing";
+  {
+    CFileDescriptor fd(::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+    if (fd.get() < 0) Fail("cannot create", temporary, errno);
+    const char* bytes = static_cast<const char*>(data);
+    uint64_t done = 0;
+    while (done < length) {
+      ssize_t n = ::write(fd.get(), bytes + done, length - done);
+      if (n < 0) {
+        if (errno == EINTR) continue;
+        int error = errno;
+        ::unlink(temporary.c_str());
+        Fail("cannot write", temporary, error);
+      }
+      done += static_cast<uint64_t>(n);
+    }
+    if (::fsync(fd.get()) != 0) {
+      int error = errno;
+      ::unlink(temporary.c_str());
+      Fail("cannot sync", temporary, error);
+    }
+  }
+  if (::rename(temporary.c_str(), path.c_str()) != 0) {
+    int error = errno;
+    ::unlink(temporary.c_str());
+    Fail("cannot replace", path, error);
+  }
+  SyncDirectoryOf(path);
+}
+
+void DurableRename(const std::string& from, const std::string& to) {
+  {
+    CFileDescriptor fd(::open(from.c_str(), O_RDONLY | O_CLOEXEC));
+    if (fd.get() >= 0) ::fsync(fd.get());
+  }
+  if (::rename(from.c_str(), to.c_str()) != 0) Fail("cannot move " + from + " to", to, errno);
+  SyncDirectoryOf(to);
+  if (boost::filesystem::path(from).parent_path() != boost::filesystem::path(to).parent_path()) {
+    SyncDirectoryOf(from);
+  }
+}

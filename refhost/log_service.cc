@@ -1,0 +1,81 @@
+#include "refhost/log_service.h"
+
+#include <cstdio>
+
+#include <Poco/ConsoleChannel.h>
+#include <Poco/FileChannel.h>
+#include <Poco/FormattingChannel.h>
+#include <Poco/Logger.h>
+#include <Poco/PatternFormatter.h>
+#include <Poco/SplitterChannel.h>
+
+CRefLogService::CRefLogService(const std::string& level, bool console, const std::string& file)
+    : level_(Poco::Logger::parseLevel(level)) {
+  Poco::AutoPtr<Poco::SplitterChannel> splitter(new Poco::SplitterChannel);
+  bool any = false;
+  if (console) {
+    splitter->addChannel(Poco::AutoPtr<Poco::Channel>(new Poco::ConsoleChannel));
+    any = true;
+  }
+  if (!file.empty()) {
+    Poco::AutoPtr<Poco::FileChannel> file_channel(new Poco::FileChannel(file));
+    file_channel->setProperty("flush", "true");
+    splitter->addChannel(file_channel);
+    any = true;
+  }
+  if (any) {
+    Poco::AutoPtr<Poco::PatternFormatter> formatter(
+        new Poco::PatternFormatter("%Y-%m-%d %H:%M:%S.%i %q %[event] %t"));
+    formatter->setProperty("times", "local");
+    channel_ = new Poco::FormattingChannel(formatter, splitter);
+    channel_->open();
+  }
+}
+
+void CRefLogService::Critical(uint32_t event, const std::string& text) {
+  Write(Poco::Message::PRIO_CRITICAL, event, text);
+}
+void CRefLogService::Error(uint32_t event, const std::string& text) {
+  Write(Poco::Message::PRIO_ERROR, event, text);
+}
+void CRefLogService::Warning(uint32_t event, const std::string& text) {
+  Write(Poco::Message::PRIO_WARNING, event, text);
+}
+void CRefLogService::Notice(uint32_t event, const std::string& text) {
+  Write(Poco::Message::PRIO_NOTICE, event, text);
+}
+void CRefLogService::Information(uint32_t event, const std::string& text) {
+  Write(Poco::Message::PRIO_INFORMATION, event, text);
+}
+void CRefLogService::Debug(uint32_t event, const std::string& text) {
+  Write(Poco::Message::PRIO_DEBUG, event, text);
+}
+
+void CRefLogService::Write(Poco::Message::Priority priority, uint32_t event,
+                           const std::string& text) {
+  {
+    std::lock_guard<std::mutex> guard(records_lock_);
+    if (keep_records_) records_.push_back(CLogRecord{priority, event, text});
+  }
+  if (!channel_ || priority > level_) return;
+  Poco::Message message("signdb", text, priority);
+  char code[16];
+  std::snprintf(code, sizeof code, "0x%05X", static_cast<unsigned>(event));
+  message.set("event", code);
+  channel_->log(message);
+}
+
+void CRefLogService::KeepRecords(bool keep) {
+  std::lock_guard<std::mutex> guard(records_lock_);
+  keep_records_ = keep;
+}
+
+std::vector<CLogRecord> CRefLogService::Records() const {
+  std::lock_guard<std::mutex> guard(records_lock_);
+  return records_;
+}
+
+void CRefLogService::ClearRecords() {
+  std::lock_guard<std::mutex> guard(records_lock_);
+  records_.clear();
+}

@@ -1,0 +1,19 @@
+#!/usr/bin/env bash
+# Builds from scratch and runs every test: once under AddressSanitizer + UndefinedBehaviorSanitizer
+# (all tests), once under ThreadSanitizer (the tests labelled "concurrency").
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+bash scripts/bootstrap.sh
+jobs="${SIGNDB_JOBS:-2}"
+
+cmake -S . -B build/asan -G Ninja -DSIGNDB_SANITIZE=address,undefined -DSIGNDB_BENCH=OFF
+cmake --build build/asan -j "$jobs"
+(cd build/asan && ctest -j "$jobs" --output-on-failure --timeout 600)
+
+cmake -S . -B build/tsan -G Ninja -DSIGNDB_SANITIZE=thread -DSIGNDB_BENCH=OFF
+cmake --build build/tsan -j "$jobs" --target signdb_concurrency_tests signdb_module
+(cd build/tsan && TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" \
+  ctest -j "$jobs" -L concurrency --output-on-failure --timeout 600)
+
+echo "all tests passed"
