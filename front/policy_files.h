@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include <boost/filesystem/path.hpp>
+#include "hashdb/wide_path.h"
 
 // Suffixes of a policy's side files. Each is appended directly to the HDB file path, so the side
 // files of policy P are named P.hdb followed by the suffix.
@@ -12,12 +12,11 @@ inline constexpr const char* kSedSuffix = ".sed";
 inline constexpr const char* kCandidateSuffix = ".candidate";
 inline constexpr const char* kTemporarySuffix = ".tmp";
 
-// "path" followed by "suffix", with no separator; the suffix goes through the path library's
-// character conversion.
+// "path" followed by "suffix" (ASCII), with no separator.
 inline std::wstring AppendSuffix(const std::wstring& path, const char* suffix) {
-  boost::filesystem::path result(path);
-  result += suffix;
-  return result.wstring();
+  std::wstring result = path;
+  for (const char* c = suffix; *c; ++c) result += static_cast<wchar_t>(*c);
+  return result;
 }
 
 // "directory" joined with "name": a separator is added only when the directory does not already
@@ -26,7 +25,7 @@ inline std::wstring JoinFileName(const std::wstring& directory, const std::wstri
   auto is_separator = [](wchar_t c) { return c == L'/' || c == L'\\'; };
   std::wstring joined = directory;
   if (!joined.empty() && !is_separator(joined.back()) && !(name.size() && is_separator(name[0]))) {
-    joined += static_cast<wchar_t>(boost::filesystem::path::preferred_separator);
+    joined += kPreferredSeparator;
   }
   return joined + name;
 }

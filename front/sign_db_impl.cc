@@ -3,12 +3,12 @@
 #include <cstring>
 #include <stdexcept>
 
-#include <boost/filesystem/operations.hpp>
 #include <Poco/ByteOrder.h>
 #include <Poco/DateTimeFormatter.h>
 #include <Poco/LocalDateTime.h>
 
 #include "front/policy_files.h"
+#include "hashdb/hash_db_impl.h"
 #include "hashdb/hash_db.h"
 #include "host/buffer.h"
 #include "host/cfg_service.h"
@@ -17,6 +17,7 @@
 #include "host/host.h"
 #include "host/locale_service.h"
 #include "host/log_service.h"
+#include "host/path_status.h"
 #include "host/policy.h"
 #include "host/read_context.h"
 #include "host/services.h"
@@ -27,14 +28,6 @@ namespace {
 constexpr const char* kReadDescriptionName = "SDBI-Read";
 constexpr const char* kRevisionTimeFormat = " %Y-%m-%d %H:%M:%S";
 constexpr size_t kRevisionBytes = 8;
-
-// True when the path exists in any form (file, directory, anything but "not found" or an error).
-bool PathExists(const std::wstring& path) {
-  boost::system::error_code error;
-  boost::filesystem::file_status status = boost::filesystem::status(path, error);
-  return status.type() != boost::filesystem::status_error &&
-         status.type() != boost::filesystem::file_not_found;
-}
 
 }  // namespace
 
@@ -83,9 +76,17 @@ std::wstring CSignDBImpl::FindFileByHash(const std::string& hash, bool check) {
   return std::wstring();
 }
 
-std::shared_ptr<CHashDB> CSignDBImpl::CreateHashDB(const std::shared_ptr<CPolicy>&) {
-  // The hash database implementation is linked in with the database core.
-  throw std::logic_error("[sdi,chdb] hash database not available in this build");
+std::shared_ptr<CHashDB> CSignDBImpl::CreateHashDB(const std::shared_ptr<CPolicy>& policy) {
+  std::lock_guard<std::mutex> guard(lock_);
+  if (!policy) throw std::runtime_error("[sdi,chdb] Policy object is empty!");
+  std::string name = policy->Name();
+  // The old database, if still alive, stays with its owner; only the newer one is found by name.
+  policy_table_.erase(name);
+  std::wstring hdb_path = HdbFilePath(name);
+  std::shared_ptr<CHashDB> database =
+      std::make_shared<CHashDBImpl>(host_, policy_number_, hdb_path, policy);
+  policy_table_[name] = database;
+  return database;
 }
 
 std::shared_ptr<CHashDB> CSignDBImpl::GetHashDB(const std::string& policy_name) {
@@ -107,7 +108,7 @@ std::wstring CSignDBImpl::HdbFilePath(const std::string& policy_name) {
 }
 
 bool CSignDBImpl::HdbFileExists(const std::string& policy_name) {
-  return PathExists(HdbFilePath(policy_name));
+  return PathExistsInAnyForm(HdbFilePath(policy_name), *utility_);
 }
 
 std::shared_ptr<CReadContext> CSignDBImpl::ReadContext() { return read_context_; }
@@ -129,7 +130,7 @@ void CSignDBImpl::WriteRevisionFile(const std::string& policy_name) {
 
 bool CSignDBImpl::RevisionFileMatches(const std::string& policy_name) {
   std::wstring path = AppendSuffix(HdbFilePath(policy_name), kRevisionSuffix);
-  if (!PathExists(path)) return false;
+  if (!PathExistsInAnyForm(path, *utility_)) return false;
   std::shared_ptr<CBuffer> buffer = utility_->ReadFile(path, 0);
   if (!buffer || buffer->Size() < kRevisionBytes) return false;
   uint64_t stored = 0;
@@ -147,5 +148,5 @@ void CSignDBImpl::WriteSedFile(const std::string& policy_name) {
 }
 
 bool CSignDBImpl::SedFileExists(const std::string& policy_name) {
-  return PathExists(AppendSuffix(HdbFilePath(policy_name), kSedSuffix));
+  return PathExistsInAnyForm(AppendSuffix(HdbFilePath(policy_name), kSedSuffix), *utility_);
 }

@@ -2,8 +2,9 @@
 
 #include <vector>
 
-#include <boost/filesystem/path.hpp>
 #include <Poco/UTF8String.h>
+
+#include "hashdb/wide_path.h"
 
 #include "refhost/settings.h"
 #include "refhost/text_conversion.h"
@@ -17,11 +18,10 @@ struct CComponents {
 
 CComponents Split(const std::wstring& path) {
   CComponents result;
-  boost::filesystem::path p(path);
-  result.absolute = p.has_root_directory();
-  for (const boost::filesystem::path& part : p.relative_path()) {
-    std::wstring name = part.wstring();
-    if (name.empty() || name == L".") continue;
+  result.absolute = HasRootDirectory(path);
+  for (const CPathComponent& part : PathComponents(path)) {
+    std::wstring name(part.name);
+    if (name.empty() || name == L"." || IsPathSeparator(name[0])) continue;
     if (name == L".." && !result.names.empty() && result.names.back() != L"..") {
       result.names.pop_back();
       continue;
@@ -60,9 +60,11 @@ std::wstring CRefCfgService::RelativePath(const std::wstring& root, const std::w
   CComponents base = Split(root);
   CComponents path = Split(full);
   if (!IsPrefix(base, path)) return full;
-  boost::filesystem::path relative;
-  for (size_t i = base.names.size(); i < path.names.size(); ++i) relative /= path.names[i];
-  return relative.wstring();
+  std::wstring relative;
+  for (size_t i = base.names.size(); i < path.names.size(); ++i) {
+    relative = JoinPath(relative, path.names[i]);
+  }
+  return relative;
 }
 
 bool CRefCfgService::SamePath(const std::wstring& a, const std::wstring& b) {

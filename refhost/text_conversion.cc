@@ -5,15 +5,32 @@
 
 static_assert(sizeof(wchar_t) == sizeof(Poco::UTF32Char), "wide strings are UTF-32 here");
 
+// Most names are plain ASCII, which is the same in both encodings: copied directly, without the
+// general converter.
+
 std::string WideToUtf8(const std::wstring& wide) {
-  std::string narrow;
-  Poco::UnicodeConverter::convert(reinterpret_cast<const Poco::UTF32Char*>(wide.data()),
-                                  wide.size(), narrow);
+  std::string narrow(wide.size(), '\0');
+  for (size_t i = 0; i < wide.size(); ++i) {
+    if (static_cast<uint32_t>(wide[i]) >= 0x80) {
+      narrow.clear();
+      Poco::UnicodeConverter::convert(reinterpret_cast<const Poco::UTF32Char*>(wide.data()),
+                                      wide.size(), narrow);
+      return narrow;
+    }
+    narrow[i] = static_cast<char>(wide[i]);
+  }
   return narrow;
 }
 
 std::wstring Utf8ToWide(const std::string& narrow) {
-  Poco::UTF32String utf32;
-  Poco::UnicodeConverter::convert(narrow, utf32);
-  return std::wstring(reinterpret_cast<const wchar_t*>(utf32.data()), utf32.size());
+  std::wstring wide(narrow.size(), L'\0');
+  for (size_t i = 0; i < narrow.size(); ++i) {
+    if (static_cast<unsigned char>(narrow[i]) >= 0x80) {
+      Poco::UTF32String utf32;
+      Poco::UnicodeConverter::convert(narrow, utf32);
+      return std::wstring(reinterpret_cast<const wchar_t*>(utf32.data()), utf32.size());
+    }
+    wide[i] = static_cast<wchar_t>(narrow[i]);
+  }
+  return wide;
 }

@@ -198,7 +198,7 @@ std::string CRefUtilityService::ToNarrow(const std::wstring& wide) { return Wide
 std::wstring CRefUtilityService::ToWide(const std::string& narrow) { return Utf8ToWide(narrow); }
 
 void CRefUtilityService::PrepareWrite(const std::wstring& path) {
-  boost::filesystem::path parent = boost::filesystem::path(path).parent_path();
+  boost::filesystem::path parent = boost::filesystem::path(WideToUtf8(path)).parent_path();
   if (!parent.empty()) boost::filesystem::create_directories(parent);
 }
 

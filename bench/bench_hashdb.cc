@@ -1,0 +1,152 @@
+// Hash database core at one million nodes: full inserts (with resident memory per node), object
+// checks from two threads, and path-by-hash lookups.
+
+#include <benchmark/benchmark.h>
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <fstream>
+#include <memory>
+#include <random>
+#include <string>
+
+#include <boost/filesystem.hpp>
+
+#include "hashdb/hash_db_impl.h"
+#include "refhost/policy.h"
+#include "refhost/ref_host.h"
+#include "tests/fake_obj_info.h"
+
+namespace {
+
+constexpr int kFanOut = 50;
+
+void AppendNumber(std::wstring& out, int64_t value) {
+  wchar_t digits[24];
+  int n = 0;
+  do {
+    digits[n++] = static_cast<wchar_t>(L'0' + value % 10);
+    value /= 10;
+  } while (value > 0);
+  while (n > 0) out += digits[--n];
+}
+
+// Synthetic files four levels deep, 50 entries per directory: dA/dB/dC/fD.dat. Built by hand so
+// that making the input costs little beside the insert being measured.
+std::wstring SyntheticPath(int64_t i) {
+  std::wstring path;
+  path.reserve(32);
+  path += L"d";
+  AppendNumber(path, i / (kFanOut * kFanOut * kFanOut));
+  path += L"/d";
+  AppendNumber(path, i / (kFanOut * kFanOut) % kFanOut);
+  path += L"/d";
+  AppendNumber(path, i / kFanOut % kFanOut);
+  path += L"/f";
+  AppendNumber(path, i % kFanOut);
+  path += L".dat";
+  return path;
+}
+
+// A 64-hex-digit text, distinct per file, like a SHA-256 hash.
+std::string SyntheticHash(int64_t i) {
+  static const char kHex[] = "0123456789abcdef";
+  std::string text(64, '0');
+  uint64_t x = static_cast<uint64_t>(i) * 0x9E3779B97F4A7C15ull;
+  for (int word = 0; word < 4; ++word) {
+    uint64_t value = x ^ (0xA5A5A5A5A5A5A5A5ull * static_cast<uint64_t>(word));
+    for (int d = 0; d < 16; ++d) text[word * 16 + d] = kHex[(value >> (60 - 4 * d)) & 15];
+  }
+  return text;
+}
+
+long ResidentBytes() {
+  long pages = 0, resident = 0;
+  std::ifstream("/proc/self/statm") >> pages >> resident;
+  return resident * sysconf(_SC_PAGESIZE);
+}
+
+struct CBenchDb {
+  CBenchDb() {
+    CRefSettings settings;
+    settings.log_console = false;
+    settings.threads = 2;
+    host = std::make_shared<CRefHost>(settings);
+    CRefPolicySettings policy{"bench", "/bench/root"};
+    db = std::make_shared<CHashDBImpl>(host, 256, L"/bench/bench.hdb",
+                                       std::make_shared<CRefPolicy>(policy));
+  }
+  void Fill(int64_t count) {
+    auto info = CFakeObjInfo::File(L"", "");
+    std::shared_ptr<CObjInfo> none;
+    for (int64_t i = 0; i < count; ++i) {
+      info->relative = SyntheticPath(i);
+      info->hash = SyntheticHash(i);
+      info->size = static_cast<uint64_t>(i);
+      db->InsertObject(none, info);
+    }
+  }
+  std::shared_ptr<CRefHost> host;
+  std::shared_ptr<CHashDBImpl> db;
+};
+
+CBenchDb& SharedMillion() {
+  static CBenchDb* shared = [] {
+    auto* bench = new CBenchDb;
+    bench->Fill(1000000);
+    return bench;
+  }();
+  return *shared;
+}
+
+void BM_Insert(benchmark::State& state) {
+  int64_t count = state.range(0);
+  double bytes_per_node = 0;
+  for (auto _ : state) {
+    state.PauseTiming();
+    long before = ResidentBytes();
+    auto bench = std::make_unique<CBenchDb>();
+    state.ResumeTiming();
+    bench->Fill(count);
+    state.PauseTiming();
+    // Files plus the directories made on the way.
+    int64_t nodes = count + count / kFanOut + count / (kFanOut * kFanOut) + 1;
+    bytes_per_node = static_cast<double>(ResidentBytes() - before) / static_cast<double>(nodes);
+    bench.reset();
+    state.ResumeTiming();
+  }
+  state.SetItemsProcessed(state.iterations() * count);
+  state.counters["rss_bytes_per_node"] = bytes_per_node;
+}
+BENCHMARK(BM_Insert)->Arg(100000)->Arg(1000000)->Unit(benchmark::kMillisecond)->Iterations(1);
+
+void BM_Check(benchmark::State& state) {
+  CBenchDb& bench = SharedMillion();
+  std::mt19937_64 random(static_cast<uint64_t>(state.thread_index()) + 1);
+  auto info = CFakeObjInfo::File(L"", "");
+  for (auto _ : state) {
+    int64_t i = static_cast<int64_t>(random() % 1000000);
+    info->relative = SyntheticPath(i);
+    info->hash = SyntheticHash(i);
+    info->size = static_cast<uint64_t>(i);
+    benchmark::DoNotOptimize(bench.db->CheckObject(info));
+  }
+  state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(BM_Check)->Threads(1)->Threads(2)->UseRealTime();
+
+void BM_PathByHash(benchmark::State& state) {
+  CBenchDb& bench = SharedMillion();
+  std::mt19937_64 random(42);
+  for (auto _ : state) {
+    std::string hash = SyntheticHash(static_cast<int64_t>(random() % 1000000));
+    benchmark::DoNotOptimize(bench.db->PathByHash(hash, false));
+  }
+  state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(BM_PathByHash);
+
+}  // namespace
+
+BENCHMARK_MAIN();

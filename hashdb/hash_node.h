@@ -1,0 +1,69 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+
+class CObjInfo;
+class CUtilityService;
+
+// One file or directory of a tree. Always made by one shared allocation and held by shared
+// references: a parent's children map, lookup results, callers. The parent is held weakly.
+//
+// Thread safety: the database's tree lock guards the fields in general. "lock" guards "children",
+// "change_time" and "touch_time" in addition, because loading builds the tree from several
+// threads under one exclusive tree lock. Lock order: tree lock, then one node's lock, then the
+// hash index's lock; a node's lock is never held while another node's is taken.
+class CHashNode {
+ public:
+  // Children keyed by the normalised name, in byte-wise order of the key.
+  using ChildMap = std::map<std::string, std::shared_ptr<CHashNode>>;
+
+  explicit CHashNode(const std::weak_ptr<CHashNode>& parent_node);
+
+  CHashNode(const CHashNode&) = delete;
+  CHashNode& operator=(const CHashNode&) = delete;
+
+  std::string name;                         // last path component; empty for the root
+  bool is_dir = false;
+  bool mark = false;                        // set: not offered by hash lookup
+  std::shared_ptr<std::string> hash;        // every file has one (maybe empty text)
+  std::shared_ptr<std::string> old_hash;    // the hash of a previous database
+  uint32_t attributes = 0xFFFFFFFFu;        // all bits set: unknown
+  uint64_t time_1 = 0xFFFFFFFFFFFFFFFFull;  // all bits set: unknown
+  uint64_t time_2 = 0xFFFFFFFFFFFFFFFFull;  // all bits set: unknown
+  uint64_t size = 0;                        // always 0 for a directory
+  std::string security_attributes;
+  std::string target_path;                  // non-empty on a directory: its subtree is "under target"
+  std::weak_ptr<CHashNode> parent;          // empty for the root
+  std::shared_ptr<ChildMap> children;       // guarded by lock; null for files and empty dirs
+  std::shared_ptr<CObjInfo> pending_info;   // details of a deferred insert, not yet copied
+  std::mutex lock;
+  // Set by checks that hold the tree lock only shared, possibly from two threads at once: it is
+  // only ever set there, so a relaxed atomic is all it needs.
+  std::atomic<bool> flag_2{false};
+  int64_t change_time = 0;                  // guarded by lock; newest change at or below
+  std::shared_ptr<int64_t> touch_time;      // guarded by lock; files only, made on first touch
+
+  // change_time = now.
+  void StampChange();
+  // change_time < t.
+  bool ChangedBefore(int64_t t);
+  // Files only: touch_time = now.
+  void Touch();
+  // Files only: whether whole seconds since the last touch are at most "seconds".
+  bool TouchedWithin(uint64_t seconds);
+};
+
+// Whether two nodes record the same object state (kind, size, target, times, attributes,
+// security attributes, name and hash). Throws std::runtime_error "[hdbi,itnts]Bad node!" for a
+// null node.
+bool SameAs(const std::shared_ptr<CHashNode>& a, const std::shared_ptr<CHashNode>& b,
+            CUtilityService& utility);
+
+// A file with an empty hash text and size 0. Throws "[hdbi,iun]Bad node!" for a null node and
+// "[hdbi,iun]Bad hash sp!" for a file without a hash.
+bool IsEmptyFile(const std::shared_ptr<CHashNode>& node);

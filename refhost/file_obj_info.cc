@@ -1,0 +1,50 @@
+#include "refhost/file_obj_info.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <stdexcept>
+#include <vector>
+
+#include "host/cfg_service.h"
+#include "host/crypto_service.h"
+#include "host/utility_service.h"
+
+std::shared_ptr<CRefFileObjInfo> CRefFileObjInfo::FromDisk(CUtilityService& utility,
+                                                           CCryptoService& crypto,
+                                                           CCfgService& cfg,
+                                                           const std::wstring& root,
+                                                           const std::wstring& path,
+                                                           uint32_t policy_number) {
+  auto info = std::make_shared<CRefFileObjInfo>();
+  info->path_ = path;
+  info->relative_ = cfg.RelativePath(root, path);
+  std::string narrow = utility.ToNarrow(path);
+  info->description_ = narrow;
+  struct stat status {};
+  if (::lstat(narrow.c_str(), &status) != 0) {
+    if (errno == ENOENT || errno == ENOTDIR) {
+      info->gone_ = true;
+      return info;
+    }
+    throw std::runtime_error("cannot examine " + narrow + ": " + std::strerror(errno));
+  }
+  info->is_dir_ = S_ISDIR(status.st_mode);
+  info->size_ = info->is_dir_ ? 0 : static_cast<uint64_t>(status.st_size);
+  info->time_1_ = utility.PathTime1(path);
+  info->time_2_ = utility.PathTime2(path);
+  info->attributes_ = static_cast<uint32_t>(status.st_mode);
+  info->security_ = utility.PathSecurityAttributes(path, 0);
+  if (S_ISLNK(status.st_mode)) {
+    std::vector<char> target(static_cast<size_t>(status.st_size) + 1);
+    ssize_t length = ::readlink(narrow.c_str(), target.data(), target.size());
+    if (length < 0) throw std::runtime_error("cannot read link " + narrow + ": " + std::strerror(errno));
+    info->target_.assign(target.data(), static_cast<size_t>(length));
+    info->target_wide_ = utility.ToWide(info->target_);
+  } else if (S_ISREG(status.st_mode)) {
+    info->hash_ = crypto.HashFile(path, policy_number);
+  }
+  return info;
+}

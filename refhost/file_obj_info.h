@@ -1,0 +1,58 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "hashdb/obj_info.h"
+
+class CCfgService;
+class CCryptoService;
+class CUtilityService;
+
+// What the disk says about one object below a policy's root, read once when made: kind, size,
+// times (status change, modification), mode, security attributes, symbolic-link target and, for
+// regular files, the content hash. A symbolic link is a file object whose target is its link
+// text and whose hash is empty; it is never followed. An object that does not exist is "gone".
+class CRefFileObjInfo : public CObjInfo {
+ public:
+  // Throws std::runtime_error when the object exists but cannot be read (its hash included).
+  static std::shared_ptr<CRefFileObjInfo> FromDisk(CUtilityService& utility, CCryptoService& crypto,
+                                                   CCfgService& cfg, const std::wstring& root,
+                                                   const std::wstring& path,
+                                                   uint32_t policy_number);
+
+  bool IsDirectory() override { return is_dir_; }
+  std::wstring RelativePath() override { return relative_; }
+  std::wstring Path() override { return path_; }
+  bool IsGone() override { return gone_; }
+  std::wstring TargetWidePath() override { return target_wide_; }
+  uint64_t Size() override { return size_; }
+  uint64_t Time1() override { return time_1_; }
+  uint64_t Time2() override { return time_2_; }
+  uint32_t Attributes() override { return attributes_; }
+  std::string HashText() override { return hash_; }
+  std::string SecurityAttributes() override { return security_; }
+  std::string Description() override { return description_; }
+  std::string TargetPath() override { return target_; }
+  void TakeRecordedHash(const std::shared_ptr<std::string>& hash) override { recorded_ = hash; }
+
+  // The hash that a check handed back, or null.
+  const std::shared_ptr<std::string>& recorded_hash() const { return recorded_; }
+
+ private:
+  std::wstring relative_;
+  std::wstring path_;
+  bool gone_ = false;
+  bool is_dir_ = false;
+  uint64_t size_ = 0;
+  uint64_t time_1_ = 0xFFFFFFFFFFFFFFFFull;
+  uint64_t time_2_ = 0xFFFFFFFFFFFFFFFFull;
+  uint32_t attributes_ = 0xFFFFFFFFu;
+  std::string hash_;
+  std::string security_;
+  std::string description_;
+  std::string target_;
+  std::wstring target_wide_;
+  std::shared_ptr<std::string> recorded_;
+};
