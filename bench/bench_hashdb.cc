@@ -5,6 +5,7 @@
 
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdio>
 #include <fstream>
 #include <memory>
@@ -14,6 +15,7 @@
 #include <boost/filesystem.hpp>
 
 #include "hashdb/hash_db_impl.h"
+#include "hashdb/monotonic_clock.h"
 #include "refhost/policy.h"
 #include "refhost/ref_host.h"
 #include "tests/fake_obj_info.h"
@@ -68,19 +70,19 @@ long ResidentBytes() {
 }
 
 struct CBenchDb {
-  CBenchDb() {
+  explicit CBenchDb(uint32_t threads = 2) {
     CRefSettings settings;
     settings.log_console = false;
-    settings.threads = 2;
+    settings.threads = threads;
     host = std::make_shared<CRefHost>(settings);
     CRefPolicySettings policy{"bench", "/bench/root"};
     db = std::make_shared<CHashDBImpl>(host, 256, L"/bench/bench.hdb",
                                        std::make_shared<CRefPolicy>(policy));
   }
-  void Fill(int64_t count) {
+  void Fill(int64_t count, int64_t from = 0) {
     auto info = CFakeObjInfo::File(L"", "");
     std::shared_ptr<CObjInfo> none;
-    for (int64_t i = 0; i < count; ++i) {
+    for (int64_t i = from; i < count; ++i) {
       info->relative = SyntheticPath(i);
       info->hash = SyntheticHash(i);
       info->size = static_cast<uint64_t>(i);
@@ -146,6 +148,55 @@ void BM_PathByHash(benchmark::State& state) {
   state.SetItemsProcessed(state.iterations());
 }
 BENCHMARK(BM_PathByHash);
+
+// Walks a million-node tree (about 20,000 directories with children, one task each) with a visitor
+// that only counts, on a pool of 1 or 2 threads.
+void BM_Enumerate(benchmark::State& state) {
+  static std::unique_ptr<CBenchDb> by_threads[3];
+  auto threads = static_cast<uint32_t>(state.range(0));
+  if (!by_threads[threads]) {
+    by_threads[threads] = std::make_unique<CBenchDb>(threads);
+    by_threads[threads]->Fill(1000000);
+  }
+  CBenchDb& bench = *by_threads[threads];
+  std::atomic<int64_t> visited{0};
+  auto visitor = std::make_shared<CNodeVisitor>([&visited](const std::shared_ptr<CHashNode>&) {
+    visited.fetch_add(1, std::memory_order_relaxed);
+    return true;
+  });
+  for (auto _ : state) bench.db->Enumerate("bench", true, visitor);
+  state.SetItemsProcessed(visited.load());
+  state.counters["nodes"] = static_cast<double>(visited.load()) / static_cast<double>(state.iterations());
+  if (threads == 2) by_threads[1].reset();  // keep only one big tree alive at a time
+}
+BENCHMARK(BM_Enumerate)->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+// The sub-node search of one leaf directory (50 files) of the million-node tree.
+void BM_SubNodesOfASmallDirectory(benchmark::State& state) {
+  CBenchDb& bench = SharedMillion();
+  for (auto _ : state) benchmark::DoNotOptimize(bench.db->SubNodes(L"d3/d17/d42"));
+  state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(BM_SubNodesOfASmallDirectory)->Unit(benchmark::kMicrosecond)->UseRealTime();
+
+// Shrinks 100,000 old files (and the 2,000 directories they leave empty) out of a million-node tree.
+void BM_Shrink(benchmark::State& state) {
+  uint64_t removed = 0;
+  for (auto _ : state) {
+    state.PauseTiming();
+    auto bench = std::make_unique<CBenchDb>();
+    bench->Fill(1000000);
+    int64_t threshold = MonotonicNowNs();
+    bench->Fill(1000000, 100000);  // seen again: everything but the first 100,000 files
+    state.ResumeTiming();
+    removed = bench->db->Shrink(threshold, L"");
+    state.PauseTiming();
+    bench.reset();
+    state.ResumeTiming();
+  }
+  state.counters["removed"] = static_cast<double>(removed);
+}
+BENCHMARK(BM_Shrink)->Unit(benchmark::kMillisecond)->Iterations(1)->UseRealTime();
 
 }  // namespace
 

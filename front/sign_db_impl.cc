@@ -113,6 +113,11 @@ bool CSignDBImpl::HdbFileExists(const std::string& policy_name) {
 
 std::shared_ptr<CReadContext> CSignDBImpl::ReadContext() { return read_context_; }
 
+size_t CSignDBImpl::TableSize() {
+  std::lock_guard<std::mutex> guard(lock_);
+  return policy_table_.size();
+}
+
 void CSignDBImpl::WriteRevisionFile(const std::string& policy_name) {
   std::wstring path = AppendSuffix(HdbFilePath(policy_name), kRevisionSuffix);
   std::shared_ptr<CHashDB> database = GetHashDB(policy_name);

@@ -42,6 +42,9 @@ class CSignDBImpl : public CSignDB {
   void WriteSedFile(const std::string& policy_name) override;
   bool SedFileExists(const std::string& policy_name) override;
 
+  // Entries of the policy table, dead ones included (for statistics).
+  size_t TableSize();
+
  private:
   // GetHashDB with "lock_" already held.
   std::shared_ptr<CHashDB> GetHashDBLocked(const std::string& policy_name);

@@ -131,6 +131,12 @@ class CHashDBImpl : public CClassCounter,
                 const std::shared_ptr<CNodeVisitor>& visitor);
   // The database touch time becomes now.
   void TouchDatabase();
+  // Gives a node a new name in its parent's children; the index is untouched. Throws
+  // CBadObjNameError for an illegal name. The caller holds tree_lock_ exclusively.
+  void RenameInPlace(const std::shared_ptr<CHashNode>& node, const std::wstring& new_name);
+  // Hangs a node, under its own name, into the directory that is the new relative path's parent;
+  // an object there under the same key is dropped. The caller holds tree_lock_ exclusively.
+  void MoveNode(const std::shared_ptr<CHashNode>& node, const std::wstring& new_relative);
 
  private:
   std::string Narrow(const std::wstring& wide);
@@ -151,8 +157,6 @@ class CHashDBImpl : public CClassCounter,
   // The attribute part of the object check; "skip_time_2" leaves the second time value out.
   uint32_t CompareAttributes(const std::shared_ptr<CObjInfo>& info,
                              const std::shared_ptr<CHashNode>& node, bool skip_time_2);
-  void RenameInPlace(const std::shared_ptr<CHashNode>& node, const std::wstring& new_name);
-  void MoveNode(const std::shared_ptr<CHashNode>& node, const std::wstring& new_relative);
 
   std::shared_ptr<CHost> host_;
   std::shared_ptr<CUtilityService> utility_;

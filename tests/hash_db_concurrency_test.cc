@@ -1,6 +1,7 @@
 // Several threads on one database; afterwards the tree and the index must agree.
 
 #include <atomic>
+#include <condition_variable>
 #include <functional>
 #include <random>
 #include <set>
@@ -9,7 +10,9 @@
 
 #include <gtest/gtest.h>
 
+#include "refhost/thread_pool.h"
 #include "tests/hash_db_fixture.h"
+#include "tests/scripted_pool.h"
 
 namespace {
 
@@ -117,4 +120,58 @@ TEST_F(HashDbConcurrencyTest, RenamesMovesAndRemovesBesideChecksAndLookups) {
   }
   for (auto& thread : threads) thread.join();
   ExpectConsistent();
+}
+
+namespace {
+
+// A real pool whose all-finished answer is always yes, so a walk returns while its tasks still
+// wait in the queue behind a gate that the test opens.
+class CGatedPool : public CThreadPool {
+ public:
+  explicit CGatedPool(std::shared_ptr<CThreadPool> pool) : pool_(std::move(pool)) {
+    pool_->Submit([this] {
+      std::unique_lock<std::mutex> guard(lock_);
+      opened_.wait(guard, [this] { return open_; });
+    });
+  }
+  void Open() {
+    {
+      std::lock_guard<std::mutex> guard(lock_);
+      open_ = true;
+    }
+    opened_.notify_all();
+  }
+  void Submit(std::function<void()> task) override { pool_->Submit(std::move(task)); }
+  void FinishRun() override {}
+  void PrepareRun() override {}
+  uint32_t ThreadCount() override { return pool_->ThreadCount(); }
+  std::string StatusText() override { return pool_->StatusText(); }
+  bool AllFinished() override { return true; }
+  bool WaitAllFinished(uint32_t) override { return true; }
+  bool RealWait(uint32_t ms) { return pool_->WaitAllFinished(ms); }
+
+ private:
+  std::shared_ptr<CThreadPool> pool_;
+  std::mutex lock_;
+  std::condition_variable opened_;
+  bool open_ = false;
+};
+
+}  // namespace
+
+TEST_F(HashDbConcurrencyTest, AWalkOfADatabaseDestroyedWhileItsTasksAreQueuedDoesNothing) {
+  auto real = std::make_shared<CRefThreadPool>(1, host_->Log());
+  auto gated = std::make_shared<CGatedPool>(real);
+  host_ = std::make_shared<CHostWithPool<CRefHost>>(settings_, gated);
+  db_ = MakeDb();
+  for (int i = 0; i < 50; ++i) InsertFile(PathOf(i), HashOf(i));
+  std::atomic<int> visits{0};
+  db_->Enumerate("", true, std::make_shared<CNodeVisitor>([&](const std::shared_ptr<CHashNode>&) {
+    ++visits;
+    return true;
+  }));
+  db_.reset();
+  gated->Open();
+  ASSERT_TRUE(gated->RealWait(10000));
+  EXPECT_EQ(0, visits.load());
 }
