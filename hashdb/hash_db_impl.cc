@@ -10,6 +10,7 @@
 #include "hashdb/inline_thread_pool.h"
 #include "hashdb/map_hash_db.h"
 #include "hashdb/monotonic_clock.h"
+#include "hashdb/steady_time_service.h"
 #include "hashdb/wide_path.h"
 #include "hdbfile/big_endian.h"
 #include "hdbfile/hdb_format.h"
@@ -50,6 +51,7 @@ CHashDBImpl::CHashDBImpl(const std::shared_ptr<CHost>& host, uint32_t policy_num
   pool_ = host_->ThreadPool();
   if (!pool_) pool_ = std::make_shared<CInlineThreadPool>();
   time_service_ = host_->TimeService();
+  if (!time_service_) time_service_ = std::make_shared<CSteadyTimeService>();
 
   if (!policy) throw std::runtime_error("[hdbi,ctor] Policy object is empty!");
   digest_descriptor_ = crypto_->DigestDescriptor(policy_number_);

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <istream>
 #include <mutex>
 #include <string>
 #include <string_view>
@@ -14,6 +15,7 @@
 #include "hashdb/hash_node.h"
 #include "host/language.h"
 
+class CBufferedWriter;
 class CCfgExService;
 class CCfgService;
 class CCryptoService;
@@ -22,6 +24,7 @@ class CLocaleService;
 class CLogService;
 class CMapHashDB;
 class CPolicy;
+class CRestoreLeavesHelper;
 class CThreadPool;
 class CTimeService;
 class CUtilityService;
@@ -140,6 +143,19 @@ class CHashDBImpl : public CClassCounter,
 
  private:
   std::string Narrow(const std::wstring& wide);
+  // Saving: one node's record through the save's writer; the large-count warning; the move of
+  // the signed temporary file and its signature over the HDB file and its signature.
+  void WriteNode(CBufferedWriter& writer, const std::shared_ptr<CHashNode>& node);
+  void WarnIfLargeCount(uint64_t count);
+  void ReplaceHdbFile();
+  // Loading: the header checks (logged; false refuses the file), the cut of the record area into
+  // pieces and the wait for their tasks, one task's loop, and the reading of one record.
+  bool ValidateHeader(const std::shared_ptr<CBuffer>& hdb, const std::string& path);
+  void RestoreRecordArea(const std::atomic<bool>* exit_flag, const std::shared_ptr<CBuffer>& hdb,
+                         const std::wstring& path,
+                         const std::shared_ptr<std::atomic<uint64_t>>& restored);
+  void RestoreLeaves(CRestoreLeavesHelper& helper);
+  void RestoreRecord(std::istream& in, uint64_t& consumed);
   // "[obj]=" path " [relative path]=" relative " [root path]=" root, after a localised key.
   std::string NotFoundMessage(const char* key, const std::wstring& path,
                               const std::wstring& relative);
@@ -191,6 +207,7 @@ class CHashDBImpl : public CClassCounter,
   std::shared_ptr<int64_t> db_touch_time_;          // guarded by db_touch_lock_
   std::atomic<bool> platform_flag_{true};
   std::atomic<bool> second_flag_{true};
+  bool platform_matches_ = true;                    // of the file being loaded
   std::mutex enumeration_mutex_;
   std::mutex load_save_mutex_;
   std::mutex record_write_mutex_;

@@ -12,6 +12,7 @@
 #include <openssl/evp.h>
 #include <openssl/objects.h>
 
+#include "refhost/pkcs7.h"
 #include "refhost/settings.h"
 #include "refhost/text_conversion.h"
 
@@ -71,7 +72,9 @@ std::string HashBytes(const void* bytes, size_t length, uint32_t policy_number) 
 }
 
 CRefCryptoService::CRefCryptoService(const CRefSettings& settings)
-    : local_cstm_id_(settings.local_cstm_id), local_lcs_id_(settings.local_lcs_id) {}
+    : local_cstm_id_(settings.local_cstm_id),
+      local_lcs_id_(settings.local_lcs_id),
+      trust_anchor_(settings.signer_chain) {}
 
 uint32_t CRefCryptoService::DigestDescriptor(uint32_t policy_number) {
   return static_cast<uint32_t>(EVP_MD_get_type(DigestOf(policy_number)));
@@ -114,13 +117,14 @@ std::string CRefCryptoService::BinaryToHashText(const uint8_t* bytes, uint64_t l
   return ToHex(bytes, length);
 }
 
-std::shared_ptr<CSigner> CRefCryptoService::MakeSigner(const std::wstring&, const std::wstring&,
-                                                       const std::wstring&) {
-  throw std::runtime_error("PKCS#7 signing is not configured in this host");
+std::shared_ptr<CSigner> CRefCryptoService::MakeSigner(const std::wstring& certificate,
+                                                       const std::wstring& key,
+                                                       const std::wstring& chain) {
+  return std::make_shared<CRefSigner>(WideToUtf8(certificate), WideToUtf8(key), WideToUtf8(chain));
 }
 
 std::shared_ptr<CPkcs7Verifier> CRefCryptoService::MakeVerifier() {
-  throw std::runtime_error("PKCS#7 verification is not configured in this host");
+  return std::make_shared<CRefPkcs7Verifier>(trust_anchor_, local_cstm_id_);
 }
 
 std::string CRefCryptoService::LocalCstmId() { return local_cstm_id_; }

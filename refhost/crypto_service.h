@@ -29,6 +29,7 @@ class CRefCryptoService : public CCryptoService {
  private:
   std::string local_cstm_id_;
   std::string local_lcs_id_;
+  std::string trust_anchor_;  // the CA file that verified signatures must chain to
 };
 
 // The hash text of "bytes" under the digest of "policy_number".

@@ -11,70 +11,92 @@ namespace {
 constexpr uint32_t kEventPool = 0x10013;
 }
 
+// Everything below "lock" is guarded by it.
+struct CRefThreadPool::CState {
+  explicit CState(std::shared_ptr<CLogService> log_service) : log(std::move(log_service)) {}
+  std::shared_ptr<CLogService> log;
+  std::mutex lock;
+  std::condition_variable work_ready;
+  std::condition_variable all_finished;
+  std::deque<std::function<void()>> queue;
+  uint64_t unfinished = 0;  // queued plus running
+  uint64_t running = 0;
+  uint64_t completed = 0;
+  uint64_t failed = 0;
+  uint64_t runs = 0;
+  bool stopping = false;
+};
+
 CRefThreadPool::CRefThreadPool(uint32_t threads, std::shared_ptr<CLogService> log)
-    : log_(std::move(log)) {
+    : state_(std::make_shared<CState>(std::move(log))) {
   if (threads == 0) threads = std::max(1u, std::thread::hardware_concurrency());
   threads_.reserve(threads);
-  for (uint32_t i = 0; i < threads; ++i) threads_.emplace_back([this] { Work(); });
+  for (uint32_t i = 0; i < threads; ++i) threads_.emplace_back([state = state_] { Work(state); });
 }
 
 CRefThreadPool::~CRefThreadPool() {
   {
-    std::lock_guard<std::mutex> guard(lock_);
-    stopping_ = true;
+    std::lock_guard<std::mutex> guard(state_->lock);
+    state_->stopping = true;
   }
-  work_ready_.notify_all();
-  for (std::thread& thread : threads_) thread.join();
+  state_->work_ready.notify_all();
+  for (std::thread& thread : threads_) {
+    if (thread.get_id() == std::this_thread::get_id()) {
+      thread.detach();  // destroyed by one of its own tasks: this worker ends on its own
+    } else {
+      thread.join();
+    }
+  }
 }
 
 void CRefThreadPool::Submit(std::function<void()> task) {
   {
-    std::lock_guard<std::mutex> guard(lock_);
-    queue_.push_back(std::move(task));
-    ++unfinished_;
+    std::lock_guard<std::mutex> guard(state_->lock);
+    state_->queue.push_back(std::move(task));
+    ++state_->unfinished;
   }
-  work_ready_.notify_one();
+  state_->work_ready.notify_one();
 }
 
 void CRefThreadPool::FinishRun() {}
 
 void CRefThreadPool::PrepareRun() {
-  std::lock_guard<std::mutex> guard(lock_);
-  ++runs_;
+  std::lock_guard<std::mutex> guard(state_->lock);
+  ++state_->runs;
 }
 
 uint32_t CRefThreadPool::ThreadCount() { return static_cast<uint32_t>(threads_.size()); }
 
 std::string CRefThreadPool::StatusText() {
-  std::lock_guard<std::mutex> guard(lock_);
+  std::lock_guard<std::mutex> guard(state_->lock);
   std::ostringstream text;
-  text << " [pool] threads=" << threads_.size() << " queued=" << queue_.size()
-       << " running=" << running_ << " completed=" << completed_ << " failed=" << failed_
-       << " runs=" << runs_;
+  text << " [pool] threads=" << threads_.size() << " queued=" << state_->queue.size()
+       << " running=" << state_->running << " completed=" << state_->completed
+       << " failed=" << state_->failed << " runs=" << state_->runs;
   return text.str();
 }
 
 bool CRefThreadPool::AllFinished() {
-  std::lock_guard<std::mutex> guard(lock_);
-  return unfinished_ == 0;
+  std::lock_guard<std::mutex> guard(state_->lock);
+  return state_->unfinished == 0;
 }
 
 bool CRefThreadPool::WaitAllFinished(uint32_t ms) {
-  std::unique_lock<std::mutex> guard(lock_);
-  return all_finished_.wait_for(guard, std::chrono::milliseconds(ms),
-                                [this] { return unfinished_ == 0; });
+  std::unique_lock<std::mutex> guard(state_->lock);
+  return state_->all_finished.wait_for(guard, std::chrono::milliseconds(ms),
+                                       [this] { return state_->unfinished == 0; });
 }
 
-void CRefThreadPool::Work() {
+void CRefThreadPool::Work(const std::shared_ptr<CState>& state) {
   for (;;) {
     std::function<void()> task;
     {
-      std::unique_lock<std::mutex> guard(lock_);
-      work_ready_.wait(guard, [this] { return stopping_ || !queue_.empty(); });
-      if (queue_.empty()) return;  // stopping, and nothing left to do
-      task = std::move(queue_.front());
-      queue_.pop_front();
-      ++running_;
+      std::unique_lock<std::mutex> guard(state->lock);
+      state->work_ready.wait(guard, [&state] { return state->stopping || !state->queue.empty(); });
+      if (state->queue.empty()) return;  // stopping, and nothing left to do
+      task = std::move(state->queue.front());
+      state->queue.pop_front();
+      ++state->running;
     }
     bool ok = true;
     std::string error;
@@ -87,15 +109,16 @@ void CRefThreadPool::Work() {
       ok = false;
       error = "unknown exception";
     }
-    task = nullptr;  // release what the task holds before it counts as finished
-    if (!ok && log_) log_->Error(kEventPool, "[pool] a task failed: " + error);
+    if (!ok && state->log) state->log->Error(kEventPool, "[pool] a task failed: " + error);
     bool finished = false;
     {
-      std::lock_guard<std::mutex> guard(lock_);
-      --running_;
-      ++(ok ? completed_ : failed_);
-      finished = --unfinished_ == 0;
+      std::lock_guard<std::mutex> guard(state->lock);
+      --state->running;
+      ++(ok ? state->completed : state->failed);
+      finished = --state->unfinished == 0;
     }
-    if (finished) all_finished_.notify_all();
+    if (finished) state->all_finished.notify_all();
+    // Released last, outside the lock: this may destroy the pool's owner, and the pool with it.
+    task = nullptr;
   }
 }

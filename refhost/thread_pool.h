@@ -17,8 +17,10 @@ class CLogService;
 // far, by any caller, has run to its end; tasks may submit further tasks, which count before the
 // submitting task ends, so the pool never looks finished half-way through a run.
 //
-// Thread safety: every operation may be called from any thread, tasks included. State below is
-// guarded by lock_.
+// Thread safety: every operation may be called from any thread, tasks included. The pool may
+// even be destroyed by one of its own tasks (a task can hold the last reference to an owner of
+// the pool): the workers share the pool's state, and the destroying worker is detached rather
+// than joined.
 class CRefThreadPool : public CThreadPool {
  public:
   // "threads" 0 uses the hardware threads. "log" receives the errors of tasks that throw.
@@ -37,18 +39,9 @@ class CRefThreadPool : public CThreadPool {
   bool WaitAllFinished(uint32_t ms) override;
 
  private:
-  void Work();
+  struct CState;
+  static void Work(const std::shared_ptr<CState>& state);
 
-  std::shared_ptr<CLogService> log_;
-  std::mutex lock_;
-  std::condition_variable work_ready_;
-  std::condition_variable all_finished_;
-  std::deque<std::function<void()>> queue_;
-  uint64_t unfinished_ = 0;  // queued plus running
-  uint64_t running_ = 0;
-  uint64_t completed_ = 0;
-  uint64_t failed_ = 0;
-  uint64_t runs_ = 0;
-  bool stopping_ = false;
-  std::vector<std::thread> threads_;  // last: started after the state above exists
+  std::shared_ptr<CState> state_;
+  std::vector<std::thread> threads_;
 };

@@ -1,0 +1,48 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "host/crypto_service.h"
+
+// Detached DER PKCS#7 signatures with OpenSSL. The signer signs a file's exact bytes with its
+// certificate and key and embeds the chain; the signature goes to the file's path plus ".p7s".
+class CRefSigner : public CSigner {
+ public:
+  // Throws std::runtime_error naming the file that cannot be read.
+  CRefSigner(const std::string& certificate, const std::string& key, const std::string& chain);
+  ~CRefSigner() override;
+  bool Sign(const std::wstring& path, std::string& result, uint32_t a, uint32_t b) override;
+
+ private:
+  struct CState;
+  std::unique_ptr<CState> state_;
+};
+
+// Checks a detached signature: the signer's certificate must chain to the trust anchor (a CA
+// file) and the signature must hold for exactly the given bytes. The signer's cstm_id is its
+// certificate's organizationName (O), its lcs_id the subject's serialNumber, a decimal number.
+class CRefPkcs7Verifier : public CPkcs7Verifier {
+ public:
+  CRefPkcs7Verifier(std::string trust_anchor, std::string local_cstm_id);
+  ~CRefPkcs7Verifier() override;
+  bool ReadSignerInfo(const uint8_t* signature, uint64_t length) override;
+  bool Verify(const uint8_t* data, uint64_t length) override;
+  uint64_t SignerLcsId() override;
+  bool SignerCstmIdMatches(std::string& signer_cstm_id) override;
+
+  // Why the last operation failed, for the tool's messages.
+  const std::string& reason() const { return reason_; }
+
+ private:
+  struct CState;
+  std::unique_ptr<CState> state_;
+  std::string trust_anchor_;
+  std::string local_cstm_id_;
+  std::string signer_cstm_id_;
+  uint64_t signer_lcs_id_ = 0;
+  std::string reason_;
+};
+
+// The text of OpenSSL's most recent error, for messages.
+std::string OpenSslError();
