@@ -154,6 +154,7 @@ class CHashDBImpl : public CClassCounter,
   void RestoreRecordArea(const std::atomic<bool>* exit_flag, const std::shared_ptr<CBuffer>& hdb,
                          const std::wstring& path,
                          const std::shared_ptr<std::atomic<uint64_t>>& restored);
+  // One restore task's reading of its piece; the task marks the helper done afterwards.
   void RestoreLeaves(CRestoreLeavesHelper& helper);
   void RestoreRecord(std::istream& in, uint64_t& consumed);
   // "[obj]=" path " [relative path]=" relative " [root path]=" root, after a localised key.

@@ -20,9 +20,23 @@ std::shared_ptr<CNodeList> CMapHashDB::Find(const std::string& hash) const {
   return result;
 }
 
+// The node's hash is read under the lock: while loading, it may be assigned meanwhile.
 void CMapHashDB::Add(const std::shared_ptr<CHashNode>& node) {
-  if (!enabled_ || !node || !node->hash || node->hash->empty()) return;
+  if (!enabled_ || !node) return;
   std::unique_lock<boost::shared_mutex> guard(lock_);
+  if (node->hash && !node->hash->empty()) AddLocked(node);
+}
+
+void CMapHashDB::AssignAndAdd(const std::shared_ptr<CHashNode>& node,
+                              std::shared_ptr<std::string> hash) {
+  std::unique_lock<boost::shared_mutex> guard(lock_);
+  // A node is indexed once: a second record of the same path replaces the first one's hash.
+  if (enabled_ && node->hash && !node->hash->empty()) RemoveLocked(node);
+  node->hash = std::move(hash);
+  if (enabled_ && node->hash && !node->hash->empty()) AddLocked(node);
+}
+
+void CMapHashDB::AddLocked(const std::shared_ptr<CHashNode>& node) {
   auto it = map_.find(*node->hash);
   if (it == map_.end()) {
     CEntry entry{node->hash, std::make_shared<CEntryList>()};
@@ -46,8 +60,12 @@ void CMapHashDB::Add(const std::shared_ptr<CHashNode>& node) {
 }
 
 void CMapHashDB::Remove(const std::shared_ptr<CHashNode>& node) {
-  if (!enabled_ || !node || !node->hash || node->hash->empty()) return;
+  if (!enabled_ || !node) return;
   std::unique_lock<boost::shared_mutex> guard(lock_);
+  if (node->hash && !node->hash->empty()) RemoveLocked(node);
+}
+
+void CMapHashDB::RemoveLocked(const std::shared_ptr<CHashNode>& node) {
   auto it = map_.find(*node->hash);
   if (it == map_.end()) return;
   CEntryList& entries = *it->second.nodes;

@@ -36,6 +36,9 @@ class CMapHashDB {
   std::shared_ptr<CNodeList> Find(const std::string& hash) const;
   // Indexes a node under its hash text; nodes with equal text come to share one string.
   void Add(const std::shared_ptr<CHashNode>& node);
+  // Gives the node "hash" and indexes it, under the index lock: while loading, other restore
+  // tasks may read this node's hash inside the index at the same time.
+  void AssignAndAdd(const std::shared_ptr<CHashNode>& node, std::shared_ptr<std::string> hash);
   // Takes a node out of the index under its hash text.
   void Remove(const std::shared_ptr<CHashNode>& node);
   void Clear();
@@ -46,6 +49,10 @@ class CMapHashDB {
   std::vector<std::pair<std::string, std::shared_ptr<CHashNode>>> Snapshot() const;
 
  private:
+  // Add and Remove with lock_ held exclusively and a node that has a non-empty hash.
+  void AddLocked(const std::shared_ptr<CHashNode>& node);
+  void RemoveLocked(const std::shared_ptr<CHashNode>& node);
+
   const bool enabled_;
   mutable boost::shared_mutex lock_;
   std::map<std::string_view, CEntry> map_;  // guarded by lock_

@@ -157,7 +157,14 @@ void CHashDBImpl::RestoreRecordArea(const std::atomic<bool>* exit_flag,
 
   std::shared_ptr<CHashDBImpl> self = shared_from_this();
   for (const std::shared_ptr<CRestoreLeavesHelper>& helper : helpers) {
-    pool_->Submit([self, helper, hdb] { self->RestoreLeaves(*helper); });
+    // The task keeps the database and the data alive while it reads, and lets go of both before
+    // it reports done, so that a finished load leaves nothing of itself on the pool's threads.
+    pool_->Submit([self, helper, data = std::shared_ptr<CBuffer>(hdb)]() mutable {
+      self->RestoreLeaves(*helper);
+      self.reset();
+      data.reset();
+      helper->MarkDone();
+    });
   }
   LogDebug(*log_, Compose(*this, "Restore leaves worker thread(s)=", helpers.size()));
   LogDebug(*log_, Compose(*this, "Waiting all nodes to be restored,path=", hdb_path_text_));
@@ -205,7 +212,6 @@ void CHashDBImpl::RestoreLeaves(CRestoreLeavesHelper& helper) {
     LogError(*log_, Compose(*this, "[HDBI,trln,OTHE]"));
   }
   utility_->Log(7, "[Thread:Restore Leave Nodes][Exit]");
-  helper.MarkDone();
 }
 
 void CHashDBImpl::RestoreRecord(std::istream& in, uint64_t& consumed) {
@@ -253,21 +259,25 @@ void CHashDBImpl::RestoreRecord(std::istream& in, uint64_t& consumed) {
   }
 
   std::shared_ptr<CHashNode> node = CreateOrGetNode(relative);
+  // Restore tasks run side by side, and a damaged file may hold two records of one path, so each
+  // field is written under the lock that its readers take meanwhile: the kind under the parent's
+  // lock (path making), the hash under the index lock, the rest under the node's own lock.
   {
-    // Other restore tasks read a child's kind under its parent's lock while making paths.
     std::shared_ptr<CHashNode> parent = node->parent.lock();
     std::unique_lock<std::mutex> guard;
     if (parent) guard = std::unique_lock<std::mutex>(parent->lock);
     node->is_dir = record.directory != 0;
   }
-  node->hash = hash;
-  node->time_2 = record.time_2;
-  if (platform_matches_) {
-    node->time_1 = record.time_1;
-    node->attributes = record.attributes;
-    node->security_attributes = std::move(security);
-    node->target_path = std::move(target);
+  {
+    std::lock_guard<std::mutex> guard(node->lock);
+    node->time_2 = record.time_2;
+    if (platform_matches_) {
+      node->time_1 = record.time_1;
+      node->attributes = record.attributes;
+      node->security_attributes = std::move(security);
+      node->target_path = std::move(target);
+    }
+    node->size = record.size;
   }
-  node->size = record.size;
-  if (hash && !hash->empty()) index_->Add(node);
+  index_->AssignAndAdd(node, std::move(hash));
 }

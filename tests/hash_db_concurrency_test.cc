@@ -11,7 +11,11 @@
 #include <gtest/gtest.h>
 
 #include "refhost/thread_pool.h"
+#include "hdbfile/hdb_header.h"
+#include "host/crypto_service.h"
+#include "refhost/utility_service.h"
 #include "tests/hash_db_fixture.h"
+#include "tests/persistence_fixture.h"
 #include "tests/scripted_pool.h"
 
 namespace {
@@ -174,4 +178,26 @@ TEST_F(HashDbConcurrencyTest, AWalkOfADatabaseDestroyedWhileItsTasksAreQueuedDoe
   gated->Open();
   ASSERT_TRUE(gated->RealWait(10000));
   EXPECT_EQ(0, visits.load());
+}
+
+TEST_F(HashDbConcurrencyTest, RecordsOfOnePathRestoredBySeveralTasksAtOnce) {
+  std::string body;
+  for (int i = 0; i < 400; ++i) {
+    body += HdbRecordBytes(i % 2 ? "d/same" : "d/other", false, std::string(1 + i % 3, static_cast<char>(i)),
+                                    1 + i % 7, std::string(i % 30, 's'));
+  }
+  CHdbHeader header;
+  header.platform_flag = 1;
+  header.policy_number = 256;
+  header.policy_value = host_->Crypto()->DigestDescriptor(256);
+  header.node_count = 400;
+  header.revision = 5;
+  std::string bytes(kHeaderSize, '\0');
+  header.EncodeTo(reinterpret_cast<uint8_t*>(bytes.data()));
+  bytes += body;
+  auto buffer = [](const std::string& text) {
+    return std::make_shared<CRefBuffer>(std::vector<uint8_t>(text.begin(), text.end()));
+  };
+  ASSERT_TRUE(db_->Load(nullptr, false, "test.hdb", buffer(bytes), buffer("s")));
+  ExpectConsistent();
 }

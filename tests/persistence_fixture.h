@@ -21,6 +21,26 @@ inline std::string MakeKeys(const std::string& folder, const std::string& cstm_i
   return folder;
 }
 
+// One record: a file (or directory) at "path" with the given hash bytes and texts.
+inline std::string HdbRecordBytes(const std::string& path, bool is_dir = false, const std::string& hash = "",
+                          uint64_t size = 1, const std::string& security = "",
+                          const std::string& target = "") {
+  std::string record(kRecordHeaderSize, '\0');
+  auto* out = reinterpret_cast<uint8_t*>(record.data());
+  out[0] = kRecordMark;
+  out[1] = is_dir ? 1 : 0;
+  EncodeBigEndian32(out + kRecordAttributesOffset, 0100644);
+  EncodeBigEndian64(out + kRecordTime1Offset, 11);
+  EncodeBigEndian64(out + kRecordTime2Offset, 22);
+  out[kRecordHashLengthOffset] = static_cast<uint8_t>(hash.size());
+  EncodeBigEndian16(out + kRecordPathLengthOffset, static_cast<uint16_t>(path.size()));
+  EncodeBigEndian16(out + kRecordSecurityLengthOffset, static_cast<uint16_t>(security.size()));
+  EncodeBigEndian16(out + kRecordTargetLengthOffset, static_cast<uint16_t>(target.size()));
+  EncodeBigEndian64(out + kRecordSizeOffset, size);
+  EncodeBigEndian32(out + kRecordEndMarkOffset, kRecordEndMark);
+  return record + hash + path + security + target;
+}
+
 // A database over the reference host with development keys: the signer's lcs_id is 1001, the
 // local one 1002, both of customer "signdb development".
 class PersistenceTest : public HashDbTest {
@@ -77,24 +97,10 @@ class PersistenceTest : public HashDbTest {
     return header;
   }
 
-  // One record: a file (or directory) at "path" with the given hash bytes and texts.
   static std::string Record(const std::string& path, bool is_dir = false, const std::string& hash = "",
                             uint64_t size = 1, const std::string& security = "",
                             const std::string& target = "") {
-    std::string record(kRecordHeaderSize, '\0');
-    auto* out = reinterpret_cast<uint8_t*>(record.data());
-    out[0] = kRecordMark;
-    out[1] = is_dir ? 1 : 0;
-    EncodeBigEndian32(out + kRecordAttributesOffset, 0100644);
-    EncodeBigEndian64(out + kRecordTime1Offset, 11);
-    EncodeBigEndian64(out + kRecordTime2Offset, 22);
-    out[kRecordHashLengthOffset] = static_cast<uint8_t>(hash.size());
-    EncodeBigEndian16(out + kRecordPathLengthOffset, static_cast<uint16_t>(path.size()));
-    EncodeBigEndian16(out + kRecordSecurityLengthOffset, static_cast<uint16_t>(security.size()));
-    EncodeBigEndian16(out + kRecordTargetLengthOffset, static_cast<uint16_t>(target.size()));
-    EncodeBigEndian64(out + kRecordSizeOffset, size);
-    EncodeBigEndian32(out + kRecordEndMarkOffset, kRecordEndMark);
-    return record + hash + path + security + target;
+    return HdbRecordBytes(path, is_dir, hash, size, security, target);
   }
 
   bool Logs(Poco::Message::Priority priority, const std::string& text) const {
