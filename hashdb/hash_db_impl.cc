@@ -175,6 +175,25 @@ std::wstring CHashDBImpl::RelativePathOfNode(const std::shared_ptr<CHashNode>& n
   return relative;
 }
 
+std::string CHashDBImpl::RelativeTextOfNode(const std::shared_ptr<CHashNode>& node) {
+  std::vector<const std::string*> names;
+  size_t length = 0;
+  for (std::shared_ptr<CHashNode> current = node; current;) {
+    std::shared_ptr<CHashNode> up = current->parent.lock();
+    if (!up) break;
+    names.push_back(&current->name);
+    length += current->name.size() + 1;
+    current = std::move(up);
+  }
+  std::string relative;
+  relative.reserve(length);
+  for (auto it = names.rbegin(); it != names.rend(); ++it) {
+    if (!relative.empty()) relative += static_cast<char>(kPreferredSeparator);
+    relative += **it;
+  }
+  return relative;
+}
+
 std::wstring CHashDBImpl::FullPathOfNode(const std::shared_ptr<CHashNode>& node) {
   return JoinPath(root_path_, RelativePathOfNode(node));
 }

@@ -7,6 +7,8 @@
 #include <mutex>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include <boost/thread/shared_mutex.hpp>
 
@@ -113,6 +115,9 @@ class CHashDBImpl : public CClassCounter,
   std::shared_ptr<CHashNode> CreateOrGetNode(std::wstring_view relative);
   // The node's path relative to the root, from its parent links; empty for the root.
   std::wstring RelativePathOfNode(const std::shared_ptr<CHashNode>& node);
+  // The same path as narrow text, joined from the names directly: the names are the host's own
+  // narrow text already, so this equals narrowing RelativePathOfNode without the round trip.
+  std::string RelativeTextOfNode(const std::shared_ptr<CHashNode>& node);
   // The key of a name among its siblings.
   std::string KeyOf(const std::string& name);
   // FindNode, and when that finds nothing, CreateOrGetNode, in one walk: existing directories are
@@ -156,7 +161,15 @@ class CHashDBImpl : public CClassCounter,
                          const std::shared_ptr<std::atomic<uint64_t>>& restored);
   // One restore task's reading of its piece; the task marks the helper done afterwards.
   void RestoreLeaves(CRestoreLeavesHelper& helper);
-  void RestoreRecord(std::istream& in, uint64_t& consumed);
+  // The directory of the previous record a restore task read: records of one directory follow
+  // one another in a file, so most records find their parent here without a walk from the root.
+  // It also gathers the task's hashes, which enter the index together when the task ends.
+  struct CRestoreCursor {
+    std::wstring parent_path;
+    std::shared_ptr<CHashNode> parent;
+    std::vector<std::pair<std::shared_ptr<CHashNode>, std::shared_ptr<std::string>>> assignments;
+  };
+  void RestoreRecord(std::istream& in, uint64_t& consumed, CRestoreCursor& cursor);
   // "[obj]=" path " [relative path]=" relative " [root path]=" root, after a localised key.
   std::string NotFoundMessage(const char* key, const std::wstring& path,
                               const std::wstring& relative);

@@ -1,10 +1,17 @@
 #include "hashdb/map_hash_db.h"
 
+#include <algorithm>
 #include <mutex>
 #include <shared_mutex>
 #include <stdexcept>
 
 #include "hashdb/hash_node.h"
+
+CMapHashDB::CKey::CKey(std::string_view key_text) : prefix(0), text(key_text) {
+  for (size_t i = 0; i < sizeof prefix; ++i) {
+    prefix = prefix << 8 | (i < text.size() ? static_cast<uint8_t>(text[i]) : 0);
+  }
+}
 
 CMapHashDB::CMapHashDB(bool enabled) : enabled_(enabled) {}
 
@@ -12,7 +19,7 @@ std::shared_ptr<CNodeList> CMapHashDB::Find(const std::string& hash) const {
   auto result = std::make_shared<CNodeList>();
   if (!enabled_ || hash.empty()) return result;
   std::shared_lock<boost::shared_mutex> guard(lock_);
-  auto it = map_.find(hash);
+  auto it = map_.find(CKey(hash));
   if (it == map_.end()) return result;
   for (const std::weak_ptr<CHashNode>& entry : *it->second.nodes) {
     if (std::shared_ptr<CHashNode> node = entry.lock()) result->push_back(std::move(node));
@@ -36,15 +43,47 @@ void CMapHashDB::AssignAndAdd(const std::shared_ptr<CHashNode>& node,
   if (enabled_ && node->hash && !node->hash->empty()) AddLocked(node);
 }
 
+void CMapHashDB::AssignAndAddAll(CAssignments& assignments) {
+  auto text_of = [](const std::shared_ptr<std::string>& hash) -> std::string_view {
+    return hash ? std::string_view(*hash) : std::string_view();
+  };
+  std::sort(assignments.begin(), assignments.end(), [&](const auto& a, const auto& b) {
+    return CKey(text_of(a.second)) < CKey(text_of(b.second));
+  });
+  std::unique_lock<boost::shared_mutex> guard(lock_);
+  for (auto& [node, hash] : assignments) {
+    if (enabled_ && node->hash && !node->hash->empty()) RemoveLocked(node);
+    node->hash = std::move(hash);
+    if (enabled_ && node->hash && !node->hash->empty()) AddLockedNear(node, CKey(*node->hash));
+  }
+  near_ = map_.end();
+}
+
 void CMapHashDB::AddLocked(const std::shared_ptr<CHashNode>& node) {
-  auto it = map_.find(*node->hash);
-  if (it == map_.end()) {
+  near_ = map_.end();
+  AddLockedNear(node, CKey(*node->hash));
+  near_ = map_.end();
+}
+
+void CMapHashDB::AddLockedNear(const std::shared_ptr<CHashNode>& node, const CKey& key) {
+  // Keys come in ascending order while "near_" is set: step forward a little from the last
+  // position, and search from the top only when the key lies further on.
+  auto it = near_;
+  for (int steps = 0; it != map_.end() && it->first < key; ++steps, ++it) {
+    if (steps == 4) {
+      it = map_.lower_bound(key);
+      break;
+    }
+  }
+  if (near_ == map_.end()) it = map_.lower_bound(key);
+  if (it == map_.end() || key < it->first) {
     CEntry entry{node->hash, std::make_shared<CEntryList>()};
     entry.nodes->push_back(node);
-    std::string_view key(*entry.text);
-    map_.emplace(key, std::move(entry));
+    CKey stored(*entry.text);
+    near_ = map_.emplace_hint(it, stored, std::move(entry));
     return;
   }
+  near_ = it;
   CEntryList& entries = *it->second.nodes;
   for (auto entry = entries.begin(); entry != entries.end();) {
     std::shared_ptr<CHashNode> live = entry->lock();
@@ -66,7 +105,7 @@ void CMapHashDB::Remove(const std::shared_ptr<CHashNode>& node) {
 }
 
 void CMapHashDB::RemoveLocked(const std::shared_ptr<CHashNode>& node) {
-  auto it = map_.find(*node->hash);
+  auto it = map_.find(CKey(*node->hash));
   if (it == map_.end()) return;
   CEntryList& entries = *it->second.nodes;
   for (auto entry = entries.begin(); entry != entries.end();) {
@@ -81,12 +120,16 @@ void CMapHashDB::RemoveLocked(const std::shared_ptr<CHashNode>& node) {
     }
     ++entry;
   }
-  if (entries.empty()) map_.erase(it);
+  if (entries.empty()) {
+    if (near_ == it) near_ = map_.end();
+    map_.erase(it);
+  }
 }
 
 void CMapHashDB::Clear() {
   std::unique_lock<boost::shared_mutex> guard(lock_);
   map_.clear();
+  near_ = map_.end();
 }
 
 size_t CMapHashDB::HashCount() const {
@@ -97,9 +140,9 @@ size_t CMapHashDB::HashCount() const {
 std::vector<std::pair<std::string, std::shared_ptr<CHashNode>>> CMapHashDB::Snapshot() const {
   std::vector<std::pair<std::string, std::shared_ptr<CHashNode>>> entries;
   std::shared_lock<boost::shared_mutex> guard(lock_);
-  for (const auto& [hash, entry_of_hash] : map_) {
+  for (const auto& [key, entry_of_hash] : map_) {
     for (const std::weak_ptr<CHashNode>& entry : *entry_of_hash.nodes) {
-      if (std::shared_ptr<CHashNode> node = entry.lock()) entries.emplace_back(std::string(hash), node);
+      if (std::shared_ptr<CHashNode> node = entry.lock()) entries.emplace_back(std::string(key.text), node);
     }
   }
   return entries;

@@ -39,6 +39,10 @@ class CMapHashDB {
   // Gives the node "hash" and indexes it, under the index lock: while loading, other restore
   // tasks may read this node's hash inside the index at the same time.
   void AssignAndAdd(const std::shared_ptr<CHashNode>& node, std::shared_ptr<std::string> hash);
+  // AssignAndAdd for many nodes under one lock, in the order of their hash texts, so that most
+  // entries go in beside their neighbour without a search from the top of the map.
+  using CAssignments = std::vector<std::pair<std::shared_ptr<CHashNode>, std::shared_ptr<std::string>>>;
+  void AssignAndAddAll(CAssignments& assignments);
   // Takes a node out of the index under its hash text.
   void Remove(const std::shared_ptr<CHashNode>& node);
   void Clear();
@@ -49,11 +53,28 @@ class CMapHashDB {
   std::vector<std::pair<std::string, std::shared_ptr<CHashNode>>> Snapshot() const;
 
  private:
+  // A hash text as the map's key, ordered byte-wise like the text itself. The first eight bytes
+  // are kept packed, most significant first, beside the view, so that almost every comparison
+  // is decided on the tree node without reading the text from its own allocation.
+  struct CKey {
+    explicit CKey(std::string_view text);
+    uint64_t prefix;
+    std::string_view text;
+    bool operator<(const CKey& other) const {
+      if (prefix != other.prefix) return prefix < other.prefix;
+      return text < other.text;
+    }
+  };
+
   // Add and Remove with lock_ held exclusively and a node that has a non-empty hash.
+  // "hint" is where the entry is expected (see map::emplace_hint); returns the entry's position.
   void AddLocked(const std::shared_ptr<CHashNode>& node);
+  void AddLockedNear(const std::shared_ptr<CHashNode>& node, const CKey& key);
   void RemoveLocked(const std::shared_ptr<CHashNode>& node);
 
   const bool enabled_;
   mutable boost::shared_mutex lock_;
-  std::map<std::string_view, CEntry> map_;  // guarded by lock_
+  std::map<CKey, CEntry> map_;  // guarded by lock_
+  // Where the last entry went during AssignAndAddAll; map_.end() otherwise. Guarded by lock_.
+  std::map<CKey, CEntry>::iterator near_ = map_.end();
 };

@@ -184,11 +184,12 @@ void CHashDBImpl::RestoreLeaves(CRestoreLeavesHelper& helper) {
   boost::interprocess::ibufferstream in(reinterpret_cast<const char*>(helper.begin),
                                         static_cast<size_t>(helper.length));
   uint64_t consumed = 0;
+  CRestoreCursor cursor;
   utility_->Log(7, "[Thread:Restore Leave Nodes][Create]");
   try {
     while (consumed < helper.length) {
       try {
-        RestoreRecord(in, consumed);
+        RestoreRecord(in, consumed, cursor);
       } catch (const CBadObjNameError& e) {
         LogError(*log_, Compose(*this, "[HDBI,trln,son,bad obj name exception] info=", e.what()));
         continue;
@@ -211,10 +212,16 @@ void CHashDBImpl::RestoreLeaves(CRestoreLeavesHelper& helper) {
   } catch (...) {
     LogError(*log_, Compose(*this, "[HDBI,trln,OTHE]"));
   }
+  // The hashes of every record read, also when the piece ended early.
+  try {
+    index_->AssignAndAddAll(cursor.assignments);
+  } catch (const std::exception& e) {
+    LogError(*log_, Compose(*this, "[HDBI,trln,STDE] info=", e.what()));
+  }
   utility_->Log(7, "[Thread:Restore Leave Nodes][Exit]");
 }
 
-void CHashDBImpl::RestoreRecord(std::istream& in, uint64_t& consumed) {
+void CHashDBImpl::RestoreRecord(std::istream& in, uint64_t& consumed, CRestoreCursor& cursor) {
   uint8_t fixed[kRecordHeaderSize];
   bool complete = ReadExactly(in, fixed, kRecordHeaderSize, consumed);
   if (!complete || fixed[kRecordMarkOffset] != kRecordMark) {
@@ -258,7 +265,16 @@ void CHashDBImpl::RestoreRecord(std::istream& in, uint64_t& consumed) {
     }
   }
 
-  std::shared_ptr<CHashNode> node = CreateOrGetNode(relative);
+  // The same node as CreateOrGetNode(relative): the parent made or got as a path, then the child.
+  std::shared_ptr<CHashNode> node = root_;
+  if (!relative.empty()) {
+    std::wstring_view parent_path = ParentPath(relative);
+    if (!cursor.parent || parent_path != cursor.parent_path) {
+      cursor.parent = CreateOrGetNode(parent_path);
+      cursor.parent_path.assign(parent_path);
+    }
+    node = CreateOrGetChild(cursor.parent, FileName(relative), relative);
+  }
   // Restore tasks run side by side, and a damaged file may hold two records of one path, so each
   // field is written under the lock that its readers take meanwhile: the kind under the parent's
   // lock (path making), the hash under the index lock, the rest under the node's own lock.
@@ -279,5 +295,5 @@ void CHashDBImpl::RestoreRecord(std::istream& in, uint64_t& consumed) {
     }
     node->size = record.size;
   }
-  index_->AssignAndAdd(node, std::move(hash));
+  cursor.assignments.emplace_back(std::move(node), std::move(hash));
 }

@@ -33,7 +33,7 @@ void OpenForWriting(std::ofstream& out, const std::wstring& path, CUtilityServic
 }  // namespace
 
 void CHashDBImpl::WriteNode(CBufferedWriter& writer, const std::shared_ptr<CHashNode>& node) {
-  std::string path = Narrow(RelativePathOfNode(node));
+  std::string path = RelativeTextOfNode(node);
   std::vector<uint8_t> hash;
   if (node->hash && !node->hash->empty()) hash = crypto_->HashTextToBinary(*node->hash);
 
