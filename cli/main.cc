@@ -1,6 +1,7 @@
 // signdb: file-integrity monitoring on top of the signdb module, loaded as a plug-in.
 
 #include <cstring>
+#include <fstream>
 #include <iostream>
 #include <memory>
 #include <string>
@@ -9,10 +10,14 @@
 #include <boost/filesystem/operations.hpp>
 
 #include "front/sign_db.h"
+#include "hashdb/hash_db.h"
+#include "hashdb/obj_info.h"
 #include "host/crypto_service.h"
 #include "host/read_context.h"
 #include "host/utility_service.h"
+#include "refhost/file_obj_info.h"
 #include "refhost/module_loader.h"
+#include "refhost/policy.h"
 #include "refhost/ref_host.h"
 #include "refhost/settings.h"
 
@@ -27,7 +32,8 @@ void PrintUsage(std::ostream& out) {
          "\n"
          "commands:\n"
          "  version    print the tool's version\n"
-         "  selftest   load the module through the reference host and check that it answers\n"
+         "  selftest   load the module through the reference host, record a small tree, check it,\n"
+         "             change a file and see the change reported\n"
          "\n"
          "options:\n"
          "  --config FILE   configuration file (JSON or INI); default: built-in settings\n"
@@ -80,12 +86,41 @@ int RunSelfTest(const COptions& options) {
     std::shared_ptr<CReadContext> context = front->ReadContext();
     test.Check(context && context->Name() == "SDBI-Read", "read context",
                context ? context->Name() : "(none)");
-    std::string name = settings.policies.empty() ? "selftest" : settings.policies[0].name;
-    std::string hdb = host->Utility()->ToNarrow(front->HdbFilePath(name));
-    test.Check(!hdb.empty(), "HDB file of policy " + name, hdb);
-    test.Check(true, "HDB file present", front->HdbFileExists(name) ? "yes" : "no");
-    std::string digest = host->Crypto()->HashTextToBinary("00ff").size() == 2 ? "hex ok" : "bad";
-    test.Check(digest == "hex ok", "hash text conversion", digest);
+
+    // A small real tree, recorded through the module, then checked and changed.
+    boost::filesystem::path root = scratch.empty() ? boost::filesystem::temp_directory_path() /
+                                                         boost::filesystem::unique_path("signdb-selftest-%%%%")
+                                                   : scratch / "tree";
+    boost::filesystem::create_directories(root / "etc");
+    std::ofstream((root / "etc" / "hosts").string()) << "127.0.0.1 localhost\n";
+    std::ofstream((root / "readme.txt").string()) << "signdb selftest\n";
+    auto policy = std::make_shared<CRefPolicy>(CRefPolicySettings{"selftest", root.string()});
+    std::shared_ptr<CHashDB> db = front->CreateHashDB(policy);
+    CUtilityService& utility = *host->Utility();
+    auto info_of = [&](const boost::filesystem::path& path) -> std::shared_ptr<CObjInfo> {
+      return CRefFileObjInfo::FromDisk(utility, *host->Crypto(), *host->Cfg(), utility.ToWide(root.string()),
+                                       utility.ToWide(path.string()), settings.policy_number);
+    };
+    int recorded = 0;
+    for (boost::filesystem::recursive_directory_iterator it(root), end; it != end; ++it) {
+      std::shared_ptr<CObjInfo> none;
+      db->InsertObject(none, info_of(it->path()));
+      ++recorded;
+    }
+    test.Check(recorded == 3 && db->ChangeCounter() == 3, "objects recorded", std::to_string(recorded));
+    uint32_t unchanged = db->CheckObject(info_of(root / "etc" / "hosts"));
+    test.Check(unchanged == kCheckUnchanged, "check of an unchanged file", std::to_string(unchanged));
+    std::string hash = db->HashOfObject(utility.ToWide((root / "etc" / "hosts").string()));
+    std::wstring found = front->FindFileByHash(hash, true);
+    test.Check(found == utility.ToWide((root / "etc" / "hosts").string()), "file found by its hash",
+               hash.substr(0, 16) + "... -> " + utility.ToNarrow(found));
+    std::ofstream((root / "etc" / "hosts").string(), std::ios::app) << "10.0.0.1 intruder\n";
+    uint32_t changed = db->CheckObject(info_of(root / "etc" / "hosts"));
+    test.Check(changed == kCheckHashChanged, "check of a changed file", std::to_string(changed));
+    uint32_t added = db->CheckObject(info_of(root / "never-existed.txt"));  // reported as gone
+    test.Check(added == kCheckUnchanged, "check of a path that never existed", std::to_string(added));
+    db.reset();
+    if (scratch.empty()) boost::filesystem::remove_all(root);
     failures = test.failures();
     std::cout << (failures == 0 ? "selftest passed" : "selftest FAILED") << "\n";
   }

@@ -4,7 +4,8 @@
 
 #include "host/time_service.h"
 
-// Milliseconds of the steady clock, for hosts that offer no time service.
+// Milliseconds of the steady clock: the reference host's time service, and the database's own
+// for hosts that offer none.
 class CSteadyTimeService : public CTimeService {
  public:
   uint64_t Now() override {

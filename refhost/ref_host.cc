@@ -1,6 +1,7 @@
 #include "refhost/ref_host.h"
 
 #include "front/sign_db.h"
+#include "hashdb/steady_time_service.h"
 #include "refhost/catalogue.h"
 #include "refhost/cfg_service.h"
 #include "refhost/cfgex_service.h"
@@ -8,7 +9,6 @@
 #include "refhost/log_service.h"
 #include "refhost/read_context.h"
 #include "refhost/thread_pool.h"
-#include "refhost/time_service.h"
 #include "refhost/utility_service.h"
 
 CRefHost::CRefHost(const CRefSettings& settings) : settings_(settings) {
@@ -26,7 +26,7 @@ CRefHost::CRefHost(const CRefSettings& settings) : settings_(settings) {
   cfgex_ = std::make_shared<CRefCfgExService>(settings_);
   read_context_builder_ = std::make_shared<CRefReadContextBuilder>();
   thread_pool_ = std::make_shared<CRefThreadPool>(settings_.threads, log_);
-  time_service_ = std::make_shared<CRefTimeService>();
+  time_service_ = std::make_shared<CSteadyTimeService>();
 }
 
 CRefHost::~CRefHost() = default;

@@ -3,17 +3,8 @@
 #include <gtest/gtest.h>
 
 #include "tests/hash_db_fixture.h"
+#include "tests/path_entries.h"
 
-namespace {
-
-std::vector<CPathEntry> Sorted(const CPathEntryList& list) {
-  std::vector<CPathEntry> entries(list.begin(), list.end());
-  std::sort(entries.begin(), entries.end(),
-            [](const CPathEntry& a, const CPathEntry& b) { return a.second < b.second; });
-  return entries;
-}
-
-}  // namespace
 
 class PreviousCompareTest : public HashDbTest {
  protected:

@@ -6,18 +6,9 @@
 
 #include "hashdb/monotonic_clock.h"
 #include "tests/hash_db_fixture.h"
+#include "tests/path_entries.h"
 #include "tests/scripted_pool.h"
 
-namespace {
-
-std::vector<CPathEntry> Sorted(const CPathEntryList& list) {
-  std::vector<CPathEntry> entries(list.begin(), list.end());
-  std::sort(entries.begin(), entries.end(),
-            [](const CPathEntry& a, const CPathEntry& b) { return a.second < b.second; });
-  return entries;
-}
-
-}  // namespace
 
 class TreeWalkTest : public HashDbTest {
  protected:
