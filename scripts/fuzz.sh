@@ -6,6 +6,7 @@ cd "$(dirname "$0")/.."
 
 bash scripts/bootstrap.sh
 CC=clang CXX=clang++ cmake -S . -B build/fuzz -G Ninja -DSIGNDB_FUZZ=ON -DSIGNDB_TESTS=OFF \
+  -DCMAKE_BUILD_TYPE=RelWithDebInfo "-DCMAKE_CXX_FLAGS_RELWITHDEBINFO=-O1 -g1" \
   -DSIGNDB_BENCH=OFF -DSIGNDB_SANITIZE=address,undefined
 cmake --build build/fuzz -j "${SIGNDB_JOBS:-2}" --target signdb_fuzz_hdb_body
 
