@@ -21,6 +21,7 @@ class CBufferedWriter;
 class CCfgExService;
 class CCfgService;
 class CCryptoService;
+struct CHdbHeader;
 class CHost;
 class CLocaleService;
 class CLogService;
@@ -155,7 +156,8 @@ class CHashDBImpl : public CClassCounter,
   void ReplaceHdbFile();
   // Loading: the header checks (logged; false refuses the file), the cut of the record area into
   // pieces and the wait for their tasks, one task's loop, and the reading of one record.
-  bool ValidateHeader(const std::shared_ptr<CBuffer>& hdb, const std::string& path);
+  bool ValidateHeader(const std::shared_ptr<CBuffer>& hdb, const std::string& path,
+                      CHdbHeader& header);
   void RestoreRecordArea(const std::atomic<bool>* exit_flag, const std::shared_ptr<CBuffer>& hdb,
                          const std::wstring& path,
                          const std::shared_ptr<std::atomic<uint64_t>>& restored);

@@ -37,12 +37,13 @@ bool ReadExactly(std::istream& in, void* out, size_t length, uint64_t& consumed)
 
 }  // namespace
 
-bool CHashDBImpl::ValidateHeader(const std::shared_ptr<CBuffer>& hdb, const std::string& path) {
+bool CHashDBImpl::ValidateHeader(const std::shared_ptr<CBuffer>& hdb, const std::string& path,
+                                 CHdbHeader& header) {
   if (hdb->Size() < kHeaderSize) {
     LogError(*log_, Compose(*this, "[HDBI,rmhdfd]HDB file corrupted-0.[HDB]=", path));
     return false;
   }
-  CHdbHeader header = CHdbHeader::DecodeFrom(hdb->Data());
+  header = CHdbHeader::DecodeFrom(hdb->Data());
   const char* fault = nullptr;
   if (header.magic != kHdbMagic) {
     fault = "[HDBI,rmhdfd]HDB file corrupted-0.[HDB]=";
@@ -100,8 +101,9 @@ bool CHashDBImpl::Load(const std::atomic<bool>* exit_flag, bool verify_signature
 
   // Held while the restore tasks build the tree; they rely on the nodes' own locks.
   std::unique_lock<boost::shared_mutex> tree(tree_lock_);
-  if (!ValidateHeader(hdb, hdb_path)) return false;
-  uint64_t node_count = CHdbHeader::DecodeFrom(hdb->Data()).node_count;
+  CHdbHeader header;
+  if (!ValidateHeader(hdb, hdb_path, header)) return false;
+  uint64_t node_count = header.node_count;
   root_ = MakeRoot();
   if (index_->enabled()) index_->Clear();
   change_counter_ = kNoRevision;
