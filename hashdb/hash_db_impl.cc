@@ -159,20 +159,9 @@ std::shared_ptr<CHashNode> CHashDBImpl::CreateOrGetChild(const std::shared_ptr<C
 }
 
 std::wstring CHashDBImpl::RelativePathOfNode(const std::shared_ptr<CHashNode>& node) {
-  std::vector<const std::string*> names;
-  std::shared_ptr<CHashNode> current = node;
-  while (current) {
-    std::shared_ptr<CHashNode> up = current->parent.lock();
-    if (!up) break;  // the root (or a node cut off from it) ends the path
-    names.push_back(&current->name);
-    current = std::move(up);
-  }
-  std::wstring relative;
-  for (auto it = names.rbegin(); it != names.rend(); ++it) {
-    if (!relative.empty()) relative += kPreferredSeparator;
-    relative += utility_->ToWide(**it);
-  }
-  return relative;
+  // Widening the joined text equals widening name by name: the separator is ASCII and never part
+  // of a name.
+  return utility_->ToWide(RelativeTextOfNode(node));
 }
 
 std::string CHashDBImpl::RelativeTextOfNode(const std::shared_ptr<CHashNode>& node) {
@@ -180,7 +169,7 @@ std::string CHashDBImpl::RelativeTextOfNode(const std::shared_ptr<CHashNode>& no
   size_t length = 0;
   for (std::shared_ptr<CHashNode> current = node; current;) {
     std::shared_ptr<CHashNode> up = current->parent.lock();
-    if (!up) break;
+    if (!up) break;  // the root (or a node cut off from it) ends the path
     names.push_back(&current->name);
     length += current->name.size() + 1;
     current = std::move(up);

@@ -116,8 +116,8 @@ class CHashDBImpl : public CClassCounter,
   std::shared_ptr<CHashNode> CreateOrGetNode(std::wstring_view relative);
   // The node's path relative to the root, from its parent links; empty for the root.
   std::wstring RelativePathOfNode(const std::shared_ptr<CHashNode>& node);
-  // The same path as narrow text, joined from the names directly: the names are the host's own
-  // narrow text already, so this equals narrowing RelativePathOfNode without the round trip.
+  // The same path as narrow text, joined from the names directly (the names are the host's own
+  // narrow text already); saving writes it as it is.
   std::string RelativeTextOfNode(const std::shared_ptr<CHashNode>& node);
   // The key of a name among its siblings.
   std::string KeyOf(const std::string& name);

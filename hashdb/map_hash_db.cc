@@ -34,15 +34,6 @@ void CMapHashDB::Add(const std::shared_ptr<CHashNode>& node) {
   if (node->hash && !node->hash->empty()) AddLocked(node);
 }
 
-void CMapHashDB::AssignAndAdd(const std::shared_ptr<CHashNode>& node,
-                              std::shared_ptr<std::string> hash) {
-  std::unique_lock<boost::shared_mutex> guard(lock_);
-  // A node is indexed once: a second record of the same path replaces the first one's hash.
-  if (enabled_ && node->hash && !node->hash->empty()) RemoveLocked(node);
-  node->hash = std::move(hash);
-  if (enabled_ && node->hash && !node->hash->empty()) AddLocked(node);
-}
-
 void CMapHashDB::AssignAndAddAll(CAssignments& assignments) {
   auto text_of = [](const std::shared_ptr<std::string>& hash) -> std::string_view {
     return hash ? std::string_view(*hash) : std::string_view();
@@ -51,39 +42,45 @@ void CMapHashDB::AssignAndAddAll(CAssignments& assignments) {
     return CKey(text_of(a.second)) < CKey(text_of(b.second));
   });
   std::unique_lock<boost::shared_mutex> guard(lock_);
+  CMap::iterator near = map_.end();
   for (auto& [node, hash] : assignments) {
-    if (enabled_ && node->hash && !node->hash->empty()) RemoveLocked(node);
+    // A node is indexed once: a second record of the same path replaces the first one's hash.
+    if (enabled_ && node->hash && !node->hash->empty()) {
+      RemoveLocked(node);
+      near = map_.end();  // the removal may have erased the entry "near" stood on
+    }
     node->hash = std::move(hash);
-    if (enabled_ && node->hash && !node->hash->empty()) AddLockedNear(node, CKey(*node->hash));
+    if (enabled_ && node->hash && !node->hash->empty()) near = AddLockedNear(node, near);
   }
-  near_ = map_.end();
 }
 
 void CMapHashDB::AddLocked(const std::shared_ptr<CHashNode>& node) {
-  near_ = map_.end();
-  AddLockedNear(node, CKey(*node->hash));
-  near_ = map_.end();
+  AddLockedNear(node, map_.end());
 }
 
-void CMapHashDB::AddLockedNear(const std::shared_ptr<CHashNode>& node, const CKey& key) {
-  // Keys come in ascending order while "near_" is set: step forward a little from the last
-  // position, and search from the top only when the key lies further on.
-  auto it = near_;
-  for (int steps = 0; it != map_.end() && it->first < key; ++steps, ++it) {
-    if (steps == 4) {
-      it = map_.lower_bound(key);
-      break;
+CMapHashDB::CMap::iterator CMapHashDB::AddLockedNear(const std::shared_ptr<CHashNode>& node,
+                                                     CMap::iterator near) {
+  CKey key(*node->hash);
+  // From "near" (the previous key's entry in an ascending batch), step forward a little; search
+  // from the top when there is no such position or the key lies further on.
+  CMap::iterator it = map_.end();
+  if (near != map_.end()) {
+    it = near;
+    for (int steps = 0; it != map_.end() && it->first < key; ++steps, ++it) {
+      if (steps == 4) {
+        it = map_.lower_bound(key);
+        break;
+      }
     }
+  } else {
+    it = map_.lower_bound(key);
   }
-  if (near_ == map_.end()) it = map_.lower_bound(key);
   if (it == map_.end() || key < it->first) {
     CEntry entry{node->hash, std::make_shared<CEntryList>()};
     entry.nodes->push_back(node);
     CKey stored(*entry.text);
-    near_ = map_.emplace_hint(it, stored, std::move(entry));
-    return;
+    return map_.emplace_hint(it, stored, std::move(entry));
   }
-  near_ = it;
   CEntryList& entries = *it->second.nodes;
   for (auto entry = entries.begin(); entry != entries.end();) {
     std::shared_ptr<CHashNode> live = entry->lock();
@@ -96,6 +93,7 @@ void CMapHashDB::AddLockedNear(const std::shared_ptr<CHashNode>& node, const CKe
   }
   if (entries.size() >= entries.max_size()) throw std::length_error("list<T> too long");
   entries.push_back(node);
+  return it;
 }
 
 void CMapHashDB::Remove(const std::shared_ptr<CHashNode>& node) {
@@ -120,16 +118,12 @@ void CMapHashDB::RemoveLocked(const std::shared_ptr<CHashNode>& node) {
     }
     ++entry;
   }
-  if (entries.empty()) {
-    if (near_ == it) near_ = map_.end();
-    map_.erase(it);
-  }
+  if (entries.empty()) map_.erase(it);
 }
 
 void CMapHashDB::Clear() {
   std::unique_lock<boost::shared_mutex> guard(lock_);
   map_.clear();
-  near_ = map_.end();
 }
 
 size_t CMapHashDB::HashCount() const {

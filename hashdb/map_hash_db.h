@@ -36,11 +36,10 @@ class CMapHashDB {
   std::shared_ptr<CNodeList> Find(const std::string& hash) const;
   // Indexes a node under its hash text; nodes with equal text come to share one string.
   void Add(const std::shared_ptr<CHashNode>& node);
-  // Gives the node "hash" and indexes it, under the index lock: while loading, other restore
-  // tasks may read this node's hash inside the index at the same time.
-  void AssignAndAdd(const std::shared_ptr<CHashNode>& node, std::shared_ptr<std::string> hash);
-  // AssignAndAdd for many nodes under one lock, in the order of their hash texts, so that most
-  // entries go in beside their neighbour without a search from the top of the map.
+  // Gives each node its hash and indexes it (taking it out under a previous hash first), under
+  // one lock and in the order of the hash texts, so that most entries go in beside their
+  // neighbour without a search from the top of the map. Loading uses this: the hashes are
+  // assigned under the index lock because other restore tasks read nodes' hashes inside it.
   using CAssignments = std::vector<std::pair<std::shared_ptr<CHashNode>, std::shared_ptr<std::string>>>;
   void AssignAndAddAll(CAssignments& assignments);
   // Takes a node out of the index under its hash text.
@@ -66,15 +65,16 @@ class CMapHashDB {
     }
   };
 
+  using CMap = std::map<CKey, CEntry>;
+
   // Add and Remove with lock_ held exclusively and a node that has a non-empty hash.
-  // "hint" is where the entry is expected (see map::emplace_hint); returns the entry's position.
   void AddLocked(const std::shared_ptr<CHashNode>& node);
-  void AddLockedNear(const std::shared_ptr<CHashNode>& node, const CKey& key);
+  // AddLocked, starting the search at "near" (map_.end(): no position known); returns the
+  // position of the node's entry.
+  CMap::iterator AddLockedNear(const std::shared_ptr<CHashNode>& node, CMap::iterator near);
   void RemoveLocked(const std::shared_ptr<CHashNode>& node);
 
   const bool enabled_;
   mutable boost::shared_mutex lock_;
-  std::map<CKey, CEntry> map_;  // guarded by lock_
-  // Where the last entry went during AssignAndAddAll; map_.end() otherwise. Guarded by lock_.
-  std::map<CKey, CEntry>::iterator near_ = map_.end();
+  CMap map_;  // guarded by lock_
 };

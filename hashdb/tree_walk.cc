@@ -18,9 +18,6 @@ namespace {
 constexpr uint32_t kWaitStepMs = 500;
 constexpr uint64_t kWaitingMessageEveryMs = 10000;
 
-// True when "path" has a root, i.e. is not relative.
-bool IsAbsolute(const std::wstring& path) { return HasRootDirectory(path); }
-
 }  // namespace
 
 void CHashDBImpl::TreeWalk(const std::string& prefix, bool take_tree_lock,
@@ -87,7 +84,7 @@ bool CHashDBImpl::Enumerate(const std::string& prefix, bool take_tree_lock,
 
 std::shared_ptr<CPathEntryList> CHashDBImpl::SubNodes(const std::wstring& relative_path) {
   auto result = std::make_shared<CPathEntryList>();
-  if (IsAbsolute(relative_path)) {
+  if (HasRootDirectory(relative_path)) {
     throw std::runtime_error("[hdbi,gsn] It MUST be relative path, but current obj path=" +
                              Narrow(relative_path));
   }
@@ -115,7 +112,7 @@ std::shared_ptr<CPathEntryList> CHashDBImpl::SubNodes(const std::wstring& relati
 void CHashDBImpl::SearchOldNodes(int64_t threshold, const std::wstring& relative,
                                  const std::shared_ptr<CPathEntryList>& entries,
                                  const std::shared_ptr<CNodeList>& nodes) {
-  if (IsAbsolute(relative)) {
+  if (HasRootDirectory(relative)) {
     throw std::runtime_error(Compose(
         *this, "[hdbi,gonk] It MUST be relative path, but current obj path=", Narrow(relative)));
   }
