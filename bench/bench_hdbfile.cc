@@ -18,6 +18,7 @@
 #include "hashdb/hash_db_impl.h"
 #include "host/utility_service.h"
 #include "refhost/crypto_service.h"
+#include "refhost/dev_keys.h"
 #include "refhost/policy.h"
 #include "refhost/ref_host.h"
 #include "refhost/text_conversion.h"
@@ -59,11 +60,7 @@ int main(int argc, char** argv) {
                                  boost::filesystem::unique_path("signdb-bench-hdb-%%%%");
   boost::filesystem::create_directories(work / "root");
   std::string keys = (work / "keys").string();
-  std::string command = "bash '" SIGNDB_SOURCE_DIR "/scripts/make_dev_keys.sh' '" + keys + "' >/dev/null";
-  if (std::system(command.c_str()) != 0) {
-    std::fprintf(stderr, "cannot make keys\n");
-    return 2;
-  }
+  MakeDevelopmentKeys(keys, CDevKeyRequest{});
   CRefPolicySettings policy{"bench", (work / "root").string()};
   std::printf("%-6s %-7s %10s %12s %10s %10s %10s\n", "action", "threads", "seconds", "nodes/s",
               "file MiB", "RSS MiB", "peak MiB");

@@ -11,6 +11,7 @@
 #include "host/cfg_service.h"
 #include "host/crypto_service.h"
 #include "host/utility_service.h"
+#include "refhost/file_status.h"
 
 std::shared_ptr<CRefFileObjInfo> CRefFileObjInfo::FromDisk(CUtilityService& utility,
                                                            CCryptoService& crypto,
@@ -33,10 +34,11 @@ std::shared_ptr<CRefFileObjInfo> CRefFileObjInfo::FromDisk(CUtilityService& util
   }
   info->is_dir_ = S_ISDIR(status.st_mode);
   info->size_ = info->is_dir_ ? 0 : static_cast<uint64_t>(status.st_size);
-  info->time_1_ = utility.PathTime1(path);
-  info->time_2_ = utility.PathTime2(path);
+  // Everything from the one lstat above: times, mode and owner cannot disagree with each other.
+  info->time_1_ = StatTimeNs(status.st_ctim);
+  info->time_2_ = StatTimeNs(status.st_mtim);
   info->attributes_ = static_cast<uint32_t>(status.st_mode);
-  info->security_ = utility.PathSecurityAttributes(path, 0);
+  info->security_ = SecurityAttributesText(narrow, status);
   if (S_ISLNK(status.st_mode)) {
     std::vector<char> target(static_cast<size_t>(status.st_size) + 1);
     ssize_t length = ::readlink(narrow.c_str(), target.data(), target.size());

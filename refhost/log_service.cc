@@ -55,7 +55,7 @@ void CRefLogService::Write(Poco::Message::Priority priority, uint32_t event,
                            const std::string& text) {
   {
     std::lock_guard<std::mutex> guard(records_lock_);
-    if (keep_records_) records_.push_back(CLogRecord{priority, event, text});
+    if (keep_records_ && priority <= lowest_kept_) records_.push_back(CLogRecord{priority, event, text});
   }
   if (!channel_ || priority > level_) return;
   Poco::Message message("signdb", text, priority);
@@ -65,9 +65,10 @@ void CRefLogService::Write(Poco::Message::Priority priority, uint32_t event,
   channel_->log(message);
 }
 
-void CRefLogService::KeepRecords(bool keep) {
+void CRefLogService::KeepRecords(bool keep, Poco::Message::Priority lowest) {
   std::lock_guard<std::mutex> guard(records_lock_);
   keep_records_ = keep;
+  lowest_kept_ = lowest;
 }
 
 std::vector<CLogRecord> CRefLogService::Records() const {

@@ -36,8 +36,9 @@ class CRefLogService : public CLogService {
 
   void Write(Poco::Message::Priority priority, uint32_t event, const std::string& text);
 
-  // Keeps every line, whatever its priority, for Records().
-  void KeepRecords(bool keep);
+  // Keeps the lines of priority "lowest" and above (all by default), whatever the sinks' level,
+  // for Records().
+  void KeepRecords(bool keep, Poco::Message::Priority lowest = Poco::Message::PRIO_TRACE);
   std::vector<CLogRecord> Records() const;
   void ClearRecords();
 
@@ -46,5 +47,6 @@ class CRefLogService : public CLogService {
   int level_;
   mutable std::mutex records_lock_;
   bool keep_records_ = false;           // guarded by records_lock_
+  Poco::Message::Priority lowest_kept_ = Poco::Message::PRIO_TRACE;  // guarded by records_lock_
   std::vector<CLogRecord> records_;     // guarded by records_lock_
 };

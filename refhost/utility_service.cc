@@ -1,7 +1,5 @@
 #include "refhost/utility_service.h"
 
-#include <acl/libacl.h>
-#include <sys/acl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -17,6 +15,7 @@
 #include <Poco/NumberFormatter.h>
 
 #include "refhost/file_io.h"
+#include "refhost/file_status.h"
 #include "refhost/log_service.h"
 #include "refhost/text_conversion.h"
 
@@ -82,10 +81,6 @@ class CRefBufferedWriter : public CBufferedWriter {
 
 bool LStat(const std::wstring& path, struct stat& info) {
   return ::lstat(WideToUtf8(path).c_str(), &info) == 0;
-}
-
-uint64_t Nanoseconds(const struct timespec& time) {
-  return static_cast<uint64_t>(time.tv_sec) * 1000000000ull + static_cast<uint64_t>(time.tv_nsec);
 }
 
 char LowerAscii(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
@@ -162,35 +157,19 @@ uint32_t CRefUtilityService::PathAttributes(const std::wstring& path) {
 
 uint64_t CRefUtilityService::PathTime1(const std::wstring& path) {
   struct stat info {};
-  return LStat(path, info) ? Nanoseconds(info.st_ctim) : ~0ull;
+  return LStat(path, info) ? StatTimeNs(info.st_ctim) : ~0ull;
 }
 
 uint64_t CRefUtilityService::PathTime2(const std::wstring& path) {
   struct stat info {};
-  return LStat(path, info) ? Nanoseconds(info.st_mtim) : ~0ull;
+  return LStat(path, info) ? StatTimeNs(info.st_mtim) : ~0ull;
 }
 
 std::string CRefUtilityService::PathSecurityAttributes(const std::wstring& path, uint64_t) {
   std::string narrow = WideToUtf8(path);
   struct stat info {};
   if (::lstat(narrow.c_str(), &info) != 0) return std::string();
-  char text[96];
-  std::snprintf(text, sizeof text, "owner=%u group=%u mode=%04o", static_cast<unsigned>(info.st_uid),
-                static_cast<unsigned>(info.st_gid), static_cast<unsigned>(info.st_mode & 07777));
-  std::string result = text;
-  if (!S_ISLNK(info.st_mode) && acl_extended_file_nofollow(narrow.c_str()) == 1) {
-    acl_t acl = acl_get_file(narrow.c_str(), ACL_TYPE_ACCESS);
-    if (acl != nullptr) {
-      char* acl_text = acl_to_any_text(acl, nullptr, ',', TEXT_ABBREVIATE | TEXT_NUMERIC_IDS);
-      if (acl_text != nullptr) {
-        result += " acl=";
-        result += acl_text;
-        acl_free(acl_text);
-      }
-      acl_free(acl);
-    }
-  }
-  return result;
+  return SecurityAttributesText(narrow, info);
 }
 
 std::string CRefUtilityService::ToNarrow(const std::wstring& wide) { return WideToUtf8(wide); }

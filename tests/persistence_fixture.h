@@ -1,6 +1,5 @@
 #pragma once
 
-#include <cstdlib>
 #include <fstream>
 
 #include <gtest/gtest.h>
@@ -9,15 +8,14 @@
 #include "hdbfile/hdb_format.h"
 #include "host/crypto_service.h"
 #include "host/utility_service.h"
+#include "refhost/dev_keys.h"
 #include "refhost/utility_service.h"
 #include "tests/hash_db_fixture.h"
 
-// Makes development keys with the project's script; returns the folder.
+// Makes development keys in "folder"; returns the folder.
 inline std::string MakeKeys(const std::string& folder, const std::string& cstm_id,
                             const std::string& signer_lcs_id, const std::string& local_lcs_id) {
-  std::string command = "bash '" SIGNDB_SOURCE_DIR "/scripts/make_dev_keys.sh' '" + folder + "' '" +
-                        cstm_id + "' " + signer_lcs_id + " " + local_lcs_id + " >/dev/null";
-  if (std::system(command.c_str()) != 0) throw std::runtime_error("key generation failed: " + command);
+  MakeDevelopmentKeys(folder, CDevKeyRequest{cstm_id, signer_lcs_id, local_lcs_id});
   return folder;
 }
 

@@ -1,0 +1,61 @@
+#include "cli/check_report.h"
+
+#include <cstdio>
+#include <map>
+
+#include "cli/text_format.h"
+#include "cli/tree_check.h"
+#include "refhost/settings.h"
+
+void PrintCheckReport(std::ostream& out, const CTreeCheckResult& result, const CRefPolicySettings& policy,
+                      bool json, bool accepted) {
+  std::map<std::string, uint64_t> counts;  // ordered, so that the summary reads the same each time
+  for (const CDifference& difference : result.differences) {
+    ++counts[ChangeWords(difference.change)];
+    out << (json ? DifferenceJson(difference) : DifferenceText(difference)) << "\n";
+  }
+  for (const auto& [path, reason] : result.unreadable) {
+    if (json) {
+      out << "{\"change\":\"unreadable\",\"path\":" << JsonString(path) << ",\"reason\":" << JsonString(reason)
+          << "}\n";
+    } else {
+      char words[40];
+      std::snprintf(words, sizeof words, "%-28s", "unreadable");
+      out << words << (path.empty() ? "." : path) << "  (" << reason << ")\n";
+    }
+  }
+  char seconds[32];
+  std::snprintf(seconds, sizeof seconds, "%.2f", result.seconds);
+  if (json) {
+    out << "{\"summary\":{\"policy\":" << JsonString(policy.name) << ",\"root\":" << JsonString(policy.root)
+        << ",\"checked\":" << result.checked << ",\"bytes\":" << result.bytes << ",\"seconds\":" << seconds
+        << ",\"differences\":" << result.differences.size() << ",\"unreadable\":" << result.unreadable.size()
+        << ",\"accepted\":" << (accepted ? "true" : "false") << ",\"changes\":{";
+    bool first = true;
+    for (const auto& [words, count] : counts) {
+      out << (first ? "" : ",") << JsonString(words) << ":" << count;
+      first = false;
+    }
+    out << "}}}\n";
+    return;
+  }
+  out << "policy " << policy.name << " (" << policy.root << "): checked " << GroupedNumber(result.checked)
+      << " objects (" << ByteSize(result.bytes) << ") in " << seconds << " s: ";
+  if (result.differences.empty()) {
+    out << "no differences";
+  } else {
+    out << GroupedNumber(result.differences.size()) << (result.differences.size() == 1 ? " difference" : " differences")
+        << (accepted ? " accepted (" : " (");
+    bool first = true;
+    for (const auto& [words, count] : counts) {
+      out << (first ? "" : ", ") << GroupedNumber(count) << " " << words;
+      first = false;
+    }
+    out << ")";
+  }
+  if (!result.unreadable.empty()) {
+    out << "; " << GroupedNumber(result.unreadable.size())
+        << (result.unreadable.size() == 1 ? " object could not be read" : " objects could not be read");
+  }
+  out << "\n";
+}

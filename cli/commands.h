@@ -1,0 +1,16 @@
+#pragma once
+
+struct CCommandLine;
+
+// The tool's commands; each returns the exit status and throws CToolError for what the user can fix.
+int RunInit(const CCommandLine& line);
+int RunScan(const CCommandLine& line);
+int RunCheck(const CCommandLine& line);
+int RunUpdate(const CCommandLine& line);
+int RunDiff(const CCommandLine& line);
+int RunLookup(const CCommandLine& line);
+int RunList(const CCommandLine& line);
+int RunShow(const CCommandLine& line);
+int RunVerify(const CCommandLine& line);
+int RunDump(const CCommandLine& line);
+int RunSelfTest(const CCommandLine& line);

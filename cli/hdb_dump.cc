@@ -1,0 +1,134 @@
+#include "cli/hdb_dump.h"
+
+#include <cstdio>
+
+#include <openssl/objects.h>
+
+#include "cli/text_format.h"
+#include "hdbfile/hdb_format.h"
+#include "hdbfile/hdb_header.h"
+#include "hdbfile/hdb_record.h"
+
+namespace {
+
+std::string Hex(const uint8_t* bytes, size_t length) {
+  static const char kDigits[] = "0123456789abcdef";
+  std::string text;
+  text.reserve(length * 2);
+  for (size_t i = 0; i < length; ++i) {
+    text += kDigits[bytes[i] >> 4];
+    text += kDigits[bytes[i] & 15];
+  }
+  return text;
+}
+
+std::string HexNumber(uint64_t value, int width) {
+  char text[24];
+  std::snprintf(text, sizeof text, "%0*llx", width, static_cast<unsigned long long>(value));
+  return text;
+}
+
+std::string Octal(uint32_t value) {
+  char text[16];
+  std::snprintf(text, sizeof text, "%06o", static_cast<unsigned>(value));
+  return text;
+}
+
+std::string Text(const uint8_t* bytes, size_t length) {
+  return std::string(reinterpret_cast<const char*>(bytes), length);
+}
+
+std::string DigestName(uint32_t nid) {
+  const char* name = OBJ_nid2sn(static_cast<int>(nid));
+  return name ? name : "unknown";
+}
+
+void PrintHeader(const CHdbHeader& header, bool json, std::ostream& out) {
+  std::string revision = header.revision == kNoRevision ? "none" : std::to_string(header.revision);
+  std::string platform = header.platform_flag == 1 ? "POSIX" : header.platform_flag == 0 ? "Windows" : "unknown";
+  if (json) {
+    out << "{\"header\":{\"magic\":\"" << HexNumber(header.magic, 16) << "\",\"version\":" << header.version
+        << ",\"platform\":" << header.platform_flag << ",\"second_flag\":" << header.second_flag
+        << ",\"header_length\":" << header.header_length << ",\"policy_number\":" << header.policy_number
+        << ",\"digest\":" << header.policy_value << ",\"digest_name\":" << JsonString(DigestName(header.policy_value))
+        << ",\"nodes\":" << header.node_count << ",\"revision\":"
+        << (header.revision == kNoRevision ? std::string("null") : revision) << "}}\n";
+    return;
+  }
+  out << "magic          " << HexNumber(header.magic, 16) << (header.magic == kHdbMagic ? "" : " (not an HDB file)")
+      << "\nversion        " << header.version << "\nplatform       " << header.platform_flag << " (" << platform
+      << ")\nsecond flag    " << header.second_flag << "\nheader length  " << header.header_length
+      << "\npolicy number  " << header.policy_number << "\ndigest         " << header.policy_value << " ("
+      << DigestName(header.policy_value) << ")\nnodes          " << header.node_count << "\nrevision       "
+      << revision << "\n";
+}
+
+}  // namespace
+
+bool DumpHdb(const uint8_t* data, uint64_t size, bool json, std::ostream& out, std::string& problem) {
+  if (size < kHeaderSize) {
+    problem = "the file has " + std::to_string(size) + " bytes, fewer than the " + std::to_string(kHeaderSize) +
+              "-byte header";
+    return false;
+  }
+  CHdbHeader header = CHdbHeader::DecodeFrom(data);
+  PrintHeader(header, json, out);
+  if (header.magic != kHdbMagic) {
+    problem = "the file does not start with the HDB magic number";
+    return false;
+  }
+  uint64_t offset = kHeaderSize;
+  uint64_t records = 0;
+  while (offset < size) {
+    std::string where = "record " + std::to_string(records) + " at offset " + std::to_string(offset);
+    if (size - offset < kRecordHeaderSize) {
+      problem = where + ": " + std::to_string(size - offset) + " bytes left, a record needs " +
+                std::to_string(kRecordHeaderSize);
+      return false;
+    }
+    CHdbRecordHeader record = CHdbRecordHeader::DecodeFrom(data + offset);
+    if (record.mark != kRecordMark) {
+      problem = where + ": record mark " + HexNumber(record.mark, 2) + " is not " + HexNumber(kRecordMark, 2);
+      return false;
+    }
+    if (record.end_mark != kRecordEndMark) {
+      problem = where + ": end mark " + HexNumber(record.end_mark, 8) + " is not " + HexNumber(kRecordEndMark, 8);
+      return false;
+    }
+    if (size - offset - kRecordHeaderSize < record.VariableLength()) {
+      problem = where + ": its texts run past the end of the file";
+      return false;
+    }
+    const uint8_t* field = data + offset + kRecordHeaderSize;
+    std::string hash = Hex(field, record.hash_length);
+    field += record.hash_length;
+    std::string path = Text(field, record.path_length);
+    field += record.path_length;
+    std::string security = Text(field, record.security_length);
+    field += record.security_length;
+    std::string target = Text(field, record.target_length);
+    if (json) {
+      out << "{\"record\":{\"offset\":" << offset << ",\"directory\":" << (record.directory ? "true" : "false")
+          << ",\"attributes\":" << record.attributes << ",\"time_1\":" << record.time_1
+          << ",\"time_2\":" << record.time_2 << ",\"size\":" << record.size << ",\"hash\":" << JsonString(hash)
+          << ",\"path\":" << JsonString(path) << ",\"security\":" << JsonString(security)
+          << ",\"target\":" << JsonString(target) << "}}\n";
+    } else {
+      out << "@" << offset << (record.directory ? " d " : " f ") << Octal(record.attributes) << " size=" << record.size
+          << " time_1=" << record.time_1 << " time_2=" << record.time_2 << " hash=" << (hash.empty() ? "-" : hash)
+          << " path=" << JsonString(path) << " security=" << JsonString(security);
+      if (!target.empty()) out << " target=" << JsonString(target);
+      out << "\n";
+    }
+    offset += kRecordHeaderSize + record.VariableLength();
+    ++records;
+  }
+  // Every node is saved, the root included; a header that counts none may still carry the root.
+  bool counted = records == header.node_count || (header.node_count == 0 && records == 1);
+  if (!counted) {
+    problem = "the header counts " + std::to_string(header.node_count) + " nodes, the file holds " +
+              std::to_string(records) + " records";
+    return false;
+  }
+  return true;
+}

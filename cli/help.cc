@@ -1,0 +1,173 @@
+#include "cli/help.h"
+
+#include <map>
+
+namespace {
+
+const std::map<std::string, std::string>& CommandHelp() {
+  static const std::map<std::string, std::string> help = {
+      {"init",
+       "usage: signdb init [--dir DIR | --config FILE] [--policy NAME=ROOT]... [--force]\n"
+       "\n"
+       "Writes a configuration, a development CA with a signing certificate and key, and a data\n"
+       "folder. The configuration goes to FILE, to DIR/signdb.json, or to the default place\n"
+       "(~/.config/signdb/signdb.json, or $SIGNDB_CONFIG); keys go to keys/ and databases to data/\n"
+       "beside it. Each --policy names a monitored directory (default: etc=/etc). An existing\n"
+       "configuration is replaced only with --force; existing keys are always kept.\n"
+       "\n"
+       "examples:\n"
+       "  signdb init\n"
+       "  signdb init --dir ./signdb-local --policy usr=/usr --policy etc=/etc\n"},
+      {"scan",
+       "usage: signdb scan POLICY [--quiet]\n"
+       "\n"
+       "Records every file, directory and symbolic link below the policy's root (content hash, size,\n"
+       "mode, times, owner and permissions, ACL, link target) into a new database, signs it and saves\n"
+       "it; the database it replaces is kept as NAME.previous.hdb for 'signdb diff'. Files are hashed\n"
+       "on every processor. Objects that cannot be read are named and counted, the rest is saved, and\n"
+       "the exit status is 2.\n"
+       "\n"
+       "examples:\n"
+       "  signdb scan etc\n"
+       "  signdb --config /etc/signdb/signdb.json scan usr --quiet\n"},
+      {"check",
+       "usage: signdb check POLICY [--json] [--quiet]\n"
+       "\n"
+       "Loads the policy's database, refusing it unless its signature is good, and compares the tree\n"
+       "with it: one line per difference (hash changed, attributes changed, times changed, security\n"
+       "attributes changed, link target changed, kind changed, new, gone, renamed), with the recorded\n"
+       "and current hash where they differ, then a summary. --json prints one JSON object per line,\n"
+       "the summary last. The database is not changed.\n"
+       "\n"
+       "exit status: 0 no difference, 1 differences found, 2 an error (also: objects unreadable)\n"
+       "\n"
+       "examples:\n"
+       "  signdb check etc\n"
+       "  signdb check etc --json | jq -r 'select(.change == \"hash changed\") | .path'\n"},
+      {"update",
+       "usage: signdb update POLICY [--json] [--quiet]\n"
+       "\n"
+       "Accepts the tree as it is now: checks it like 'signdb check', records what changed or is new,\n"
+       "removes what is gone, saves the database and reports what it accepted. The database it\n"
+       "replaces is kept as NAME.previous.hdb.\n"
+       "\n"
+       "examples:\n"
+       "  signdb update etc\n"},
+      {"diff",
+       "usage: signdb diff POLICY [PREVIOUS.hdb] [--json]\n"
+       "\n"
+       "Compares a previous database of the policy (by default the one that the last scan or update\n"
+       "replaced) with the current one and lists what changed, is new and was removed. Both\n"
+       "signatures must be good.\n"
+       "\n"
+       "exit status: 0 no difference, 1 differences, 2 an error\n"
+       "\n"
+       "examples:\n"
+       "  signdb diff etc\n"
+       "  signdb diff etc /backup/etc-2026-11-01.hdb\n"},
+      {"lookup",
+       "usage: signdb lookup HASH [--verify] [--json]\n"
+       "\n"
+       "Names a recorded file that carries the content hash, searching every policy's database.\n"
+       "--verify names only a file that still carries it on disk.\n"
+       "\n"
+       "exit status: 0 found, 1 not found, 2 an error\n"
+       "\n"
+       "examples:\n"
+       "  signdb lookup $(sha256sum /usr/bin/ls | cut -d' ' -f1)\n"
+       "  signdb lookup 9f86d081884c7d659a2feaa0c55ad015a3bf4f1b2b0b822cd15d6c15b0f00a08 --verify\n"},
+      {"ls",
+       "usage: signdb ls POLICY [DIR] [--recursive] [--json]\n"
+       "\n"
+       "Lists what the database recorded in a directory (the root by default): kind, size, hash and\n"
+       "name; with --recursive everything below it. DIR is relative to the root, or a full path.\n"
+       "\n"
+       "examples:\n"
+       "  signdb ls etc\n"
+       "  signdb ls etc ssh -R\n"},
+      {"show",
+       "usage: signdb show POLICY PATH [--json]\n"
+       "\n"
+       "Shows everything recorded for one object: kind, size, hash, attributes, times, security\n"
+       "attributes, link target. PATH is relative to the root, or a full path.\n"
+       "\n"
+       "exit status: 0 shown, 1 not recorded, 2 an error\n"
+       "\n"
+       "examples:\n"
+       "  signdb show etc passwd\n"
+       "  signdb show etc /etc/ssh/sshd_config --json\n"},
+      {"verify",
+       "usage: signdb verify FILE.hdb [--signature FILE.p7s] [--json]\n"
+       "\n"
+       "Checks an HDB file's signature (FILE.hdb.p7s by default) with the configured CA and local\n"
+       "identity, and names the signer's cstm_id and lcs_id. A file is refused unless its signer\n"
+       "chains to the CA, belongs to the same customer and is not this installation itself.\n"
+       "\n"
+       "exit status: 0 good, 1 refused, 2 an error\n"
+       "\n"
+       "examples:\n"
+       "  signdb verify ~/.config/signdb/data/etc.hdb\n"},
+      {"dump",
+       "usage: signdb dump FILE.hdb [--json]\n"
+       "\n"
+       "Prints an HDB file's header and every record (kind, mode, size, times, hash, path, security\n"
+       "attributes, link target). Needs no configuration; reads any file safely.\n"
+       "\n"
+       "exit status: 0 well formed, 2 not an HDB file or damaged (what could be read is printed)\n"
+       "\n"
+       "examples:\n"
+       "  signdb dump data/etc.hdb | less\n"
+       "  signdb dump data/etc.hdb --json | jq -r '.record.path // empty'\n"},
+      {"selftest",
+       "usage: signdb selftest\n"
+       "\n"
+       "Loads the module through the reference host, records a small tree in a temporary folder,\n"
+       "checks it, changes a file and sees the change reported.\n"},
+      {"version", "usage: signdb version\n\nPrints the tool's version.\n"},
+  };
+  return help;
+}
+
+}  // namespace
+
+void PrintUsage(std::ostream& out) {
+  out << "usage: signdb [--config FILE] [--module FILE] COMMAND [ARGUMENTS] [OPTIONS]\n"
+         "\n"
+         "File-integrity monitoring: record the files of a directory tree in a signed database, then\n"
+         "find what changed.\n"
+         "\n"
+         "commands:\n"
+         "  init                     write a configuration and development keys\n"
+         "  scan POLICY              record the policy's tree into a new signed database\n"
+         "  check POLICY             report every difference between the tree and its database\n"
+         "  update POLICY            accept the differences into the database\n"
+         "  diff POLICY [PREV.hdb]   what changed between a previous database and the current one\n"
+         "  lookup HASH              which recorded file carries a content hash\n"
+         "  ls POLICY [DIR]          what the database recorded in a directory\n"
+         "  show POLICY PATH         everything recorded for one object\n"
+         "  verify FILE.hdb          check an HDB file's signature and name its signer\n"
+         "  dump FILE.hdb            print an HDB file's header and records\n"
+         "  selftest                 exercise the module through the reference host\n"
+         "  version                  print the tool's version\n"
+         "\n"
+         "options:\n"
+         "  --config FILE   the configuration (default: $SIGNDB_CONFIG, else\n"
+         "                  ~/.config/signdb/signdb.json, else /etc/signdb/signdb.json for root)\n"
+         "  --module FILE   the module (default: libsigndb.so beside this program, or $SIGNDB_MODULE)\n"
+         "  --quiet, -q     no progress line\n"
+         "  --help, -h      this text; 'signdb COMMAND --help' for one command\n"
+         "\n"
+         "exit status: 0 nothing to report, 1 differences (or nothing found), 2 an error\n"
+         "\n"
+         "examples:\n"
+         "  signdb init --dir ./signdb-local --policy etc=/etc\n"
+         "  signdb --config ./signdb-local/signdb.json scan etc\n"
+         "  signdb --config ./signdb-local/signdb.json check etc --json\n";
+}
+
+bool PrintCommandHelp(const std::string& command, std::ostream& out) {
+  auto it = CommandHelp().find(command);
+  if (it == CommandHelp().end()) return false;
+  out << it->second;
+  return true;
+}

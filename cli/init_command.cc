@@ -1,0 +1,127 @@
+// signdb init: a configuration, development keys and a data folder, ready to scan.
+
+#include <iostream>
+#include <sstream>
+
+#include <boost/filesystem/operations.hpp>
+#include <Poco/JSON/Array.h>
+#include <Poco/JSON/Object.h>
+
+#include "cli/command_line.h"
+#include "cli/commands.h"
+#include "cli/config_location.h"
+#include "cli/exit_status.h"
+#include "refhost/dev_keys.h"
+#include "refhost/file_io.h"
+
+namespace {
+
+namespace fs = boost::filesystem;
+
+struct CPolicyArgument {
+  std::string name;
+  std::string root;
+};
+
+CPolicyArgument ParsePolicy(const std::string& text) {
+  size_t equals = text.find('=');
+  if (equals == std::string::npos || equals == 0 || equals + 1 == text.size()) {
+    throw CToolError("--policy wants NAME=ROOT, e.g. --policy etc=/etc (got '" + text + "')");
+  }
+  CPolicyArgument policy{text.substr(0, equals), text.substr(equals + 1)};
+  for (char c : policy.name) {
+    bool plain = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' ||
+                 c == '_' || c == '.';
+    if (!plain) throw CToolError("a policy name is letters, digits, '-', '_' and '.' only (got '" + policy.name + "')");
+  }
+  boost::system::error_code error;
+  fs::path root = fs::absolute(policy.root);
+  if (!fs::is_directory(root, error)) {
+    throw CToolError("the root of policy '" + policy.name + "', " + root.string() + ", is not a directory");
+  }
+  policy.root = root.lexically_normal().string();
+  if (policy.root.size() > 1 && policy.root.back() == '/') policy.root.pop_back();
+  return policy;
+}
+
+}  // namespace
+
+int RunInit(const CCommandLine& line) {
+  RequireShape(line, {"--dir", "--policy", "--force"}, 0, 0);
+  fs::path config = line.Value("--config");
+  if (config.empty()) config = line.Values("--dir").empty() ? fs::path(DefaultConfigPath())
+                                                            : fs::path(line.Value("--dir")) / "signdb.json";
+  config = fs::absolute(config).lexically_normal();
+  if (config.extension() != ".json") throw CToolError("the configuration that init writes is JSON: name it *.json");
+  std::vector<CPolicyArgument> policies;
+  for (const std::string& text : line.Values("--policy")) policies.push_back(ParsePolicy(text));
+  if (policies.empty()) policies.push_back({"etc", "/etc"});
+  boost::system::error_code error;
+  if (fs::exists(config, error) && !line.Has("--force")) {
+    throw CToolError(config.string() + " already exists; use --force to write it anew (keys are kept)");
+  }
+
+  fs::path folder = config.parent_path();
+  fs::path keys = folder / "keys";
+  fs::path data = folder / "data";
+  fs::create_directories(folder);
+  fs::create_directories(data);
+  CDevKeyRequest request;
+  bool have_keys = fs::exists(keys / "signer.key", error) && fs::exists(keys / "signer.pem", error) &&
+                   fs::exists(keys / "ca.pem", error);
+  if (!have_keys) {
+    try {
+      MakeDevelopmentKeys(keys.string(), request);
+    } catch (const std::exception& e) {
+      throw CToolError(std::string(e.what()) + "\n  remove " + keys.string() + " to make new keys");
+    }
+  }
+
+  Poco::JSON::Object::Ptr settings = new Poco::JSON::Object(Poco::JSON_PRESERVE_KEY_ORDER);
+  settings->set("data_dir", "data");
+  settings->set("policy_number", 256);
+  settings->set("threads", 0);
+  Poco::JSON::Object::Ptr log = new Poco::JSON::Object(Poco::JSON_PRESERVE_KEY_ORDER);
+  log->set("file", "data/signdb.log");
+  log->set("level", "information");
+  settings->set("log", log);
+  Poco::JSON::Object::Ptr signer = new Poco::JSON::Object(Poco::JSON_PRESERVE_KEY_ORDER);
+  signer->set("certificate", "keys/signer.pem");
+  signer->set("key", "keys/signer.key");
+  signer->set("ca", "keys/ca.pem");
+  settings->set("signer", signer);
+  Poco::JSON::Object::Ptr local = new Poco::JSON::Object(Poco::JSON_PRESERVE_KEY_ORDER);
+  local->set("cstm_id", request.cstm_id);
+  local->set("lcs_id", request.local_lcs_id);
+  settings->set("local", local);
+  Poco::JSON::Array::Ptr list = new Poco::JSON::Array;
+  for (const CPolicyArgument& policy : policies) {
+    Poco::JSON::Object::Ptr entry = new Poco::JSON::Object(Poco::JSON_PRESERVE_KEY_ORDER);
+    entry->set("name", policy.name);
+    entry->set("root", policy.root);
+    list->add(entry);
+  }
+  settings->set("policies", list);
+  std::ostringstream text;
+  settings->stringify(text, 2);
+  text << "\n";
+  std::string bytes = text.str();
+  WriteWholeFile(config.string(), bytes.data(), bytes.size());
+
+  std::ostream& out = std::cout;
+  out << "wrote " << config.string() << "\n";
+  for (const CPolicyArgument& policy : policies) out << "  policy " << policy.name << ": " << policy.root << "\n";
+  if (have_keys) {
+    out << "kept the keys in " << keys.string() << "\n";
+  } else {
+    out << "made development keys in " << keys.string() << ": ca.pem, signer.pem, signer.key\n"
+        << "  signer: cstm_id '" << request.cstm_id << "', lcs_id " << request.signer_lcs_id
+        << "; this installation: lcs_id " << request.local_lcs_id << "\n";
+  }
+  out << "databases and the log go to " << data.string() << "\n";
+  std::string config_option = line.Values("--config").empty() && line.Values("--dir").empty()
+                                  ? std::string()
+                                  : " --config " + config.string();
+  out << "next: signdb" << config_option << " scan " << policies.front().name << "\n";
+  return kExitOk;
+}

@@ -1,0 +1,181 @@
+#include "cli/session.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include <boost/filesystem/operations.hpp>
+
+#include "cli/command_line.h"
+#include "cli/config_location.h"
+#include "cli/exit_status.h"
+#include "front/sign_db.h"
+#include "hashdb/hash_db.h"
+#include "host/buffer.h"
+#include "host/crypto_service.h"
+#include "host/utility_service.h"
+#include "refhost/file_io.h"
+#include "refhost/log_service.h"
+#include "refhost/module_loader.h"
+#include "refhost/policy.h"
+#include "refhost/ref_host.h"
+#include "refhost/text_conversion.h"
+
+namespace {
+
+std::string Joined(const std::vector<std::string>& lines) {
+  std::string text;
+  for (const std::string& line : lines) text += "\n  " + line;
+  return text;
+}
+
+}  // namespace
+
+CSession::CSession(const CCommandLine& line) {
+  config_path_ = line.Value("--config", DefaultConfigPath());
+  if (!boost::filesystem::exists(config_path_)) {
+    throw CToolError("no configuration at " + config_path_ +
+                     "; run 'signdb init' to make one, or name one with --config FILE");
+  }
+  try {
+    settings_ = LoadSettings(config_path_);
+  } catch (const std::exception& e) {
+    throw CToolError(std::string(e.what()) + "\n  fix the file, or make a new one with 'signdb init --force'");
+  }
+  settings_.log_console = false;
+  if (settings_.log_file.empty()) {
+    boost::system::error_code ignored;
+    boost::filesystem::create_directories(settings_.data_dir, ignored);
+    settings_.log_file = settings_.data_dir + "/signdb.log";
+  }
+  try {
+    host_ = std::make_shared<CRefHost>(settings_);
+  } catch (const std::exception& e) {
+    throw CToolError(std::string("configuration ") + config_path_ + ": " + e.what());
+  }
+  host_->log().KeepRecords(true, Poco::Message::PRIO_WARNING);
+  std::string module = line.Value("--module", CModuleLoader::DefaultModulePath());
+  try {
+    loader_ = std::make_unique<CModuleLoader>(module, host_);
+  } catch (const std::exception& e) {
+    throw CToolError(std::string(e.what()) + "\n  name the module with --module FILE or $SIGNDB_MODULE");
+  }
+  front_ = loader_->Front();
+}
+
+// Everything from the module goes before the module is unloaded.
+CSession::~CSession() {
+  front_.reset();
+  loader_.reset();
+}
+
+const CRefPolicySettings& CSession::Policy(const std::string& name) const {
+  std::string names;
+  for (const CRefPolicySettings& policy : settings_.policies) {
+    if (policy.name == name) return policy;
+    names += (names.empty() ? "" : ", ") + policy.name;
+  }
+  throw CToolError("no policy named '" + name + "' in " + config_path_ +
+                   (names.empty() ? std::string("; it names none: add one to \"policies\"")
+                                  : "; policies: " + names));
+}
+
+void CSession::RequireRoot(const CRefPolicySettings& policy) const {
+  struct stat status {};
+  if (::lstat(policy.root.c_str(), &status) != 0) {
+    throw CToolError("the root of policy '" + policy.name + "', " + policy.root + ", cannot be examined: " +
+                     std::strerror(errno));
+  }
+  if (S_ISLNK(status.st_mode)) {
+    boost::system::error_code ignored;
+    throw CToolError("the root of policy '" + policy.name + "', " + policy.root +
+                     ", is a symbolic link; name the directory itself (" +
+                     boost::filesystem::canonical(policy.root, ignored).string() + ") in " + config_path_);
+  }
+  if (!S_ISDIR(status.st_mode)) {
+    throw CToolError("the root of policy '" + policy.name + "', " + policy.root + ", is not a directory");
+  }
+  if (::access(policy.root.c_str(), R_OK | X_OK) != 0) {
+    throw CToolError("the root of policy '" + policy.name + "', " + policy.root + ", cannot be read: " +
+                     std::strerror(errno));
+  }
+}
+
+std::shared_ptr<CHashDB> CSession::NewDatabase(const CRefPolicySettings& policy) {
+  return front_->CreateHashDB(std::make_shared<CRefPolicy>(policy));
+}
+
+std::shared_ptr<CHashDB> CSession::LoadDatabase(const CRefPolicySettings& policy, bool verify) {
+  if (!front_->HdbFileExists(policy.name)) {
+    throw CToolError("policy '" + policy.name + "' has no database yet (" + Narrow(front_->HdbFilePath(policy.name)) +
+                     "); run 'signdb scan " + policy.name + "' first");
+  }
+  std::shared_ptr<CHashDB> database = NewDatabase(policy);
+  std::string path = Narrow(front_->HdbFilePath(policy.name));
+  LoadFile(database, path, SignatureFileOf(path), verify);
+  return database;
+}
+
+void CSession::LoadFile(const std::shared_ptr<CHashDB>& database, const std::string& hdb_path,
+                        const std::string& signature_path, bool verify) {
+  CUtilityService& utility = *host_->Utility();
+  TakeProblems();
+  std::shared_ptr<CBuffer> hdb;
+  try {
+    hdb = utility.ReadFile(Wide(hdb_path), 0);
+  } catch (const std::exception& e) {
+    throw CToolError(e.what());
+  }
+  std::shared_ptr<CBuffer> signature;
+  boost::system::error_code missing;
+  if (boost::filesystem::exists(signature_path, missing)) {
+    try {
+      signature = utility.ReadFile(Wide(signature_path), 0);
+    } catch (const std::exception& e) {
+      throw CToolError(e.what());
+    }
+  } else {
+    throw CToolError("the database " + hdb_path + " has no signature file (" + signature_path +
+                     "); an unsigned database is never used");
+  }
+  if (!database->Load(nullptr, verify, hdb_path, hdb, signature)) {
+    throw CToolError("the database " + hdb_path + " was refused:" + Joined(TakeProblems()));
+  }
+}
+
+std::string CSession::Save(const std::shared_ptr<CHashDB>& database, const CRefPolicySettings& policy) {
+  std::string current = Narrow(front_->HdbFilePath(policy.name));
+  boost::system::error_code missing;
+  if (boost::filesystem::exists(current, missing) && boost::filesystem::exists(SignatureFileOf(current), missing)) {
+    // Copies first, then renames over the old copies: a failure leaves the older copy whole.
+    std::string previous = PreviousFileOf(policy);
+    for (const auto& [from, to] : {std::pair{current, previous},
+                                   std::pair{SignatureFileOf(current), SignatureFileOf(previous)}}) {
+      boost::filesystem::copy_file(from, to + ".tmp", boost::filesystem::copy_options::overwrite_existing);
+      DurableRename(to + ".tmp", to);
+    }
+  }
+  database->Save();
+  front_->WriteRevisionFile(policy.name);
+  return Narrow(database->HdbFilePath(false));
+}
+
+std::string CSession::PreviousFileOf(const CRefPolicySettings& policy) {
+  return Narrow(front_->HdbFilePath(policy.name + ".previous"));
+}
+
+std::string CSession::SignatureFileOf(const std::string& hdb_path) {
+  return Narrow(host_->Crypto()->SignatureFilePath(Wide(hdb_path)));
+}
+
+std::vector<std::string> CSession::TakeProblems() {
+  std::vector<std::string> lines;
+  for (const CLogRecord& record : host_->log().Records()) lines.push_back(record.text);
+  host_->log().ClearRecords();
+  return lines;
+}
+
+std::wstring CSession::Wide(const std::string& text) { return Utf8ToWide(text); }
+std::string CSession::Narrow(const std::wstring& text) { return WideToUtf8(text); }

@@ -1,0 +1,65 @@
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "refhost/settings.h"
+
+class CHashDB;
+class CModuleLoader;
+class CRefHost;
+class CSignDB;
+struct CCommandLine;
+
+// One run of the tool: the configuration, the reference host and the module loaded as a plug-in.
+// The module's log goes to the configured file only (data_dir/signdb.log by default), never to
+// the terminal; its warnings and errors are kept so that a failed load can say why.
+class CSession {
+ public:
+  // Throws CToolError when the configuration is missing or broken, or the module cannot be loaded.
+  explicit CSession(const CCommandLine& line);
+  ~CSession();
+  CSession(const CSession&) = delete;
+  CSession& operator=(const CSession&) = delete;
+
+  const CRefSettings& settings() const { return settings_; }
+  const std::string& config_path() const { return config_path_; }
+  CRefHost& host() { return *host_; }
+  CSignDB& front() { return *front_; }
+
+  // The policy of that name; throws CToolError naming the policies there are.
+  const CRefPolicySettings& Policy(const std::string& name) const;
+  // Throws CToolError unless the policy's root is a directory that can be listed.
+  void RequireRoot(const CRefPolicySettings& policy) const;
+
+  // An empty database of the policy, created by the module.
+  std::shared_ptr<CHashDB> NewDatabase(const CRefPolicySettings& policy);
+  // The policy's saved database, loaded (and its signature verified unless "verify" is false).
+  // Throws CToolError when there is none yet or when it is refused, with the module's reasons.
+  std::shared_ptr<CHashDB> LoadDatabase(const CRefPolicySettings& policy, bool verify = true);
+  // Loads "hdb_path" (its signature beside it, or "signature_path") into "database".
+  void LoadFile(const std::shared_ptr<CHashDB>& database, const std::string& hdb_path,
+                const std::string& signature_path, bool verify);
+  // Saves the database and writes the policy's revision file; returns the HDB file's path. The
+  // database it replaces, if any, is kept with its signature as PreviousFileOf(policy).
+  std::string Save(const std::shared_ptr<CHashDB>& database, const CRefPolicySettings& policy);
+
+  // Where the database that the last save replaced is kept: NAME.previous.hdb in the data folder.
+  std::string PreviousFileOf(const CRefPolicySettings& policy);
+  // The signature file that belongs to an HDB file.
+  std::string SignatureFileOf(const std::string& hdb_path);
+  // The module's warnings and errors since the last call, one per line.
+  std::vector<std::string> TakeProblems();
+
+  // The objects' paths in the module's form, and back.
+  std::wstring Wide(const std::string& text);
+  std::string Narrow(const std::wstring& text);
+
+ private:
+  std::string config_path_;
+  CRefSettings settings_;
+  std::shared_ptr<CRefHost> host_;
+  std::unique_ptr<CModuleLoader> loader_;
+  std::shared_ptr<CSignDB> front_;
+};

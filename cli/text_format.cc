@@ -1,0 +1,51 @@
+#include "cli/text_format.h"
+
+#include <cstdio>
+#include <sstream>
+
+#include <Poco/DateTimeFormatter.h>
+#include <Poco/JSON/Stringifier.h>
+#include <Poco/Timestamp.h>
+
+std::string GroupedNumber(uint64_t value) {
+  std::string digits = std::to_string(value);
+  std::string grouped;
+  for (size_t i = 0; i < digits.size(); ++i) {
+    if (i > 0 && (digits.size() - i) % 3 == 0) grouped += ',';
+    grouped += digits[i];
+  }
+  return grouped;
+}
+
+std::string ByteSize(uint64_t bytes) {
+  static const char* const kUnits[] = {"B", "KiB", "MiB", "GiB", "TiB"};
+  double value = static_cast<double>(bytes);
+  size_t unit = 0;
+  while (value >= 1024 && unit + 1 < sizeof kUnits / sizeof kUnits[0]) {
+    value /= 1024;
+    ++unit;
+  }
+  char text[32];
+  std::snprintf(text, sizeof text, unit == 0 ? "%.0f %s" : "%.1f %s", value, kUnits[unit]);
+  return text;
+}
+
+std::string OctalMode(uint32_t mode) {
+  char text[16];
+  std::snprintf(text, sizeof text, "%04o", static_cast<unsigned>(mode & 07777));
+  return text;
+}
+
+std::string TimeText(uint64_t nanoseconds) {
+  if (nanoseconds == ~0ull) return "unknown";
+  Poco::Timestamp time(static_cast<Poco::Timestamp::TimeVal>(nanoseconds / 1000));
+  char fraction[16];
+  std::snprintf(fraction, sizeof fraction, ".%09llu", static_cast<unsigned long long>(nanoseconds % 1000000000ull));
+  return Poco::DateTimeFormatter::format(time, "%Y-%m-%d %H:%M:%S") + fraction + " UTC";
+}
+
+std::string JsonString(const std::string& text) {
+  std::ostringstream out;
+  Poco::JSON::Stringifier::formatString(text, out);
+  return out.str();
+}

@@ -1,0 +1,13 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+// Texts for people: "1,234,567", "1.2 GiB", "0644", "2026-11-22 10:00:00.123456789".
+std::string GroupedNumber(uint64_t value);
+std::string ByteSize(uint64_t bytes);
+std::string OctalMode(uint32_t mode);
+// A time in nanoseconds since the epoch, in UTC; "unknown" for all bits set.
+std::string TimeText(uint64_t nanoseconds);
+// A JSON string literal (quotes included) of UTF-8 text.
+std::string JsonString(const std::string& text);

@@ -1,0 +1,91 @@
+#include "cli/tree_check.h"
+
+#include <algorithm>
+#include <chrono>
+#include <mutex>
+#include <set>
+
+#include "cli/progress_line.h"
+#include "cli/session.h"
+#include "cli/tree_scanner.h"
+#include "hashdb/hash_db.h"
+#include "refhost/file_obj_info.h"
+#include "refhost/ref_host.h"
+#include "refhost/text_conversion.h"
+
+namespace {
+
+// The module stamps the nodes that a check meets with this clock (monotonic, nanoseconds).
+int64_t MonotonicNanoseconds() {
+  return std::chrono::duration_cast<std::chrono::nanoseconds>(
+             std::chrono::steady_clock::now().time_since_epoch())
+      .count();
+}
+
+// Whether "path" is one of "unreadable" or lies below one of them.
+bool InsideUnreadable(const std::set<std::string>& unreadable, std::string path) {
+  for (;;) {
+    if (unreadable.count(path)) return true;
+    size_t slash = path.rfind('/');
+    if (slash == std::string::npos) return unreadable.count("") != 0;
+    path.resize(slash);
+  }
+}
+
+}  // namespace
+
+CTreeCheckResult CheckTree(CSession& session, const CRefPolicySettings& policy,
+                           const std::shared_ptr<CHashDB>& database, bool quiet) {
+  CTreeCheckResult result;
+  auto start_time = std::chrono::steady_clock::now();
+  int64_t start = MonotonicNanoseconds();
+  std::mutex lock;
+  CTreeScanner scanner(session.host(), policy.root, session.settings().threads);
+  {
+    CProgressLine progress("checking " + policy.name, scanner.counters(), quiet);
+    scanner.Run(
+        [&](const std::shared_ptr<CRefFileObjInfo>& info) {
+          uint32_t status = database->CheckObject(info);
+          if (status == kCheckUnchanged) return;
+          CDifference difference =
+              DescribeDifference(*database, status, scanner.Relative(WideToUtf8(info->Path())), info);
+          std::lock_guard<std::mutex> guard(lock);
+          result.differences.push_back(std::move(difference));
+        },
+        [&](const std::string& relative, const std::string& reason) {
+          result.unreadable.emplace_back(relative, reason);  // called under the scanner's lock
+        });
+  }
+  result.checked = scanner.counters().objects.load();
+  result.bytes = scanner.counters().bytes.load();
+
+  // What the walk met was stamped after "start"; the rest is gone, or hidden by a read error.
+  std::set<std::string> unreadable;
+  for (const auto& [path, reason] : result.unreadable) unreadable.insert(path);
+  std::shared_ptr<CPathEntryList> unseen = database->ChangedSince(nullptr, start, std::wstring());
+  CRefHost& host = session.host();
+  std::string root = policy.root.back() == '/' ? policy.root : policy.root + "/";
+  for (const CPathEntry& entry : *unseen) {
+    std::string relative = WideToUtf8(entry.second);
+    if (InsideUnreadable(unreadable, relative)) continue;
+    std::shared_ptr<CRefFileObjInfo> info;
+    try {
+      info = CRefFileObjInfo::FromDisk(*host.Utility(), *host.Crypto(), *host.Cfg(), Utf8ToWide(policy.root),
+                                       Utf8ToWide(root + relative), session.settings().policy_number);
+    } catch (const std::exception& e) {
+      result.unreadable.emplace_back(relative, e.what());
+      continue;
+    }
+    uint32_t status = database->CheckObject(info);
+    if (status == kCheckUnchanged) continue;
+    if (info->IsGone()) {
+      result.differences.push_back(DescribeGone(status, relative, entry.first, info));
+    } else {  // appeared while the walk went by
+      result.differences.push_back(DescribeDifference(*database, status, relative, info));
+    }
+  }
+  PairRenamesAndSort(result.differences);
+  std::sort(result.unreadable.begin(), result.unreadable.end());
+  result.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start_time).count();
+  return result;
+}

@@ -1,0 +1,29 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "cli/difference.h"
+
+class CHashDB;
+class CSession;
+struct CRefPolicySettings;
+
+// Everything a check of a policy's tree found.
+struct CTreeCheckResult {
+  std::vector<CDifference> differences;  // renames paired, sorted by path
+  std::vector<std::pair<std::string, std::string>> unreadable;  // relative path, reason; sorted
+  uint64_t checked = 0;
+  uint64_t bytes = 0;
+  double seconds = 0;
+};
+
+// Checks every object below the policy's root against the loaded database, on several threads,
+// then asks the database about each recorded object that the walk did not meet: those are gone,
+// unless they lie in or below something that could not be read. The database keeps what it
+// recorded; only its per-node check stamps change.
+CTreeCheckResult CheckTree(CSession& session, const CRefPolicySettings& policy,
+                           const std::shared_ptr<CHashDB>& database, bool quiet);

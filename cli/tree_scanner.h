@@ -1,0 +1,46 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+
+class CRefFileObjInfo;
+class CRefHost;
+
+// Progress of a scan, read by the progress line while the workers count.
+struct CScanCounters {
+  std::atomic<uint64_t> objects{0};
+  std::atomic<uint64_t> bytes{0};  // content bytes of the regular files hashed
+  std::atomic<uint64_t> unreadable{0};
+};
+
+// Walks a root directory and everything below it on several threads: each object is read from
+// disk (status, security attributes, link target, content hash) and handed to "visit", from
+// whichever worker read it. Symbolic links are objects of their own, never followed. An object
+// that cannot be read goes to "problem" instead and the walk goes on; a directory that cannot be
+// listed is visited itself, then reported.
+class CTreeScanner {
+ public:
+  using CVisit = std::function<void(const std::shared_ptr<CRefFileObjInfo>&)>;
+  // The object's path, relative to the root, and the reason.
+  using CProblem = std::function<void(const std::string& relative_path, const std::string& reason)>;
+
+  CTreeScanner(CRefHost& host, std::string root, unsigned threads);
+
+  // Returns when every object has been visited or reported. Exceptions thrown by "visit" stop the
+  // walk and leave Run.
+  void Run(const CVisit& visit, const CProblem& problem);
+
+  const CScanCounters& counters() const { return counters_; }
+  // The root-relative path of a full path below the root.
+  std::string Relative(const std::string& path) const;
+
+ private:
+  CRefHost& host_;
+  std::string root_;
+  std::wstring wide_root_;
+  unsigned threads_;
+  CScanCounters counters_;
+};

@@ -1,0 +1,54 @@
+// signdb update POLICY: takes the tree as it is now into the policy's database: what changed or is
+// new is recorded anew, what is gone is removed, and the database is saved.
+
+#include <iostream>
+
+#include "cli/check_report.h"
+#include "cli/command_line.h"
+#include "cli/commands.h"
+#include "cli/exit_status.h"
+#include "cli/session.h"
+#include "cli/tree_check.h"
+#include "hashdb/hash_db.h"
+#include "refhost/file_obj_info.h"
+
+namespace {
+
+std::wstring FullPath(CSession& session, const CRefPolicySettings& policy, const std::string& relative) {
+  std::string root = policy.root.back() == '/' ? policy.root : policy.root + "/";
+  return session.Wide(root + relative);
+}
+
+}  // namespace
+
+int RunUpdate(const CCommandLine& line) {
+  RequireShape(line, {"--json"}, 1, 1);
+  CSession session(line);
+  const CRefPolicySettings& policy = session.Policy(line.arguments[0]);
+  session.RequireRoot(policy);
+  std::shared_ptr<CHashDB> database = session.LoadDatabase(policy);
+  CTreeCheckResult result = CheckTree(session, policy, database, line.Has("--quiet"));
+  // Removals first: a path that is gone can only have come back as something new in another place.
+  for (const CDifference& difference : result.differences) {
+    std::shared_ptr<CObjInfo> none;
+    if (difference.change == CChange::kGone) {
+      database->RemoveObject(none, FullPath(session, policy, difference.path));
+    } else if (difference.change == CChange::kRenamed) {
+      database->RemoveObject(none, FullPath(session, policy, difference.from));
+    }
+  }
+  for (const CDifference& difference : result.differences) {
+    if (difference.change == CChange::kGone || !difference.info) continue;
+    std::shared_ptr<CObjInfo> immediate;
+    database->InsertObject(immediate, difference.info);
+  }
+  std::string saved;
+  if (!result.differences.empty()) saved = session.Save(database, policy);
+  PrintCheckReport(std::cout, result, policy, line.Has("--json"), true);
+  if (!line.Has("--json")) {
+    std::cout << (saved.empty() ? std::string("nothing to accept; the database stays as it is")
+                                : "saved " + saved + " (the one it replaced: " + session.PreviousFileOf(policy) + ")")
+              << "\n";
+  }
+  return result.unreadable.empty() ? kExitOk : kExitError;
+}

@@ -1,0 +1,150 @@
+#include "refhost/dev_keys.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <memory>
+#include <stdexcept>
+
+#include <boost/filesystem/operations.hpp>
+#include <openssl/bio.h>
+#include <openssl/ec.h>
+#include <openssl/evp.h>
+#include <openssl/pem.h>
+#include <openssl/rand.h>
+#include <openssl/x509.h>
+#include <openssl/x509v3.h>
+
+#include "refhost/pkcs7.h"
+
+namespace {
+
+template <typename T, void (*Free)(T*)>
+struct COpenSslFree {
+  void operator()(T* p) const { Free(p); }
+};
+using CBio = std::unique_ptr<BIO, COpenSslFree<BIO, BIO_free_all>>;
+using CX509 = std::unique_ptr<X509, COpenSslFree<X509, X509_free>>;
+using CKey = std::unique_ptr<EVP_PKEY, COpenSslFree<EVP_PKEY, EVP_PKEY_free>>;
+using CExtension = std::unique_ptr<X509_EXTENSION, COpenSslFree<X509_EXTENSION, X509_EXTENSION_free>>;
+
+void Require(bool ok, const char* what) {
+  if (!ok) throw std::runtime_error(std::string("making development keys: ") + what + ": " + OpenSslError());
+}
+
+bool IsDecimal(const std::string& text) {
+  if (text.empty() || text.size() > 18) return false;
+  for (char c : text) {
+    if (c < '0' || c > '9') return false;
+  }
+  return true;
+}
+
+CKey NewKey() {
+  CKey key(EVP_EC_gen("P-256"));
+  Require(key != nullptr, "EC key generation");
+  return key;
+}
+
+void AddName(X509_NAME* name, const char* field, const std::string& value) {
+  Require(X509_NAME_add_entry_by_txt(name, field, MBSTRING_UTF8,
+                                     reinterpret_cast<const unsigned char*>(value.c_str()), -1, -1, 0) == 1,
+          field);
+}
+
+void AddExtension(X509* certificate, X509* issuer, int nid, const char* value) {
+  X509V3_CTX context;
+  X509V3_set_ctx(&context, issuer, certificate, nullptr, nullptr, 0);
+  CExtension extension(X509V3_EXT_conf_nid(nullptr, &context, nid, value));
+  Require(extension != nullptr, value);
+  Require(X509_add_ext(certificate, extension.get(), -1) == 1, value);
+}
+
+// A certificate for "key", signed by "issuer_key"; "issuer" null makes it self-signed.
+CX509 NewCertificate(EVP_PKEY* key, X509* issuer, EVP_PKEY* issuer_key, unsigned valid_days,
+                     const std::string& organisation, const std::string& serial_number,
+                     const std::string& common_name, bool is_ca) {
+  CX509 certificate(X509_new());
+  Require(certificate != nullptr, "X509_new");
+  Require(X509_set_version(certificate.get(), X509_VERSION_3) == 1, "version");
+  uint64_t serial = 0;
+  Require(RAND_bytes(reinterpret_cast<unsigned char*>(&serial), sizeof serial) == 1, "serial");
+  Require(ASN1_INTEGER_set_uint64(X509_get_serialNumber(certificate.get()), serial >> 1) == 1, "serial");
+  Require(X509_gmtime_adj(X509_getm_notBefore(certificate.get()), 0) != nullptr, "validity");
+  Require(X509_gmtime_adj(X509_getm_notAfter(certificate.get()), 86400L * valid_days) != nullptr, "validity");
+  Require(X509_set_pubkey(certificate.get(), key) == 1, "public key");
+  X509_NAME* subject = X509_get_subject_name(certificate.get());
+  AddName(subject, "O", organisation);
+  if (!serial_number.empty()) AddName(subject, "serialNumber", serial_number);
+  AddName(subject, "CN", common_name);
+  X509* signer = issuer ? issuer : certificate.get();
+  Require(X509_set_issuer_name(certificate.get(), X509_get_subject_name(signer)) == 1, "issuer");
+  if (is_ca) {
+    AddExtension(certificate.get(), signer, NID_basic_constraints, "critical,CA:TRUE");
+    AddExtension(certificate.get(), signer, NID_key_usage, "critical,keyCertSign,cRLSign");
+  } else {
+    AddExtension(certificate.get(), signer, NID_basic_constraints, "CA:FALSE");
+    AddExtension(certificate.get(), signer, NID_key_usage, "critical,digitalSignature");
+  }
+  AddExtension(certificate.get(), signer, NID_subject_key_identifier, "hash");
+  if (issuer) AddExtension(certificate.get(), signer, NID_authority_key_identifier, "keyid:always");
+  Require(X509_sign(certificate.get(), issuer_key, EVP_sha256()) > 0, "signing the certificate");
+  return certificate;
+}
+
+// Opens "path" for writing; it must not exist yet. Keys are readable by their owner only.
+CBio CreateFile(const std::string& path, mode_t mode) {
+  int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
+  if (fd < 0) throw std::runtime_error("cannot create " + path + ": " + std::strerror(errno));
+  CBio bio(BIO_new_fd(fd, BIO_CLOSE));
+  if (!bio) {
+    ::close(fd);
+    Require(false, "BIO_new_fd");
+  }
+  return bio;
+}
+
+void WriteCertificate(const std::string& path, X509* certificate) {
+  CBio bio = CreateFile(path, 0644);
+  Require(PEM_write_bio_X509(bio.get(), certificate) == 1, path.c_str());
+}
+
+void WriteKey(const std::string& path, EVP_PKEY* key) {
+  CBio bio = CreateFile(path, 0600);
+  Require(PEM_write_bio_PrivateKey(bio.get(), key, nullptr, nullptr, 0, nullptr, nullptr) == 1, path.c_str());
+}
+
+}  // namespace
+
+CDevKeyFiles MakeDevelopmentKeys(const std::string& folder, const CDevKeyRequest& request) {
+  if (!IsDecimal(request.signer_lcs_id) || !IsDecimal(request.local_lcs_id)) {
+    throw std::runtime_error("an lcs_id must be a decimal number (signer '" + request.signer_lcs_id +
+                             "', local '" + request.local_lcs_id + "')");
+  }
+  if (request.signer_lcs_id == request.local_lcs_id) {
+    throw std::runtime_error("the signer's lcs_id must differ from the local one (both " +
+                             request.local_lcs_id + "), or signed files are refused here");
+  }
+  if (request.cstm_id.empty()) throw std::runtime_error("the cstm_id must not be empty");
+  boost::filesystem::create_directories(folder);
+  CDevKeyFiles files{folder + "/ca.pem", folder + "/ca.key", folder + "/signer.pem", folder + "/signer.key"};
+  for (const std::string& path : {files.ca_certificate, files.ca_key, files.signer_certificate, files.signer_key}) {
+    if (boost::filesystem::exists(boost::filesystem::symlink_status(path))) {
+      throw std::runtime_error(path + " already exists; keys are never overwritten");
+    }
+  }
+  CKey ca_key = NewKey();
+  CX509 ca = NewCertificate(ca_key.get(), nullptr, ca_key.get(), request.valid_days, request.cstm_id, "",
+                            "signdb development CA", true);
+  CKey signer_key = NewKey();
+  CX509 signer = NewCertificate(signer_key.get(), ca.get(), ca_key.get(), request.valid_days, request.cstm_id,
+                                request.signer_lcs_id, "signdb signer", false);
+  WriteKey(files.ca_key, ca_key.get());
+  WriteCertificate(files.ca_certificate, ca.get());
+  WriteKey(files.signer_key, signer_key.get());
+  WriteCertificate(files.signer_certificate, signer.get());
+  return files;
+}

@@ -1,0 +1,27 @@
+#pragma once
+
+#include <string>
+
+// A development signing set: a self-signed CA, a signer certificate issued by it and the local
+// identity that accepts the signer's files. The signer's cstm_id is its subject organizationName
+// (O) and its lcs_id its subject serialNumber; the local identity shares the cstm_id and must have
+// another lcs_id, or files signed here are refused on this installation.
+struct CDevKeyRequest {
+  std::string cstm_id = "signdb development";
+  std::string signer_lcs_id = "1001";
+  std::string local_lcs_id = "1002";
+  unsigned valid_days = 3650;
+};
+
+// The files that MakeDevelopmentKeys wrote.
+struct CDevKeyFiles {
+  std::string ca_certificate;      // ca.pem
+  std::string ca_key;              // ca.key (mode 0600)
+  std::string signer_certificate;  // signer.pem
+  std::string signer_key;          // signer.key (mode 0600)
+};
+
+// Writes ca.pem, ca.key, signer.pem and signer.key (EC P-256, SHA-256) into "folder", made as
+// needed. Throws std::runtime_error when an lcs_id is not a decimal number, when both lcs_ids are
+// equal, when a key file already exists there (keys are never overwritten) or when OpenSSL fails.
+CDevKeyFiles MakeDevelopmentKeys(const std::string& folder, const CDevKeyRequest& request);
