@@ -44,6 +44,8 @@ CModuleLoader::CModuleLoader(const std::string& module_path, const std::shared_p
 
 CModuleLoader::~CModuleLoader() {
   host_->ReleaseFront();
+  // A worker may still be releasing a task that the module made; its code must stay mapped.
+  host_->WaitForIdlePool();
   ::dlclose(handle_);
 }
 

@@ -25,7 +25,8 @@ CRefHost::CRefHost(const CRefSettings& settings) : settings_(settings) {
   cfg_ = std::make_shared<CRefCfgService>(settings_);
   cfgex_ = std::make_shared<CRefCfgExService>(settings_);
   read_context_builder_ = std::make_shared<CRefReadContextBuilder>();
-  thread_pool_ = std::make_shared<CRefThreadPool>(settings_.threads, log_);
+  ref_pool_ = std::make_shared<CRefThreadPool>(settings_.threads, log_);
+  thread_pool_ = ref_pool_;
   time_service_ = std::make_shared<CSteadyTimeService>();
 }
 
@@ -45,6 +46,8 @@ void CRefHost::ReleaseFront() {
   std::lock_guard<std::mutex> guard(front_lock_);
   front_.reset();
 }
+
+void CRefHost::WaitForIdlePool() { ref_pool_->WaitIdle(); }
 
 // The counts are process-wide: every host object, and every module, shares them.
 std::mutex& CRefHost::InstanceCounterMutex() {

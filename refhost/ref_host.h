@@ -42,6 +42,8 @@ class CRefHost : public CHost {
   std::shared_ptr<CSignDB> Front();
   // Drops the host's reference to the front (before the module is unloaded).
   void ReleaseFront();
+  // Waits until the worker pool holds no task at all, not even one being released.
+  void WaitForIdlePool();
 
   const CRefSettings& settings() const { return settings_; }
   CRefLogService& log() { return *ref_log_; }
@@ -56,6 +58,7 @@ class CRefHost : public CHost {
   std::shared_ptr<CCfgService> cfg_;
   std::shared_ptr<CCfgExService> cfgex_;
   std::shared_ptr<CReadContextBuilder> read_context_builder_;
+  std::shared_ptr<CRefThreadPool> ref_pool_;
   std::shared_ptr<CThreadPool> thread_pool_;
   std::shared_ptr<CTimeService> time_service_;
   std::mutex front_lock_;

@@ -18,9 +18,11 @@ struct CRefThreadPool::CState {
   std::mutex lock;
   std::condition_variable work_ready;
   std::condition_variable all_finished;
+  std::condition_variable idle;
   std::deque<std::function<void()>> queue;
   uint64_t unfinished = 0;  // queued plus running
   uint64_t running = 0;
+  uint64_t in_flight = 0;   // taken from the queue and not yet released
   uint64_t completed = 0;
   uint64_t failed = 0;
   uint64_t runs = 0;
@@ -97,6 +99,7 @@ void CRefThreadPool::Work(const std::shared_ptr<CState>& state) {
       task = std::move(state->queue.front());
       state->queue.pop_front();
       ++state->running;
+      ++state->in_flight;
     }
     bool ok = true;
     std::string error;
@@ -118,7 +121,19 @@ void CRefThreadPool::Work(const std::shared_ptr<CState>& state) {
       finished = --state->unfinished == 0;
     }
     if (finished) state->all_finished.notify_all();
-    // Released last, outside the lock: this may destroy the pool's owner, and the pool with it.
+    // Released last, outside the lock: this may destroy the pool's owner, and the pool with it;
+    // the state lives on in this worker.
     task = nullptr;
+    bool idle = false;
+    {
+      std::lock_guard<std::mutex> guard(state->lock);
+      idle = --state->in_flight == 0 && state->queue.empty();
+    }
+    if (idle) state->idle.notify_all();
   }
+}
+
+void CRefThreadPool::WaitIdle() {
+  std::unique_lock<std::mutex> guard(state_->lock);
+  state_->idle.wait(guard, [this] { return state_->in_flight == 0 && state_->queue.empty(); });
 }

@@ -38,6 +38,11 @@ class CRefThreadPool : public CThreadPool {
   bool AllFinished() override;
   bool WaitAllFinished(uint32_t ms) override;
 
+  // Waits until no task is queued, running or still being released. Unlike "finished", this also
+  // waits for the tasks' own destruction: before a plug-in is unloaded, no code of it may be left
+  // in flight on a worker.
+  void WaitIdle();
+
  private:
   struct CState;
   static void Work(const std::shared_ptr<CState>& state);

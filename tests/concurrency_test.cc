@@ -1,6 +1,8 @@
 // Races that matter in this layer, run under ThreadSanitizer in CI.
 
 #include <atomic>
+#include <chrono>
+#include <memory>
 #include <thread>
 #include <vector>
 
@@ -69,4 +71,29 @@ TEST(ConcurrencyTest, ThePoolRunsTasksSubmittedFromSeveralThreads) {
   while (!pool.WaitAllFinished(100)) {
   }
   EXPECT_EQ(300, done.load());
+}
+
+// Sets its flag when it is destroyed, a little after the task itself has ended.
+struct CSlowToRelease {
+  std::shared_ptr<std::atomic<bool>> released;
+  ~CSlowToRelease() {
+    if (!released) return;
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    released->store(true);
+  }
+  CSlowToRelease(std::shared_ptr<std::atomic<bool>> flag) : released(std::move(flag)) {}
+  CSlowToRelease(CSlowToRelease&& other) noexcept : released(std::move(other.released)) {}
+};
+
+TEST(ConcurrencyTest, ThePoolIsIdleOnlyOnceEveryTaskHasBeenReleased) {
+  auto log = std::make_shared<CRefLogService>("error", false, "");
+  CRefThreadPool pool(2, log);
+  std::vector<std::shared_ptr<std::atomic<bool>>> flags;
+  for (int i = 0; i < 4; ++i) {
+    flags.push_back(std::make_shared<std::atomic<bool>>(false));
+    auto holder = std::make_shared<CSlowToRelease>(flags.back());
+    pool.Submit([holder] {});
+  }
+  pool.WaitIdle();
+  for (const auto& flag : flags) EXPECT_TRUE(flag->load());
 }

@@ -1,0 +1,423 @@
+// The signdb tool, run as a user runs it, on real folders.
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <gmock/gmock.h>
+#include <Poco/JSON/Object.h>
+#include <Poco/JSON/Parser.h>
+
+#include "tests/tool_fixture.h"
+
+namespace {
+
+using ::testing::AllOf;
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+
+Poco::JSON::Object::Ptr ParseJson(const std::string& line) {
+  return Poco::JSON::Parser().parse(line).extract<Poco::JSON::Object::Ptr>();
+}
+
+// The JSON object of the check report about "path", or null.
+Poco::JSON::Object::Ptr JsonAbout(const CToolRun& run, const std::string& path) {
+  for (const std::string& line : run.OutLines()) {
+    Poco::JSON::Object::Ptr object = ParseJson(line);
+    if (object->has("path") && object->getValue<std::string>("path") == path) return object;
+  }
+  return nullptr;
+}
+
+TEST_F(ToolTest, InitWritesAConfigurationAndKeysThatSignForThisInstallation) {
+  CToolRun run = Run("init --config cfg/signdb.json --policy t=tree");
+  ASSERT_EQ(run.status, 0) << run.err;
+  EXPECT_THAT(run.out, HasSubstr("wrote " + config_));
+  EXPECT_THAT(run.out, HasSubstr("lcs_id 1001; this installation: lcs_id 1002"));
+  Poco::JSON::Object::Ptr settings = Poco::JSON::Parser().parse(CTempDir::Read(config_)).extract<Poco::JSON::Object::Ptr>();
+  EXPECT_EQ(settings->getObject("local")->getValue<std::string>("lcs_id"), "1002");
+  EXPECT_EQ(settings->getArray("policies")->getObject(0)->getValue<std::string>("root"), tree_);
+  struct stat key {};
+  ASSERT_EQ(::stat((dir_ / "cfg/keys/signer.key").c_str(), &key), 0);
+  EXPECT_EQ(key.st_mode & 0777, 0600u);
+}
+
+TEST_F(ToolTest, InitRefusesToReplaceAConfigurationUnlessForcedAndNeverReplacesKeys) {
+  Init();
+  std::string key = CTempDir::Read(dir_ / "cfg/keys/signer.key");
+  CToolRun again = Run("init --config cfg/signdb.json --policy t=tree");
+  EXPECT_EQ(again.status, 2);
+  EXPECT_THAT(again.err, HasSubstr("already exists; use --force"));
+  CToolRun forced = Run("init --config cfg/signdb.json --policy t=tree --force");
+  EXPECT_EQ(forced.status, 0) << forced.err;
+  EXPECT_THAT(forced.out, HasSubstr("kept the keys"));
+  EXPECT_EQ(CTempDir::Read(dir_ / "cfg/keys/signer.key"), key);
+}
+
+TEST_F(ToolTest, InitRefusesAPolicyWithoutADirectory) {
+  CToolRun run = Run("init --config cfg/signdb.json --policy t=no-such-folder");
+  EXPECT_EQ(run.status, 2);
+  EXPECT_THAT(run.err, HasSubstr("is not a directory"));
+  EXPECT_FALSE(boost::filesystem::exists(config_));
+}
+
+TEST_F(ToolTest, AScanThenACheckFindsNoDifference) {
+  ScanSample();
+  EXPECT_TRUE(boost::filesystem::exists(Data("t.hdb")));
+  EXPECT_TRUE(boost::filesystem::exists(Data("t.hdb.p7s")));
+  EXPECT_TRUE(boost::filesystem::exists(Data("t.hdb.dff")));
+  CToolRun run = Tool("check t");
+  EXPECT_EQ(run.status, 0) << run.out << run.err;
+  EXPECT_THAT(run.out, HasSubstr("checked 10 objects"));
+  EXPECT_THAT(run.out, HasSubstr("no differences"));
+  EXPECT_EQ(run.err, "");  // no progress line when standard error is not a terminal
+}
+
+TEST_F(ToolTest, AContentChangeIsReportedWithTheRecordedAndCurrentHash) {
+  ScanSample();
+  Write("etc/hosts", "10.0.0.1 intruder\n");
+  CToolRun run = Tool("check t");
+  EXPECT_EQ(run.status, 1);
+  EXPECT_THAT(LineAbout(run, "etc/hosts"),
+              AllOf(StartsWith("hash changed"), HasSubstr("recorded " + Sha256("127.0.0.1 localhost\n")),
+                    HasSubstr("current " + Sha256("10.0.0.1 intruder\n"))));
+  EXPECT_THAT(run.out, HasSubstr("1 hash changed"));
+
+  CToolRun json = Tool("check t --json");
+  EXPECT_EQ(json.status, 1);
+  Poco::JSON::Object::Ptr hosts = JsonAbout(json, "etc/hosts");
+  ASSERT_TRUE(hosts);
+  EXPECT_EQ(hosts->getValue<std::string>("change"), "hash changed");
+  EXPECT_EQ(hosts->getValue<int>("code"), 4099);
+  EXPECT_EQ(hosts->getValue<std::string>("recorded_hash"), Sha256("127.0.0.1 localhost\n"));
+  EXPECT_EQ(hosts->getValue<std::string>("current_hash"), Sha256("10.0.0.1 intruder\n"));
+}
+
+TEST_F(ToolTest, AChmodIsReportedAsChangedAttributes) {
+  ScanSample();
+  ASSERT_EQ(::chmod(Tree("etc/passwd").c_str(), 0600), 0);
+  CToolRun run = Tool("check t");
+  EXPECT_EQ(run.status, 1);
+  EXPECT_THAT(LineAbout(run, "etc/passwd"),
+              AllOf(StartsWith("attributes changed"), HasSubstr("100644 -> 100600"), HasSubstr("security attributes")));
+  Poco::JSON::Object::Ptr json = JsonAbout(Tool("check t --json"), "etc/passwd");
+  ASSERT_TRUE(json);
+  EXPECT_EQ(json->getValue<int>("code"), 4104);
+  EXPECT_FALSE(json->has("recorded_hash"));  // the hashes are shown only where they differ
+}
+
+TEST_F(ToolTest, ARenameIsReportedAsOneRename) {
+  ScanSample();
+  boost::filesystem::rename(Tree("etc/motd"), Tree("etc/motd.old"));
+  CToolRun run = Tool("check t");
+  EXPECT_EQ(run.status, 1);
+  EXPECT_THAT(LineAbout(run, "etc/motd.old"), AllOf(StartsWith("renamed"), HasSubstr("from etc/motd")));
+  EXPECT_EQ(LineAbout(run, "etc/motd"), "");
+  Poco::JSON::Object::Ptr json = JsonAbout(Tool("check t --json"), "etc/motd.old");
+  ASSERT_TRUE(json);
+  EXPECT_EQ(json->getValue<std::string>("change"), "renamed");
+  EXPECT_EQ(json->getValue<std::string>("from"), "etc/motd");
+}
+
+TEST_F(ToolTest, ANewFileAndARemovedFileAreReportedAsNewAndGone) {
+  ScanSample();
+  Write("etc/cron.d/job", "* * * * * root /tmp/x\n");
+  boost::filesystem::remove(Tree("bin/tool"));
+  CToolRun run = Tool("check t");
+  EXPECT_EQ(run.status, 1);
+  EXPECT_THAT(LineAbout(run, "etc/cron.d/"), StartsWith("new"));
+  EXPECT_THAT(LineAbout(run, "etc/cron.d/job"), StartsWith("new"));
+  EXPECT_THAT(LineAbout(run, "bin/tool"),
+              AllOf(StartsWith("gone"), HasSubstr("recorded " + Sha256("#!/bin/sh\necho tool\n"))));
+  CToolRun json = Tool("check t --json");
+  EXPECT_EQ(JsonAbout(json, "bin/tool")->getValue<int>("code"), 4100);
+  EXPECT_EQ(JsonAbout(json, "etc/cron.d")->getValue<int>("code"), 4098);
+  EXPECT_EQ(JsonAbout(json, "etc/cron.d/job")->getValue<int>("code"), 4097);
+}
+
+TEST_F(ToolTest, AGoneDirectoryIsReportedWithWhatWasInIt) {
+  ScanSample();
+  boost::filesystem::remove_all(Tree("etc"));
+  CToolRun run = Tool("check t");
+  EXPECT_EQ(run.status, 1);
+  EXPECT_THAT(LineAbout(run, "etc/"), StartsWith("gone"));
+  EXPECT_THAT(LineAbout(run, "etc/passwd"), StartsWith("gone"));
+  EXPECT_EQ(JsonAbout(Tool("check t --json"), "etc")->getValue<int>("code"), 4101);
+}
+
+TEST_F(ToolTest, ANewSymbolicLinkTargetIsReportedAsSuch) {
+  ScanSample();
+  boost::filesystem::remove(Tree("hosts-link"));
+  Symlink("etc/passwd", "hosts-link");
+  CToolRun run = Tool("check t");
+  EXPECT_EQ(run.status, 1);
+  EXPECT_THAT(LineAbout(run, "hosts-link"),
+              AllOf(StartsWith("link target changed"), HasSubstr("'etc/hosts' -> 'etc/passwd'")));
+  Poco::JSON::Object::Ptr json = JsonAbout(Tool("check t --json"), "hosts-link");
+  ASSERT_TRUE(json);
+  EXPECT_EQ(json->getValue<int>("code"), 4108);
+  EXPECT_EQ(json->getValue<std::string>("kind"), "symbolic link");
+}
+
+TEST_F(ToolTest, AFileReplacedByADirectoryIsAChangeOfKind) {
+  ScanSample();
+  boost::filesystem::remove(Tree("etc/motd"));
+  Write("etc/motd/part", "x");
+  CToolRun run = Tool("check t");
+  EXPECT_THAT(LineAbout(run, "etc/motd/"), AllOf(StartsWith("kind changed"), HasSubstr("file -> directory")));
+  EXPECT_THAT(LineAbout(run, "etc/motd/part"), StartsWith("new"));
+}
+
+TEST_F(ToolTest, EveryJsonLineParsesAndTheSummaryComesLast) {
+  ScanSample();
+  Write("etc/hosts", "changed\n");
+  Write("new", "new\n");
+  CToolRun run = Tool("check t --json");
+  EXPECT_EQ(run.status, 1);
+  std::vector<std::string> lines = run.OutLines();
+  ASSERT_GE(lines.size(), 3u);
+  for (const std::string& line : lines) EXPECT_NO_THROW(ParseJson(line)) << line;
+  Poco::JSON::Object::Ptr summary = ParseJson(lines.back())->getObject("summary");
+  ASSERT_TRUE(summary);
+  EXPECT_EQ(summary->getValue<std::string>("policy"), "t");
+  EXPECT_EQ(summary->getObject("changes")->getValue<int>("hash changed"), 1);
+  EXPECT_EQ(summary->getObject("changes")->getValue<int>("new"), 1);
+  EXPECT_EQ(summary->getValue<size_t>("differences"), lines.size() - 1);
+}
+
+TEST_F(ToolTest, AnUpdateAcceptsTheChangesAndTheNextCheckIsClean) {
+  ScanSample();
+  Write("etc/hosts", "changed\n");
+  Write("etc/new", "new\n");
+  boost::filesystem::remove(Tree("bin/tool"));
+  boost::filesystem::rename(Tree("etc/motd"), Tree("motd"));
+  ASSERT_EQ(::chmod(Tree("etc/passwd").c_str(), 0600), 0);
+  CToolRun update = Tool("update t");
+  EXPECT_EQ(update.status, 0) << update.out << update.err;
+  EXPECT_THAT(update.out, HasSubstr("differences accepted"));
+  EXPECT_THAT(LineAbout(update, "etc/hosts"), StartsWith("hash changed"));
+  EXPECT_THAT(update.out, HasSubstr("saved " + Data("t.hdb")));
+  EXPECT_TRUE(boost::filesystem::exists(Data("t.previous.hdb")));
+  CToolRun check = Tool("check t");
+  EXPECT_EQ(check.status, 0) << check.out;
+  EXPECT_THAT(check.out, HasSubstr("no differences"));
+  CToolRun nothing = Tool("update t");
+  EXPECT_EQ(nothing.status, 0);
+  EXPECT_THAT(nothing.out, HasSubstr("nothing to accept"));
+}
+
+TEST_F(ToolTest, DiffListsWhatChangedSinceThePreviousDatabase) {
+  ScanSample();
+  Write("etc/hosts", "changed\n");
+  Write("added", "a\n");
+  boost::filesystem::remove(Tree("bin/tool"));
+  ASSERT_EQ(Tool("update t").status, 0);
+  CToolRun run = Tool("diff t");
+  EXPECT_EQ(run.status, 1) << run.err;
+  EXPECT_THAT(run.out, HasSubstr("changed   etc/hosts\n"));
+  EXPECT_THAT(run.out, HasSubstr("new       added\n"));
+  EXPECT_THAT(run.out, HasSubstr("removed   bin/tool\n"));
+  EXPECT_THAT(run.out, HasSubstr("1 new, 1 removed"));
+  boost::filesystem::copy_file(Data("t.previous.hdb"), dir_ / "old.hdb");
+  boost::filesystem::copy_file(Data("t.previous.hdb.p7s"), dir_ / "old.hdb.p7s");
+  CToolRun named = Tool("diff t old.hdb --json");
+  EXPECT_EQ(named.status, 1);
+  EXPECT_THAT(named.out, HasSubstr("{\"change\":\"removed\",\"path\":\"bin/tool\",\"kind\":\"file\"}"));
+}
+
+TEST_F(ToolTest, ATamperedDatabaseIsRefusedByCheckAndVerifyAndLeftAsItWas) {
+  ScanSample();
+  std::string hdb = CTempDir::Read(Data("t.hdb"));
+  hdb[hdb.size() / 2] ^= 0x20;
+  std::ofstream(Data("t.hdb"), std::ios::binary | std::ios::trunc) << hdb;
+  CToolRun check = Tool("check t");
+  EXPECT_EQ(check.status, 2);
+  EXPECT_THAT(check.err, AllOf(HasSubstr("was refused"), HasSubstr("signature verify failure")));
+  EXPECT_EQ(check.out, "");
+  CToolRun verify = Tool("verify '" + Data("t.hdb") + "'");
+  EXPECT_EQ(verify.status, 1);
+  EXPECT_THAT(verify.out, AllOf(HasSubstr("REFUSED"), HasSubstr("cstm_id 'signdb development', lcs_id 1001")));
+  EXPECT_EQ(Tool("update t").status, 2);
+  EXPECT_EQ(CTempDir::Read(Data("t.hdb")), hdb);
+}
+
+TEST_F(ToolTest, ATamperedSignatureFileIsRefused) {
+  ScanSample();
+  std::string signature = CTempDir::Read(Data("t.hdb.p7s"));
+  signature[signature.size() - 10] ^= 0x01;
+  std::ofstream(Data("t.hdb.p7s"), std::ios::binary | std::ios::trunc) << signature;
+  EXPECT_EQ(Tool("check t").status, 2);
+  EXPECT_EQ(Tool("verify '" + Data("t.hdb") + "'").status, 1);
+}
+
+TEST_F(ToolTest, VerifyNamesTheSignerOfAGoodDatabase) {
+  ScanSample();
+  CToolRun run = Tool("verify '" + Data("t.hdb") + "'");
+  EXPECT_EQ(run.status, 0) << run.out << run.err;
+  EXPECT_THAT(run.out, AllOf(HasSubstr("signature good"), HasSubstr("cstm_id 'signdb development', lcs_id 1001"),
+                             HasSubstr("this host:      cstm_id 'signdb development', lcs_id 1002")));
+  CToolRun json = Tool("verify '" + Data("t.hdb") + "' --json");
+  EXPECT_TRUE(ParseJson(json.out)->getValue<bool>("valid"));
+}
+
+TEST_F(ToolTest, LookupFindsAKnownHashAndNotAnUnknownOne) {
+  ScanSample();
+  CToolRun found = Tool("lookup " + Sha256("root:x:0:0::/root:/bin/sh\n"));
+  EXPECT_EQ(found.status, 0) << found.err;
+  EXPECT_EQ(found.out, Tree("etc/passwd") + "\n");
+  CToolRun upper = Tool("lookup " + Sha256("welcome\n").substr(0, 10) + "ABCDEF" + Sha256("welcome\n").substr(16));
+  EXPECT_EQ(upper.status, 1);
+  CToolRun unknown = Tool("lookup " + Sha256("nobody has this\n"));
+  EXPECT_EQ(unknown.status, 1);
+  EXPECT_EQ(unknown.out, "");
+  EXPECT_THAT(unknown.err, HasSubstr("no recorded file carries"));
+  // With --verify, only a file that still carries the hash is named.
+  Write("etc/passwd", "changed\n");
+  EXPECT_EQ(Tool("lookup " + Sha256("root:x:0:0::/root:/bin/sh\n")).status, 0);
+  EXPECT_EQ(Tool("lookup " + Sha256("root:x:0:0::/root:/bin/sh\n") + " --verify").status, 1);
+  CToolRun bad = Tool("lookup xyz");
+  EXPECT_EQ(bad.status, 2);
+  EXPECT_THAT(bad.err, HasSubstr("64 hexadecimal digits"));
+}
+
+TEST_F(ToolTest, LsAndShowTellWhatWasRecorded) {
+  ScanSample();
+  CToolRun ls = Tool("ls t etc");
+  EXPECT_EQ(ls.status, 0) << ls.err;
+  ASSERT_EQ(ls.OutLines().size(), 3u) << ls.out;
+  EXPECT_THAT(ls.out, HasSubstr(Sha256("127.0.0.1 localhost\n") + "  etc/hosts\n"));
+  CToolRun root = Tool("ls t");
+  EXPECT_THAT(root.out, AllOf(HasSubstr("  bin/\n"), HasSubstr("hosts-link -> etc/hosts\n")));
+  EXPECT_EQ(Tool("ls t -R").OutLines().size(), 9u);
+  CToolRun show = Tool("show t etc/hosts");
+  EXPECT_EQ(show.status, 0) << show.err;
+  EXPECT_THAT(show.out, AllOf(HasSubstr("kind:               file"), HasSubstr("size:               20 bytes"),
+                              HasSubstr(Sha256("127.0.0.1 localhost\n")), HasSubstr("attributes:         100644")));
+  CToolRun full = Tool("show t '" + Tree("hosts-link") + "' --json");
+  EXPECT_EQ(ParseJson(full.out)->getValue<std::string>("target"), "etc/hosts");
+  CToolRun missing = Tool("show t etc/shadow");
+  EXPECT_EQ(missing.status, 1);
+  EXPECT_THAT(missing.err, HasSubstr("is not recorded"));
+  EXPECT_EQ(Tool("show t /elsewhere/x").status, 2);
+}
+
+TEST_F(ToolTest, DumpPrintsTheHeaderAndEveryRecord) {
+  ScanSample();
+  CToolRun dump = Tool("dump '" + Data("t.hdb") + "'");
+  EXPECT_EQ(dump.status, 0) << dump.err;
+  EXPECT_THAT(dump.out, AllOf(HasSubstr("magic          e525ea2d6d0e4424\n"), HasSubstr("version        130\n"),
+                              HasSubstr("nodes          10\n"), HasSubstr("path=\"etc/hosts\"")));
+  CToolRun json = Tool("dump '" + Data("t.hdb") + "' --json");
+  std::vector<std::string> lines = json.OutLines();
+  ASSERT_EQ(lines.size(), 11u);
+  EXPECT_EQ(ParseJson(lines[0])->getObject("header")->getValue<int>("policy_number"), 256);
+  for (size_t i = 1; i < lines.size(); ++i) EXPECT_TRUE(ParseJson(lines[i])->has("record"));
+}
+
+TEST_F(ToolTest, DumpRefusesWhatIsNotAnHdbFileAndSaysWhere) {
+  ScanSample();
+  std::string hdb = CTempDir::Read(Data("t.hdb"));
+  std::ofstream(dir_ / "short.hdb", std::ios::binary) << hdb.substr(0, hdb.size() - 3);
+  CToolRun truncated = Run("dump short.hdb");
+  EXPECT_EQ(truncated.status, 2);
+  EXPECT_THAT(truncated.err, AllOf(HasSubstr("not a well-formed HDB file"), HasSubstr("record 9 at offset")));
+  std::ofstream(dir_ / "text.hdb") << "this is not a database at all, just some words and more words";
+  CToolRun text = Run("dump text.hdb");
+  EXPECT_EQ(text.status, 2);
+  EXPECT_THAT(text.err, HasSubstr("does not start with the HDB magic number"));
+  EXPECT_EQ(Run("dump missing.hdb").status, 2);
+}
+
+TEST_F(ToolTest, UnreadableFilesAreNamedAndCountedAndNeverReportedAsGone) {
+  Write("open/a", "a\n");
+  Write("closed/secret", "s\n");
+  Write("locked", "l\n");
+  Init();
+  // Everything belongs to an ordinary user, who cannot read what its mode forbids.
+  ASSERT_EQ(std::system(("chown -R 65534:65534 '" + dir_.path().string() + "'").c_str()), 0);
+  ASSERT_EQ(::chmod(Tree("locked").c_str(), 0), 0);
+  ASSERT_EQ(::chmod(Tree("closed").c_str(), 0), 0);
+  if (::geteuid() != 0 && ::access(Tree("locked").c_str(), R_OK) == 0) GTEST_SKIP() << "cannot make a file unreadable";
+  CToolRun scan = Tool("scan t", true);
+  EXPECT_EQ(scan.status, 2) << scan.out << scan.err;
+  EXPECT_THAT(scan.err, AllOf(HasSubstr("cannot read locked"), HasSubstr("cannot read closed")));
+  EXPECT_THAT(scan.out, HasSubstr("2 objects could not be read"));
+  ASSERT_TRUE(boost::filesystem::exists(Data("t.hdb")));
+
+  CToolRun check = Tool("check t", true);
+  EXPECT_EQ(check.status, 2) << check.out << check.err;
+  EXPECT_THAT(LineAbout(check, "locked"), StartsWith("unreadable"));
+  EXPECT_EQ(check.out.find("gone"), std::string::npos) << check.out;
+
+  // Once readable, the objects it could not read before are new; nothing else changed.
+  ASSERT_EQ(::chmod(Tree("closed").c_str(), 0755), 0);
+  ASSERT_EQ(::chmod(Tree("locked").c_str(), 0644), 0);
+  CToolRun later = Tool("check t --json", true);
+  EXPECT_EQ(JsonAbout(later, "locked")->getValue<std::string>("change"), "new");
+  EXPECT_EQ(JsonAbout(later, "closed/secret")->getValue<std::string>("change"), "new");
+}
+
+TEST_F(ToolTest, AMissingRootIsAnErrorThatLeavesTheDatabaseAlone) {
+  ScanSample();
+  std::string hdb = CTempDir::Read(Data("t.hdb"));
+  boost::filesystem::rename(tree_, dir_ / "moved");
+  for (const char* command : {"check t", "scan t", "update t"}) {
+    CToolRun run = Tool(command);
+    EXPECT_EQ(run.status, 2) << command;
+    EXPECT_THAT(run.err, HasSubstr("the root of policy 't', " + tree_ + ", cannot be examined")) << command;
+  }
+  EXPECT_EQ(CTempDir::Read(Data("t.hdb")), hdb);
+}
+
+TEST_F(ToolTest, AMissingOrBrokenConfigurationSaysWhatToDo) {
+  CToolRun missing = Run("--config nowhere.json check t");
+  EXPECT_EQ(missing.status, 2);
+  EXPECT_THAT(missing.err, AllOf(HasSubstr("no configuration at nowhere.json"), HasSubstr("signdb init")));
+  Init();
+  std::ofstream(config_, std::ios::trunc) << "{ \"data_dir\": \"data\", ";
+  CToolRun broken = Tool("check t");
+  EXPECT_EQ(broken.status, 2);
+  EXPECT_THAT(broken.err, HasSubstr("configuration file " + config_));
+}
+
+TEST_F(ToolTest, AnUnknownPolicyNamesThePoliciesThereAre) {
+  Init();
+  CToolRun run = Tool("scan nope");
+  EXPECT_EQ(run.status, 2);
+  EXPECT_THAT(run.err, HasSubstr("no policy named 'nope'"));
+  EXPECT_THAT(run.err, HasSubstr("policies: t"));
+}
+
+TEST_F(ToolTest, ACheckBeforeAnyScanSaysToScanFirst) {
+  Init();
+  CToolRun run = Tool("check t");
+  EXPECT_EQ(run.status, 2);
+  EXPECT_THAT(run.err, HasSubstr("run 'signdb scan t' first"));
+}
+
+TEST_F(ToolTest, EveryCommandHasHelpWithExamples) {
+  for (const char* command : {"init", "scan", "check", "update", "diff", "lookup", "ls", "show", "verify", "dump"}) {
+    CToolRun run = Run(std::string(command) + " --help");
+    EXPECT_EQ(run.status, 0) << command;
+    EXPECT_THAT(run.out, AllOf(StartsWith(std::string("usage: signdb ") + command), HasSubstr("examples:")));
+    EXPECT_EQ(Run(std::string("help ") + command).out, run.out);
+  }
+  CToolRun overview = Run("--help");
+  EXPECT_EQ(overview.status, 0);
+  EXPECT_THAT(overview.out, HasSubstr("exit status: 0 nothing to report, 1 differences"));
+}
+
+TEST_F(ToolTest, MistakesOnTheCommandLineAreErrors) {
+  CToolRun unknown = Run("frobnicate");
+  EXPECT_EQ(unknown.status, 2);
+  EXPECT_THAT(unknown.err, HasSubstr("unknown command 'frobnicate'"));
+  EXPECT_EQ(Run("check --bogus t").status, 2);
+  CToolRun extra = Run("--config x.json scan a b");
+  EXPECT_EQ(extra.status, 2);
+  EXPECT_THAT(extra.err, HasSubstr("unexpected argument 'b'"));
+  CToolRun wrong_option = Run("scan t --json");
+  EXPECT_EQ(wrong_option.status, 2);
+  EXPECT_THAT(wrong_option.err, HasSubstr("signdb scan does not take --json"));
+  EXPECT_EQ(Run("").status, 2);
+}
+
+}  // namespace
