@@ -15,11 +15,11 @@ cmake --build build/asan -j "$jobs"
 (cd build/asan && LC_ALL=C ctest -j "$jobs" --output-on-failure --timeout 600)
 
 cmake -S . -B build/tsan -G Ninja "${sanitizer_flags[@]}" -DSIGNDB_SANITIZE=thread -DSIGNDB_BENCH=OFF
-cmake --build build/tsan -j "$jobs" --target signdb_concurrency_tests signdb_module
+cmake --build build/tsan -j "$jobs" --target signdb_concurrency_tests signdb_module signdb_tool_tests
 (cd build/tsan && TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" \
   ctest -j "$jobs" -L concurrency --output-on-failure --timeout 600)
 
-# The HDB body parser comes from outside: fuzz it for a bounded time.
+# The HDB parsers read files that come from outside: fuzz them for a bounded time.
 SIGNDB_FUZZ_SECONDS="${SIGNDB_FUZZ_SECONDS:-60}" bash scripts/fuzz.sh
 
 echo "all tests passed"

@@ -72,6 +72,27 @@ TEST_F(ToolTest, AScanThenACheckFindsNoDifference) {
   EXPECT_EQ(run.err, "");  // no progress line when standard error is not a terminal
 }
 
+TEST_F(ToolTest, ManyFilesScannedOnSeveralThreadsAreEachRecordedOnce) {
+  for (int d = 0; d < 40; ++d) {
+    for (int f = 0; f < 50; ++f) {
+      Write("d" + std::to_string(d) + "/sub/f" + std::to_string(f), "content " + std::to_string(d * 50 + f));
+    }
+  }
+  Init();
+  std::string config = CTempDir::Read(config_);
+  config.replace(config.find("\"threads\": 0"), 12, "\"threads\": 4");
+  std::ofstream(config_, std::ios::trunc) << config;
+  CToolRun scan = Tool("scan t");
+  ASSERT_EQ(scan.status, 0) << scan.err;
+  EXPECT_THAT(scan.out, HasSubstr("recorded 2,081 objects"));  // root, 80 folders, 2,000 files
+  EXPECT_EQ(Tool("ls t -R").OutLines().size(), 2080u);
+  Write("d7/sub/f7", "changed");
+  CToolRun check = Tool("check t --json");
+  EXPECT_EQ(check.status, 1);
+  EXPECT_EQ(JsonAbout(check, "d7/sub/f7")->getValue<std::string>("change"), "hash changed");
+  EXPECT_EQ(ParseJson(check.OutLines().back())->getObject("summary")->getValue<int>("checked"), 2081);
+}
+
 TEST_F(ToolTest, AContentChangeIsReportedWithTheRecordedAndCurrentHash) {
   ScanSample();
   Write("etc/hosts", "10.0.0.1 intruder\n");
