@@ -9,16 +9,13 @@
 #include "cli/exit_status.h"
 #include "cli/session.h"
 #include "cli/tree_check.h"
-#include "hashdb/hash_db.h"
 
 int RunCheck(const CCommandLine& line) {
   RequireShape(line, {"--json"}, 1, 1);
   CSession session(line);
-  const CRefPolicySettings& policy = session.Policy(line.arguments[0]);
-  session.RequireRoot(policy);
-  std::shared_ptr<CHashDB> database = session.LoadDatabase(policy);
-  CTreeCheckResult result = CheckTree(session, policy, database, line.Has("--quiet"));
-  PrintCheckReport(std::cout, result, policy, line.Has("--json"), false);
+  CPolicyCheck check = CheckNamedPolicy(session, line);
+  const CTreeCheckResult& result = check.result;
+  PrintCheckReport(std::cout, result, check.policy, line.Has("--json"), false);
   if (!result.unreadable.empty()) return kExitError;
   return result.differences.empty() ? kExitOk : kExitDifferences;
 }

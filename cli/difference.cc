@@ -126,6 +126,14 @@ CDifference DescribeDifference(CHashDB& database, uint32_t status, const std::st
     aspects.push_back({CChange::kSecurityChanged, "security attributes",
                        "'" + security + "' -> '" + info->SecurityAttributes() + "'"});
   }
+  // A link target that came or went means a file became a symbolic link, or the other way round.
+  bool link_came = status == kCheckFileTargetAdded || status == kCheckDirectoryTargetAdded;
+  bool link_went = status == kCheckFileTargetRemoved || status == kCheckDirectoryTargetRemoved;
+  if (link_came || link_went) {
+    difference.change = CChange::kKindChanged;
+    difference.detail = link_came ? "file -> symbolic link" : "symbolic link -> file";
+    std::erase_if(aspects, [](const CAspect& aspect) { return aspect.change == CChange::kTargetChanged; });
+  }
   // The first aspect of the reported kind gives the detail; the others are named as well.
   bool detailed = false;
   for (const CAspect& aspect : aspects) {

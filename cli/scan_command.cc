@@ -23,6 +23,7 @@ int RunScan(const CCommandLine& line) {
   auto start = std::chrono::steady_clock::now();
   std::shared_ptr<CHashDB> database = session.NewDatabase(policy);
   CTreeScanner scanner(session.host(), policy.root, session.settings().threads);
+  scanner.Exclude(session.DataFolder());
   {
     CProgressLine progress("scanning " + policy.name, scanner.counters(), quiet);
     scanner.Run(

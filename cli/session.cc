@@ -103,6 +103,10 @@ void CSession::RequireRoot(const CRefPolicySettings& policy) const {
   }
 }
 
+std::string CSession::DataFolder() const {
+  return boost::filesystem::absolute(settings_.data_dir).lexically_normal().string();
+}
+
 std::shared_ptr<CHashDB> CSession::NewDatabase(const CRefPolicySettings& policy) {
   return front_->CreateHashDB(std::make_shared<CRefPolicy>(policy));
 }

@@ -33,6 +33,10 @@ class CSession {
   // Throws CToolError unless the policy's root is a directory that can be listed.
   void RequireRoot(const CRefPolicySettings& policy) const;
 
+  // The tool's own folder (the data folder, databases and log), which a scan leaves out when it
+  // lies inside a policy's tree.
+  std::string DataFolder() const;
+
   // An empty database of the policy, created by the module.
   std::shared_ptr<CHashDB> NewDatabase(const CRefPolicySettings& policy);
   // The policy's saved database, loaded (and its signature verified unless "verify" is false).

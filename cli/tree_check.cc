@@ -5,6 +5,7 @@
 #include <mutex>
 #include <set>
 
+#include "cli/command_line.h"
 #include "cli/progress_line.h"
 #include "cli/session.h"
 #include "cli/tree_scanner.h"
@@ -41,6 +42,7 @@ CTreeCheckResult CheckTree(CSession& session, const CRefPolicySettings& policy,
   int64_t start = MonotonicNanoseconds();
   std::mutex lock;
   CTreeScanner scanner(session.host(), policy.root, session.settings().threads);
+  scanner.Exclude(session.DataFolder());
   {
     CProgressLine progress("checking " + policy.name, scanner.counters(), quiet);
     scanner.Run(
@@ -88,4 +90,12 @@ CTreeCheckResult CheckTree(CSession& session, const CRefPolicySettings& policy,
   std::sort(result.unreadable.begin(), result.unreadable.end());
   result.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start_time).count();
   return result;
+}
+
+CPolicyCheck CheckNamedPolicy(CSession& session, const CCommandLine& line) {
+  const CRefPolicySettings& policy = session.Policy(line.arguments.at(0));
+  session.RequireRoot(policy);
+  std::shared_ptr<CHashDB> database = session.LoadDatabase(policy);
+  CTreeCheckResult result = CheckTree(session, policy, database, line.Has("--quiet"));
+  return CPolicyCheck{policy, database, std::move(result)};
 }

@@ -10,6 +10,7 @@
 
 class CHashDB;
 class CSession;
+struct CCommandLine;
 struct CRefPolicySettings;
 
 // Everything a check of a policy's tree found.
@@ -27,3 +28,14 @@ struct CTreeCheckResult {
 // recorded; only its per-node check stamps change.
 CTreeCheckResult CheckTree(CSession& session, const CRefPolicySettings& policy,
                            const std::shared_ptr<CHashDB>& database, bool quiet);
+
+// The check of the policy that the command line names: its root, its database, what differs.
+struct CPolicyCheck {
+  const CRefPolicySettings& policy;
+  std::shared_ptr<CHashDB> database;
+  CTreeCheckResult result;
+};
+
+// Finds the policy named by the command line's first argument, requires its root, loads its
+// database (refused unless the signature is good) and checks its tree. Throws CToolError.
+CPolicyCheck CheckNamedPolicy(CSession& session, const CCommandLine& line);

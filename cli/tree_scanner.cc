@@ -2,6 +2,7 @@
 
 #include <dirent.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <condition_variable>
 #include <cstring>
@@ -10,29 +11,37 @@
 #include <thread>
 #include <vector>
 
+#include <boost/filesystem/path.hpp>
+
 #include "refhost/file_obj_info.h"
 #include "refhost/ref_host.h"
 #include "refhost/text_conversion.h"
 
 namespace {
 
+// One object still to read: its full path, and whether its directory listed it as a regular file.
+struct CPendingObject {
+  std::string path;
+  bool likely_regular = false;
+};
+
 // The paths still to read, shared by the workers. A path counts as outstanding from the moment it
 // is pushed until its worker has pushed its children, so "no path outstanding" means done.
 class CWorkStack {
  public:
-  void Push(std::vector<std::string>&& paths) {
-    if (paths.empty()) return;
+  void Push(std::vector<CPendingObject>&& objects) {
+    if (objects.empty()) return;
     std::lock_guard<std::mutex> guard(lock_);
-    outstanding_ += paths.size();
-    for (std::string& path : paths) stack_.push_back(std::move(path));
+    outstanding_ += objects.size();
+    for (CPendingObject& object : objects) stack_.push_back(std::move(object));
     ready_.notify_all();
   }
   // Waits for a path; false when everything is done or the walk was stopped.
-  bool Pop(std::string& path) {
+  bool Pop(CPendingObject& object) {
     std::unique_lock<std::mutex> guard(lock_);
     ready_.wait(guard, [this] { return !stack_.empty() || outstanding_ == 0 || stopped_; });
     if (stopped_ || stack_.empty()) return false;
-    path = std::move(stack_.back());
+    object = std::move(stack_.back());
     stack_.pop_back();
     return true;
   }
@@ -54,14 +63,15 @@ class CWorkStack {
  private:
   std::mutex lock_;
   std::condition_variable ready_;
-  std::vector<std::string> stack_;  // depth first: bounded by the entries along one path
+  std::vector<CPendingObject> stack_;  // depth first: bounded by the entries along one path
   size_t outstanding_ = 0;
   bool stopped_ = false;
   std::exception_ptr error_;
 };
 
 // The names in a directory, "." and ".." left out.
-bool ListDirectory(const std::string& path, std::vector<std::string>& children, std::string& reason) {
+bool ListDirectory(const std::string& path, const std::vector<std::string>& excluded,
+                   std::vector<CPendingObject>& children, std::string& reason) {
   DIR* directory = ::opendir(path.c_str());
   if (directory == nullptr) {
     reason = std::string("cannot list: ") + std::strerror(errno);
@@ -72,7 +82,8 @@ bool ListDirectory(const std::string& path, std::vector<std::string>& children, 
   while (const struct dirent* entry = ::readdir(directory)) {
     const char* name = entry->d_name;
     if (name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'))) continue;
-    children.push_back(prefix + name);
+    children.push_back(CPendingObject{prefix + name, entry->d_type == DT_REG});
+    if (std::find(excluded.begin(), excluded.end(), children.back().path) != excluded.end()) children.pop_back();
   }
   bool ok = errno == 0;
   if (!ok) reason = std::string("cannot list: ") + std::strerror(errno);
@@ -83,8 +94,16 @@ bool ListDirectory(const std::string& path, std::vector<std::string>& children, 
 }  // namespace
 
 CTreeScanner::CTreeScanner(CRefHost& host, std::string root, unsigned threads)
-    : host_(host), root_(std::move(root)), wide_root_(Utf8ToWide(root_)), threads_(threads) {
+    : host_(host), root_(std::move(root)), threads_(threads) {
+  while (root_.size() > 1 && root_.back() == '/') root_.pop_back();
+  wide_root_ = Utf8ToWide(root_);
   if (threads_ == 0) threads_ = std::max(1u, std::thread::hardware_concurrency());
+}
+
+void CTreeScanner::Exclude(const std::string& path) {
+  std::string normal = boost::filesystem::path(path).lexically_normal().string();
+  while (normal.size() > 1 && normal.back() == '/') normal.pop_back();
+  if (normal != root_) excluded_.push_back(normal);
 }
 
 std::string CTreeScanner::Relative(const std::string& path) const {
@@ -95,7 +114,7 @@ std::string CTreeScanner::Relative(const std::string& path) const {
 
 void CTreeScanner::Run(const CVisit& visit, const CProblem& problem) {
   CWorkStack work;
-  work.Push({root_});
+  work.Push({CPendingObject{root_, false}});
   std::mutex problem_lock;
   auto report = [&](const std::string& path, const std::string& reason) {
     counters_.unreadable.fetch_add(1, std::memory_order_relaxed);
@@ -107,14 +126,16 @@ void CTreeScanner::Run(const CVisit& visit, const CProblem& problem) {
   CCfgService& cfg = *host_.Cfg();
   uint32_t policy_number = host_.settings().policy_number;
   auto worker = [&] {
-    std::string path;
-    std::vector<std::string> children;
-    while (work.Pop(path)) {
+    CPendingObject object;
+    std::vector<CPendingObject> children;
+    while (work.Pop(object)) {
+      const std::string& path = object.path;
       try {
         std::shared_ptr<CRefFileObjInfo> info;
         std::string reason;
         try {
-          info = CRefFileObjInfo::FromDisk(utility, crypto, cfg, wide_root_, Utf8ToWide(path), policy_number);
+          info = CRefFileObjInfo::FromDisk(utility, crypto, cfg, wide_root_, Utf8ToWide(path), policy_number,
+                                          object.likely_regular);
         } catch (const std::exception& e) {
           reason = e.what();
         }
@@ -128,7 +149,7 @@ void CTreeScanner::Run(const CVisit& visit, const CProblem& problem) {
           visit(info);
           if (info->IsDirectory()) {
             children.clear();
-            if (!ListDirectory(path, children, reason)) report(path, reason);
+            if (!ListDirectory(path, excluded_, children, reason)) report(path, reason);
             work.Push(std::move(children));
           }
         }

@@ -5,6 +5,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 class CRefFileObjInfo;
 class CRefHost;
@@ -29,6 +30,10 @@ class CTreeScanner {
 
   CTreeScanner(CRefHost& host, std::string root, unsigned threads);
 
+  // Leaves out the object at this full path and everything below it (the tool's own data folder,
+  // when it lies inside the tree: it changes with every save).
+  void Exclude(const std::string& path);
+
   // Returns when every object has been visited or reported. Exceptions thrown by "visit" stop the
   // walk and leave Run.
   void Run(const CVisit& visit, const CProblem& problem);
@@ -42,5 +47,6 @@ class CTreeScanner {
   std::string root_;
   std::wstring wide_root_;
   unsigned threads_;
+  std::vector<std::string> excluded_;
   CScanCounters counters_;
 };

@@ -24,10 +24,10 @@ std::wstring FullPath(CSession& session, const CRefPolicySettings& policy, const
 int RunUpdate(const CCommandLine& line) {
   RequireShape(line, {"--json"}, 1, 1);
   CSession session(line);
-  const CRefPolicySettings& policy = session.Policy(line.arguments[0]);
-  session.RequireRoot(policy);
-  std::shared_ptr<CHashDB> database = session.LoadDatabase(policy);
-  CTreeCheckResult result = CheckTree(session, policy, database, line.Has("--quiet"));
+  CPolicyCheck check = CheckNamedPolicy(session, line);
+  const CRefPolicySettings& policy = check.policy;
+  const std::shared_ptr<CHashDB>& database = check.database;
+  const CTreeCheckResult& result = check.result;
   // Removals first: a path that is gone can only have come back as something new in another place.
   for (const CDifference& difference : result.differences) {
     std::shared_ptr<CObjInfo> none;

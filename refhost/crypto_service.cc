@@ -65,6 +65,25 @@ std::string FinishDigest(EVP_MD_CTX* context) {
 
 }  // namespace
 
+std::string HashOpenFile(int fd, uint32_t policy_number, const std::string& name) {
+  ::posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
+  CDigestContext context = StartDigest(policy_number);
+  // One block per thread, kept: hashing many small files should not cost an allocation each.
+  thread_local std::unique_ptr<unsigned char[]> block(new unsigned char[kReadBlock]);
+  for (;;) {
+    ssize_t n = ::read(fd, block.get(), kReadBlock);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      throw std::runtime_error("cannot read " + name + ": " + std::strerror(errno));
+    }
+    if (n == 0) break;
+    if (EVP_DigestUpdate(context.get(), block.get(), static_cast<size_t>(n)) != 1) {
+      throw std::runtime_error("digest failed for " + name);
+    }
+  }
+  return FinishDigest(context.get());
+}
+
 std::string HashBytes(const void* bytes, size_t length, uint32_t policy_number) {
   CDigestContext context = StartDigest(policy_number);
   if (EVP_DigestUpdate(context.get(), bytes, length) != 1) throw std::runtime_error("digest failed");
@@ -85,21 +104,7 @@ std::string CRefCryptoService::HashFile(const std::wstring& path, uint32_t polic
   int fd = ::open(narrow.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
   if (fd < 0) throw std::runtime_error("cannot open " + narrow + ": " + std::strerror(errno));
   std::unique_ptr<int, void (*)(int*)> closer(&fd, [](int* f) { ::close(*f); });
-  ::posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
-  CDigestContext context = StartDigest(policy_number);
-  std::unique_ptr<unsigned char[]> block(new unsigned char[kReadBlock]);
-  for (;;) {
-    ssize_t n = ::read(fd, block.get(), kReadBlock);
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      throw std::runtime_error("cannot read " + narrow + ": " + std::strerror(errno));
-    }
-    if (n == 0) break;
-    if (EVP_DigestUpdate(context.get(), block.get(), static_cast<size_t>(n)) != 1) {
-      throw std::runtime_error("digest failed for " + narrow);
-    }
-  }
-  return FinishDigest(context.get());
+  return HashOpenFile(fd, policy_number, narrow);
 }
 
 std::vector<uint8_t> CRefCryptoService::HashTextToBinary(const std::string& hash_text) {

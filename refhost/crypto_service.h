@@ -32,5 +32,9 @@ class CRefCryptoService : public CCryptoService {
   std::string trust_anchor_;  // the CA file that verified signatures must chain to
 };
 
+// The hash text of the content of an open file, read from its current offset to its end; "name"
+// names it in errors.
+std::string HashOpenFile(int fd, uint32_t policy_number, const std::string& name);
+
 // The hash text of "bytes" under the digest of "policy_number".
 std::string HashBytes(const void* bytes, size_t length, uint32_t policy_number);

@@ -18,18 +18,10 @@
 #include <openssl/x509.h>
 #include <openssl/x509v3.h>
 
+#include "refhost/openssl_handles.h"
 #include "refhost/pkcs7.h"
 
 namespace {
-
-template <typename T, void (*Free)(T*)>
-struct COpenSslFree {
-  void operator()(T* p) const { Free(p); }
-};
-using CBio = std::unique_ptr<BIO, COpenSslFree<BIO, BIO_free_all>>;
-using CX509 = std::unique_ptr<X509, COpenSslFree<X509, X509_free>>;
-using CKey = std::unique_ptr<EVP_PKEY, COpenSslFree<EVP_PKEY, EVP_PKEY_free>>;
-using CExtension = std::unique_ptr<X509_EXTENSION, COpenSslFree<X509_EXTENSION, X509_EXTENSION_free>>;
 
 void Require(bool ok, const char* what) {
   if (!ok) throw std::runtime_error(std::string("making development keys: ") + what + ": " + OpenSslError());

@@ -17,10 +17,14 @@ class CUtilityService;
 class CRefFileObjInfo : public CObjInfo {
  public:
   // Throws std::runtime_error when the object exists but cannot be read (its hash included).
+  // "likely_regular" (a directory listing said so) lets a regular file be opened first and then
+  // examined and hashed through that one descriptor; whatever else the object turns out to be, it
+  // is read as without the hint. Only a hint: a device or FIFO is opened only when one took a
+  // listed file's place meanwhile, and then without blocking and without being read.
   static std::shared_ptr<CRefFileObjInfo> FromDisk(CUtilityService& utility, CCryptoService& crypto,
                                                    CCfgService& cfg, const std::wstring& root,
                                                    const std::wstring& path,
-                                                   uint32_t policy_number);
+                                                   uint32_t policy_number, bool likely_regular = false);
 
   bool IsDirectory() override { return is_dir_; }
   std::wstring RelativePath() override { return relative_; }

@@ -15,3 +15,6 @@ inline uint64_t StatTimeNs(const struct timespec& time) {
 // "owner=UID group=GID mode=OOOO", followed by " acl=..." (numeric ids, comma-separated) when the
 // object carries an extended POSIX access ACL. Symbolic links have no ACL of their own.
 std::string SecurityAttributesText(const std::string& path, const struct stat& status);
+
+// The same, of an open file ("status" from fstat(2) of it).
+std::string SecurityAttributesTextOfOpenFile(int fd, const struct stat& status);

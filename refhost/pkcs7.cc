@@ -13,22 +13,10 @@
 #include <openssl/x509v3.h>
 
 #include "refhost/file_io.h"
+#include "refhost/openssl_handles.h"
 #include "refhost/text_conversion.h"
 
 namespace {
-
-template <typename T, void (*Free)(T*)>
-struct COpenSslFree {
-  void operator()(T* p) const { Free(p); }
-};
-using CBio = std::unique_ptr<BIO, COpenSslFree<BIO, BIO_free_all>>;
-using CX509 = std::unique_ptr<X509, COpenSslFree<X509, X509_free>>;
-using CKey = std::unique_ptr<EVP_PKEY, COpenSslFree<EVP_PKEY, EVP_PKEY_free>>;
-using CPkcs7 = std::unique_ptr<PKCS7, COpenSslFree<PKCS7, PKCS7_free>>;
-using CStore = std::unique_ptr<X509_STORE, COpenSslFree<X509_STORE, X509_STORE_free>>;
-
-void FreeCertificates(STACK_OF(X509)* certificates) { sk_X509_pop_free(certificates, X509_free); }
-using CCertificates = std::unique_ptr<STACK_OF(X509), COpenSslFree<STACK_OF(X509), FreeCertificates>>;
 
 CBio OpenFile(const std::string& path) {
   CBio bio(BIO_new_file(path.c_str(), "rb"));

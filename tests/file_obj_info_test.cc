@@ -76,3 +76,36 @@ TEST_F(FileObjInfoTest, AnObjectThatCannotBeExaminedIsAnError) {
     EXPECT_NE(std::string::npos, std::string(e.what()).find("cannot examine")) << e.what();
   }
 }
+
+class FileObjInfoHintTest : public FileObjInfoTest {
+ protected:
+  std::shared_ptr<CRefFileObjInfo> ReadHinted(const std::string& relative) {
+    return CRefFileObjInfo::FromDisk(utility_, crypto_, cfg_, Utf8ToWide(dir_.path().string()),
+                                     Utf8ToWide(dir_ / relative), 256, true);
+  }
+  // Everything the database compares, as one text.
+  static std::string Summary(const std::shared_ptr<CRefFileObjInfo>& info) {
+    return std::to_string(info->IsDirectory()) + "|" + std::to_string(info->IsGone()) + "|" +
+           std::to_string(info->Size()) + "|" + std::to_string(info->Attributes()) + "|" +
+           std::to_string(info->Time1()) + "|" + std::to_string(info->Time2()) + "|" + info->HashText() + "|" +
+           info->SecurityAttributes() + "|" + info->TargetPath() + "|" + WideToUtf8(info->RelativePath());
+  }
+};
+
+TEST_F(FileObjInfoHintTest, AFileReadThroughItsDescriptorIsReadAsWithoutTheHint) {
+  std::string file = dir_.Write("etc/hosts", "abc");
+  ::chmod(file.c_str(), 0604);
+  EXPECT_EQ(Summary(Read("etc/hosts")), Summary(ReadHinted("etc/hosts")));
+  EXPECT_EQ("ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad", ReadHinted("etc/hosts")->HashText());
+}
+
+TEST_F(FileObjInfoHintTest, AWrongHintChangesNothing) {
+  dir_.Write("d/f", "x");
+  ASSERT_EQ(0, ::symlink("d/f", (dir_ / "link").c_str()));
+  ASSERT_EQ(0, ::mkfifo((dir_ / "fifo").c_str(), 0600));  // opening it would block without care
+  for (const char* name : {"d", "link", "fifo", "missing"}) {
+    EXPECT_EQ(Summary(Read(name)), Summary(ReadHinted(name))) << name;
+  }
+  EXPECT_EQ("d/f", ReadHinted("link")->TargetPath());
+  EXPECT_TRUE(ReadHinted("missing")->IsGone());
+}

@@ -93,6 +93,20 @@ TEST_F(ToolTest, ManyFilesScannedOnSeveralThreadsAreEachRecordedOnce) {
   EXPECT_EQ(ParseJson(check.OutLines().back())->getObject("summary")->getValue<int>("checked"), 2081);
 }
 
+TEST_F(ToolTest, TheToolsOwnDataFolderInsideTheTreeIsLeftOut) {
+  Write("a", "a\n");
+  config_ = Tree("signdb/signdb.json");
+  ASSERT_EQ(Run("init --config tree/signdb/signdb.json --policy t=tree").status, 0);
+  ASSERT_EQ(Tool("scan t").status, 0);
+  CToolRun again = Tool("update t");
+  EXPECT_THAT(again.out, HasSubstr("nothing to accept")) << again.out;
+  CToolRun check = Tool("check t");
+  EXPECT_EQ(check.status, 0) << check.out;
+  CToolRun listed = Tool("ls t -R");
+  EXPECT_THAT(listed.out, HasSubstr("signdb/keys/"));
+  EXPECT_EQ(listed.out.find("signdb/data"), std::string::npos) << listed.out;
+}
+
 TEST_F(ToolTest, AContentChangeIsReportedWithTheRecordedAndCurrentHash) {
   ScanSample();
   Write("etc/hosts", "10.0.0.1 intruder\n");
@@ -186,6 +200,20 @@ TEST_F(ToolTest, AFileReplacedByADirectoryIsAChangeOfKind) {
   CToolRun run = Tool("check t");
   EXPECT_THAT(LineAbout(run, "etc/motd/"), AllOf(StartsWith("kind changed"), HasSubstr("file -> directory")));
   EXPECT_THAT(LineAbout(run, "etc/motd/part"), StartsWith("new"));
+}
+
+TEST_F(ToolTest, AFileReplacedByASymbolicLinkIsAChangeOfKind) {
+  ScanSample();
+  boost::filesystem::remove(Tree("etc/motd"));
+  Symlink("hosts", "etc/motd");
+  boost::filesystem::remove(Tree("hosts-link"));
+  Write("hosts-link", "now a file\n");
+  CToolRun run = Tool("check t");
+  EXPECT_THAT(LineAbout(run, "etc/motd"), AllOf(StartsWith("kind changed"), HasSubstr("file -> symbolic link")));
+  EXPECT_THAT(LineAbout(run, "hosts-link"), AllOf(StartsWith("kind changed"), HasSubstr("symbolic link -> file")));
+  CToolRun json = Tool("check t --json");
+  EXPECT_EQ(JsonAbout(json, "etc/motd")->getValue<int>("code"), 4110);
+  EXPECT_EQ(JsonAbout(json, "hosts-link")->getValue<int>("code"), 4112);
 }
 
 TEST_F(ToolTest, EveryJsonLineParsesAndTheSummaryComesLast) {
