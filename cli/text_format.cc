@@ -1,11 +1,13 @@
 #include "cli/text_format.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <sstream>
 
 #include <Poco/DateTimeFormatter.h>
 #include <Poco/JSON/Stringifier.h>
 #include <Poco/Timestamp.h>
+#include <Poco/UTF8Encoding.h>
 
 std::string GroupedNumber(uint64_t value) {
   std::string digits = std::to_string(value);
@@ -44,8 +46,27 @@ std::string TimeText(uint64_t nanoseconds) {
   return Poco::DateTimeFormatter::format(time, "%Y-%m-%d %H:%M:%S") + fraction + " UTC";
 }
 
+std::string ValidUtf8(const std::string& text) {
+  Poco::UTF8Encoding utf8;
+  std::string valid;
+  valid.reserve(text.size());
+  const auto* bytes = reinterpret_cast<const unsigned char*>(text.data());
+  for (size_t i = 0; i < text.size();) {
+    int left = static_cast<int>(std::min<size_t>(text.size() - i, 8));
+    int length = utf8.sequenceLength(bytes + i, left);
+    if (length > 0 && length <= left && Poco::UTF8Encoding::isLegal(bytes + i, length)) {
+      valid.append(text, i, static_cast<size_t>(length));
+      i += static_cast<size_t>(length);
+    } else {
+      valid += "\xEF\xBF\xBD";  // U+FFFD REPLACEMENT CHARACTER
+      ++i;
+    }
+  }
+  return valid;
+}
+
 std::string JsonString(const std::string& text) {
   std::ostringstream out;
-  Poco::JSON::Stringifier::formatString(text, out);
+  Poco::JSON::Stringifier::formatString(ValidUtf8(text), out);
   return out.str();
 }

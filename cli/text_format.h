@@ -9,5 +9,7 @@ std::string ByteSize(uint64_t bytes);
 std::string OctalMode(uint32_t mode);
 // A time in nanoseconds since the epoch, in UTC; "unknown" for all bits set.
 std::string TimeText(uint64_t nanoseconds);
-// A JSON string literal (quotes included) of UTF-8 text.
+// The text with every byte that is not part of a valid UTF-8 sequence replaced by U+FFFD.
+std::string ValidUtf8(const std::string& text);
+// A JSON string literal (quotes included) of UTF-8 text; invalid bytes become U+FFFD.
 std::string JsonString(const std::string& text);

@@ -405,6 +405,19 @@ TEST_F(ToolTest, UnreadableFilesAreNamedAndCountedAndNeverReportedAsGone) {
   EXPECT_EQ(JsonAbout(later, "closed/secret")->getValue<std::string>("change"), "new");
 }
 
+TEST_F(ToolTest, ANameThatIsNotUtf8IsReportedNeverSkippedInSilence) {
+  Write("ok", "ok\n");
+  Write("bad\xffname", "hidden\n");
+  Init();
+  CToolRun scan = Tool("scan t");
+  EXPECT_EQ(scan.status, 2);
+  EXPECT_THAT(scan.err, HasSubstr("the name is not valid UTF-8"));
+  CToolRun check = Tool("check t --json");
+  EXPECT_EQ(check.status, 2);
+  for (const std::string& line : check.OutLines()) EXPECT_NO_THROW(ParseJson(line)) << line;
+  EXPECT_EQ(JsonAbout(check, "bad\xef\xbf\xbdname")->getValue<std::string>("change"), "unreadable");
+}
+
 TEST_F(ToolTest, AMissingRootIsAnErrorThatLeavesTheDatabaseAlone) {
   ScanSample();
   std::string hdb = CTempDir::Read(Data("t.hdb"));

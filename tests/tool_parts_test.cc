@@ -170,3 +170,13 @@ TEST(ToolHdbDump, ANodeCountThatDisagreesWithTheRecordsIsReported) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(ToolText, JsonStaysValidForNamesThatAreNotUtf8) {
+  EXPECT_EQ(JsonString("caf\xc3\xa9"), "\"caf\xc3\xa9\"");
+  EXPECT_EQ(JsonString("bad\xffname"), "\"bad\xef\xbf\xbdname\"");
+  EXPECT_EQ(ValidUtf8("\xc3"), "\xef\xbf\xbd");  // a sequence cut short
+}
+
+}  // namespace
