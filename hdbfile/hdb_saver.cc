@@ -108,6 +108,13 @@ void CHashDBImpl::Save() {
   {
     auto helper = std::make_shared<CWriteLeavesHelper>(
         CWriteLeavesHelper{output, &total_nodes, utility_->MakeBufferedWriter(output, kWriterCapacity)});
+    // The pool may release its tasks, and with them the visitor's share of the helper, after the
+    // walk has ended and even after this save has returned. The writer refers to "output": it is
+    // destroyed here, on every way out, never by a late release.
+    struct CWriterDrop {
+      CWriteLeavesHelper& helper;
+      ~CWriterDrop() { helper.writer.reset(); }
+    } drop{*helper};
     auto visitor = std::make_shared<CNodeVisitor>([this, helper](const std::shared_ptr<CHashNode>& node) {
       WriteNode(*helper->writer, node);
       helper->total_nodes->fetch_add(1);

@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include "refhost/log_service.h"
 #include "tests/persistence_fixture.h"
+#include "tests/scripted_pool.h"
 
 namespace {
 
@@ -239,4 +241,83 @@ TEST_F(HdbSaveTest, AFileFromAnotherPlatformKeepsOnlyThePortableFields) {
   EXPECT_EQ("", loaded->FindNode(L"linked")->target_path);
   EXPECT_EQ(200u, passwd->time_2);
   EXPECT_EQ(1234u, passwd->size);
+}
+
+namespace {
+
+// Runs each task at once but keeps it until told: a pool that releases its tasks late, after
+// the walk that submitted them has ended.
+class CLateReleasePool : public CThreadPool {
+ public:
+  void Submit(std::function<void()> task) override {
+    task();
+    kept_.push_back(std::move(task));
+  }
+  void FinishRun() override {}
+  void PrepareRun() override {}
+  uint32_t ThreadCount() override { return 1; }
+  std::string StatusText() override { return " [late release pool]"; }
+  bool AllFinished() override { return true; }
+  bool WaitAllFinished(uint32_t) override { return true; }
+  void ReleaseKept() { kept_.clear(); }
+  size_t Kept() const { return kept_.size(); }
+
+ private:
+  std::vector<std::function<void()>> kept_;
+};
+
+// A buffered writer that says when it is gone.
+class CWatchedWriter : public CBufferedWriter {
+ public:
+  CWatchedWriter(std::shared_ptr<CBufferedWriter> writer, std::shared_ptr<bool> gone)
+      : writer_(std::move(writer)), gone_(std::move(gone)) {}
+  ~CWatchedWriter() override { *gone_ = true; }
+  void Write(const void* data, uint64_t length) override { writer_->Write(data, length); }
+  void Flush() override { writer_->Flush(); }
+
+ private:
+  std::shared_ptr<CBufferedWriter> writer_;
+  std::shared_ptr<bool> gone_;
+};
+
+class CWatchingUtility : public CRefUtilityService {
+ public:
+  using CRefUtilityService::CRefUtilityService;
+  std::shared_ptr<CBufferedWriter> MakeBufferedWriter(std::ostream& out, uint64_t capacity) override {
+    writer_gone = std::make_shared<bool>(false);
+    return std::make_shared<CWatchedWriter>(CRefUtilityService::MakeBufferedWriter(out, capacity), writer_gone);
+  }
+  std::shared_ptr<bool> writer_gone;
+};
+
+class CWatchingHost : public CHostWithPool<CRefHost> {
+ public:
+  CWatchingHost(const CRefSettings& settings, std::shared_ptr<CThreadPool> pool)
+      : CHostWithPool<CRefHost>(settings, std::move(pool)),
+        watching_(std::make_shared<CWatchingUtility>(std::make_shared<CRefLogService>("error", false, ""), "")),
+        utility_(watching_) {}
+  const std::shared_ptr<CUtilityService>& Utility() override { return utility_; }
+  CWatchingUtility& watching() { return *watching_; }
+
+ private:
+  std::shared_ptr<CWatchingUtility> watching_;
+  std::shared_ptr<CUtilityService> utility_;
+};
+
+}  // namespace
+
+TEST_F(HdbSaveTest, TheWriterOfTheFileIsGoneWhenTheSaveReturnsHoweverLateThePoolReleasesItsTasks) {
+  auto pool = std::make_shared<CLateReleasePool>();
+  auto host = std::make_shared<CWatchingHost>(settings_, pool);
+  host_ = host;
+  db_ = MakeDb();
+  InsertFile(L"d/f", "aa");
+  InsertFile(L"g", "bb");
+  db_->Save();
+  ASSERT_GT(pool->Kept(), 0u);
+  ASSERT_TRUE(host->watching().writer_gone);
+  EXPECT_TRUE(*host->watching().writer_gone);  // not left for the late release to destroy
+  pool->ReleaseKept();
+  std::shared_ptr<CHashDBImpl> loaded = MakeDb();
+  EXPECT_TRUE(LoadSaved(loaded));
 }
