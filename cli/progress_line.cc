@@ -12,6 +12,7 @@ CProgressLine::CProgressLine(std::string label, const CScanCounters& counters, b
   if (quiet || !::isatty(STDERR_FILENO)) return;
   painter_ = std::thread([this] {
     std::unique_lock<std::mutex> guard(lock_);
+    Draw();  // at once, so that even a short scan says what it did on a terminal
     while (!stop_signal_.wait_for(guard, std::chrono::milliseconds(250), [this] { return stop_; })) Draw();
   });
 }

@@ -107,6 +107,18 @@ TEST_F(ToolTest, TheToolsOwnDataFolderInsideTheTreeIsLeftOut) {
   EXPECT_EQ(listed.out.find("signdb/data"), std::string::npos) << listed.out;
 }
 
+TEST_F(ToolTest, AProgressLineShowsOnATerminalUnlessQuiet) {
+  if (std::system("script -qec true /dev/null >/dev/null 2>&1") != 0) GTEST_SKIP() << "no pseudo-terminal here";
+  Write("a", "a\n");
+  Init();
+  // "script" runs the tool on a pseudo-terminal and copies what the terminal showed.
+  CToolRun shown = RunShell("script -qec \"'" SIGNDB_TOOL_PATH "' --config '" + config_ + "' scan t\" /dev/null");
+  EXPECT_THAT(shown.out, AllOf(HasSubstr("scanning t: "), HasSubstr(" objects/s"), HasSubstr("recorded 2 objects")));
+  CToolRun quiet = RunShell("script -qec \"'" SIGNDB_TOOL_PATH "' --config '" + config_ + "' scan t -q\" /dev/null");
+  EXPECT_THAT(quiet.out, HasSubstr("recorded 2 objects"));
+  EXPECT_EQ(quiet.out.find("scanning t: "), std::string::npos);
+}
+
 TEST_F(ToolTest, AContentChangeIsReportedWithTheRecordedAndCurrentHash) {
   ScanSample();
   Write("etc/hosts", "10.0.0.1 intruder\n");

@@ -39,11 +39,15 @@ class ToolTest : public ::testing::Test {
   // Runs "signdb ARGS" in the work folder; "as_nobody" drops to uid/gid 65534 first (when root),
   // for files that only root could read.
   CToolRun Run(const std::string& args, bool as_nobody = false) const {
+    std::string prefix = as_nobody && ::geteuid() == 0 ? "setpriv --reuid=65534 --regid=65534 --clear-groups " : "";
+    return RunShell(prefix + "'" SIGNDB_TOOL_PATH "' " + args);
+  }
+  // Runs a shell command line in the work folder.
+  CToolRun RunShell(const std::string& command_line) const {
     std::string out = dir_ / "stdout.txt";
     std::string err = dir_ / "stderr.txt";
-    std::string prefix = as_nobody && ::geteuid() == 0 ? "setpriv --reuid=65534 --regid=65534 --clear-groups " : "";
-    std::string command = "cd '" + dir_.path().string() + "' && " + prefix + "'" SIGNDB_TOOL_PATH "' " + args +
-                          " >'" + out + "' 2>'" + err + "' </dev/null";
+    std::string command = "cd '" + dir_.path().string() + "' && " + command_line + " >'" + out + "' 2>'" + err +
+                          "' </dev/null";
     int raw = std::system(command.c_str());
     CToolRun run;
     run.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : 128 + WTERMSIG(raw);
