@@ -120,18 +120,23 @@ int RunShow(const CCommandLine& line) {
               << ",\"touched_recently\":" << (touched ? "true" : "false") << "}\n";
     return kExitOk;
   }
-  std::cout << "path:               " << session.Narrow(full) << "\n"
-            << "kind:               " << kind << "\n";
+  auto field = [](const char* label, const std::string& value) {
+    char padded[32];
+    std::snprintf(padded, sizeof padded, "%-21s", label);
+    std::cout << padded << value << "\n";
+  };
+  field("path:", session.Narrow(full));
+  field("kind:", kind);
   if (!is_dir) {
-    std::cout << "size:               " << GroupedNumber(size) << " bytes\n"
-              << "hash:               " << (hash.empty() ? "(none)" : hash) << "\n";
+    field("size:", GroupedNumber(size) + " bytes");
+    field("hash:", hash.empty() ? "(none)" : hash);
   }
-  std::cout << "attributes:         " << mode << "\n"
-            << "status changed:     " << TimeText(time_1) << "\n"
-            << "modified:           " << TimeText(time_2) << "\n"
-            << "security:           " << (security.empty() ? "(none)" : security) << "\n";
-  if (!target.empty()) std::cout << "link target:        " << target << "\n";
-  std::cout << "below a link target: " << (under_target ? "yes" : "no") << "\n"
-            << "touched recently:   " << (touched ? "yes" : "no") << "\n";
+  field("attributes:", mode);
+  field("status changed:", TimeText(time_1));
+  field("modified:", TimeText(time_2));
+  field("security:", security.empty() ? "(none)" : security);
+  if (!target.empty()) field("link target:", target);
+  field("below a link target:", under_target ? "yes" : "no");
+  field("touched recently:", touched ? "yes" : "no");
   return kExitOk;
 }

@@ -351,8 +351,9 @@ TEST_F(ToolTest, LsAndShowTellWhatWasRecorded) {
   EXPECT_EQ(Tool("ls t -R").OutLines().size(), 9u);
   CToolRun show = Tool("show t etc/hosts");
   EXPECT_EQ(show.status, 0) << show.err;
-  EXPECT_THAT(show.out, AllOf(HasSubstr("kind:               file"), HasSubstr("size:               20 bytes"),
-                              HasSubstr(Sha256("127.0.0.1 localhost\n")), HasSubstr("attributes:         100644")));
+  EXPECT_THAT(show.out, AllOf(HasSubstr("kind:                file\n"), HasSubstr("size:                20 bytes\n"),
+                              HasSubstr("hash:                " + Sha256("127.0.0.1 localhost\n")),
+                              HasSubstr("attributes:          100644\n"), HasSubstr("below a link target: no\n")));
   CToolRun full = Tool("show t '" + Tree("hosts-link") + "' --json");
   EXPECT_EQ(ParseJson(full.out)->getValue<std::string>("target"), "etc/hosts");
   CToolRun missing = Tool("show t etc/shadow");
