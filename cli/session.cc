@@ -161,7 +161,12 @@ std::string CSession::Save(const std::shared_ptr<CHashDB>& database, const CRefP
       DurableRename(to + ".tmp", to);
     }
   }
-  database->Save();
+  try {
+    database->Save();
+  } catch (const std::exception& e) {
+    throw CToolError(std::string(e.what()) + "\n  the database was not saved; " + current +
+                     (boost::filesystem::exists(current, missing) ? " stays as it was" : " does not exist yet"));
+  }
   front_->WriteRevisionFile(policy.name);
   return Narrow(database->HdbFilePath(false));
 }

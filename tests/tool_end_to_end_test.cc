@@ -266,6 +266,39 @@ TEST_F(ToolTest, AnUpdateAcceptsTheChangesAndTheNextCheckIsClean) {
   EXPECT_THAT(nothing.out, HasSubstr("nothing to accept"));
 }
 
+TEST_F(ToolTest, AnUpdateAcceptsGoneFoldersAndChangesOfKind) {
+  ScanSample();
+  boost::filesystem::remove_all(Tree("etc"));
+  Write("etc", "now a file\n");
+  boost::filesystem::remove_all(Tree("docs"));
+  boost::filesystem::remove(Tree("bin/tool"));
+  Write("bin/tool/inside", "now a folder\n");
+  CToolRun update = Tool("update t");
+  EXPECT_EQ(update.status, 0) << update.out << update.err;
+  EXPECT_THAT(LineAbout(update, "etc"), StartsWith("kind changed"));
+  EXPECT_THAT(LineAbout(update, "docs/"), StartsWith("gone"));
+  CToolRun check = Tool("check t");
+  EXPECT_EQ(check.status, 0) << check.out;
+  EXPECT_EQ(Tool("ls t -R").OutLines().size(), 5u);  // bin/, bin/tool/, bin/tool/inside, etc, hosts-link
+}
+
+TEST_F(ToolTest, ASaveThatCannotSignLeavesThePreviousDatabaseAsItWas) {
+  ScanSample();
+  std::string hdb = CTempDir::Read(Data("t.hdb"));
+  std::string signature = CTempDir::Read(Data("t.hdb.p7s"));
+  boost::filesystem::rename(dir_ / "cfg/keys/signer.key", dir_ / "cfg/keys/signer.key.away");
+  Write("etc/new", "new\n");
+  CToolRun scan = Tool("scan t");
+  EXPECT_EQ(scan.status, 2);
+  EXPECT_THAT(scan.err, AllOf(HasSubstr("cannot read " + (dir_ / "cfg/keys/signer.key")),
+                              HasSubstr("the database was not saved; " + Data("t.hdb") + " stays as it was")));
+  CToolRun update = Tool("update t");
+  EXPECT_EQ(update.status, 2);
+  EXPECT_EQ(CTempDir::Read(Data("t.hdb")), hdb);
+  EXPECT_EQ(CTempDir::Read(Data("t.hdb.p7s")), signature);
+  EXPECT_EQ(Tool("verify '" + Data("t.hdb") + "'").status, 0);
+}
+
 TEST_F(ToolTest, DiffListsWhatChangedSinceThePreviousDatabase) {
   ScanSample();
   Write("etc/hosts", "changed\n");
