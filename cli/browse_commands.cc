@@ -33,11 +33,6 @@ std::string RelativeArgument(const CRefPolicySettings& policy, std::string path)
   return path == "." ? "" : path;
 }
 
-std::wstring FullPath(CSession& session, const CRefPolicySettings& policy, const std::string& relative) {
-  std::string root = policy.root.back() == '/' ? policy.root : policy.root + "/";
-  return session.Wide(relative.empty() ? policy.root : root + relative);
-}
-
 std::string Parent(const std::string& relative) {
   size_t slash = relative.rfind('/');
   return slash == std::string::npos ? std::string() : relative.substr(0, slash);
@@ -51,7 +46,7 @@ int RunList(const CCommandLine& line) {
   const CRefPolicySettings& policy = session.Policy(line.arguments[0]);
   std::string directory = RelativeArgument(policy, line.arguments.size() > 1 ? line.arguments[1] : "");
   std::shared_ptr<CHashDB> database = session.LoadDatabase(policy);
-  if (!database->ExistsAs(FullPath(session, policy, directory), true)) {
+  if (!database->ExistsAs(session.WideFullPath(policy, directory), true)) {
     throw CToolError("no directory " + (directory.empty() ? std::string(".") : directory) +
                      " is recorded in policy '" + policy.name + "'");
   }
@@ -62,7 +57,7 @@ int RunList(const CCommandLine& line) {
   for (const CPathEntry& entry : *entries) {
     std::string relative = WideToUtf8(entry.second);
     if (relative == directory || (!recursive && Parent(relative) != directory)) continue;
-    std::wstring full = FullPath(session, policy, relative);
+    std::wstring full = session.WideFullPath(policy, relative);
     bool target_is_dir = false;
     std::string target = WideToUtf8(database->TargetOfObject(full, target_is_dir));
     std::string hash = entry.first ? std::string() : database->HashOfObject(full);
@@ -90,7 +85,7 @@ int RunShow(const CCommandLine& line) {
   const CRefPolicySettings& policy = session.Policy(line.arguments[0]);
   std::string relative = RelativeArgument(policy, line.arguments[1]);
   std::shared_ptr<CHashDB> database = session.LoadDatabase(policy);
-  std::wstring full = FullPath(session, policy, relative);
+  std::wstring full = session.WideFullPath(policy, relative);
   bool is_dir = database->IsDirectory(full);
   if (!database->ExistsAs(full, is_dir)) {
     std::cerr << "signdb: " << (relative.empty() ? "." : relative) << " is not recorded in policy '" << policy.name
@@ -109,8 +104,7 @@ int RunShow(const CCommandLine& line) {
   bool under_target = database->IsUnderTarget(full);
   bool touched = database->TouchedRecently(full);
   std::string kind = is_dir ? "directory" : target.empty() ? "file" : "symbolic link";
-  char mode[16];
-  std::snprintf(mode, sizeof mode, "%06o", static_cast<unsigned>(attributes));
+  std::string mode = AttributesText(attributes);
   if (line.Has("--json")) {
     std::cout << "{\"path\":" << JsonString(session.Narrow(full)) << ",\"relative\":" << JsonString(relative)
               << ",\"kind\":" << JsonString(kind) << ",\"size\":" << size << ",\"hash\":" << JsonString(hash)

@@ -14,12 +14,6 @@ namespace {
 constexpr uint64_t kUnknownTime = ~0ull;
 constexpr uint32_t kUnknownAttributes = 0xFFFFFFFFu;
 
-std::string Mode(uint32_t attributes) {
-  char text[16];
-  std::snprintf(text, sizeof text, "%06o", static_cast<unsigned>(attributes));
-  return text;
-}
-
 bool SameHash(const std::string& a, const std::string& b) {
   return std::equal(a.begin(), a.end(), b.begin(), b.end(),
                     [](char x, char y) { return std::tolower(static_cast<unsigned char>(x)) ==
@@ -112,7 +106,7 @@ CDifference DescribeDifference(CHashDB& database, uint32_t status, const std::st
   }
   if (attributes != kUnknownAttributes && info->Attributes() != kUnknownAttributes &&
       attributes != info->Attributes()) {
-    aspects.push_back({CChange::kAttributesChanged, "mode", "mode " + Mode(attributes) + " -> " + Mode(info->Attributes())});
+    aspects.push_back({CChange::kAttributesChanged, "mode", "mode " + AttributesText(attributes) + " -> " + AttributesText(info->Attributes())});
   }
   if (time_2 != kUnknownTime && info->Time2() != kUnknownTime && time_2 != info->Time2() && !difference.is_dir) {
     aspects.push_back({CChange::kTimesChanged, "modification time",

@@ -28,12 +28,6 @@ std::string HexNumber(uint64_t value, int width) {
   return text;
 }
 
-std::string Octal(uint32_t value) {
-  char text[16];
-  std::snprintf(text, sizeof text, "%06o", static_cast<unsigned>(value));
-  return text;
-}
-
 std::string Text(const uint8_t* bytes, size_t length) {
   return std::string(reinterpret_cast<const char*>(bytes), length);
 }
@@ -114,7 +108,7 @@ bool DumpHdb(const uint8_t* data, uint64_t size, bool json, std::ostream& out, s
           << ",\"path\":" << JsonString(path) << ",\"security\":" << JsonString(security)
           << ",\"target\":" << JsonString(target) << "}}\n";
     } else {
-      out << "@" << offset << (record.directory ? " d " : " f ") << Octal(record.attributes) << " size=" << record.size
+      out << "@" << offset << (record.directory ? " d " : " f ") << AttributesText(record.attributes) << " size=" << record.size
           << " time_1=" << record.time_1 << " time_2=" << record.time_2 << " hash=" << (hash.empty() ? "-" : hash)
           << " path=" << JsonString(path) << " security=" << JsonString(security);
       if (!target.empty()) out << " target=" << JsonString(target);

@@ -186,5 +186,14 @@ std::vector<std::string> CSession::TakeProblems() {
   return lines;
 }
 
+std::string CSession::FullPath(const CRefPolicySettings& policy, const std::string& relative) const {
+  if (relative.empty()) return policy.root;
+  return (policy.root.back() == '/' ? policy.root : policy.root + "/") + relative;
+}
+
+std::wstring CSession::WideFullPath(const CRefPolicySettings& policy, const std::string& relative) {
+  return Wide(FullPath(policy, relative));
+}
+
 std::wstring CSession::Wide(const std::string& text) { return Utf8ToWide(text); }
 std::string CSession::Narrow(const std::wstring& text) { return WideToUtf8(text); }

@@ -56,6 +56,10 @@ class CSession {
   // The module's warnings and errors since the last call, one per line.
   std::vector<std::string> TakeProblems();
 
+  // The full path of an object given relative to the policy's root ("" is the root itself).
+  std::string FullPath(const CRefPolicySettings& policy, const std::string& relative) const;
+  std::wstring WideFullPath(const CRefPolicySettings& policy, const std::string& relative);
+
   // The objects' paths in the module's form, and back.
   std::wstring Wide(const std::string& text);
   std::string Narrow(const std::wstring& text);

@@ -32,9 +32,9 @@ std::string ByteSize(uint64_t bytes) {
   return text;
 }
 
-std::string OctalMode(uint32_t mode) {
+std::string AttributesText(uint32_t attributes) {
   char text[16];
-  std::snprintf(text, sizeof text, "%04o", static_cast<unsigned>(mode & 07777));
+  std::snprintf(text, sizeof text, "%06o", static_cast<unsigned>(attributes));
   return text;
 }
 

@@ -3,10 +3,10 @@
 #include <cstdint>
 #include <string>
 
-// Texts for people: "1,234,567", "1.2 GiB", "0644", "2026-11-22 10:00:00.123456789".
+// Texts for people: "1,234,567", "1.2 GiB", "100644", "2026-11-22 10:00:00.123456789".
 std::string GroupedNumber(uint64_t value);
 std::string ByteSize(uint64_t bytes);
-std::string OctalMode(uint32_t mode);
+std::string AttributesText(uint32_t attributes);  // the whole st_mode, six octal digits
 // A time in nanoseconds since the epoch, in UTC; "unknown" for all bits set.
 std::string TimeText(uint64_t nanoseconds);
 // The text with every byte that is not part of a valid UTF-8 sequence replaced by U+FFFD.

@@ -66,14 +66,13 @@ CTreeCheckResult CheckTree(CSession& session, const CRefPolicySettings& policy,
   for (const auto& [path, reason] : result.unreadable) unreadable.insert(path);
   std::shared_ptr<CPathEntryList> unseen = database->ChangedSince(nullptr, start, std::wstring());
   CRefHost& host = session.host();
-  std::string root = policy.root.back() == '/' ? policy.root : policy.root + "/";
   for (const CPathEntry& entry : *unseen) {
     std::string relative = WideToUtf8(entry.second);
     if (InsideUnreadable(unreadable, relative)) continue;
     std::shared_ptr<CRefFileObjInfo> info;
     try {
       info = CRefFileObjInfo::FromDisk(*host.Utility(), *host.Crypto(), *host.Cfg(), Utf8ToWide(policy.root),
-                                       Utf8ToWide(root + relative), session.settings().policy_number);
+                                       session.WideFullPath(policy, relative), session.settings().policy_number);
     } catch (const std::exception& e) {
       result.unreadable.emplace_back(relative, e.what());
       continue;

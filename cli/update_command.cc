@@ -12,15 +12,6 @@
 #include "hashdb/hash_db.h"
 #include "refhost/file_obj_info.h"
 
-namespace {
-
-std::wstring FullPath(CSession& session, const CRefPolicySettings& policy, const std::string& relative) {
-  std::string root = policy.root.back() == '/' ? policy.root : policy.root + "/";
-  return session.Wide(root + relative);
-}
-
-}  // namespace
-
 int RunUpdate(const CCommandLine& line) {
   RequireShape(line, {"--json"}, 1, 1);
   CSession session(line);
@@ -32,9 +23,9 @@ int RunUpdate(const CCommandLine& line) {
   for (const CDifference& difference : result.differences) {
     std::shared_ptr<CObjInfo> none;
     if (difference.change == CChange::kGone) {
-      database->RemoveObject(none, FullPath(session, policy, difference.path));
+      database->RemoveObject(none, session.WideFullPath(policy, difference.path));
     } else if (difference.change == CChange::kRenamed) {
-      database->RemoveObject(none, FullPath(session, policy, difference.from));
+      database->RemoveObject(none, session.WideFullPath(policy, difference.from));
     }
   }
   for (const CDifference& difference : result.differences) {
