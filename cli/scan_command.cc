@@ -1,8 +1,11 @@
 // signdb scan POLICY: records every object below the policy's root into a new signed database.
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <iostream>
+#include <utility>
+#include <vector>
 
 #include "cli/command_line.h"
 #include "cli/commands.h"
@@ -23,6 +26,7 @@ int RunScan(const CCommandLine& line) {
   auto start = std::chrono::steady_clock::now();
   std::shared_ptr<CHashDB> database = session.NewDatabase(policy);
   CTreeScanner scanner(session.host(), policy.root, session.settings().threads);
+  std::vector<std::pair<std::string, std::string>> unreadable;  // path, reason
   scanner.Exclude(session.DataFolder());
   {
     CProgressLine progress("scanning " + policy.name, scanner.counters(), quiet);
@@ -32,9 +36,12 @@ int RunScan(const CCommandLine& line) {
           database->InsertObject(immediate, info);
         },
         [&](const std::string& relative, const std::string& reason) {
-          std::cerr << "signdb: cannot read " << (relative.empty() ? "." : relative) << " (" << reason << ")\n";
+          unreadable.emplace_back(relative.empty() ? "." : relative, reason);  // under the scanner's lock
         });
   }
+  // Named once the progress line is gone, in order.
+  std::sort(unreadable.begin(), unreadable.end());
+  for (const auto& [path, reason] : unreadable) std::cerr << "signdb: cannot read " << path << " (" << reason << ")\n";
   std::string saved = session.Save(database, policy);
   double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   const CScanCounters& counters = scanner.counters();
