@@ -4,6 +4,8 @@
 #include <cstdio>
 #include <map>
 
+#include <boost/algorithm/string/predicate.hpp>
+
 #include "cli/text_format.h"
 #include "hashdb/hash_db.h"
 #include "refhost/file_obj_info.h"
@@ -14,11 +16,8 @@ namespace {
 constexpr uint64_t kUnknownTime = ~0ull;
 constexpr uint32_t kUnknownAttributes = 0xFFFFFFFFu;
 
-bool SameHash(const std::string& a, const std::string& b) {
-  return std::equal(a.begin(), a.end(), b.begin(), b.end(),
-                    [](char x, char y) { return std::tolower(static_cast<unsigned char>(x)) ==
-                                                std::tolower(static_cast<unsigned char>(y)); });
-}
+// Hash texts are hex: compared as the host compares them, without regard to case.
+bool SameHash(const std::string& a, const std::string& b) { return boost::algorithm::iequals(a, b); }
 
 std::string KindName(bool is_dir, bool is_link) {
   return is_dir ? "directory" : is_link ? "symbolic link" : "file";

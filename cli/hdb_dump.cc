@@ -8,19 +8,9 @@
 #include "hdbfile/hdb_format.h"
 #include "hdbfile/hdb_header.h"
 #include "hdbfile/hdb_record.h"
+#include "refhost/text_conversion.h"
 
 namespace {
-
-std::string Hex(const uint8_t* bytes, size_t length) {
-  static const char kDigits[] = "0123456789abcdef";
-  std::string text;
-  text.reserve(length * 2);
-  for (size_t i = 0; i < length; ++i) {
-    text += kDigits[bytes[i] >> 4];
-    text += kDigits[bytes[i] & 15];
-  }
-  return text;
-}
 
 std::string HexNumber(uint64_t value, int width) {
   char text[24];
@@ -94,7 +84,7 @@ bool DumpHdb(const uint8_t* data, uint64_t size, bool json, std::ostream& out, s
       return false;
     }
     const uint8_t* field = data + offset + kRecordHeaderSize;
-    std::string hash = Hex(field, record.hash_length);
+    std::string hash = HexText(field, record.hash_length);
     field += record.hash_length;
     std::string path = Text(field, record.path_length);
     field += record.path_length;

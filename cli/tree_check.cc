@@ -49,8 +49,7 @@ CTreeCheckResult CheckTree(CSession& session, const CRefPolicySettings& policy,
         [&](const std::shared_ptr<CRefFileObjInfo>& info) {
           uint32_t status = database->CheckObject(info);
           if (status == kCheckUnchanged) return;
-          CDifference difference =
-              DescribeDifference(*database, status, scanner.Relative(WideToUtf8(info->Path())), info);
+          CDifference difference = DescribeDifference(*database, status, WideToUtf8(info->RelativePath()), info);
           std::lock_guard<std::mutex> guard(lock);
           result.differences.push_back(std::move(difference));
         },

@@ -46,21 +46,11 @@ CDigestContext StartDigest(uint32_t policy_number) {
   return context;
 }
 
-std::string ToHex(const uint8_t* bytes, uint64_t length) {
-  static const char kHex[] = "0123456789abcdef";
-  std::string text(length * 2, '0');
-  for (uint64_t i = 0; i < length; ++i) {
-    text[2 * i] = kHex[bytes[i] >> 4];
-    text[2 * i + 1] = kHex[bytes[i] & 15];
-  }
-  return text;
-}
-
 std::string FinishDigest(EVP_MD_CTX* context) {
   unsigned char digest[EVP_MAX_MD_SIZE];
   unsigned int length = 0;
   if (EVP_DigestFinal_ex(context, digest, &length) != 1) throw std::runtime_error("digest failed");
-  return ToHex(digest, length);
+  return HexText(digest, length);
 }
 
 }  // namespace
@@ -119,7 +109,7 @@ std::vector<uint8_t> CRefCryptoService::HashTextToBinary(const std::string& hash
 }
 
 std::string CRefCryptoService::BinaryToHashText(const uint8_t* bytes, uint64_t length, uint32_t) {
-  return ToHex(bytes, length);
+  return HexText(bytes, length);
 }
 
 std::shared_ptr<CSigner> CRefCryptoService::MakeSigner(const std::wstring& certificate,

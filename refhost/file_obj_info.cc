@@ -16,6 +16,14 @@
 #include "refhost/crypto_service.h"
 #include "refhost/file_status.h"
 
+void CRefFileObjInfo::TakeStatus(const struct stat& status) {
+  is_dir_ = S_ISDIR(status.st_mode);
+  size_ = is_dir_ ? 0 : static_cast<uint64_t>(status.st_size);
+  time_1_ = StatTimeNs(status.st_ctim);
+  time_2_ = StatTimeNs(status.st_mtim);
+  attributes_ = static_cast<uint32_t>(status.st_mode);
+}
+
 std::shared_ptr<CRefFileObjInfo> CRefFileObjInfo::FromDisk(CUtilityService& utility,
                                                            CCryptoService& crypto,
                                                            CCfgService& cfg,
@@ -36,10 +44,7 @@ std::shared_ptr<CRefFileObjInfo> CRefFileObjInfo::FromDisk(CUtilityService& util
     if (fd >= 0) {
       std::unique_ptr<int, void (*)(int*)> closer(&fd, [](int* f) { ::close(*f); });
       if (::fstat(fd, &status) == 0 && S_ISREG(status.st_mode)) {
-        info->size_ = static_cast<uint64_t>(status.st_size);
-        info->time_1_ = StatTimeNs(status.st_ctim);
-        info->time_2_ = StatTimeNs(status.st_mtim);
-        info->attributes_ = static_cast<uint32_t>(status.st_mode);
+        info->TakeStatus(status);
         info->security_ = SecurityAttributesTextOfOpenFile(fd, status);
         info->hash_ = HashOpenFile(fd, policy_number, narrow);
         return info;
@@ -53,12 +58,7 @@ std::shared_ptr<CRefFileObjInfo> CRefFileObjInfo::FromDisk(CUtilityService& util
     }
     throw std::runtime_error("cannot examine " + narrow + ": " + std::strerror(errno));
   }
-  info->is_dir_ = S_ISDIR(status.st_mode);
-  info->size_ = info->is_dir_ ? 0 : static_cast<uint64_t>(status.st_size);
-  // Everything from the one lstat above: times, mode and owner cannot disagree with each other.
-  info->time_1_ = StatTimeNs(status.st_ctim);
-  info->time_2_ = StatTimeNs(status.st_mtim);
-  info->attributes_ = static_cast<uint32_t>(status.st_mode);
+  info->TakeStatus(status);
   info->security_ = SecurityAttributesText(narrow, status);
   if (S_ISLNK(status.st_mode)) {
     std::vector<char> target(static_cast<size_t>(status.st_size) + 1);

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/stat.h>
+
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -45,6 +47,9 @@ class CRefFileObjInfo : public CObjInfo {
   const std::shared_ptr<std::string>& recorded_hash() const { return recorded_; }
 
  private:
+  // Kind, size, times and mode from one stat(2) result: they cannot disagree with each other.
+  void TakeStatus(const struct stat& status);
+
   std::wstring relative_;
   std::wstring path_;
   bool gone_ = false;

@@ -34,3 +34,13 @@ std::wstring Utf8ToWide(const std::string& narrow) {
   }
   return wide;
 }
+
+std::string HexText(const uint8_t* bytes, uint64_t length) {
+  static const char kHex[] = "0123456789abcdef";
+  std::string text(length * 2, '0');
+  for (uint64_t i = 0; i < length; ++i) {
+    text[2 * i] = kHex[bytes[i] >> 4];
+    text[2 * i + 1] = kHex[bytes[i] & 15];
+  }
+  return text;
+}
