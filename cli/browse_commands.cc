@@ -3,12 +3,16 @@
 
 #include <iostream>
 
+#include "cli/attribute_changes.h"
 #include "cli/command_line.h"
 #include "cli/commands.h"
 #include "cli/exit_status.h"
+#include "cli/object_state.h"
 #include "cli/session.h"
 #include "cli/text_format.h"
 #include "hashdb/hash_db.h"
+#include "refhost/safe_text.h"
+#include "refhost/security_text.h"
 #include "refhost/text_conversion.h"
 
 namespace {
@@ -57,24 +61,22 @@ int RunList(const CCommandLine& line) {
   for (const CPathEntry& entry : *entries) {
     std::string relative = WideToUtf8(entry.second);
     if (relative == directory || (!recursive && Parent(relative) != directory)) continue;
-    std::wstring full = session.WideFullPath(policy, relative);
-    bool target_is_dir = false;
-    std::string target = WideToUtf8(database->TargetOfObject(full, target_is_dir));
-    std::string hash = entry.first ? std::string() : database->HashOfObject(full);
-    uint64_t size = entry.first ? 0 : database->SizeOfObject(full);
+    CObjectState state = RecordedState(*database, session.WideFullPath(policy, relative));
     if (json) {
-      std::cout << "{\"path\":" << JsonString(relative) << ",\"kind\":"
-                << (entry.first ? "\"directory\"" : target.empty() ? "\"file\"" : "\"symbolic link\"")
-                << ",\"size\":" << size << ",\"hash\":" << JsonString(hash);
-      if (!target.empty()) std::cout << ",\"target\":" << JsonString(target);
+      std::cout << "{\"path\":" << JsonString(relative) << ",\"kind\":" << JsonString(KindWords(state.kind()))
+                << ",\"size\":" << state.size << ",\"hash\":" << JsonString(state.hash);
+      if (state.attributes != kUnknownAttributes) std::cout << ",\"attributes\":" << state.attributes;
+      if (!state.target.empty()) std::cout << ",\"target\":" << JsonString(state.target);
       std::cout << "}\n";
       continue;
     }
+    std::string mode = state.attributes == kUnknownAttributes ? std::string(1, KindLetter(state.kind())) + "?????????"
+                                                              : ModeText(state.attributes).substr(0, 10);
     char prefix[48];
-    std::snprintf(prefix, sizeof prefix, "%c %14s  ", entry.first ? 'd' : target.empty() ? '-' : 'l',
-                  entry.first ? "-" : GroupedNumber(size).c_str());
-    std::cout << prefix << (hash.empty() ? std::string(session.settings().policy_number / 4, ' ') : hash) << "  "
-              << relative << (entry.first ? "/" : "") << (target.empty() ? "" : " -> " + target) << "\n";
+    std::snprintf(prefix, sizeof prefix, "%s %14s  ", mode.c_str(), state.is_dir ? "-" : GroupedNumber(state.size).c_str());
+    std::cout << prefix << (state.hash.empty() ? std::string(session.settings().policy_number / 4, ' ') : state.hash)
+              << "  " << SafePath(relative) << (state.is_dir ? "/" : "")
+              << (state.target.empty() ? "" : " -> " + SafePath(state.target)) << "\n";
   }
   return kExitOk;
 }
@@ -88,49 +90,57 @@ int RunShow(const CCommandLine& line) {
   std::wstring full = session.WideFullPath(policy, relative);
   bool is_dir = database->IsDirectory(full);
   if (!database->ExistsAs(full, is_dir)) {
-    std::cerr << "signdb: " << (relative.empty() ? "." : relative) << " is not recorded in policy '" << policy.name
+    std::cerr << "signdb: " << (relative.empty() ? std::string(".") : SafePath(relative)) << " is not recorded in policy '" << policy.name
               << "'\n";
     return kExitDifferences;
   }
-  uint32_t attributes = 0;
-  uint64_t time_1 = 0;
-  uint64_t time_2 = 0;
-  std::string security;
-  database->AttributesOfObject(full, attributes, time_1, time_2, security);
-  bool target_is_dir = false;
-  std::string target = WideToUtf8(database->TargetOfObject(full, target_is_dir));
-  std::string hash = database->HashOfObject(full);
-  uint64_t size = database->SizeOfObject(full);
+  CObjectState state = RecordedState(*database, full);
   bool under_target = database->IsUnderTarget(full);
   bool touched = database->TouchedRecently(full);
-  std::string kind = is_dir ? "directory" : target.empty() ? "file" : "symbolic link";
-  std::string mode = AttributesText(attributes);
+  security_text::CSecurityItems items = security_text::Parse(state.security);
   if (line.Has("--json")) {
     std::cout << "{\"path\":" << JsonString(session.Narrow(full)) << ",\"relative\":" << JsonString(relative)
-              << ",\"kind\":" << JsonString(kind) << ",\"size\":" << size << ",\"hash\":" << JsonString(hash)
-              << ",\"attributes\":" << attributes << ",\"time_1\":" << time_1 << ",\"time_2\":" << time_2
-              << ",\"security\":" << JsonString(security) << ",\"target\":" << JsonString(target)
+              << ",\"kind\":" << JsonString(KindWords(state.kind())) << ",\"size\":" << state.size
+              << ",\"hash\":" << JsonString(state.hash) << ",\"attributes\":" << state.attributes
+              << ",\"time_1\":" << state.time_1 << ",\"time_2\":" << state.time_2
+              << ",\"security\":" << JsonString(state.security) << ",\"security_items\":{";
+    bool first = true;
+    for (const auto& [key, value] : items) {
+      std::cout << (first ? "" : ",") << JsonString(key) << ":" << JsonString(value);
+      first = false;
+    }
+    std::cout << "},\"target\":" << JsonString(state.target)
               << ",\"under_link_target\":" << (under_target ? "true" : "false")
               << ",\"touched_recently\":" << (touched ? "true" : "false") << "}\n";
     return kExitOk;
   }
-  auto field = [](const char* label, const std::string& value) {
-    char padded[32];
-    std::snprintf(padded, sizeof padded, "%-21s", label);
+  auto field = [](const std::string& label, const std::string& value) {
+    char padded[64];
+    std::snprintf(padded, sizeof padded, "%-21s", (label + ":").c_str());
     std::cout << padded << value << "\n";
   };
-  field("path:", session.Narrow(full));
-  field("kind:", kind);
-  if (!is_dir) {
-    field("size:", GroupedNumber(size) + " bytes");
-    field("hash:", hash.empty() ? "(none)" : hash);
+  field("path", SafePath(session.Narrow(full)));
+  field("kind", KindWords(state.kind()));
+  if (!state.is_dir) {
+    field("size", GroupedNumber(state.size) + " bytes");
+    field("hash", state.hash.empty() ? "(none)" : state.hash);
   }
-  field("attributes:", mode);
-  field("status changed:", TimeText(time_1));
-  field("modified:", TimeText(time_2));
-  field("security:", security.empty() ? "(none)" : security);
-  if (!target.empty()) field("link target:", target);
-  field("below a link target:", under_target ? "yes" : "no");
-  field("touched recently:", touched ? "yes" : "no");
+  field("mode", state.attributes == kUnknownAttributes ? "unknown" : ModeText(state.attributes));
+  field("status changed", TimeText(state.time_1));
+  field("modified", TimeText(state.time_2));
+  // Each security attribute on a line of its own, owners and modes in words.
+  for (const auto& [key, value] : items) {
+    if (key == security_text::kMode && state.attributes != kUnknownAttributes) continue;
+    std::string shown = key == security_text::kUid   ? OwnerText(value)
+                        : key == security_text::kGid ? GroupText(value)
+                        : key == security_text::kFlags ? FlagsText(value)
+                        : key == security_text::kMode  ? PermissionText(value, state.kind())
+                                                       : EscapedText(value);
+    field(EscapedText(key), shown);
+  }
+  if (items.empty()) field("security", state.security.empty() ? "(none)" : EscapedText(state.security));
+  if (!state.target.empty()) field("link target", SafePath(state.target));
+  field("below a link target", under_target ? "yes" : "no");
+  field("touched recently", touched ? "yes" : "no");
   return kExitOk;
 }

@@ -7,6 +7,7 @@
 #include "cli/command_line.h"
 #include "cli/commands.h"
 #include "cli/exit_status.h"
+#include "cli/report_event.h"
 #include "cli/session.h"
 #include "cli/tree_check.h"
 
@@ -15,7 +16,9 @@ int RunCheck(const CCommandLine& line) {
   CSession session(line);
   CPolicyCheck check = CheckNamedPolicy(session, line);
   const CTreeCheckResult& result = check.result;
-  PrintCheckReport(std::cout, result, check.policy, line.Has("--json"), false);
+  CReportContext context = CReportContext::Make(check.policy.name, check.policy.root, "check",
+                                                 session.settings().policy_number);
+  PrintCheckReport(std::cout, result, check.policy, context, line.Has("--json"), false);
   if (!result.unreadable.empty()) return kExitError;
   return result.differences.empty() ? kExitOk : kExitDifferences;
 }

@@ -3,31 +3,34 @@
 #include <cstdio>
 #include <map>
 
+#include "cli/difference.h"
+#include "cli/report_event.h"
 #include "cli/text_format.h"
 #include "cli/tree_check.h"
+#include "refhost/safe_text.h"
 #include "refhost/settings.h"
 
 void PrintCheckReport(std::ostream& out, const CTreeCheckResult& result, const CRefPolicySettings& policy,
-                      bool json, bool accepted) {
+                      const CReportContext& context, bool json, bool accepted) {
   std::map<std::string, uint64_t> counts;  // ordered, so that the summary reads the same each time
   for (const CDifference& difference : result.differences) {
-    ++counts[ChangeWords(difference.change)];
-    out << (json ? DifferenceJson(difference) : DifferenceText(difference)) << "\n";
+    ++counts[difference.words];
+    out << (json ? DifferenceJson(difference, context) : DifferenceText(difference)) << "\n";
   }
   for (const auto& [path, reason] : result.unreadable) {
     if (json) {
-      out << "{\"change\":\"unreadable\",\"path\":" << JsonString(path) << ",\"reason\":" << JsonString(reason)
-          << "}\n";
+      out << UnreadableJson(path, reason, context) << "\n";
     } else {
       char words[40];
       std::snprintf(words, sizeof words, "%-28s", "unreadable");
-      out << words << (path.empty() ? "." : path) << "  (" << reason << ")\n";
+      out << words << (path.empty() ? std::string(".") : SafePath(path)) << "  (" << EscapedText(reason) << ")\n";
     }
   }
   char seconds[32];
   std::snprintf(seconds, sizeof seconds, "%.2f", result.seconds);
   if (json) {
-    out << "{\"summary\":{\"policy\":" << JsonString(policy.name) << ",\"root\":" << JsonString(policy.root)
+    out << "{\"@timestamp\":" << JsonString(context.timestamp) << ",\"host\":{\"name\":"
+        << JsonString(context.host_name) << "},\"summary\":{\"policy\":" << JsonString(policy.name) << ",\"root\":" << JsonString(policy.root)
         << ",\"checked\":" << result.checked << ",\"bytes\":" << result.bytes << ",\"seconds\":" << seconds
         << ",\"differences\":" << result.differences.size() << ",\"unreadable\":" << result.unreadable.size()
         << ",\"accepted\":" << (accepted ? "true" : "false") << ",\"changes\":{";
@@ -39,7 +42,7 @@ void PrintCheckReport(std::ostream& out, const CTreeCheckResult& result, const C
     out << "}}}\n";
     return;
   }
-  out << "policy " << policy.name << " (" << policy.root << "): checked " << GroupedNumber(result.checked)
+  out << "policy " << EscapedText(policy.name) << " (" << EscapedText(policy.root) << "): checked " << GroupedNumber(result.checked)
       << " objects (" << ByteSize(result.bytes) << ") in " << seconds << " s: ";
   if (result.differences.empty()) {
     out << "no differences";

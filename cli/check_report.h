@@ -3,6 +3,7 @@
 #include <ostream>
 #include <string>
 
+struct CReportContext;
 struct CRefPolicySettings;
 struct CTreeCheckResult;
 
@@ -10,4 +11,4 @@ struct CTreeCheckResult;
 // per object that could not be read, then a summary that counts each kind of change.
 // "accepted" words the summary for an update, which took the differences into the database.
 void PrintCheckReport(std::ostream& out, const CTreeCheckResult& result, const CRefPolicySettings& policy,
-                      bool json, bool accepted);
+                      const CReportContext& context, bool json, bool accepted);

@@ -1,33 +1,41 @@
 // signdb diff POLICY [PREVIOUS.hdb]: what changed, is new and was removed between a previous
 // database of the policy and its current one.
 
-#include <iostream>
-
+#include <algorithm>
 #include <boost/filesystem/operations.hpp>
+#include <iostream>
+#include <optional>
+#include <vector>
 
 #include "cli/command_line.h"
 #include "cli/commands.h"
+#include "cli/difference.h"
 #include "cli/exit_status.h"
+#include "cli/report_event.h"
 #include "cli/session.h"
 #include "cli/text_format.h"
 #include "front/sign_db.h"
 #include "hashdb/hash_db.h"
+#include "refhost/safe_text.h"
 #include "refhost/text_conversion.h"
 
 namespace {
 
-void PrintEntries(std::ostream& out, const char* words, CPathEntryList& entries, bool json) {
-  entries.sort([](const CPathEntry& a, const CPathEntry& b) { return a.second < b.second; });
+// Describes each entry of one of the comparison's lists from the two databases' records.
+void Describe(CSession& session, const CRefPolicySettings& policy, CChange change, CPathEntryList& entries,
+              CHashDB& previous, CHashDB& current, std::vector<CDifference>& differences) {
   for (const CPathEntry& entry : entries) {
-    std::string path = WideToUtf8(entry.second);
-    if (json) {
-      out << "{\"change\":" << JsonString(words) << ",\"path\":" << JsonString(path)
-          << ",\"kind\":" << (entry.first ? "\"directory\"" : "\"file\"") << "}\n";
-    } else {
-      char column[16];
-      std::snprintf(column, sizeof column, "%-10s", words);
-      out << column << (path.empty() ? "." : path) << (entry.first ? "/" : "") << "\n";
-    }
+    std::string relative = WideToUtf8(entry.second);
+    std::wstring full = session.WideFullPath(policy, relative);
+    // The comparison lists a file that became a directory, or the other way round, as new.
+    CChange kind = change == CChange::kNew && previous.ExistsAs(full, !entry.first) ? CChange::kChanged : change;
+    std::optional<CObjectState> before;
+    std::optional<CObjectState> after;
+    if (kind != CChange::kNew) before = RecordedState(previous, full);
+    if (kind != CChange::kGone) after = RecordedState(current, full);
+    CDifference difference = DescribeRecorded(kind, relative, before ? &*before : nullptr, after ? &*after : nullptr);
+    if (change == CChange::kGone) difference.words = "removed";
+    differences.push_back(std::move(difference));
   }
 }
 
@@ -53,17 +61,25 @@ int RunDiff(const CCommandLine& line) {
   CPathEntryList changed, added, removed;
   current->CompareWithPrevious(previous, changed, added, removed);
   bool json = line.Has("--json");
-  PrintEntries(std::cout, "changed", changed, json);
-  PrintEntries(std::cout, "new", added, json);
-  PrintEntries(std::cout, "removed", removed, json);
+  std::vector<CDifference> differences;
+  Describe(session, policy, CChange::kChanged, changed, *previous, *current, differences);
+  Describe(session, policy, CChange::kNew, added, *previous, *current, differences);
+  Describe(session, policy, CChange::kGone, removed, *previous, *current, differences);
+  std::stable_sort(differences.begin(), differences.end(),
+                   [](const CDifference& a, const CDifference& b) { return a.path < b.path; });
+  CReportContext context = CReportContext::Make(policy.name, policy.root, "diff", session.settings().policy_number);
+  for (const CDifference& difference : differences) {
+    std::cout << (json ? DifferenceJson(difference, context) : DifferenceText(difference)) << "\n";
+  }
   if (json) {
-    std::cout << "{\"summary\":{\"policy\":" << JsonString(policy.name) << ",\"previous\":" << JsonString(previous_path)
-              << ",\"changed\":" << changed.size() << ",\"new\":" << added.size() << ",\"removed\":" << removed.size()
-              << "}}\n";
+    std::cout << "{\"@timestamp\":" << JsonString(context.timestamp) << ",\"host\":{\"name\":"
+              << JsonString(context.host_name) << "},\"summary\":{\"policy\":" << JsonString(policy.name)
+              << ",\"previous\":" << JsonString(previous_path) << ",\"changed\":" << changed.size()
+              << ",\"new\":" << added.size() << ",\"removed\":" << removed.size() << "}}\n";
   } else {
-    std::cout << "policy " << policy.name << " since " << previous_path << ": " << GroupedNumber(changed.size())
-              << " changed, " << GroupedNumber(added.size()) << " new, " << GroupedNumber(removed.size())
-              << " removed\n";
+    std::cout << "policy " << EscapedText(policy.name) << " since " << EscapedText(previous_path) << ": "
+              << GroupedNumber(changed.size()) << " changed, " << GroupedNumber(added.size()) << " new, "
+              << GroupedNumber(removed.size()) << " removed\n";
   }
   return changed.empty() && added.empty() && removed.empty() ? kExitOk : kExitDifferences;
 }

@@ -1,13 +1,14 @@
 #include "cli/hdb_dump.h"
 
-#include <cstdio>
-
 #include <openssl/objects.h>
+
+#include <cstdio>
 
 #include "cli/text_format.h"
 #include "hdbfile/hdb_format.h"
 #include "hdbfile/hdb_header.h"
 #include "hdbfile/hdb_record.h"
+#include "refhost/safe_text.h"
 #include "refhost/text_conversion.h"
 
 namespace {
@@ -100,8 +101,8 @@ bool DumpHdb(const uint8_t* data, uint64_t size, bool json, std::ostream& out, s
     } else {
       out << "@" << offset << (record.directory ? " d " : " f ") << AttributesText(record.attributes) << " size=" << record.size
           << " time_1=" << record.time_1 << " time_2=" << record.time_2 << " hash=" << (hash.empty() ? "-" : hash)
-          << " path=" << JsonString(path) << " security=" << JsonString(security);
-      if (!target.empty()) out << " target=" << JsonString(target);
+          << " path=" << QuotedText(path) << " security=" << QuotedText(security);
+      if (!target.empty()) out << " target=" << QuotedText(target);
       out << "\n";
     }
     offset += kRecordHeaderSize + record.VariableLength();

@@ -9,6 +9,7 @@
 #include "cli/commands.h"
 #include "cli/exit_status.h"
 #include "cli/help.h"
+#include "refhost/safe_text.h"
 
 namespace {
 
@@ -44,7 +45,7 @@ int main(int argc, char** argv) {
     }
     auto command = kCommands.find(line.command);
     if (command == kCommands.end()) {
-      std::cerr << "signdb: unknown command '" << line.command << "' (see signdb --help)\n";
+      std::cerr << "signdb: unknown command '" << EscapedText(line.command) << "' (see signdb --help)\n";
       return kExitError;
     }
     if (line.Has("--help")) {
@@ -53,10 +54,10 @@ int main(int argc, char** argv) {
     }
     return command->second(line);
   } catch (const CToolError& e) {
-    std::cerr << "signdb: " << e.what() << "\n";
+    std::cerr << "signdb: " << EscapedText(e.what()) << "\n";
     return kExitError;
   } catch (const std::exception& e) {
-    std::cerr << "signdb: " << e.what() << "\n";
+    std::cerr << "signdb: " << EscapedText(e.what()) << "\n";
     return kExitError;
   }
 }

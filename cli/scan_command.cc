@@ -16,6 +16,7 @@
 #include "cli/tree_scanner.h"
 #include "hashdb/hash_db.h"
 #include "refhost/file_obj_info.h"
+#include "refhost/safe_text.h"
 
 int RunScan(const CCommandLine& line) {
   RequireShape(line, {}, 1, 1);
@@ -41,13 +42,13 @@ int RunScan(const CCommandLine& line) {
   }
   // Named once the progress line is gone, in order.
   std::sort(unreadable.begin(), unreadable.end());
-  for (const auto& [path, reason] : unreadable) std::cerr << "signdb: cannot read " << path << " (" << reason << ")\n";
+  for (const auto& [path, reason] : unreadable) std::cerr << "signdb: cannot read " << SafePath(path.empty() ? "." : path) << " (" << EscapedText(reason) << ")\n";
   std::string saved = session.Save(database, policy);
   double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   const CScanCounters& counters = scanner.counters();
   char elapsed[32];
   std::snprintf(elapsed, sizeof elapsed, "%.2f", seconds);
-  std::cout << "policy " << policy.name << " (" << policy.root << "): recorded " << GroupedNumber(counters.objects)
+  std::cout << "policy " << EscapedText(policy.name) << " (" << EscapedText(policy.root) << "): recorded " << GroupedNumber(counters.objects)
             << " objects (" << ByteSize(counters.bytes) << ") in " << elapsed << " s; saved " << saved << "\n";
   if (counters.unreadable > 0) {
     std::cout << GroupedNumber(counters.unreadable)

@@ -1,12 +1,11 @@
 // signdb selftest: loads the module through the reference host, records a small tree, checks it,
 // changes a file and sees the change reported.
 
+#include <boost/filesystem/operations.hpp>
 #include <fstream>
 #include <iostream>
 #include <memory>
 #include <string>
-
-#include <boost/filesystem/operations.hpp>
 
 #include "cli/command_line.h"
 #include "cli/commands.h"
@@ -76,7 +75,7 @@ int RunSelfTest(const CCommandLine& line) {
     std::shared_ptr<CHashDB> db = front->CreateHashDB(policy);
     CUtilityService& utility = *host->Utility();
     auto info_of = [&](const boost::filesystem::path& path) -> std::shared_ptr<CObjInfo> {
-      return CRefFileObjInfo::FromDisk(utility, *host->Crypto(), *host->Cfg(), utility.ToWide(root.string()),
+      return CRefFileObjInfo::FromDisk(utility, *host->Cfg(), utility.ToWide(root.string()),
                                        utility.ToWide(path.string()), settings.policy_number);
     };
     int recorded = 0;

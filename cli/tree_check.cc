@@ -70,7 +70,7 @@ CTreeCheckResult CheckTree(CSession& session, const CRefPolicySettings& policy,
     if (InsideUnreadable(unreadable, relative)) continue;
     std::shared_ptr<CRefFileObjInfo> info;
     try {
-      info = CRefFileObjInfo::FromDisk(*host.Utility(), *host.Crypto(), *host.Cfg(), Utf8ToWide(policy.root),
+      info = CRefFileObjInfo::FromDisk(*host.Utility(), *host.Cfg(), Utf8ToWide(policy.root),
                                        session.WideFullPath(policy, relative), session.settings().policy_number);
     } catch (const std::exception& e) {
       result.unreadable.emplace_back(relative, e.what());
@@ -79,7 +79,7 @@ CTreeCheckResult CheckTree(CSession& session, const CRefPolicySettings& policy,
     uint32_t status = database->CheckObject(info);
     if (status == kCheckUnchanged) continue;
     if (info->IsGone()) {
-      result.differences.push_back(DescribeGone(status, relative, entry.first, info));
+      result.differences.push_back(DescribeGone(*database, status, relative, info->Path()));
     } else {  // appeared while the walk went by
       result.differences.push_back(DescribeDifference(*database, status, relative, info));
     }

@@ -3,6 +3,7 @@
 #include <dirent.h>
 
 #include <algorithm>
+#include <boost/filesystem/path.hpp>
 #include <cerrno>
 #include <condition_variable>
 #include <cstring>
@@ -10,8 +11,6 @@
 #include <mutex>
 #include <thread>
 #include <vector>
-
-#include <boost/filesystem/path.hpp>
 
 #include "refhost/file_obj_info.h"
 #include "refhost/ref_host.h"
@@ -122,7 +121,6 @@ void CTreeScanner::Run(const CVisit& visit, const CProblem& problem) {
     problem(Relative(path), reason);
   };
   CUtilityService& utility = *host_.Utility();
-  CCryptoService& crypto = *host_.Crypto();
   CCfgService& cfg = *host_.Cfg();
   uint32_t policy_number = host_.settings().policy_number;
   auto worker = [&] {
@@ -139,7 +137,7 @@ void CTreeScanner::Run(const CVisit& visit, const CProblem& problem) {
           reason = "the name is not valid UTF-8; rename it to have it recorded";
         } else {
           try {
-            info = CRefFileObjInfo::FromDisk(utility, crypto, cfg, wide_root_, wide, policy_number,
+            info = CRefFileObjInfo::FromDisk(utility, cfg, wide_root_, wide, policy_number,
                                             object.likely_regular);
           } catch (const std::exception& e) {
             reason = e.what();

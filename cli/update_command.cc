@@ -7,6 +7,7 @@
 #include "cli/command_line.h"
 #include "cli/commands.h"
 #include "cli/exit_status.h"
+#include "cli/report_event.h"
 #include "cli/session.h"
 #include "cli/tree_check.h"
 #include "hashdb/hash_db.h"
@@ -35,7 +36,8 @@ int RunUpdate(const CCommandLine& line) {
   }
   std::string saved;
   if (!result.differences.empty()) saved = session.Save(database, policy);
-  PrintCheckReport(std::cout, result, policy, line.Has("--json"), true);
+  CReportContext context = CReportContext::Make(policy.name, policy.root, "update", session.settings().policy_number);
+  PrintCheckReport(std::cout, result, policy, context, line.Has("--json"), true);
   if (!line.Has("--json")) {
     std::cout << (saved.empty() ? std::string("nothing to accept; the database stays as it is")
                                 : "saved " + saved + " (the one it replaced: " + session.PreviousFileOf(policy) + ")")

@@ -1,6 +1,9 @@
 #include "refhost/crypto_service.h"
 
 #include <fcntl.h>
+#include <openssl/crypto.h>
+#include <openssl/evp.h>
+#include <openssl/objects.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -8,10 +11,7 @@
 #include <memory>
 #include <stdexcept>
 
-#include <openssl/crypto.h>
-#include <openssl/evp.h>
-#include <openssl/objects.h>
-
+#include "refhost/file_descriptor.h"
 #include "refhost/pkcs7.h"
 #include "refhost/settings.h"
 #include "refhost/text_conversion.h"
@@ -91,10 +91,9 @@ uint32_t CRefCryptoService::DigestDescriptor(uint32_t policy_number) {
 
 std::string CRefCryptoService::HashFile(const std::wstring& path, uint32_t policy_number) {
   std::string narrow = WideToUtf8(path);
-  int fd = ::open(narrow.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
-  if (fd < 0) throw std::runtime_error("cannot open " + narrow + ": " + std::strerror(errno));
-  std::unique_ptr<int, void (*)(int*)> closer(&fd, [](int* f) { ::close(*f); });
-  return HashOpenFile(fd, policy_number, narrow);
+  CFileDescriptor fd(::open(narrow.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+  if (!fd.valid()) throw std::runtime_error("cannot open " + narrow + ": " + std::strerror(errno));
+  return HashOpenFile(fd.get(), policy_number, narrow);
 }
 
 std::vector<uint8_t> CRefCryptoService::HashTextToBinary(const std::string& hash_text) {

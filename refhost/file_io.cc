@@ -4,11 +4,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <boost/filesystem/path.hpp>
 #include <cerrno>
 #include <cstring>
 #include <stdexcept>
 
-#include <boost/filesystem/path.hpp>
+#include "refhost/file_descriptor.h"
 
 namespace {
 
@@ -16,24 +17,6 @@ namespace {
   throw std::runtime_error(what + " " + path + ": " + std::strerror(error));
 }
 
-class CFileDescriptor {
- public:
-  explicit CFileDescriptor(int fd) : fd_(fd) {}
-  ~CFileDescriptor() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  CFileDescriptor(const CFileDescriptor&) = delete;
-  CFileDescriptor& operator=(const CFileDescriptor&) = delete;
-  int get() const { return fd_; }
-  int release() {
-    int fd = fd_;
-    fd_ = -1;
-    return fd;
-  }
-
- private:
-  int fd_;
-};
 
 }  // namespace
 

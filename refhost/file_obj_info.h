@@ -9,13 +9,16 @@
 #include "hashdb/obj_info.h"
 
 class CCfgService;
-class CCryptoService;
 class CUtilityService;
 
-// What the disk says about one object below a policy's root, read once when made: kind, size,
-// times (status change, modification), mode, security attributes, symbolic-link target and, for
-// regular files, the content hash. A symbolic link is a file object whose target is its link
-// text and whose hash is empty; it is never followed. An object that does not exist is "gone".
+// What the disk says about one object below a policy's root, read once when made: kind and mode
+// (attributes: st_mode, whose type bits tell a regular file, directory, symbolic link, character
+// or block device, FIFO or socket apart), size, times (status change, modification), security
+// attributes (refhost/security_text.h), symbolic-link target and, for regular files, the content
+// hash. A symbolic link is a file object whose target is its link text and whose hash is empty;
+// it is never followed. A device, FIFO or socket is a file object without hash or size, never
+// opened: its kind, device number and security attributes are what is compared. An object that
+// does not exist is "gone".
 class CRefFileObjInfo : public CObjInfo {
  public:
   // Throws std::runtime_error when the object exists but cannot be read (its hash included).
@@ -23,9 +26,8 @@ class CRefFileObjInfo : public CObjInfo {
   // examined and hashed through that one descriptor; whatever else the object turns out to be, it
   // is read as without the hint. Only a hint: a device or FIFO is opened only when one took a
   // listed file's place meanwhile, and then without blocking and without being read.
-  static std::shared_ptr<CRefFileObjInfo> FromDisk(CUtilityService& utility, CCryptoService& crypto,
-                                                   CCfgService& cfg, const std::wstring& root,
-                                                   const std::wstring& path,
+  static std::shared_ptr<CRefFileObjInfo> FromDisk(CUtilityService& utility, CCfgService& cfg,
+                                                   const std::wstring& root, const std::wstring& path,
                                                    uint32_t policy_number, bool likely_regular = false);
 
   bool IsDirectory() override { return is_dir_; }

@@ -5,16 +5,22 @@
 #include <cstdint>
 #include <string>
 
-// What the reference host records of one object's status on POSIX, from one lstat(2).
+// What the reference host records of one object's status on POSIX.
 
 // A status time in nanoseconds since the epoch.
 inline uint64_t StatTimeNs(const struct timespec& time) {
   return static_cast<uint64_t>(time.tv_sec) * 1000000000ull + static_cast<uint64_t>(time.tv_nsec);
 }
 
-// "owner=UID group=GID mode=OOOO", followed by " acl=..." (numeric ids, comma-separated) when the
-// object carries an extended POSIX access ACL. Symbolic links have no ACL of their own.
-std::string SecurityAttributesText(const std::string& path, const struct stat& status);
+// The security attributes text (refhost/security_text.h) of the object at "path", whose lstat(2)
+// or fstat(2) result is "status". "fd" is a descriptor open on the object itself (a regular file
+// or a directory), or -1: extended attributes, ACLs, capabilities and inode flags are then read
+// through it, once each. Without one they are read by path without following a symbolic link,
+// and the inode flags are left out (they can be read only through a descriptor, and a device,
+// FIFO or socket is never opened). A file system that has no extended attributes, ACLs or inode
+// flags gives a text without them; that is not an error.
+std::string ReadSecurityAttributes(const std::string& path, const struct stat& status, int fd);
 
-// The same, of an open file ("status" from fstat(2) of it).
-std::string SecurityAttributesTextOfOpenFile(int fd, const struct stat& status);
+// The same for a path: lstat(2), then a regular file or directory is opened (never followed, never
+// blocking) for the reads above. Empty when the object cannot be examined.
+std::string PathSecurityAttributesText(const std::string& path);

@@ -1,13 +1,15 @@
 #include "refhost/log_service.h"
 
-#include <cstdio>
-
 #include <Poco/ConsoleChannel.h>
 #include <Poco/FileChannel.h>
 #include <Poco/FormattingChannel.h>
 #include <Poco/Logger.h>
 #include <Poco/PatternFormatter.h>
 #include <Poco/SplitterChannel.h>
+
+#include <cstdio>
+
+#include "refhost/safe_text.h"
 
 CRefLogService::CRefLogService(const std::string& level, bool console, const std::string& file)
     : level_(Poco::Logger::parseLevel(level)) {
@@ -58,7 +60,8 @@ void CRefLogService::Write(Poco::Message::Priority priority, uint32_t event,
     if (keep_records_ && priority <= lowest_kept_) records_.push_back(CLogRecord{priority, event, text});
   }
   if (!channel_ || priority > level_) return;
-  Poco::Message message("signdb", text, priority);
+  // One message, one line: names inside a message cannot start another or recolour it.
+  Poco::Message message("signdb", EscapedText(text), priority);
   char code[16];
   std::snprintf(code, sizeof code, "0x%05X", static_cast<unsigned>(event));
   message.set("event", code);

@@ -1,18 +1,17 @@
 #include "refhost/utility_service.h"
 
+#include <Poco/Environment.h>
+#include <Poco/NumberFormatter.h>
+#include <openssl/rand.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <boost/filesystem/operations.hpp>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <stdexcept>
-
-#include <boost/filesystem/operations.hpp>
-#include <openssl/rand.h>
-#include <Poco/Environment.h>
-#include <Poco/NumberFormatter.h>
 
 #include "refhost/file_io.h"
 #include "refhost/file_status.h"
@@ -166,10 +165,7 @@ uint64_t CRefUtilityService::PathTime2(const std::wstring& path) {
 }
 
 std::string CRefUtilityService::PathSecurityAttributes(const std::wstring& path, uint64_t) {
-  std::string narrow = WideToUtf8(path);
-  struct stat info {};
-  if (::lstat(narrow.c_str(), &info) != 0) return std::string();
-  return SecurityAttributesText(narrow, info);
+  return PathSecurityAttributesText(WideToUtf8(path));
 }
 
 std::string CRefUtilityService::ToNarrow(const std::wstring& wide) { return WideToUtf8(wide); }

@@ -5,6 +5,9 @@
 #
 #   scripts/bench_tools.sh [TREE...]      default: /usr and a synthetic tree of 200,000 small files
 #
+# SIGNDB_BENCH_PEERS=0 times signdb alone (no aide, no hashdeep); SIGNDB_BENCH_BIN names another
+# signdb binary (a build of an earlier commit, for a before/after table on the same machine).
+#
 # Every tool records the same things where it can: SHA-256 of the content, mode, owner, group,
 # size, modification and change times, ACL and link target (aide); SHA-256 only (hashdeep, which
 # records nothing else). aide hashes on as many workers as there are processors. The page cache is
@@ -20,7 +23,8 @@ if [ ! -x build/release/bin/signdb ]; then
   cmake -S . -B build/release -G Ninja -DCMAKE_BUILD_TYPE=Release -DSIGNDB_TESTS=OFF -DSIGNDB_BENCH=OFF >/dev/null
 fi
 cmake --build build/release -j "${SIGNDB_JOBS:-2}" --target signdb_cli signdb_module >/dev/null
-signdb="$PWD/build/release/bin/signdb"
+signdb="${SIGNDB_BENCH_BIN:-$PWD/build/release/bin/signdb}"
+peers="${SIGNDB_BENCH_PEERS:-1}"
 
 work="${SIGNDB_BENCH_DIR:-/tmp/signdb-bench}"
 rm -rf "$work"
@@ -74,6 +78,8 @@ for tree in "${trees[@]}"; do
   "$signdb" init --config "$config" --policy "t$n=$tree" >/dev/null
   measure signdb "$label" record "$signdb" --config "$config" scan "t$n" --quiet
   measure signdb "$label" check "$signdb" --config "$config" check "t$n" --quiet
+
+  [ "$peers" = 0 ] && continue
 
   # aide, with the attributes that signdb records
   aide_conf="$work/aide-$n.conf"

@@ -7,7 +7,8 @@ packages=(
   build-essential cmake ninja-build pkg-config
   libboost-filesystem-dev libboost-thread-dev libboost-system-dev libboost-dev
   libpoco-dev
-  libssl-dev openssl libacl1-dev
+  libssl-dev openssl libacl1-dev libcap-dev
+  acl attr libcap2-bin e2fsprogs util-linux
   libgtest-dev libgmock-dev googletest
   libbenchmark-dev
   clang libclang-rt-14-dev

@@ -1,9 +1,8 @@
 #include "refhost/file_obj_info.h"
 
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
-#include <gtest/gtest.h>
 
 #include "refhost/cfg_service.h"
 #include "refhost/crypto_service.h"
@@ -16,7 +15,7 @@
 class FileObjInfoTest : public testing::Test {
  protected:
   std::shared_ptr<CRefFileObjInfo> Read(const std::string& relative) {
-    return CRefFileObjInfo::FromDisk(utility_, crypto_, cfg_, Utf8ToWide(dir_.path().string()),
+    return CRefFileObjInfo::FromDisk(utility_, cfg_, Utf8ToWide(dir_.path().string()),
                                      Utf8ToWide(dir_ / relative), 256);
   }
   CTempDir dir_;
@@ -80,7 +79,7 @@ TEST_F(FileObjInfoTest, AnObjectThatCannotBeExaminedIsAnError) {
 class FileObjInfoHintTest : public FileObjInfoTest {
  protected:
   std::shared_ptr<CRefFileObjInfo> ReadHinted(const std::string& relative) {
-    return CRefFileObjInfo::FromDisk(utility_, crypto_, cfg_, Utf8ToWide(dir_.path().string()),
+    return CRefFileObjInfo::FromDisk(utility_, cfg_, Utf8ToWide(dir_.path().string()),
                                      Utf8ToWide(dir_ / relative), 256, true);
   }
   // Everything the database compares, as one text.

@@ -1,13 +1,13 @@
 // The signdb tool, run as a user runs it, on real folders.
 
+#include <Poco/JSON/Object.h>
+#include <Poco/JSON/Parser.h>
+#include <gmock/gmock.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <gmock/gmock.h>
-#include <Poco/JSON/Object.h>
-#include <Poco/JSON/Parser.h>
-
 #include "tests/tool_fixture.h"
+#include "tests/tool_json.h"
 
 namespace {
 
@@ -15,18 +15,7 @@ using ::testing::AllOf;
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
-Poco::JSON::Object::Ptr ParseJson(const std::string& line) {
-  return Poco::JSON::Parser().parse(line).extract<Poco::JSON::Object::Ptr>();
-}
-
-// The JSON object of the check report about "path", or null.
-Poco::JSON::Object::Ptr JsonAbout(const CToolRun& run, const std::string& path) {
-  for (const std::string& line : run.OutLines()) {
-    Poco::JSON::Object::Ptr object = ParseJson(line);
-    if (object->has("path") && object->getValue<std::string>("path") == path) return object;
-  }
-  return nullptr;
-}
+}  // namespace
 
 TEST_F(ToolTest, InitWritesAConfigurationAndKeysThatSignForThisInstallation) {
   CToolRun run = Run("init --config cfg/signdb.json --policy t=tree");
@@ -89,7 +78,7 @@ TEST_F(ToolTest, ManyFilesScannedOnSeveralThreadsAreEachRecordedOnce) {
   Write("d7/sub/f7", "changed");
   CToolRun check = Tool("check t --json");
   EXPECT_EQ(check.status, 1);
-  EXPECT_EQ(JsonAbout(check, "d7/sub/f7")->getValue<std::string>("change"), "hash changed");
+  EXPECT_EQ(Action(JsonAbout(check, "d7/sub/f7")), "hash changed");
   EXPECT_EQ(ParseJson(check.OutLines().back())->getObject("summary")->getValue<int>("checked"), 2081);
 }
 
@@ -125,31 +114,35 @@ TEST_F(ToolTest, AContentChangeIsReportedWithTheRecordedAndCurrentHash) {
   CToolRun run = Tool("check t");
   EXPECT_EQ(run.status, 1);
   EXPECT_THAT(LineAbout(run, "etc/hosts"),
-              AllOf(StartsWith("hash changed"), HasSubstr("recorded " + Sha256("127.0.0.1 localhost\n")),
-                    HasSubstr("current " + Sha256("10.0.0.1 intruder\n"))));
+              AllOf(StartsWith("hash changed"),
+                    HasSubstr("hash " + Sha256("127.0.0.1 localhost\n") + " -> " + Sha256("10.0.0.1 intruder\n")),
+                    HasSubstr("size 20 -> 18")));
   EXPECT_THAT(run.out, HasSubstr("1 hash changed"));
 
   CToolRun json = Tool("check t --json");
   EXPECT_EQ(json.status, 1);
   Poco::JSON::Object::Ptr hosts = JsonAbout(json, "etc/hosts");
   ASSERT_TRUE(hosts);
-  EXPECT_EQ(hosts->getValue<std::string>("change"), "hash changed");
-  EXPECT_EQ(hosts->getValue<int>("code"), 4099);
-  EXPECT_EQ(hosts->getValue<std::string>("recorded_hash"), Sha256("127.0.0.1 localhost\n"));
-  EXPECT_EQ(hosts->getValue<std::string>("current_hash"), Sha256("10.0.0.1 intruder\n"));
+  EXPECT_EQ(Action(hosts), "hash changed");
+  EXPECT_EQ(Status(hosts), 4099);
+  EXPECT_EQ(OldAndNew(hosts, "hash"), std::make_pair(Sha256("127.0.0.1 localhost\n"), Sha256("10.0.0.1 intruder\n")));
+  EXPECT_EQ(hosts->getObject("file")->getObject("hash")->getValue<std::string>("sha256"), Sha256("10.0.0.1 intruder\n"));
+  EXPECT_EQ(hosts->getObject("file")->getValue<std::string>("path"), Tree("etc/hosts"));
 }
 
-TEST_F(ToolTest, AChmodIsReportedAsChangedAttributes) {
+TEST_F(ToolTest, AChmodIsReportedAsAModeChangeInLsAndOctalForm) {
   ScanSample();
   ASSERT_EQ(::chmod(Tree("etc/passwd").c_str(), 0600), 0);
   CToolRun run = Tool("check t");
   EXPECT_EQ(run.status, 1);
   EXPECT_THAT(LineAbout(run, "etc/passwd"),
-              AllOf(StartsWith("attributes changed"), HasSubstr("100644 -> 100600"), HasSubstr("security attributes")));
+              AllOf(StartsWith("mode changed"), HasSubstr("mode -rw-r--r-- (0644) -> -rw------- (0600)"),
+                    HasSubstr("; status changed ")));
   Poco::JSON::Object::Ptr json = JsonAbout(Tool("check t --json"), "etc/passwd");
   ASSERT_TRUE(json);
-  EXPECT_EQ(json->getValue<int>("code"), 4104);
-  EXPECT_FALSE(json->has("recorded_hash"));  // the hashes are shown only where they differ
+  EXPECT_EQ(Status(json), 4104);
+  EXPECT_EQ(OldAndNew(json, "mode"), std::make_pair(std::string("0644"), std::string("0600")));
+  EXPECT_EQ(OldAndNew(json, "hash").first, "<unchanged>");
 }
 
 TEST_F(ToolTest, ARenameIsReportedAsOneRename) {
@@ -161,8 +154,8 @@ TEST_F(ToolTest, ARenameIsReportedAsOneRename) {
   EXPECT_EQ(LineAbout(run, "etc/motd"), "");
   Poco::JSON::Object::Ptr json = JsonAbout(Tool("check t --json"), "etc/motd.old");
   ASSERT_TRUE(json);
-  EXPECT_EQ(json->getValue<std::string>("change"), "renamed");
-  EXPECT_EQ(json->getValue<std::string>("from"), "etc/motd");
+  EXPECT_EQ(Action(json), "renamed");
+  EXPECT_EQ(json->getObject("signdb")->getValue<std::string>("from"), "etc/motd");
 }
 
 TEST_F(ToolTest, ANewFileAndARemovedFileAreReportedAsNewAndGone) {
@@ -174,11 +167,13 @@ TEST_F(ToolTest, ANewFileAndARemovedFileAreReportedAsNewAndGone) {
   EXPECT_THAT(LineAbout(run, "etc/cron.d/"), StartsWith("new"));
   EXPECT_THAT(LineAbout(run, "etc/cron.d/job"), StartsWith("new"));
   EXPECT_THAT(LineAbout(run, "bin/tool"),
-              AllOf(StartsWith("gone"), HasSubstr("recorded " + Sha256("#!/bin/sh\necho tool\n"))));
+              AllOf(StartsWith("gone"), HasSubstr("kind file"), HasSubstr("hash " + Sha256("#!/bin/sh\necho tool\n"))));
   CToolRun json = Tool("check t --json");
-  EXPECT_EQ(JsonAbout(json, "bin/tool")->getValue<int>("code"), 4100);
-  EXPECT_EQ(JsonAbout(json, "etc/cron.d")->getValue<int>("code"), 4098);
-  EXPECT_EQ(JsonAbout(json, "etc/cron.d/job")->getValue<int>("code"), 4097);
+  EXPECT_EQ(Status(JsonAbout(json, "bin/tool")), 4100);
+  EXPECT_EQ(JsonAbout(json, "bin/tool")->getObject("event")->getArray("type")->getElement<std::string>(0), "deletion");
+  EXPECT_EQ(Status(JsonAbout(json, "etc/cron.d")), 4098);
+  EXPECT_EQ(JsonAbout(json, "etc/cron.d")->getObject("file")->getValue<std::string>("type"), "dir");
+  EXPECT_EQ(Status(JsonAbout(json, "etc/cron.d/job")), 4097);
 }
 
 TEST_F(ToolTest, AGoneDirectoryIsReportedWithWhatWasInIt) {
@@ -188,7 +183,7 @@ TEST_F(ToolTest, AGoneDirectoryIsReportedWithWhatWasInIt) {
   EXPECT_EQ(run.status, 1);
   EXPECT_THAT(LineAbout(run, "etc/"), StartsWith("gone"));
   EXPECT_THAT(LineAbout(run, "etc/passwd"), StartsWith("gone"));
-  EXPECT_EQ(JsonAbout(Tool("check t --json"), "etc")->getValue<int>("code"), 4101);
+  EXPECT_EQ(Status(JsonAbout(Tool("check t --json"), "etc")), 4101);
 }
 
 TEST_F(ToolTest, ANewSymbolicLinkTargetIsReportedAsSuch) {
@@ -198,11 +193,12 @@ TEST_F(ToolTest, ANewSymbolicLinkTargetIsReportedAsSuch) {
   CToolRun run = Tool("check t");
   EXPECT_EQ(run.status, 1);
   EXPECT_THAT(LineAbout(run, "hosts-link"),
-              AllOf(StartsWith("link target changed"), HasSubstr("'etc/hosts' -> 'etc/passwd'")));
+              AllOf(StartsWith("link target changed"), HasSubstr("link target 'etc/hosts' -> 'etc/passwd'")));
   Poco::JSON::Object::Ptr json = JsonAbout(Tool("check t --json"), "hosts-link");
   ASSERT_TRUE(json);
-  EXPECT_EQ(json->getValue<int>("code"), 4108);
-  EXPECT_EQ(json->getValue<std::string>("kind"), "symbolic link");
+  EXPECT_EQ(Status(json), 4108);
+  EXPECT_EQ(json->getObject("file")->getValue<std::string>("type"), "symlink");
+  EXPECT_EQ(OldAndNew(json, "target_path"), std::make_pair(std::string("etc/hosts"), std::string("etc/passwd")));
 }
 
 TEST_F(ToolTest, AFileReplacedByADirectoryIsAChangeOfKind) {
@@ -210,7 +206,7 @@ TEST_F(ToolTest, AFileReplacedByADirectoryIsAChangeOfKind) {
   boost::filesystem::remove(Tree("etc/motd"));
   Write("etc/motd/part", "x");
   CToolRun run = Tool("check t");
-  EXPECT_THAT(LineAbout(run, "etc/motd/"), AllOf(StartsWith("kind changed"), HasSubstr("file -> directory")));
+  EXPECT_THAT(LineAbout(run, "etc/motd/"), AllOf(StartsWith("kind changed"), HasSubstr("kind file -> directory")));
   EXPECT_THAT(LineAbout(run, "etc/motd/part"), StartsWith("new"));
 }
 
@@ -221,11 +217,11 @@ TEST_F(ToolTest, AFileReplacedByASymbolicLinkIsAChangeOfKind) {
   boost::filesystem::remove(Tree("hosts-link"));
   Write("hosts-link", "now a file\n");
   CToolRun run = Tool("check t");
-  EXPECT_THAT(LineAbout(run, "etc/motd"), AllOf(StartsWith("kind changed"), HasSubstr("file -> symbolic link")));
-  EXPECT_THAT(LineAbout(run, "hosts-link"), AllOf(StartsWith("kind changed"), HasSubstr("symbolic link -> file")));
+  EXPECT_THAT(LineAbout(run, "etc/motd"), AllOf(StartsWith("kind changed"), HasSubstr("kind file -> symlink")));
+  EXPECT_THAT(LineAbout(run, "hosts-link"), AllOf(StartsWith("kind changed"), HasSubstr("kind symlink -> file")));
   CToolRun json = Tool("check t --json");
-  EXPECT_EQ(JsonAbout(json, "etc/motd")->getValue<int>("code"), 4110);
-  EXPECT_EQ(JsonAbout(json, "hosts-link")->getValue<int>("code"), 4112);
+  EXPECT_EQ(Status(JsonAbout(json, "etc/motd")), 4110);
+  EXPECT_EQ(Status(JsonAbout(json, "hosts-link")), 4112);
 }
 
 TEST_F(ToolTest, EveryJsonLineParsesAndTheSummaryComesLast) {
@@ -307,15 +303,21 @@ TEST_F(ToolTest, DiffListsWhatChangedSinceThePreviousDatabase) {
   ASSERT_EQ(Tool("update t").status, 0);
   CToolRun run = Tool("diff t");
   EXPECT_EQ(run.status, 1) << run.err;
-  EXPECT_THAT(run.out, HasSubstr("changed   etc/hosts\n"));
-  EXPECT_THAT(run.out, HasSubstr("new       added\n"));
-  EXPECT_THAT(run.out, HasSubstr("removed   bin/tool\n"));
+  EXPECT_THAT(LineAbout(run, "etc/hosts"),
+              AllOf(StartsWith("hash changed"),
+                    HasSubstr("hash " + Sha256("127.0.0.1 localhost\n") + " -> " + Sha256("changed\n"))));
+  EXPECT_THAT(LineAbout(run, "added"), AllOf(StartsWith("new"), HasSubstr("kind file; mode -rw-r--r-- (0644)")));
+  EXPECT_THAT(LineAbout(run, "bin/tool"), AllOf(StartsWith("removed"), HasSubstr("kind file")));
   EXPECT_THAT(run.out, HasSubstr("1 new, 1 removed"));
   boost::filesystem::copy_file(Data("t.previous.hdb"), dir_ / "old.hdb");
   boost::filesystem::copy_file(Data("t.previous.hdb.p7s"), dir_ / "old.hdb.p7s");
   CToolRun named = Tool("diff t old.hdb --json");
   EXPECT_EQ(named.status, 1);
-  EXPECT_THAT(named.out, HasSubstr("{\"change\":\"removed\",\"path\":\"bin/tool\",\"kind\":\"file\"}"));
+  Poco::JSON::Object::Ptr removed = JsonAbout(named, "bin/tool");
+  ASSERT_TRUE(removed) << named.out;
+  EXPECT_EQ(Action(removed), "removed");
+  EXPECT_EQ(removed->getObject("event")->getValue<std::string>("dataset"), "signdb.diff");
+  EXPECT_EQ(OldAndNew(JsonAbout(named, "etc/hosts"), "size"), std::make_pair(std::string("20"), std::string("8")));
 }
 
 TEST_F(ToolTest, ATamperedDatabaseIsRefusedByCheckAndVerifyAndLeftAsItWas) {
@@ -386,7 +388,7 @@ TEST_F(ToolTest, LsAndShowTellWhatWasRecorded) {
   EXPECT_EQ(show.status, 0) << show.err;
   EXPECT_THAT(show.out, AllOf(HasSubstr("kind:                file\n"), HasSubstr("size:                20 bytes\n"),
                               HasSubstr("hash:                " + Sha256("127.0.0.1 localhost\n")),
-                              HasSubstr("attributes:          100644\n"), HasSubstr("below a link target: no\n")));
+                              HasSubstr("mode:                -rw-r--r-- (0644)\n"), HasSubstr("below a link target: no\n")));
   CToolRun full = Tool("show t '" + Tree("hosts-link") + "' --json");
   EXPECT_EQ(ParseJson(full.out)->getValue<std::string>("target"), "etc/hosts");
   CToolRun missing = Tool("show t etc/shadow");
@@ -447,8 +449,8 @@ TEST_F(ToolTest, UnreadableFilesAreNamedAndCountedAndNeverReportedAsGone) {
   ASSERT_EQ(::chmod(Tree("closed").c_str(), 0755), 0);
   ASSERT_EQ(::chmod(Tree("locked").c_str(), 0644), 0);
   CToolRun later = Tool("check t --json", true);
-  EXPECT_EQ(JsonAbout(later, "locked")->getValue<std::string>("change"), "new");
-  EXPECT_EQ(JsonAbout(later, "closed/secret")->getValue<std::string>("change"), "new");
+  EXPECT_EQ(Action(JsonAbout(later, "locked")), "new");
+  EXPECT_EQ(Action(JsonAbout(later, "closed/secret")), "new");
 }
 
 TEST_F(ToolTest, ANameThatIsNotUtf8IsReportedNeverSkippedInSilence) {
@@ -461,7 +463,7 @@ TEST_F(ToolTest, ANameThatIsNotUtf8IsReportedNeverSkippedInSilence) {
   CToolRun check = Tool("check t --json");
   EXPECT_EQ(check.status, 2);
   for (const std::string& line : check.OutLines()) EXPECT_NO_THROW(ParseJson(line)) << line;
-  EXPECT_EQ(JsonAbout(check, "bad\xef\xbf\xbdname")->getValue<std::string>("change"), "unreadable");
+  EXPECT_EQ(Action(JsonAbout(check, "bad\xef\xbf\xbdname")), "unreadable");
 }
 
 TEST_F(ToolTest, AMissingRootIsAnErrorThatLeavesTheDatabaseAlone) {
@@ -527,5 +529,3 @@ TEST_F(ToolTest, MistakesOnTheCommandLineAreErrors) {
   EXPECT_THAT(wrong_option.err, HasSubstr("signdb scan does not take --json"));
   EXPECT_EQ(Run("").status, 2);
 }
-
-}  // namespace

@@ -1,16 +1,22 @@
 // The tool's parts that need no disk: its command line, its words for differences, its HDB dump.
 
-#include <sstream>
-
+#include <Poco/JSON/Parser.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
+#include <sstream>
+
+#include "cli/account_names.h"
 #include "cli/command_line.h"
 #include "cli/difference.h"
 #include "cli/exit_status.h"
 #include "cli/hdb_dump.h"
+#include "cli/report_event.h"
 #include "cli/text_format.h"
 #include "hdbfile/hdb_header.h"
+#include "refhost/safe_text.h"
+#include "refhost/security_text.h"
 #include "tests/persistence_fixture.h"
 
 namespace {
@@ -53,8 +59,8 @@ CDifference Difference(CChange change, const std::string& path, const std::strin
   CDifference difference;
   difference.change = change;
   difference.path = path;
-  difference.recorded_hash = recorded;
-  difference.current_hash = current;
+  difference.recorded.hash = recorded;
+  difference.current.hash = current;
   return difference;
 }
 
@@ -79,22 +85,175 @@ TEST(ToolDifferences, ContentThatSeveralFilesShareIsNotTakenForARename) {
   for (const CDifference& difference : differences) EXPECT_NE(difference.change, CChange::kRenamed);
 }
 
-TEST(ToolDifferences, ALineSaysWhatChangedThenWhereThenTheDetail) {
-  CDifference difference = Difference(CChange::kAttributesChanged, "etc/passwd", "", "");
-  difference.detail = "mode 100644 -> 100600";
-  difference.also = {"change time", "security attributes"};
-  EXPECT_EQ(DifferenceText(difference),
-            "attributes changed          etc/passwd  (mode 100644 -> 100600)  also: change time, security attributes");
-  CDifference directory = Difference(CChange::kGone, "", "", "");
-  directory.is_dir = true;
-  EXPECT_EQ(DifferenceText(directory), "gone                        ./");
+// A regular file as the reference host records it.
+CObjectState FileState(uint32_t mode, const std::string& security) {
+  CObjectState state;
+  state.hash = "ab";
+  state.size = 3;
+  state.attributes = S_IFREG | mode;
+  state.time_1 = 1000000000ull;
+  state.time_2 = 1000000000ull;
+  state.security = security;
+  return state;
 }
 
-TEST(ToolDifferences, JsonEscapesPathsAndNamesTheKind) {
-  CDifference difference = Difference(CChange::kNew, "a \"quoted\"\nname", "", "ff");
-  EXPECT_EQ(DifferenceJson(difference),
-            "{\"change\":\"new\",\"code\":0,\"path\":\"a \\\"quoted\\\"\\nname\",\"kind\":\"file\","
-            "\"current_hash\":\"ff\",\"also\":[]}");
+TEST(ToolDifferences, EveryDifferenceIsNamedWithItsOldAndNewValueMostImportantFirst) {
+  CObjectState before = FileState(0644, "inode=7 mode=0644 nlink=1 uid=0");
+  CObjectState after = FileState(04755, "inode=7 mode=4755 nlink=1 uid=65534");
+  after.time_1 = 2000000000ull;
+  CDifference difference = DescribeRecorded(CChange::kChanged, "bin/su", &before, &after);
+  EXPECT_EQ(difference.words, "owner changed");
+  EXPECT_EQ(DifferenceText(difference),
+            "owner changed               bin/su  owner root (0) -> " +
+                (UserName(65534).empty() ? std::string("65534") : UserName(65534) + " (65534)") +
+                "; mode -rw-r--r-- (0644) -> -rwsr-xr-x (4755); status changed 1970-01-01 00:00:01.000000000 UTC"
+                " -> 1970-01-01 00:00:02.000000000 UTC");
+}
+
+TEST(ToolDifferences, ATimeHeadsALineOnlyWhenNothingElseChanged) {
+  CObjectState before = FileState(0644, "inode=7 mode=0644 nlink=1 uid=0");
+  CObjectState after = before;
+  after.time_1 = 5;
+  EXPECT_EQ(DescribeRecorded(CChange::kChanged, "f", &before, &after).words, "times changed");
+  after.security = "inode=7 mode=0644 nlink=2 uid=0";  // a hard link made to it
+  CDifference linked = DescribeRecorded(CChange::kChanged, "f", &before, &after);
+  EXPECT_EQ(linked.words, "link count changed");
+  ASSERT_EQ(linked.changes.size(), 2u);
+  EXPECT_EQ(linked.changes[0].Text(), "link count 1 -> 2");
+}
+
+TEST(ToolDifferences, EachExtendedAttributeCapabilityAndFlagIsItsOwnDifference) {
+  CObjectState before = FileState(0755, "inode=7 mode=0755 uid=0 xattr.user.gone=\"x\" xattr.user.kept=\"a\"");
+  CObjectState after = FileState(0755,
+                                 "caps=cap_dac_read_search=ep flags=i inode=7 mode=0755 uid=0 "
+                                 "xattr.user.kept=\"b\" xattr.user.new=0x00ff");
+  CDifference difference = DescribeRecorded(CChange::kChanged, "bin/tar", &before, &after);
+  EXPECT_EQ(difference.words, "capabilities changed");
+  std::vector<std::string> texts;
+  for (const CAttributeChange& change : difference.changes) texts.push_back(change.Text());
+  EXPECT_THAT(texts, ElementsAre("capabilities none -> cap_dac_read_search=ep", "xattr user.gone \"x\" -> none",
+                                 "xattr user.kept \"a\" -> \"b\"", "xattr user.new none -> 0x00ff",
+                                 "flags none -> i (immutable)"));
+  EXPECT_FALSE(difference.changes[0].old_present);
+  EXPECT_EQ(difference.changes[0].attribute, "capabilities");
+}
+
+TEST(ToolDifferences, ADeviceSwappedForAnotherIsADeviceChangeAndAFifoIsNotAFile) {
+  CObjectState before;
+  before.attributes = S_IFCHR | 0666;
+  before.security = "device=1,3 inode=5 mode=0666 nlink=1 uid=0";
+  CObjectState after = before;
+  after.security = "device=1,1 inode=6 mode=0666 nlink=1 uid=0";
+  CDifference swapped = DescribeRecorded(CChange::kChanged, "dev/null", &before, &after);
+  EXPECT_EQ(swapped.words, "device changed");
+  EXPECT_EQ(swapped.changes[0].Text(), "device 1,3 -> 1,1");
+  CObjectState fifo;
+  fifo.attributes = S_IFIFO | 0600;
+  fifo.security = "gid=0 inode=9 mode=0600 nlink=1 uid=0";
+  CDifference created = DescribeRecorded(CChange::kNew, "run/pipe", nullptr, &fifo);
+  EXPECT_EQ(created.words, "new");
+  EXPECT_THAT(DifferenceText(created), HasSubstr("kind fifo; mode prw------- (0600); owner root (0); group root (0)"));
+}
+
+TEST(ToolDifferences, ANewObjectShowsWhatItIsAndFlagsWhatStandsOut) {
+  CObjectState state = FileState(04777, "caps=cap_net_raw=ep gid=0 inode=7 mode=4777 nlink=1 uid=0");
+  CDifference created = DescribeRecorded(CChange::kNew, "bin/x", nullptr, &state);
+  EXPECT_EQ(DifferenceText(created),
+            "new                         bin/x  kind file; mode -rwsrwxrwx (4777); owner root (0); group root (0); "
+            "capabilities cap_net_raw=ep; hash ab  [setuid, world-writable, capabilities]");
+}
+
+TEST(ToolDifferences, ARecordInTheOlderSecurityFormComparesOnWhatItHeldAndSaysSo) {
+  CObjectState before = FileState(0644, "owner=0 group=0 mode=0644");
+  CObjectState after = FileState(0644, "gid=0 inode=7 mode=0644 nlink=1 uid=0");
+  CDifference difference = DescribeRecorded(CChange::kChanged, "etc/hosts", &before, &after);
+  EXPECT_EQ(difference.words, "security attributes changed");
+  ASSERT_EQ(difference.changes.size(), 1u);
+  EXPECT_THAT(difference.changes[0].Text(), HasSubstr("recorded in an older form"));
+  after.security = "gid=0 inode=7 mode=0644 nlink=1 uid=1000";
+  EXPECT_EQ(DescribeRecorded(CChange::kChanged, "etc/hosts", &before, &after).words, "owner changed");
+}
+
+TEST(ToolDifferences, AForgedLineInANameIsPrintedEscaped) {
+  CObjectState state = FileState(0644, "uid=0");
+  CDifference difference = DescribeRecorded(CChange::kNew, "x\ngone                        passwd", nullptr, &state);
+  std::string line = DifferenceText(difference);
+  EXPECT_EQ(line.find('\n'), std::string::npos);
+  EXPECT_THAT(line, HasSubstr("\"x\\ngone                        passwd\""));
+  difference.path = "red\x1b[31mname";
+  EXPECT_THAT(DifferenceText(difference), HasSubstr("red\\e[31mname"));
+}
+
+TEST(ToolDifferences, AJsonLineCarriesTheEventFieldsAndEveryOldAndNewValue) {
+  CObjectState before = FileState(0644, "gid=0 inode=7 mode=0644 nlink=1 uid=0");
+  CObjectState after = FileState(0644, "gid=0 inode=7 mode=0644 nlink=1 uid=65534");
+  CDifference difference = DescribeRecorded(CChange::kChanged, "passwd", &before, &after);
+  difference.status = 4107;
+  CReportContext context = CReportContext::Make("etc", "/etc", "check", 256);
+  Poco::JSON::Object::Ptr line = Poco::JSON::Parser().parse(DifferenceJson(difference, context)).extract<Poco::JSON::Object::Ptr>();
+  EXPECT_EQ(line->getValue<std::string>("@timestamp"), context.timestamp);
+  EXPECT_EQ(line->getObject("host")->getValue<std::string>("name"), context.host_name);
+  EXPECT_EQ(line->getObject("event")->getValue<std::string>("action"), "owner changed");
+  EXPECT_EQ(line->getObject("event")->getValue<std::string>("code"), "4107");
+  EXPECT_EQ(line->getObject("file")->getValue<std::string>("path"), "/etc/passwd");
+  EXPECT_EQ(line->getObject("file")->getValue<std::string>("uid"), "65534");
+  EXPECT_EQ(line->getObject("file")->getObject("hash")->getValue<std::string>("sha256"), "ab");
+  Poco::JSON::Object::Ptr signdb = line->getObject("signdb");
+  EXPECT_EQ(signdb->getValue<std::string>("relative_path"), "passwd");
+  EXPECT_EQ(signdb->getValue<int>("status"), 4107);
+  Poco::JSON::Object::Ptr owner = signdb->getArray("changes")->getObject(0);
+  EXPECT_EQ(owner->getValue<std::string>("attribute"), "uid");
+  EXPECT_EQ(owner->getValue<std::string>("old"), "0");
+  EXPECT_EQ(owner->getValue<std::string>("new"), "65534");
+  EXPECT_EQ(owner->getValue<std::string>("old_name"), "root");
+}
+
+TEST(ToolDifferences, KindsComeFromTheTypeBitsOfTheMode) {
+  EXPECT_EQ(KindOf(false, S_IFIFO | 0644, false), CObjectKind::kFifo);
+  EXPECT_EQ(KindOf(false, S_IFSOCK | 0755, false), CObjectKind::kSocket);
+  EXPECT_EQ(KindOf(false, S_IFBLK | 0660, false), CObjectKind::kBlockDevice);
+  EXPECT_STREQ(KindWords(KindOf(false, S_IFCHR | 0666, false)), "char device");
+  EXPECT_EQ(KindOf(true, kUnknownAttributes, false), CObjectKind::kDirectory);  // an older record
+  EXPECT_EQ(KindOf(false, kUnknownAttributes, true), CObjectKind::kSymlink);
+}
+
+TEST(ToolText, ControlBytesAndBytesThatAreNotUtf8AreEscapedAndStayDistinct) {
+  EXPECT_EQ(EscapedText("caf\xc3\xa9 ok"), "caf\xc3\xa9 ok");
+  EXPECT_EQ(EscapedText("a\nb\rc\td\x1b[0m\\"), "a\\nb\\rc\\td\\e[0m\\\\");
+  EXPECT_EQ(EscapedText(std::string("nul\0bell\x07", 9)), "nul\\x00bell\\x07");
+  EXPECT_EQ(EscapedText("\xff"), "\\xff");
+  EXPECT_NE(EscapedText("\xff"), EscapedText("\xfe"));
+  EXPECT_NE(EscapedText("\xff"), EscapedText("\\xff"));  // a literal backslash is escaped itself
+  EXPECT_EQ(EscapedText("abc\xe2\x80\xae" "fdp.exe"), "abc\\u202efdp.exe");  // right-to-left override
+  EXPECT_EQ(EscapedText("\xc2\x9b" "31m"), "\\u009b31m");                   // C1 control sequence introducer
+  EXPECT_EQ(SafePath("etc/passwd"), "etc/passwd");
+  EXPECT_EQ(SafePath("my file"), "\"my file\"");
+  EXPECT_EQ(SafePath("say \"hi\""), "\"say \\\"hi\\\"\"");
+}
+
+TEST(ToolSecurityText, NoValueCanForgeAnotherKey) {
+  security_text::CSecurityItems items = {{"uid", "1000"},
+                                         {"xattr.user.note", "\"x uid=0 mode=4755\""},
+                                         {"xattr.user.a=b c", "\"\n\""}};
+  std::string text = security_text::Text(items);
+  EXPECT_EQ(text, "uid=1000 xattr.user.a%3Db%20c=\"%0A\" xattr.user.note=\"x%20uid=0%20mode=4755\"");
+  EXPECT_EQ(security_text::Parse(text), items);
+}
+
+TEST(ToolSecurityText, ExtendedAttributeValuesAreTextWhenPrintableElseHex) {
+  EXPECT_EQ(security_text::XattrValueText("hello"), "\"hello\"");
+  EXPECT_EQ(security_text::XattrValueText(std::string("label\0", 6)), "\"label\"");
+  EXPECT_EQ(security_text::XattrValueText(std::string("\x01\x00\xff", 3)), "0x0100ff");
+}
+
+TEST(ToolSecurityText, TheOlderFormIsReadIntoTheSameKeys) {
+  bool legacy = false;
+  security_text::CSecurityItems items = security_text::Parse("owner=0 group=4 mode=0640 acl=u::rw-,u:5:r--", &legacy);
+  EXPECT_TRUE(legacy);
+  EXPECT_EQ(items, (security_text::CSecurityItems{
+                       {"acl.access", "u::rw-,u:5:r--"}, {"gid", "4"}, {"mode", "0640"}, {"uid", "0"}}));
+  security_text::Parse("gid=0 uid=0", &legacy);
+  EXPECT_FALSE(legacy);
 }
 
 TEST(ToolText, NumbersSizesAndTimesReadWell) {

@@ -1,0 +1,43 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+class CHashDB;
+class CRefFileObjInfo;
+
+// The kind of a file-system object. The attributes field holds st_mode, whose type bits say it;
+// a record without known attributes still tells a directory and a symbolic link by their fields.
+enum class CObjectKind { kFile, kDirectory, kSymlink, kCharDevice, kBlockDevice, kFifo, kSocket };
+
+CObjectKind KindOf(bool is_dir, uint32_t attributes, bool has_target);
+// "file", "directory", "symlink", "char device", "block device", "fifo", "socket".
+const char* KindWords(CObjectKind kind);
+// The event schema's file.type: "file", "dir", "symlink", "char_device", "block_device", "fifo",
+// "socket".
+const char* KindType(CObjectKind kind);
+// The type letter of ls: '-', 'd', 'l', 'c', 'b', 'p', 's'.
+char KindLetter(CObjectKind kind);
+
+constexpr uint32_t kUnknownAttributes = 0xFFFFFFFFu;
+constexpr uint64_t kUnknownTime = ~0ull;
+
+// Everything recorded about one object, or read from the disk now.
+struct CObjectState {
+  bool is_dir = false;
+  std::string hash;  // empty: none (a directory, a link, a device, or not hashed)
+  uint64_t size = 0;
+  uint32_t attributes = kUnknownAttributes;  // st_mode
+  uint64_t time_1 = kUnknownTime;            // status change, ns since the epoch
+  uint64_t time_2 = kUnknownTime;            // modification
+  std::string security;                      // refhost/security_text.h
+  std::string target;                        // a symbolic link's target
+
+  CObjectKind kind() const { return KindOf(is_dir, attributes, !target.empty()); }
+};
+
+// The object as the disk showed it.
+CObjectState StateOfObject(CRefFileObjInfo& info);
+// The object as "database" recorded it at this full path (which must be recorded).
+CObjectState RecordedState(CHashDB& database, const std::wstring& full_path);
