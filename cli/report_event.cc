@@ -19,6 +19,7 @@ using Poco::JSON::Array;
 using Poco::JSON::Object;
 
 Object::Ptr NewObject() { return new Object(Poco::JSON_PRESERVE_KEY_ORDER); }
+Array::Ptr NewArray() { return new Array; }
 
 // JSON strings must be Unicode: bytes that are not valid UTF-8 become U+FFFD.
 std::string Text(const std::string& text) { return ValidUtf8(text); }
@@ -63,7 +64,7 @@ Object::Ptr FileObject(const CObjectState& state, const std::string& full_path,
   if (!state.target.empty()) file->set("target_path", Text(state.target));
   std::string flags = item(security_text::kFlags);
   if (!flags.empty()) {
-    Array::Ptr attributes = new Array;
+    Array::Ptr attributes = NewArray();
     std::string names = FlagsText(flags);  // "ia (immutable, append-only)"
     size_t open = names.find('(');
     std::istringstream list(names.substr(open + 1, names.size() - open - 2));
@@ -86,7 +87,7 @@ Poco::Dynamic::Var Value(bool present, const std::string& value) {
 std::string Stringify(const Object::Ptr& object) {
   std::ostringstream out;
   object->stringify(out, 0);
-  return out.str();
+  return AsciiJson(out.str());
 }
 
 Object::Ptr EventHead(const CReportContext& context) {
@@ -121,10 +122,10 @@ std::string DifferenceJson(const CDifference& difference, const CReportContext& 
   Object::Ptr line = EventHead(context);
   Object::Ptr event = NewObject();
   event->set("kind", "event");
-  Array::Ptr category = new Array;
+  Array::Ptr category = NewArray();
   category->add("file");
   event->set("category", category);
-  Array::Ptr type = new Array;
+  Array::Ptr type = NewArray();
   type->add(EventType(difference.change));
   event->set("type", type);
   event->set("action", difference.words);
@@ -156,10 +157,10 @@ std::string DifferenceJson(const CDifference& difference, const CReportContext& 
   copy(security_text::kLinkCount, "link_count");
   copy(security_text::kSelinux, "selinux");
   copy(security_text::kAccessAcl, "acl");
-  Array::Ptr warnings = new Array;
+  Array::Ptr warnings = NewArray();
   for (const std::string& warning : difference.warnings) warnings->add(warning);
   signdb->set("warnings", warnings);
-  Array::Ptr changes = new Array;
+  Array::Ptr changes = NewArray();
   for (const CAttributeChange& change : difference.changes) {
     Object::Ptr entry = NewObject();
     entry->set("attribute", Text(change.attribute));

@@ -68,5 +68,37 @@ std::string ValidUtf8(const std::string& text) {
 std::string JsonString(const std::string& text) {
   std::ostringstream out;
   Poco::JSON::Stringifier::formatString(ValidUtf8(text), out);
-  return out.str();
+  return AsciiJson(out.str());
+}
+
+std::string AsciiJson(const std::string& json) {
+  std::string ascii;
+  ascii.reserve(json.size());
+  Poco::UTF8Encoding utf8;
+  const auto* bytes = reinterpret_cast<const unsigned char*>(json.data());
+  auto escape = [&ascii](unsigned code) {
+    char unit[16];
+    std::snprintf(unit, sizeof unit, "\\u%04X", code);
+    ascii += unit;
+  };
+  for (size_t i = 0; i < json.size();) {
+    if (bytes[i] < 0x7F) {
+      ascii += json[i++];
+      continue;
+    }
+    int left = static_cast<int>(std::min<size_t>(json.size() - i, 8));
+    int length = bytes[i] == 0x7F ? 1 : utf8.sequenceLength(bytes + i, left);
+    if (length <= 0 || length > left) length = 1;  // not produced by ValidUtf8; never split
+    int code = bytes[i] == 0x7F ? 0x7F : utf8.queryConvert(bytes + i, length);
+    if (code < 0) code = 0xFFFD;
+    if (code >= 0x10000) {  // a surrogate pair
+      code -= 0x10000;
+      escape(0xD800 + (static_cast<unsigned>(code) >> 10));
+      escape(0xDC00 + (static_cast<unsigned>(code) & 0x3FF));
+    } else {
+      escape(static_cast<unsigned>(code));
+    }
+    i += static_cast<size_t>(length);
+  }
+  return ascii;
 }

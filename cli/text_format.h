@@ -11,5 +11,11 @@ std::string AttributesText(uint32_t attributes);  // the whole st_mode, six octa
 std::string TimeText(uint64_t nanoseconds);
 // The text with every byte that is not part of a valid UTF-8 sequence replaced by U+FFFD.
 std::string ValidUtf8(const std::string& text);
-// A JSON string literal (quotes included) of UTF-8 text; invalid bytes become U+FFFD.
+// A JSON string literal (quotes included) of UTF-8 text, in plain ASCII (see AsciiJson); bytes
+// that are not valid UTF-8 become U+FFFD.
 std::string JsonString(const std::string& text);
+// JSON text of valid UTF-8 with every character past ASCII, and DEL, written as \uXXXX (a
+// surrogate pair past U+FFFF): a line that no terminal or log viewer can take for a control
+// sequence, which every JSON reader decodes back to the same text. Outside strings JSON holds
+// only ASCII, so only string contents change.
+std::string AsciiJson(const std::string& json);

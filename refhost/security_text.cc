@@ -102,7 +102,10 @@ std::string Text(const CSecurityItems& items) {
 }
 
 CSecurityItems Parse(std::string_view text, bool* legacy) {
-  bool old_form = text.rfind("owner=", 0) == 0;
+  // The older form starts "owner=... group=...". The current form is sorted, so when it starts
+  // with a key "owner" no key "group" follows, and an escaped value holds no space: no text of
+  // the current form reads as the older one.
+  bool old_form = text.rfind("owner=", 0) == 0 && text.find(" group=") != std::string_view::npos;
   if (legacy != nullptr) *legacy = old_form;
   if (old_form) return ParseLegacy(text);
   CSecurityItems items;

@@ -15,18 +15,21 @@
 // can forge: every byte below 0x21 or above 0x7E, and '%', is written as %XX (two uppercase hex
 // digits); a key also escapes '='. A reader splits items at spaces and each item at its first '='.
 //
+// clang-format off
 // Keys, each present only when it applies:
-//   uid, gid            numeric owner and group
-//   mode                permission bits with setuid, setgid and sticky, four octal digits
-//   nlink               hard-link count (not for directories, whose count follows their subfolders)
-//   inode               inode number
-//   device              major,minor of a character or block device
-//   acl.access          extended POSIX access ACL (entries as getfacl abbreviates them, numeric
-//   ids) acl.default         default ACL of a directory caps                file capabilities as
-//   getcap shows them ("cap_net_raw=ep") selinux             the SELinux label flags inode flags as
-//   lsattr letters, in lsattr's order ("ia": immutable, append-only) xattr.NAMESPACE.NAME  any
-//   other extended attribute in the security., trusted. and user.
-//                       namespaces: "text" in double quotes when printable, else 0x and hex
+//   uid, gid              numeric owner and group
+//   mode                  permission bits with setuid, setgid and sticky, four octal digits
+//   nlink                 hard-link count (not for directories, whose count follows their subfolders)
+//   inode                 inode number
+//   device                major,minor of a character or block device
+//   acl.access            extended POSIX access ACL (entries as getfacl abbreviates them, numeric ids)
+//   acl.default           default ACL of a directory
+//   caps                  file capabilities as getcap shows them ("cap_net_raw=ep")
+//   selinux               the SELinux label
+//   flags                 inode flags as lsattr letters, in lsattr's order ("ia": immutable, append-only)
+//   xattr.NAMESPACE.NAME  any other extended attribute in the security., trusted. and user.
+//                         namespaces: "text" in double quotes when printable, else 0x and hex
+// clang-format on
 namespace security_text {
 
 constexpr const char* kUid = "uid";

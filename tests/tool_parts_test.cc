@@ -208,6 +208,24 @@ TEST(ToolDifferences, AJsonLineCarriesTheEventFieldsAndEveryOldAndNewValue) {
   EXPECT_EQ(owner->getValue<std::string>("old_name"), "root");
 }
 
+TEST(ToolDifferences, AJsonLineIsPlainAsciiWhateverTheNameHoldsAndDecodesBackToIt) {
+  // An escape, a C1 control sequence introducer and a right-to-left override.
+  const std::string name = "a\x1b[31m\xc2\x9b" "2J\xe2\x80\xaetxt.exe";
+  CObjectState state = FileState(0644, "gid=0 mode=0644 nlink=1 uid=0");
+  CDifference difference = DescribeRecorded(CChange::kNew, name, nullptr, &state);
+  std::string json = DifferenceJson(difference, CReportContext::Make("p", "/r", "check", 256));
+  for (unsigned char c : json) EXPECT_TRUE(c >= 0x20 && c < 0x7F) << json;
+  Poco::JSON::Object::Ptr line = Poco::JSON::Parser().parse(json).extract<Poco::JSON::Object::Ptr>();
+  EXPECT_EQ(line->getObject("signdb")->getValue<std::string>("relative_path"), name);
+}
+
+TEST(ToolSecurityText, ATextWhoseFirstKeyIsOwnerIsNotTakenForTheOlderForm) {
+  security_text::CSecurityItems items = {{"owner", ""}, {"uid", "0"}};
+  bool legacy = true;
+  EXPECT_EQ(security_text::Parse(security_text::Text(items), &legacy), items);
+  EXPECT_FALSE(legacy);
+}
+
 TEST(ToolDifferences, KindsComeFromTheTypeBitsOfTheMode) {
   EXPECT_EQ(KindOf(false, S_IFIFO | 0644, false), CObjectKind::kFifo);
   EXPECT_EQ(KindOf(false, S_IFSOCK | 0755, false), CObjectKind::kSocket);
@@ -332,9 +350,9 @@ TEST(ToolHdbDump, ANodeCountThatDisagreesWithTheRecordsIsReported) {
 
 namespace {
 
-TEST(ToolText, JsonStaysValidForNamesThatAreNotUtf8) {
-  EXPECT_EQ(JsonString("caf\xc3\xa9"), "\"caf\xc3\xa9\"");
-  EXPECT_EQ(JsonString("bad\xffname"), "\"bad\xef\xbf\xbdname\"");
+TEST(ToolText, JsonStaysValidAndPlainAsciiForAnyName) {
+  EXPECT_EQ(JsonString("caf\xc3\xa9"), "\"caf\\u00E9\"");
+  EXPECT_EQ(JsonString("bad\xffname"), "\"bad\\uFFFDname\"");
   EXPECT_EQ(ValidUtf8("\xc3"), "\xef\xbf\xbd");  // a sequence cut short
 }
 
