@@ -289,13 +289,13 @@ std::vector<CAttributeChange> CompareStates(const CObjectState& recorded,
   // A directory's modification time follows its entries, which are reported themselves.
   if (!recorded.is_dir && recorded.time_2 != kUnknownTime && current.time_2 != kUnknownTime &&
       recorded.time_2 != current.time_2) {
-    Add(changes, CAspect::kModified, "mtime", std::to_string(recorded.time_2),
-        std::to_string(current.time_2), TimeDisplay(recorded.time_2), TimeDisplay(current.time_2));
+    Add(changes, CAspect::kModified, "mtime", IsoTimeText(recorded.time_2),
+        IsoTimeText(current.time_2), TimeDisplay(recorded.time_2), TimeDisplay(current.time_2));
   }
   if (recorded.time_1 != kUnknownTime && current.time_1 != kUnknownTime &&
       recorded.time_1 != current.time_1) {
-    Add(changes, CAspect::kStatusChanged, "ctime", std::to_string(recorded.time_1),
-        std::to_string(current.time_1), TimeDisplay(recorded.time_1), TimeDisplay(current.time_1));
+    Add(changes, CAspect::kStatusChanged, "ctime", IsoTimeText(recorded.time_1),
+        IsoTimeText(current.time_1), TimeDisplay(recorded.time_1), TimeDisplay(current.time_1));
   }
   std::stable_sort(
       changes.begin(), changes.end(),

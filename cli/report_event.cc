@@ -24,11 +24,6 @@ Array::Ptr NewArray() { return new Array; }
 // JSON strings must be Unicode: bytes that are not valid UTF-8 become U+FFFD.
 std::string Text(const std::string& text) { return ValidUtf8(text); }
 
-std::string IsoTime(uint64_t nanoseconds) {
-  Poco::Timestamp time(static_cast<Poco::Timestamp::TimeVal>(nanoseconds / 1000));
-  return Poco::DateTimeFormatter::format(time, "%Y-%m-%dT%H:%M:%S.%iZ");
-}
-
 const char* EventType(CChange change) {
   switch (change) {
     case CChange::kNew:
@@ -59,8 +54,8 @@ Object::Ptr FileObject(const CObjectState& state, const std::string& full_path,
   if (!GroupNameOf(gid).empty()) file->set("group", Text(GroupNameOf(gid)));
   if (!state.is_dir) file->set("size", state.size);
   if (!item(security_text::kInode).empty()) file->set("inode", item(security_text::kInode));
-  if (state.time_2 != kUnknownTime) file->set("mtime", IsoTime(state.time_2));
-  if (state.time_1 != kUnknownTime) file->set("ctime", IsoTime(state.time_1));
+  if (state.time_2 != kUnknownTime) file->set("mtime", IsoTimeText(state.time_2));
+  if (state.time_1 != kUnknownTime) file->set("ctime", IsoTimeText(state.time_1));
   if (!state.target.empty()) file->set("target_path", Text(state.target));
   std::string flags = item(security_text::kFlags);
   if (!flags.empty()) {

@@ -46,6 +46,13 @@ std::string TimeText(uint64_t nanoseconds) {
   return Poco::DateTimeFormatter::format(time, "%Y-%m-%d %H:%M:%S") + fraction + " UTC";
 }
 
+std::string IsoTimeText(uint64_t nanoseconds) {
+  Poco::Timestamp time(static_cast<Poco::Timestamp::TimeVal>(nanoseconds / 1000));
+  char fraction[16];
+  std::snprintf(fraction, sizeof fraction, ".%09lluZ", static_cast<unsigned long long>(nanoseconds % 1000000000ull));
+  return Poco::DateTimeFormatter::format(time, "%Y-%m-%dT%H:%M:%S") + fraction;
+}
+
 std::string ValidUtf8(const std::string& text) {
   Poco::UTF8Encoding utf8;
   std::string valid;

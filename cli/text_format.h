@@ -9,6 +9,8 @@ std::string ByteSize(uint64_t bytes);
 std::string AttributesText(uint32_t attributes);  // the whole st_mode, six octal digits
 // A time in nanoseconds since the epoch, in UTC; "unknown" for all bits set.
 std::string TimeText(uint64_t nanoseconds);
+// The same in ISO 8601 with nanoseconds, as event logs take it: "2026-11-23T02:10:44.527702313Z".
+std::string IsoTimeText(uint64_t nanoseconds);
 // The text with every byte that is not part of a valid UTF-8 sequence replaced by U+FFFD.
 std::string ValidUtf8(const std::string& text);
 // A JSON string literal (quotes included) of UTF-8 text, in plain ASCII (see AsciiJson); bytes

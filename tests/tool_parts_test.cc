@@ -226,6 +226,22 @@ TEST(ToolSecurityText, ATextWhoseFirstKeyIsOwnerIsNotTakenForTheOlderForm) {
   EXPECT_FALSE(legacy);
 }
 
+TEST(ToolDifferences, TimesInAJsonLineAreIsoTimesWithEveryNanosecond) {
+  CObjectState before = FileState(0644, "mode=0644");
+  CObjectState after = before;
+  after.time_2 = 1795399844527702313ull;
+  CDifference difference = DescribeRecorded(CChange::kChanged, "f", &before, &after);
+  Poco::JSON::Object::Ptr line =
+      Poco::JSON::Parser()
+          .parse(DifferenceJson(difference, CReportContext::Make("p", "/r", "check", 256)))
+          .extract<Poco::JSON::Object::Ptr>();
+  EXPECT_EQ(line->getObject("file")->getValue<std::string>("mtime"), "2026-11-23T02:10:44.527702313Z");
+  Poco::JSON::Object::Ptr change = line->getObject("signdb")->getArray("changes")->getObject(0);
+  EXPECT_EQ(change->getValue<std::string>("attribute"), "mtime");
+  EXPECT_EQ(change->getValue<std::string>("old"), "1970-01-01T00:00:01.000000000Z");
+  EXPECT_EQ(change->getValue<std::string>("new"), "2026-11-23T02:10:44.527702313Z");
+}
+
 TEST(ToolDifferences, KindsComeFromTheTypeBitsOfTheMode) {
   EXPECT_EQ(KindOf(false, S_IFIFO | 0644, false), CObjectKind::kFifo);
   EXPECT_EQ(KindOf(false, S_IFSOCK | 0755, false), CObjectKind::kSocket);
