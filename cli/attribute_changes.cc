@@ -376,6 +376,12 @@ std::string Summary(const CObjectState& state) {
   if (!item(security_text::kCapabilities).empty()) {
     text += "; capabilities " + EscapedText(item(security_text::kCapabilities));
   }
+  if (!item(security_text::kAccessAcl).empty()) {
+    text += "; acl " + EscapedText(item(security_text::kAccessAcl));
+  }
+  if (!item(security_text::kDefaultAcl).empty()) {
+    text += "; default acl " + EscapedText(item(security_text::kDefaultAcl));
+  }
   if (!item(security_text::kDevice).empty())
     text += "; device " + EscapedText(item(security_text::kDevice));
   if (!item(security_text::kFlags).empty())

@@ -68,5 +68,5 @@ std::string FlagsText(const std::string& letters);  // "ia (immutable, append-on
 // What stands out about a new object: "setuid", "setgid", "world-writable", "capabilities".
 std::vector<std::string> Warnings(const CObjectState& state);
 // The main properties of an object for a "new" or "gone" line: kind, mode, owner, group,
-// capabilities, device, link target, hash. Safe to print.
+// capabilities, ACLs, device, flags, link target, hash. Safe to print.
 std::string Summary(const CObjectState& state);

@@ -163,6 +163,13 @@ TEST(ToolDifferences, ANewObjectShowsWhatItIsAndFlagsWhatStandsOut) {
             "capabilities cap_net_raw=ep; hash ab  [setuid, world-writable, capabilities]");
 }
 
+TEST(ToolDifferences, ANewObjectWithAnAclShowsItsEntries) {
+  CObjectState state = FileState(0664, "acl.access=u::rw-,u:1000:rw-,g::r--,m::rw-,o::r-- gid=0 mode=0664 uid=0");
+  EXPECT_EQ(DifferenceText(DescribeRecorded(CChange::kNew, "x", nullptr, &state)),
+            "new                         x  kind file; mode -rw-rw-r-- (0664); owner root (0); group root (0); "
+            "acl u::rw-,u:1000:rw-,g::r--,m::rw-,o::r--; hash ab");
+}
+
 TEST(ToolDifferences, ARecordInTheOlderSecurityFormComparesOnWhatItHeldAndSaysSo) {
   CObjectState before = FileState(0644, "owner=0 group=0 mode=0644");
   CObjectState after = FileState(0644, "gid=0 inode=7 mode=0644 nlink=1 uid=0");
