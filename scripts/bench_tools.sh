@@ -8,9 +8,10 @@
 # SIGNDB_BENCH_PEERS=0 times signdb alone (no aide, no hashdeep); SIGNDB_BENCH_BIN names another
 # signdb binary (a build of an earlier commit, for a before/after table on the same machine).
 #
-# Every tool records the same things where it can: SHA-256 of the content, mode, owner, group,
-# size, modification and change times, ACL and link target (aide); SHA-256 only (hashdeep, which
-# records nothing else). aide hashes on as many workers as there are processors. The page cache is
+# Every tool records the same things where it can: SHA-256 of the content, kind, mode, owner,
+# group, size, modification and change times, inode, link count, ACL, extended attributes, SELinux
+# label, capabilities, inode flags and link target (aide); SHA-256 only (hashdeep, which records
+# nothing else). aide hashes on as many workers as there are processors. The page cache is
 # warmed first, so the figures compare the tools, not the disk.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -89,7 +90,7 @@ database_out=file:$work/aide-$n.db.new
 gzip_dbout=no
 report_url=stdout
 num_workers=$cpus
-Same = p+u+g+s+m+c+l+acl+sha256
+Same = p+u+g+s+m+c+l+i+n+ftype+acl+xattrs+selinux+caps+e2fsattrs+sha256
 $tree Same
 CONF
   measure aide "$label" record aide --init --config="$aide_conf"
