@@ -7,7 +7,7 @@ namespace {
 // Options that take a value, and their short forms.
 const std::set<std::string> kValueOptions = {"--config", "--module", "--dir", "--policy", "--signature"};
 const std::set<std::string> kFlagOptions = {"--help", "--json", "--quiet", "--verify", "--force",
-                                            "--recursive"};
+                                            "--recursive", "--wait"};
 const std::map<std::string, std::string> kShortForms = {
     {"-h", "--help"}, {"-q", "--quiet"}, {"-R", "--recursive"}, {"-c", "--config"}};
 
@@ -67,7 +67,7 @@ CCommandLine ParseCommandLine(const std::vector<std::string>& args) {
 void RequireShape(const CCommandLine& line, const std::set<std::string>& options, size_t min_arguments,
                   size_t max_arguments) {
   // Every command takes the global options.
-  static const std::set<std::string> kGlobal = {"--config", "--module", "--help", "--quiet"};
+  static const std::set<std::string> kGlobal = {"--config", "--module", "--help", "--quiet", "--wait"};
   auto check = [&](const std::string& option) {
     if (!kGlobal.count(option) && !options.count(option)) {
       throw CToolError("signdb " + line.command + " does not take " + option + " (see signdb " + line.command +

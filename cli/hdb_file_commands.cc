@@ -38,6 +38,7 @@ int RunVerify(const CCommandLine& line) {
   CSession session(line);
   std::string hdb_path = line.arguments[0];
   std::string signature_path = line.Value("--signature", session.SignatureFileOf(hdb_path));
+  session.LockIfPolicyFile(hdb_path);
   std::shared_ptr<CBuffer> hdb = ReadWhole(session, hdb_path, "HDB file");
   std::shared_ptr<CBuffer> signature = ReadWhole(session, signature_path, "signature file");
 

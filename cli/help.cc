@@ -155,6 +155,8 @@ void PrintUsage(std::ostream& out) {
          "                  ~/.config/signdb/signdb.json, else /etc/signdb/signdb.json for root)\n"
          "  --module FILE   the module (default: libsigndb.so beside this program, or $SIGNDB_MODULE)\n"
          "  --quiet, -q     no progress line\n"
+         "  --wait          wait for a policy that another run is writing (or reading, for a\n"
+         "                  writer) instead of stopping with the holder's process id\n"
          "  --help, -h      this text; 'signdb COMMAND --help' for one command\n"
          "\n"
          "exit status: 0 nothing to report, 1 differences (or nothing found), 2 an error\n"

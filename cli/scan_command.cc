@@ -23,6 +23,7 @@ int RunScan(const CCommandLine& line) {
   CSession session(line);
   const CRefPolicySettings& policy = session.Policy(line.arguments[0]);
   session.RequireRoot(policy);
+  session.LockPolicy(policy, CPolicyLock::CMode::kExclusive);
   bool quiet = line.Has("--quiet");
   auto start = std::chrono::steady_clock::now();
   std::shared_ptr<CHashDB> database = session.NewDatabase(policy);

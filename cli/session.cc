@@ -34,6 +34,7 @@ std::string Joined(const std::vector<std::string>& lines) {
 }  // namespace
 
 CSession::CSession(const CCommandLine& line) {
+  wait_for_locks_ = line.Has("--wait");
   config_path_ = line.Value("--config", DefaultConfigPath());
   if (!boost::filesystem::exists(config_path_)) {
     throw CToolError("no configuration at " + config_path_ +
@@ -111,7 +112,39 @@ std::shared_ptr<CHashDB> CSession::NewDatabase(const CRefPolicySettings& policy)
   return front_->CreateHashDB(std::make_shared<CRefPolicy>(policy));
 }
 
+void CSession::LockPolicy(const CRefPolicySettings& policy, CPolicyLock::CMode mode) {
+  auto held = locks_.find(policy.name);
+  if (held != locks_.end()) {
+    // One lock per policy and process: closing a second descriptor would release the first.
+    if (held->second->mode() == CPolicyLock::CMode::kExclusive || mode == CPolicyLock::CMode::kShared) return;
+    throw std::logic_error("a writer must lock its policy before reading it");
+  }
+  try {
+    locks_[policy.name] =
+        std::make_unique<CPolicyLock>(Narrow(front_->HdbFilePath(policy.name)), policy.name, mode, wait_for_locks_);
+  } catch (const std::runtime_error& e) {
+    throw CToolError(e.what());
+  }
+}
+
+void CSession::LockIfPolicyFile(const std::string& hdb_path) {
+  boost::system::error_code error;
+  for (const CRefPolicySettings& policy : settings_.policies) {
+    std::string own = Narrow(front_->HdbFilePath(policy.name));
+    std::string own_signature = SignatureFileOf(own);
+    for (const std::string& file : {own, own_signature}) {
+      if (boost::filesystem::equivalent(hdb_path, file, error) ||
+          boost::filesystem::absolute(hdb_path).lexically_normal() ==
+              boost::filesystem::absolute(file).lexically_normal()) {
+        LockPolicy(policy, CPolicyLock::CMode::kShared);
+        return;
+      }
+    }
+  }
+}
+
 std::shared_ptr<CHashDB> CSession::LoadDatabase(const CRefPolicySettings& policy, bool verify) {
+  LockPolicy(policy, CPolicyLock::CMode::kShared);
   if (!front_->HdbFileExists(policy.name)) {
     throw CToolError("policy '" + policy.name + "' has no database yet (" + Narrow(front_->HdbFilePath(policy.name)) +
                      "); run 'signdb scan " + policy.name + "' first");
@@ -150,6 +183,7 @@ void CSession::LoadFile(const std::shared_ptr<CHashDB>& database, const std::str
 }
 
 std::string CSession::Save(const std::shared_ptr<CHashDB>& database, const CRefPolicySettings& policy) {
+  LockPolicy(policy, CPolicyLock::CMode::kExclusive);
   std::string current = Narrow(front_->HdbFilePath(policy.name));
   boost::system::error_code missing;
   if (boost::filesystem::exists(current, missing) && boost::filesystem::exists(SignatureFileOf(current), missing)) {

@@ -1,9 +1,11 @@
 #pragma once
 
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "refhost/policy_lock.h"
 #include "refhost/settings.h"
 
 class CHashDB;
@@ -36,6 +38,14 @@ class CSession {
   // The tool's own folder (the data folder, databases and log), which a scan leaves out when it
   // lies inside a policy's tree.
   std::string DataFolder() const;
+
+  // Takes the policy's lock for the rest of the session: exclusive before a run writes the
+  // database, shared (which LoadDatabase takes by itself) when it only reads it. With --wait a
+  // lock held elsewhere is waited for; without it, CToolError names the holder.
+  void LockPolicy(const CRefPolicySettings& policy, CPolicyLock::CMode mode);
+
+  // The shared lock of the policy whose database "hdb_path" is, if it is one (verify, dump).
+  void LockIfPolicyFile(const std::string& hdb_path);
 
   // An empty database of the policy, created by the module.
   std::shared_ptr<CHashDB> NewDatabase(const CRefPolicySettings& policy);
@@ -70,4 +80,6 @@ class CSession {
   std::shared_ptr<CRefHost> host_;
   std::unique_ptr<CModuleLoader> loader_;
   std::shared_ptr<CSignDB> front_;
+  bool wait_for_locks_ = false;
+  std::map<std::string, std::unique_ptr<CPolicyLock>> locks_;  // by policy name
 };

@@ -90,9 +90,10 @@ CTreeCheckResult CheckTree(CSession& session, const CRefPolicySettings& policy,
   return result;
 }
 
-CPolicyCheck CheckNamedPolicy(CSession& session, const CCommandLine& line) {
+CPolicyCheck CheckNamedPolicy(CSession& session, const CCommandLine& line, bool will_write) {
   const CRefPolicySettings& policy = session.Policy(line.arguments.at(0));
   session.RequireRoot(policy);
+  if (will_write) session.LockPolicy(policy, CPolicyLock::CMode::kExclusive);
   std::shared_ptr<CHashDB> database = session.LoadDatabase(policy);
   CTreeCheckResult result = CheckTree(session, policy, database, line.Has("--quiet"));
   return CPolicyCheck{policy, database, std::move(result)};

@@ -38,4 +38,4 @@ struct CPolicyCheck {
 
 // Finds the policy named by the command line's first argument, requires its root, loads its
 // database (refused unless the signature is good) and checks its tree. Throws CToolError.
-CPolicyCheck CheckNamedPolicy(CSession& session, const CCommandLine& line);
+CPolicyCheck CheckNamedPolicy(CSession& session, const CCommandLine& line, bool will_write = false);

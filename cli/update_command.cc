@@ -16,7 +16,7 @@
 int RunUpdate(const CCommandLine& line) {
   RequireShape(line, {"--json"}, 1, 1);
   CSession session(line);
-  CPolicyCheck check = CheckNamedPolicy(session, line);
+  CPolicyCheck check = CheckNamedPolicy(session, line, true);
   const CRefPolicySettings& policy = check.policy;
   const std::shared_ptr<CHashDB>& database = check.database;
   const CTreeCheckResult& result = check.result;

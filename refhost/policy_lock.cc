@@ -1,0 +1,63 @@
+#include "refhost/policy_lock.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <stdexcept>
+
+namespace {
+
+struct flock WholeFile(short type) {
+  struct flock region {};
+  region.l_type = type;
+  region.l_whence = SEEK_SET;
+  region.l_start = 0;
+  region.l_len = 0;  // to the end, however long
+  return region;
+}
+
+}  // namespace
+
+CPolicyLock::CPolicyLock(const std::string& hdb_path, const std::string& policy_name, CMode mode,
+                         bool wait)
+    : mode_(mode) {
+  std::string path = hdb_path + ".lock";
+  fd_ = ::open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
+  if (fd_ < 0 && mode == CMode::kShared) {
+    int create_error = errno;
+    fd_ = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+    if (fd_ < 0) {
+      if ((create_error == EROFS || create_error == EACCES) && errno == ENOENT) return;
+      throw std::runtime_error("cannot open the lock file " + path + ": " + std::strerror(errno));
+    }
+  } else if (fd_ < 0) {
+    throw std::runtime_error("cannot open the lock file " + path + ": " + std::strerror(errno));
+  }
+  struct flock region = WholeFile(mode == CMode::kShared ? F_RDLCK : F_WRLCK);
+  while (::fcntl(fd_, wait ? F_SETLKW : F_SETLK, &region) != 0) {
+    if (errno == EINTR) continue;
+    int error = errno;
+    if (!wait && (error == EACCES || error == EAGAIN)) {
+      struct flock holder = WholeFile(mode == CMode::kShared ? F_RDLCK : F_WRLCK);
+      std::string who = "another process";
+      if (::fcntl(fd_, F_GETLK, &holder) == 0 && holder.l_type != F_UNLCK) {
+        who = "process " + std::to_string(holder.l_pid);
+      }
+      bool writer = holder.l_type == F_WRLCK;
+      ::close(fd_);
+      fd_ = -1;
+      throw std::runtime_error("policy '" + policy_name + "' is being " +
+                               (writer ? "written" : "read") + " by " + who +
+                               "; try again when it has finished, or add --wait");
+    }
+    ::close(fd_);
+    fd_ = -1;
+    throw std::runtime_error("cannot lock " + path + ": " + std::strerror(error));
+  }
+}
+
+CPolicyLock::~CPolicyLock() {
+  if (fd_ >= 0) ::close(fd_);  // closing releases the lock
+}
