@@ -10,6 +10,7 @@
 #include "cli/command_line.h"
 #include "cli/commands.h"
 #include "cli/difference.h"
+#include "cli/database_files.h"
 #include "cli/exit_status.h"
 #include "cli/report_event.h"
 #include "cli/session.h"
@@ -46,7 +47,10 @@ int RunDiff(const CCommandLine& line) {
   CSession session(line);
   const CRefPolicySettings& policy = session.Policy(line.arguments[0]);
   std::string previous_path = line.arguments.size() > 1 ? line.arguments[1] : session.PreviousFileOf(policy);
-  if (!boost::filesystem::exists(previous_path)) {
+  session.LockPolicy(policy, CPolicyLock::CMode::kShared);
+  CSignedPair previous_pair =
+      FindSignedPair(previous_path, [&session](const std::string& hdb) { return session.SignatureFileOf(hdb); });
+  if (!boost::filesystem::exists(previous_pair.hdb)) {
     throw CToolError("no previous database at " + previous_path +
                      (line.arguments.size() > 1 ? std::string()
                                                 : "; one is kept each time 'signdb scan' or 'signdb update' "
@@ -56,7 +60,7 @@ int RunDiff(const CCommandLine& line) {
   // The previous database first: the front finds a policy's database by name, and the current one
   // is the one it should find.
   std::shared_ptr<CHashDB> previous = session.NewDatabase(policy);
-  session.LoadFile(previous, previous_path, session.SignatureFileOf(previous_path), true);
+  session.LoadFile(previous, previous_pair.hdb, previous_pair.signature, true);
   std::shared_ptr<CHashDB> current = session.LoadDatabase(policy);
   CPathEntryList changed, added, removed;
   current->CompareWithPrevious(previous, changed, added, removed);

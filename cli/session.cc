@@ -5,11 +5,15 @@
 
 #include <cerrno>
 #include <cstring>
+#include <iostream>
 
+#include <Poco/DateTimeFormatter.h>
+#include <Poco/LocalDateTime.h>
 #include <boost/filesystem/operations.hpp>
 
 #include "cli/command_line.h"
 #include "cli/config_location.h"
+#include "cli/database_files.h"
 #include "cli/exit_status.h"
 #include "front/sign_db.h"
 #include "hashdb/hash_db.h"
@@ -22,6 +26,7 @@
 #include "refhost/policy.h"
 #include "refhost/ref_host.h"
 #include "refhost/text_conversion.h"
+#include "refhost/utility_service.h"
 
 namespace {
 
@@ -145,13 +150,46 @@ void CSession::LockIfPolicyFile(const std::string& hdb_path) {
 
 std::shared_ptr<CHashDB> CSession::LoadDatabase(const CRefPolicySettings& policy, bool verify) {
   LockPolicy(policy, CPolicyLock::CMode::kShared);
-  if (!front_->HdbFileExists(policy.name)) {
-    throw CToolError("policy '" + policy.name + "' has no database yet (" + Narrow(front_->HdbFilePath(policy.name)) +
-                     "); run 'signdb scan " + policy.name + "' first");
+  std::string path = Narrow(front_->HdbFilePath(policy.name));
+  CSignatureOf signature_of = [this](const std::string& hdb) { return SignatureFileOf(hdb); };
+  CSignedPair pair = FindSignedPair(path, signature_of);
+  uint64_t recorded = 0;
+  bool has_record = ReadRecordedRevision(path, recorded);
+  if (!boost::filesystem::exists(pair.hdb)) {
+    if (has_record) {
+      throw CToolError("the database of policy '" + policy.name + "' is missing: " + path +
+                       " was saved (revision " + RevisionText(recorded) +
+                       ") and is gone; put it back from a backup, or run 'signdb scan " + policy.name +
+                       "' to record the tree as it is now (what changed meanwhile can then not be told)");
+    }
+    throw CToolError("policy '" + policy.name + "' has no database yet (" + path + "); run 'signdb scan " +
+                     policy.name + "' first");
   }
   std::shared_ptr<CHashDB> database = NewDatabase(policy);
-  std::string path = Narrow(front_->HdbFilePath(policy.name));
-  LoadFile(database, path, SignatureFileOf(path), verify);
+  LoadFile(database, pair.hdb, pair.signature, verify);
+  bool writer = locks_.at(policy.name)->mode() == CPolicyLock::CMode::kExclusive;
+  CSaveMarker marker;
+  bool saving = ReadSaveMarker(path, marker);
+  // A save killed after its replacement and before its revision file: its result is complete.
+  bool completed_save = saving && database->Revision() == marker.saving && (!has_record || recorded != marker.saving);
+  if (verify && has_record && recorded != database->Revision() && !completed_save) {
+    throw CToolError("the database " + pair.hdb + " is older than the last saved one: revision " +
+                     RevisionText(database->Revision()) + ", expected " + RevisionText(recorded) +
+                     " (from " + path + ".dff); a database put back from an earlier save is never used");
+  }
+  if (writer && saving) {
+    if (pair.interrupted) CompleteReplacement(path, signature_of);
+    if (completed_save) front_->WriteRevisionFile(policy.name);
+    RemoveSaveMarker(path);
+  }
+  if (pair.interrupted || completed_save) {
+    if (writer) {
+      std::cerr << "signdb: the last save of policy '" << policy.name << "' was interrupted; it is completed now\n";
+    } else {
+      std::cerr << "signdb: the last save of policy '" << policy.name
+                << "' was interrupted; its complete result is used (the next scan or update tidies up)\n";
+    }
+  }
   return database;
 }
 
@@ -185,24 +223,50 @@ void CSession::LoadFile(const std::shared_ptr<CHashDB>& database, const std::str
 std::string CSession::Save(const std::shared_ptr<CHashDB>& database, const CRefPolicySettings& policy) {
   LockPolicy(policy, CPolicyLock::CMode::kExclusive);
   std::string current = Narrow(front_->HdbFilePath(policy.name));
+  CSignatureOf signature_of = [this](const std::string& hdb) { return SignatureFileOf(hdb); };
   boost::system::error_code missing;
-  if (boost::filesystem::exists(current, missing) && boost::filesystem::exists(SignatureFileOf(current), missing)) {
-    // Copies first, then renames over the old copies: a failure leaves the older copy whole.
-    std::string previous = PreviousFileOf(policy);
-    for (const auto& [from, to] : {std::pair{current, previous},
-                                   std::pair{SignatureFileOf(current), SignatureFileOf(previous)}}) {
-      boost::filesystem::copy_file(from, to + ".tmp", boost::filesystem::copy_options::overwrite_existing);
-      DurableRename(to + ".tmp", to);
-    }
-  }
+  CSaveMarker marker;
   try {
-    database->Save();
+    // What a killed run left is finished first, so that the pair kept as the previous one and the
+    // revision file are those of the last complete save.
+    CompleteReplacement(current, signature_of);
+    uint64_t on_disk = 0;
+    if (ReadSaveMarker(current, marker) && ReadHeaderRevision(current, on_disk) && on_disk == marker.saving) {
+      WriteRevisionOf(current, on_disk);
+    }
+    if (boost::filesystem::exists(current, missing) && boost::filesystem::exists(SignatureFileOf(current), missing)) {
+      ReplacePairWithCopy(current, PreviousFileOf(policy), signature_of);
+    }
+    marker.before = ~0ull;
+    ReadRecordedRevision(current, marker.before);
+    do {
+      marker.saving = host_->Utility()->RandomStamp();
+    } while (marker.saving == ~0ull || marker.saving == database->Revision() || marker.saving == marker.before);
+    WriteSaveMarker(current, marker);
+    host_->ref_utility().PresetNextStamp(marker.saving);
   } catch (const std::exception& e) {
     throw CToolError(std::string(e.what()) + "\n  the database was not saved; " + current +
                      (boost::filesystem::exists(current, missing) ? " stays as it was" : " does not exist yet"));
   }
+  try {
+    database->Save();
+  } catch (const std::exception& e) {
+    RemoveSaveMarker(current);
+    throw CToolError(std::string(e.what()) + "\n  the database was not saved; " + current +
+                     (boost::filesystem::exists(current, missing) ? " stays as it was" : " does not exist yet"));
+  }
   front_->WriteRevisionFile(policy.name);
+  RemoveSaveMarker(current);
   return Narrow(database->HdbFilePath(false));
+}
+
+void CSession::WriteRevisionOf(const std::string& hdb_path, uint64_t revision) {
+  // The revision file as the front writes it: the revision, big-endian, then the local time.
+  std::string text = Poco::DateTimeFormatter::format(Poco::LocalDateTime(), " %Y-%m-%d %H:%M:%S");
+  std::vector<uint8_t> bytes(8 + text.size());
+  for (int i = 7; i >= 0; --i, revision >>= 8) bytes[static_cast<size_t>(i)] = static_cast<uint8_t>(revision & 0xFF);
+  std::copy(text.begin(), text.end(), bytes.begin() + 8);
+  WriteWholeFile(hdb_path + ".dff", bytes.data(), bytes.size());
 }
 
 std::string CSession::PreviousFileOf(const CRefPolicySettings& policy) {

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "refhost/crash_point.h"
 #include "refhost/file_descriptor.h"
 
 namespace {
@@ -52,8 +53,11 @@ void SyncDirectoryOf(const std::string& path) {
 
 void WriteWholeFile(const std::string& path, const void* data, uint64_t length) {
   std::string temporary = path + ".writing";
+  CrashPoint();
+  ::unlink(temporary.c_str());  // a leftover of a run that died; never followed if it is a link
   {
-    CFileDescriptor fd(::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+    CFileDescriptor fd(
+        ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
     if (fd.get() < 0) Fail("cannot create", temporary, errno);
     const char* bytes = static_cast<const char*>(data);
     uint64_t done = 0;
@@ -73,12 +77,14 @@ void WriteWholeFile(const std::string& path, const void* data, uint64_t length) 
       Fail("cannot sync", temporary, error);
     }
   }
+  CrashPoint();
   if (::rename(temporary.c_str(), path.c_str()) != 0) {
     int error = errno;
     ::unlink(temporary.c_str());
     Fail("cannot replace", path, error);
   }
   SyncDirectoryOf(path);
+  CrashPoint();
 }
 
 void DurableRename(const std::string& from, const std::string& to) {
@@ -86,8 +92,10 @@ void DurableRename(const std::string& from, const std::string& to) {
     CFileDescriptor fd(::open(from.c_str(), O_RDONLY | O_CLOEXEC));
     if (fd.get() >= 0) ::fsync(fd.get());
   }
+  CrashPoint();
   if (::rename(from.c_str(), to.c_str()) != 0) Fail("cannot move " + from + " to", to, errno);
   SyncDirectoryOf(to);
+  CrashPoint();
   if (boost::filesystem::path(from).parent_path() != boost::filesystem::path(to).parent_path()) {
     SyncDirectoryOf(from);
   }

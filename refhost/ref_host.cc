@@ -18,7 +18,8 @@ CRefHost::CRefHost(const CRefSettings& settings) : settings_(settings) {
   locale_ = std::make_shared<CRefCatalogue>(settings_.catalogue.empty()
                                                 ? CRefCatalogue()
                                                 : CRefCatalogue::FromFile(settings_.catalogue));
-  utility_ = std::make_shared<CRefUtilityService>(ref_log_, settings_.sed_text);
+  ref_utility_ = std::make_shared<CRefUtilityService>(ref_log_, settings_.sed_text);
+  utility_ = ref_utility_;
   auto crypto = std::make_shared<CRefCryptoService>(settings_);
   crypto->DigestDescriptor(settings_.policy_number);  // refuses an unknown policy number now
   crypto_ = crypto;

@@ -47,6 +47,7 @@ class CRefHost : public CHost {
 
   const CRefSettings& settings() const { return settings_; }
   CRefLogService& log() { return *ref_log_; }
+  CRefUtilityService& ref_utility() { return *ref_utility_; }
 
  private:
   CRefSettings settings_;
@@ -54,6 +55,7 @@ class CRefHost : public CHost {
   std::shared_ptr<CLogService> log_;
   std::shared_ptr<CLocaleService> locale_;
   std::shared_ptr<CUtilityService> utility_;
+  std::shared_ptr<CRefUtilityService> ref_utility_;
   std::shared_ptr<CCryptoService> crypto_;
   std::shared_ptr<CCfgService> cfg_;
   std::shared_ptr<CCfgExService> cfgex_;

@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <stdexcept>
 
+#include "refhost/crash_point.h"
 #include "refhost/file_io.h"
 #include "refhost/file_status.h"
 #include "refhost/log_service.h"
@@ -181,7 +182,11 @@ std::shared_ptr<CStopwatch> CRefUtilityService::StartStopwatch() {
   return std::make_shared<CRefStopwatch>();
 }
 
+void CRefUtilityService::PresetNextStamp(uint64_t stamp) { preset_stamp_ = stamp; }
+
 uint64_t CRefUtilityService::RandomStamp() {
+  uint64_t preset = preset_stamp_.exchange(kNoStamp);
+  if (preset != kNoStamp) return preset;
   uint64_t stamp = 0;
   if (RAND_bytes(reinterpret_cast<unsigned char*>(&stamp), sizeof stamp) != 1) {
     throw std::runtime_error("the random generator failed");
@@ -193,8 +198,10 @@ std::string CRefUtilityService::SedText(uint32_t) { return sed_text_; }
 
 bool CRefUtilityService::DeleteFile(const std::wstring& path) {
   std::string narrow = WideToUtf8(path);
+  CrashPoint();
   if (::unlink(narrow.c_str()) != 0) return errno == ENOENT;
   SyncDirectoryOf(narrow);
+  CrashPoint();
   return true;
 }
 

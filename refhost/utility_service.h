@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <memory>
 #include <string>
 #include <vector>
@@ -46,6 +47,9 @@ class CRefUtilityService : public CUtilityService {
   void PrepareWrite(const std::wstring& path) override;
   std::shared_ptr<CStopwatch> StartStopwatch() override;
   uint64_t RandomStamp() override;
+  // The next RandomStamp() returns "stamp" (once): the tool learns a save's revision before the
+  // save, so that it can tell an interrupted save from a database put back.
+  void PresetNextStamp(uint64_t stamp);
   std::string SedText(uint32_t kind) override;
   bool DeleteFile(const std::wstring& path) override;
   bool MoveFile(const std::wstring& from, const std::wstring& to, uint32_t a, uint32_t b,
@@ -62,6 +66,8 @@ class CRefUtilityService : public CUtilityService {
   bool SecurityAttributesEqual(const std::string& a, const std::string& b) override;
 
  private:
+  static constexpr uint64_t kNoStamp = ~0ull;
   std::shared_ptr<CRefLogService> log_;
   std::string sed_text_;
+  std::atomic<uint64_t> preset_stamp_{kNoStamp};
 };

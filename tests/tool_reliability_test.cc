@@ -28,6 +28,13 @@ class ToolReliabilityTest : public ToolTest {
     ASSERT_EQ(run.status, 0) << run.out << run.err;
   }
   std::string HdbPath() const { return Data("t.hdb"); }
+  // Runs "args" with the run killed at its "step"-th change to the data folder; true when it was
+  // killed there (false: it finished before reaching that step).
+  bool KilledAt(const std::string& args, int step, CToolRun& run) const {
+    run = RunShell("SIGNDB_TEST_KILL_AT_STEP=" + std::to_string(step) + " '" SIGNDB_TOOL_PATH "' " +
+                   args);
+    return run.status == 128 + SIGKILL;
+  }
 };
 
 TEST_F(ToolReliabilityTest, AWriterStopsAndNamesTheProcessThatIsWritingThePolicy) {
@@ -115,6 +122,81 @@ TEST_F(ToolReliabilityTest, ReadersDuringUpdatesNeverSeeADamagedOrUnsignedDataba
                             Not(HasSubstr("damaged")), Not(HasSubstr("signature"))))
       << checks;
   EXPECT_EQ(CTempDir::Read(dir_ / "updates.err"), "");
+}
+
+TEST_F(ToolReliabilityTest, AKillAtEveryStepOfAnUpdateLeavesALoadableSignedPairAndNothingLost) {
+  Write("etc/counter", "first");
+  ASSERT_EQ(Tool("update t").status, 0);  // so that a previous pair is kept as well
+  int steps = 0;
+  for (int step = 1; step < 200; ++step) {
+    Write("etc/counter", std::to_string(step));
+    CToolRun killed;
+    bool was_killed = KilledAt("--config '" + config_ + "' update t", step, killed);
+    if (!was_killed) {
+      ASSERT_EQ(killed.status, 0) << killed.out << killed.err;
+      steps = step - 1;
+      break;
+    }
+    // Whatever step the kill interrupted, the policy loads, signed, and is either as it was or as
+    // the update made it; the kept previous pair loads too.
+    CToolRun check = Tool("check t");
+    ASSERT_LE(check.status, 1) << "killed at step " << step << ": " << check.out << check.err;
+    CToolRun diff = Tool("diff t");
+    ASSERT_LE(diff.status, 1) << "killed at step " << step << ": " << diff.out << diff.err;
+    // The next update finishes what the killed one left, and afterwards nothing is reported.
+    CToolRun update = Tool("update t");
+    ASSERT_LE(update.status, 0) << "killed at step " << step << ": " << update.out << update.err;
+    CToolRun clean = Tool("check t");
+    ASSERT_EQ(clean.status, 0) << "killed at step " << step << ": " << clean.out << clean.err;
+    EXPECT_FALSE(boost::filesystem::exists(HdbPath() + ".tmp")) << step;
+    EXPECT_FALSE(boost::filesystem::exists(HdbPath() + ".saving")) << step;
+  }
+  EXPECT_GE(steps, 10) << "an update changes the data folder in at least ten steps";
+}
+
+TEST_F(ToolReliabilityTest, AKillAtEveryStepOfAScanLeavesALoadableSignedPair) {
+  for (int step = 1; step < 200; ++step) {
+    Write("etc/counter", std::to_string(step));
+    CToolRun killed;
+    if (!KilledAt("--config '" + config_ + "' scan t", step, killed)) {
+      ASSERT_EQ(killed.status, 0) << killed.out << killed.err;
+      break;
+    }
+    CToolRun check = Tool("check t");
+    ASSERT_LE(check.status, 1) << "killed at step " << step << ": " << check.out << check.err;
+    CToolRun verify = Tool("verify '" + HdbPath() + "'");
+    if (verify.status != 0) {
+      // Killed between the two moves of a replacement: the check above used the complete pair,
+      // and the next writer moves it into place.
+      ASSERT_EQ(Tool("update t").status, 0) << step;
+    }
+  }
+  EXPECT_EQ(Tool("verify '" + HdbPath() + "'").status, 0);
+}
+
+TEST_F(ToolReliabilityTest, APreviousPairCopiedOverTheCurrentOneIsRefusedAsOlder) {
+  Write("etc/hosts", "10.0.0.1 changed\n");
+  ASSERT_EQ(Tool("update t").status, 0);
+  boost::filesystem::copy_file(Data("t.previous.hdb"), HdbPath(),
+                               boost::filesystem::copy_options::overwrite_existing);
+  boost::filesystem::copy_file(Data("t.previous.hdb.p7s"), HdbPath() + ".p7s",
+                               boost::filesystem::copy_options::overwrite_existing);
+  for (const char* command : {"check t", "update t", "ls t", "diff t"}) {
+    CToolRun run = Tool(command);
+    EXPECT_EQ(run.status, 2) << command;
+    EXPECT_THAT(run.err, AllOf(HasSubstr("is older than the last saved one: revision"),
+                               HasSubstr(", expected ")))
+        << command;
+  }
+}
+
+TEST_F(ToolReliabilityTest, ADeletedDatabaseIsMissingNotNew) {
+  boost::filesystem::remove(HdbPath());
+  boost::filesystem::remove(HdbPath() + ".p7s");
+  CToolRun run = Tool("check t");
+  EXPECT_EQ(run.status, 2);
+  EXPECT_THAT(run.err, AllOf(HasSubstr("the database of policy 't' is missing"),
+                             Not(HasSubstr("no database yet"))));
 }
 
 }  // namespace
