@@ -64,12 +64,27 @@ int RunInit(const CCommandLine& line) {
   fs::path folder = config.parent_path();
   fs::path keys = folder / "keys";
   fs::path data = folder / "data";
-  fs::create_directories(folder);
-  fs::create_directories(data);
+  // Owner-only whatever the umask: the configuration names the trust anchor, and the data folder
+  // holds the databases and what they say about folders that only root may enter.
+  for (const fs::path& made : {folder, data}) {
+    if (!fs::exists(made, error)) {
+      fs::create_directories(made);
+      fs::permissions(made, fs::perms::owner_all);
+    }
+  }
+  if (fs::exists(keys, error)) fs::permissions(keys, fs::perms::owner_all);
+  fs::permissions(data, fs::perms::owner_all);
   CDevKeyRequest request;
   bool have_keys = fs::exists(keys / "signer.key", error) && fs::exists(keys / "signer.pem", error) &&
                    fs::exists(keys / "ca.pem", error);
-  if (!have_keys) {
+  if (have_keys) {
+    try {
+      request.cstm_id = CertificateOrganization((keys / "signer.pem").string());
+    } catch (const std::exception& e) {
+      throw CToolError(std::string(e.what()) + "\n  remove " + keys.string() + " to make new keys");
+    }
+  } else {
+    request.cstm_id = RandomCstmId();
     try {
       MakeDevelopmentKeys(keys.string(), request);
     } catch (const std::exception& e) {

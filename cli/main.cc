@@ -1,5 +1,7 @@
 // signdb: file-integrity monitoring on top of the signdb module, loaded as a plug-in.
 
+#include <sys/stat.h>
+
 #include <iostream>
 #include <map>
 #include <string>
@@ -24,6 +26,9 @@ int RunVersion(const CCommandLine& line) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  // Everything the tool writes (configuration, keys, databases, log) is its owner's alone, whatever
+  // the umask it was started with.
+  ::umask(077);
   static const std::map<std::string, int (*)(const CCommandLine&)> kCommands = {
       {"init", RunInit},     {"scan", RunScan},       {"check", RunCheck}, {"update", RunUpdate},
       {"diff", RunDiff},     {"lookup", RunLookup},   {"ls", RunList},     {"show", RunShow},

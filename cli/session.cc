@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <iostream>
 
@@ -36,6 +37,28 @@ std::string Joined(const std::vector<std::string>& lines) {
   return text;
 }
 
+// Refuses a file or folder that someone other than its owner could change (as ssh refuses such
+// keys): whoever can replace the configuration, the trust anchor, the signer's key or the data
+// folder decides what a check says. A secret must not be readable by others either. The owner
+// must be the user running the tool, or root.
+void RequireOwnerOnly(const std::string& path, const std::string& what, bool secret) {
+  if (path.empty()) return;
+  struct stat status {};
+  if (::stat(path.c_str(), &status) != 0) return;  // a missing file is reported where it is used
+  char mode[8];
+  std::snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(status.st_mode & 07777));
+  if (status.st_uid != ::geteuid() && status.st_uid != 0) {
+    throw CToolError("refusing " + what + " " + path + ": it belongs to user " + std::to_string(status.st_uid) +
+                     ", neither to you nor to root");
+  }
+  mode_t forbidden = secret ? (S_IRWXG | S_IRWXO) : (S_IWGRP | S_IWOTH);
+  if ((status.st_mode & forbidden) != 0) {
+    throw CToolError("refusing " + what + " " + path + ": it is " + (secret ? "open to" : "writable by") +
+                     " group or others (mode " + mode + "); run 'chmod " + (secret ? "go-rwx" : "go-w") + " " +
+                     path + "'");
+  }
+}
+
 }  // namespace
 
 CSession::CSession(const CCommandLine& line) {
@@ -50,6 +73,14 @@ CSession::CSession(const CCommandLine& line) {
   } catch (const std::exception& e) {
     throw CToolError(std::string(e.what()) + "\n  fix the file, or make a new one with 'signdb init --force'");
   }
+  RequireOwnerOnly(config_path_, "the configuration", false);
+  RequireOwnerOnly(settings_.signer_chain, "the trust anchor", false);
+  RequireOwnerOnly(settings_.signer_certificate, "the signer's certificate", false);
+  RequireOwnerOnly(settings_.signer_key, "the signer's key", true);
+  if (!settings_.signer_key.empty()) {
+    RequireOwnerOnly(boost::filesystem::path(settings_.signer_key).parent_path().string(), "the keys folder", false);
+  }
+  RequireOwnerOnly(settings_.data_dir, "the data folder", false);
   settings_.log_console = false;
   if (settings_.log_file.empty()) {
     boost::system::error_code ignored;

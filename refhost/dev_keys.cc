@@ -140,3 +140,26 @@ CDevKeyFiles MakeDevelopmentKeys(const std::string& folder, const CDevKeyRequest
   WriteCertificate(files.signer_certificate, signer.get());
   return files;
 }
+
+std::string RandomCstmId() {
+  unsigned char bytes[8];
+  if (RAND_bytes(bytes, sizeof bytes) != 1) throw std::runtime_error("the random generator failed");
+  static const char kDigits[] = "0123456789abcdef";
+  std::string id = "signdb ";
+  for (unsigned char byte : bytes) {
+    id += kDigits[byte >> 4];
+    id += kDigits[byte & 15];
+  }
+  return id;
+}
+
+std::string CertificateOrganization(const std::string& certificate_path) {
+  CBio file(BIO_new_file(certificate_path.c_str(), "r"));
+  CX509 certificate(file ? PEM_read_bio_X509(file.get(), nullptr, nullptr, nullptr) : nullptr);
+  if (!certificate) throw std::runtime_error("cannot read the certificate " + certificate_path);
+  char text[256] = {};
+  int length = X509_NAME_get_text_by_NID(X509_get_subject_name(certificate.get()), NID_organizationName, text,
+                                         sizeof text);
+  if (length < 0) throw std::runtime_error("the certificate " + certificate_path + " names no organization");
+  return std::string(text, static_cast<size_t>(length));
+}

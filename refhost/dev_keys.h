@@ -21,6 +21,13 @@ struct CDevKeyFiles {
   std::string signer_key;          // signer.key (mode 0600)
 };
 
+// A cstm_id of its own for each installation: "signdb " and 16 random hex digits.
+std::string RandomCstmId();
+
+// The organizationName (O) of a PEM certificate's subject: the cstm_id of keys made before.
+// Throws std::runtime_error when the file cannot be read as a certificate.
+std::string CertificateOrganization(const std::string& certificate_path);
+
 // Writes ca.pem, ca.key, signer.pem and signer.key (EC P-256, SHA-256) into "folder", made as
 // needed. Throws std::runtime_error when an lcs_id is not a decimal number, when both lcs_ids are
 // equal, when a key file already exists there (keys are never overwritten) or when OpenSSL fails.

@@ -3,6 +3,7 @@
 
 #include <gmock/gmock.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -197,6 +198,69 @@ TEST_F(ToolReliabilityTest, ADeletedDatabaseIsMissingNotNew) {
   EXPECT_EQ(run.status, 2);
   EXPECT_THAT(run.err, AllOf(HasSubstr("the database of policy 't' is missing"),
                              Not(HasSubstr("no database yet"))));
+}
+
+mode_t ModeOf(const std::string& path) {
+  struct stat status {};
+  EXPECT_EQ(::stat(path.c_str(), &status), 0) << path;
+  return status.st_mode & 07777;
+}
+
+TEST_F(ToolTest, UnderUmaskZeroInitMakesOwnerOnlyFoldersAndFiles) {
+  CToolRun init =
+      RunShell("umask 000 && '" SIGNDB_TOOL_PATH "' init --config cfg/signdb.json --policy t=tree");
+  ASSERT_EQ(init.status, 0) << init.err;
+  for (const char* folder : {"cfg", "cfg/keys", "cfg/data"})
+    EXPECT_EQ(ModeOf(dir_ / folder), 0700u) << folder;
+  for (const char* file : {"cfg/signdb.json", "cfg/keys/signer.key", "cfg/keys/ca.pem"}) {
+    EXPECT_EQ(ModeOf(dir_ / file) & 077, 0u) << file;
+  }
+  Write("etc/hosts", "x\n");
+  ASSERT_EQ(RunShell("umask 000 && '" SIGNDB_TOOL_PATH "' --config cfg/signdb.json scan t").status,
+            0);
+  for (const char* file :
+       {"cfg/data/t.hdb", "cfg/data/t.hdb.p7s", "cfg/data/t.hdb.dff", "cfg/data/signdb.log"}) {
+    EXPECT_EQ(ModeOf(dir_ / file) & 077, 0u) << file;
+  }
+}
+
+TEST_F(ToolTest, EachInitMakesItsOwnCustomerId) {
+  Init();
+  CToolRun first = Run("init --config other/signdb.json --policy t=tree");
+  ASSERT_EQ(first.status, 0);
+  std::string a = CTempDir::Read(dir_ / "cfg/signdb.json"),
+              b = CTempDir::Read(dir_ / "other/signdb.json");
+  auto cstm_id = [](const std::string& config) {
+    size_t at = config.find("\"cstm_id\"");
+    return config.substr(at, config.find(',', at) - at);
+  };
+  EXPECT_NE(cstm_id(a), cstm_id(b));
+  EXPECT_THAT(cstm_id(a), ::testing::ContainsRegex("signdb [0-9a-f]{16}"));
+  // Made anew with --force, the configuration keeps the customer id of the keys it keeps.
+  ASSERT_EQ(Run("init --config cfg/signdb.json --policy t=tree --force").status, 0);
+  EXPECT_EQ(cstm_id(CTempDir::Read(dir_ / "cfg/signdb.json")), cstm_id(a));
+}
+
+TEST_F(ToolReliabilityTest, FilesThatOthersCouldChangeAreRefusedByName) {
+  struct CLoose {
+    std::string path;
+    mode_t mode;
+    const char* says;
+  };
+  for (const CLoose& loose :
+       {CLoose{dir_ / "cfg/signdb.json", 0664, "refusing the configuration"},
+        CLoose{dir_ / "cfg/keys/ca.pem", 0646, "refusing the trust anchor"},
+        CLoose{dir_ / "cfg/keys/signer.key", 0640, "refusing the signer's key"},
+        CLoose{dir_ / "cfg/keys", 0777, "refusing the keys folder"},
+        CLoose{dir_ / "cfg/data", 0777, "refusing the data folder"}}) {
+    mode_t before = ModeOf(loose.path);
+    ASSERT_EQ(::chmod(loose.path.c_str(), loose.mode), 0);
+    CToolRun run = Tool("check t");
+    EXPECT_EQ(run.status, 2) << loose.path;
+    EXPECT_THAT(run.err, AllOf(HasSubstr(loose.says), HasSubstr(loose.path))) << run.err;
+    ASSERT_EQ(::chmod(loose.path.c_str(), before), 0);
+  }
+  EXPECT_EQ(Tool("check t").status, 0);
 }
 
 }  // namespace
