@@ -1,9 +1,12 @@
 #include "refhost/settings.h"
 
+#include <cctype>
+#include <fstream>
 #include <stdexcept>
 
 #include <Poco/AutoPtr.h>
 #include <Poco/Exception.h>
+#include <Poco/JSON/Parser.h>
 #include <Poco/File.h>
 #include <Poco/Path.h>
 #include <Poco/Util/AbstractConfiguration.h>
@@ -14,6 +17,8 @@
 namespace {
 
 using Poco::Util::AbstractConfiguration;
+
+constexpr unsigned kMaxThreads = 1024;
 
 // A file name from the configuration, made absolute against the configuration's folder.
 std::string ResolveFile(const std::string& value, const Poco::Path& base) {
@@ -33,7 +38,34 @@ CRefPolicySettings ReadPolicy(const AbstractConfiguration& config, const std::st
   policy.fold_case = config.getBool(prefix + ".case_fold", false);
   policy.index_enabled = config.getBool(prefix + ".index", true);
   if (policy.name.empty()) throw std::runtime_error("a policy has no name");
+  // The name becomes a file name in the data folder: nothing that could lead out of it.
+  bool plain = policy.name.size() <= 64 && policy.name[0] != '.' && policy.name[0] != '-';
+  for (char c : policy.name) {
+    plain = plain && (std::isalnum(static_cast<unsigned char>(c)) || c == '.' || c == '_' || c == '-');
+  }
+  if (!plain) {
+    throw std::runtime_error("policy name '" + policy.name +
+                             "': a name holds up to 64 letters, digits, '.', '_' and '-', and does not "
+                             "begin with '.' or '-'");
+  }
   return policy;
+}
+
+// How many policies a JSON configuration lists; throws unless "policies" is a list of objects.
+int JsonPolicyCount(const std::string& file) {
+  std::ifstream in(file);
+  Poco::Dynamic::Var root = Poco::JSON::Parser().parse(in);
+  if (root.type() != typeid(Poco::JSON::Object::Ptr)) throw std::runtime_error("the file must hold one JSON object");
+  Poco::JSON::Object::Ptr object = root.extract<Poco::JSON::Object::Ptr>();
+  if (!object->has("policies")) return 0;
+  Poco::JSON::Array::Ptr list = object->getArray("policies");
+  if (!list) throw std::runtime_error("\"policies\" must be a list: [{\"name\": ..., \"root\": ...}, ...]");
+  for (size_t i = 0; i < list->size(); ++i) {
+    if (!list->getObject(static_cast<unsigned>(i))) {
+      throw std::runtime_error("\"policies\" entry " + std::to_string(i + 1) + " must be an object");
+    }
+  }
+  return static_cast<int>(list->size());
 }
 
 }  // namespace
@@ -48,7 +80,9 @@ CRefSettings LoadSettings(const std::string& file) {
   Poco::AutoPtr<AbstractConfiguration> config;
   try {
     std::string extension = path.getExtension();
+    int json_policies = -1;
     if (extension == "json") {
+      json_policies = JsonPolicyCount(file);
       config = new Poco::Util::JSONConfiguration(file);
     } else if (extension == "ini") {
       config = new Poco::Util::IniFileConfiguration(file);
@@ -61,6 +95,10 @@ CRefSettings LoadSettings(const std::string& file) {
     settings.restore_time_limit_ms =
         config->getUInt64("restore_time_limit_ms", settings.restore_time_limit_ms);
     settings.threads = config->getUInt("threads", settings.threads);
+    if (settings.threads > kMaxThreads) {
+      throw std::runtime_error("\"threads\" is " + std::to_string(settings.threads) + "; give 0 (one per processor) to " +
+                               std::to_string(kMaxThreads));
+    }
     settings.log_file = ResolveFile(config->getString("log.file", ""), base);
     settings.log_console = config->getBool("log.console", settings.log_console);
     settings.log_level = config->getString("log.level", settings.log_level);
@@ -72,7 +110,7 @@ CRefSettings LoadSettings(const std::string& file) {
     settings.local_lcs_id = config->getString("local.lcs_id", "");
     settings.sed_text = config->getString("sed_text", "");
     // JSON: "policies": [ {...}, ... ]; INI: one section "policy.NAME" per policy.
-    for (int i = 0; config->hasProperty("policies[" + std::to_string(i) + "].name"); ++i) {
+    for (int i = 0; i < json_policies; ++i) {
       settings.policies.push_back(
           ReadPolicy(*config, "policies[" + std::to_string(i) + "]", "", base));
     }
@@ -80,6 +118,14 @@ CRefSettings LoadSettings(const std::string& file) {
     config->keys("policy", names);
     for (const std::string& name : names) {
       settings.policies.push_back(ReadPolicy(*config, "policy." + name, name, base));
+    }
+    for (size_t i = 0; i < settings.policies.size(); ++i) {
+      for (size_t j = 0; j < i; ++j) {
+        if (settings.policies[i].name == settings.policies[j].name) {
+          throw std::runtime_error("policy '" + settings.policies[i].name +
+                                   "' is named twice; each policy needs a name of its own");
+        }
+      }
     }
     return settings;
   } catch (const Poco::Exception& e) {

@@ -263,4 +263,34 @@ TEST_F(ToolReliabilityTest, FilesThatOthersCouldChangeAreRefusedByName) {
   EXPECT_EQ(Tool("check t").status, 0);
 }
 
+TEST_F(ToolReliabilityTest, BadConfigurationValuesAreRefusedWithTheFileAndWhatIsWrong) {
+  std::string good = CTempDir::Read(config_);
+  struct CBad {
+    std::string from, to;
+    const char* says;
+  };
+  size_t list = good.find("\"policies\"");
+  ASSERT_NE(list, std::string::npos);
+  size_t list_start = good.find('[', list);
+  std::string policies = good.substr(list_start, good.rfind(']') - list_start + 1);
+  std::string entry =
+      policies.substr(policies.find('{'), policies.find('}') - policies.find('{') + 1);
+  for (const CBad& bad : {
+           CBad{policies, entry, "\"policies\" must be a list"},
+           CBad{"\"threads\": 0", "\"threads\": 4000000000", "\"threads\" is 4000000000"},
+           CBad{"\"name\": \"t\"", "\"name\": \"../../x\"", "policy name '../../x'"},
+           CBad{policies, "[" + entry + "," + entry + "]", "policy 't' is named twice"},
+       }) {
+    std::string text = good;
+    size_t at = text.find(bad.from);
+    ASSERT_NE(at, std::string::npos) << bad.from << " in " << good;
+    text.replace(at, bad.from.size(), bad.to);
+    dir_.Write("cfg/signdb.json", text);
+    ::chmod(config_.c_str(), 0600);
+    CToolRun run = RunShell("timeout 20 '" SIGNDB_TOOL_PATH "' --config '" + config_ + "' check t");
+    EXPECT_EQ(run.status, 2) << bad.says;
+    EXPECT_THAT(run.err, AllOf(HasSubstr(config_), HasSubstr(bad.says))) << run.err;
+  }
+}
+
 }  // namespace
