@@ -1,5 +1,7 @@
 #include "cli/database_files.h"
 
+#include <Poco/DateTimeFormatter.h>
+#include <Poco/LocalDateTime.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -10,16 +12,16 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "front/policy_files.h"
+#include "hdbfile/big_endian.h"
+#include "hdbfile/hdb_format.h"
+#include "hdbfile/hdb_header.h"
 #include "refhost/crash_point.h"
 #include "refhost/file_io.h"
 
 namespace {
 
-constexpr const char* kTemporarySuffix = ".tmp";
 constexpr const char* kSavingSuffix = ".saving";
-constexpr const char* kRevisionSuffix = ".dff";
-constexpr size_t kHeaderSize = 48;
-constexpr size_t kHeaderRevisionOffset = 40;
 
 bool Exists(const std::string& path) {
   struct stat status {};
@@ -33,16 +35,6 @@ void Remove(const std::string& path) {
     throw std::runtime_error("cannot remove " + path + ": " + std::strerror(errno));
   }
   SyncDirectoryOf(path);
-}
-
-uint64_t BigEndian(const uint8_t* bytes) {
-  uint64_t value = 0;
-  for (int i = 0; i < 8; ++i) value = (value << 8) | bytes[i];
-  return value;
-}
-
-void PutBigEndian(uint64_t value, uint8_t* bytes) {
-  for (int i = 7; i >= 0; --i, value >>= 8) bytes[i] = static_cast<uint8_t>(value & 0xFF);
 }
 
 // A fresh copy of "from" at "to": a hard link, or a copy where links are not possible.
@@ -90,12 +82,25 @@ void ReplacePairWithCopy(const std::string& from, const std::string& to,
   DurableRename(signature_of(temporary), signature_of(to));
 }
 
+void FinishInterruptedSave(const std::string& hdb_path, const CSignatureOf& signature_of) {
+  CompleteReplacement(hdb_path, signature_of);
+  CSaveMarker marker;
+  if (!ReadSaveMarker(hdb_path, marker)) return;
+  uint64_t saved = 0;
+  uint64_t recorded = 0;
+  if (ReadHeaderRevision(hdb_path, saved) && saved == marker.saving &&
+      !(ReadRecordedRevision(hdb_path, recorded) && recorded == saved)) {
+    WriteRecordedRevision(hdb_path, saved);
+  }
+  RemoveSaveMarker(hdb_path);
+}
+
 std::string SaveMarkerPath(const std::string& hdb_path) { return hdb_path + kSavingSuffix; }
 
 void WriteSaveMarker(const std::string& hdb_path, const CSaveMarker& marker) {
   uint8_t bytes[16];
-  PutBigEndian(marker.before, bytes);
-  PutBigEndian(marker.saving, bytes + 8);
+  EncodeBigEndian64(bytes, marker.before);
+  EncodeBigEndian64(bytes + 8, marker.saving);
   WriteWholeFile(SaveMarkerPath(hdb_path), bytes, sizeof bytes);
 }
 
@@ -104,8 +109,8 @@ bool ReadSaveMarker(const std::string& hdb_path, CSaveMarker& marker) {
   if (!Exists(path)) return false;
   std::vector<uint8_t> bytes = ReadWholeFile(path, 16);
   if (bytes.size() < 16) return false;
-  marker.before = BigEndian(bytes.data());
-  marker.saving = BigEndian(bytes.data() + 8);
+  marker.before = DecodeBigEndian64(bytes.data());
+  marker.saving = DecodeBigEndian64(bytes.data() + 8);
   return true;
 }
 
@@ -116,15 +121,24 @@ bool ReadRecordedRevision(const std::string& hdb_path, uint64_t& revision) {
   if (!Exists(path)) return false;
   std::vector<uint8_t> bytes = ReadWholeFile(path, 8);
   if (bytes.size() < 8) return false;
-  revision = BigEndian(bytes.data());
+  revision = DecodeBigEndian64(bytes.data());
   return true;
+}
+
+void WriteRecordedRevision(const std::string& hdb_path, uint64_t revision) {
+  // As the front writes it: the revision, big-endian, then the local time (never read back).
+  std::string time = Poco::DateTimeFormatter::format(Poco::LocalDateTime(), " %Y-%m-%d %H:%M:%S");
+  std::vector<uint8_t> bytes(8 + time.size());
+  EncodeBigEndian64(bytes.data(), revision);
+  std::copy(time.begin(), time.end(), bytes.begin() + 8);
+  WriteWholeFile(hdb_path + kRevisionSuffix, bytes.data(), bytes.size());
 }
 
 bool ReadHeaderRevision(const std::string& hdb_path, uint64_t& revision) {
   if (!Exists(hdb_path)) return false;
   std::vector<uint8_t> bytes = ReadWholeFile(hdb_path, kHeaderSize);
   if (bytes.size() < kHeaderSize) return false;
-  revision = BigEndian(bytes.data() + kHeaderRevisionOffset);
+  revision = CHdbHeader::DecodeFrom(bytes.data()).revision;
   return true;
 }
 

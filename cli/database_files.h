@@ -32,6 +32,11 @@ CSignedPair FindSignedPair(const std::string& hdb_path, const CSignatureOf& sign
 // leftovers of a save that never reached its replacement. Only under the policy's exclusive lock.
 void CompleteReplacement(const std::string& hdb_path, const CSignatureOf& signature_of);
 
+// Finishes everything a killed save left: the moves (CompleteReplacement) and, when the database
+// now in place is the one the save wrote (its revision is the marker's), the revision file; then
+// removes the marker. Only under the policy's exclusive lock.
+void FinishInterruptedSave(const std::string& hdb_path, const CSignatureOf& signature_of);
+
 // Puts a copy of the pair at "from" in place of the pair at "to" with the same steps as a save:
 // hard links where the file system has them (nothing is copied), else copies.
 void ReplacePairWithCopy(const std::string& from, const std::string& to,
@@ -52,6 +57,9 @@ void RemoveSaveMarker(const std::string& hdb_path);
 
 // The revision that the revision file "NAME.hdb.dff" records; false when there is none.
 bool ReadRecordedRevision(const std::string& hdb_path, uint64_t& revision);
+// Writes the revision file for "revision" as the front does, for a database that no living object
+// holds (the result of a save that was killed before it wrote the file).
+void WriteRecordedRevision(const std::string& hdb_path, uint64_t revision);
 // The revision in an HDB file's header; false when the file is too short to hold one.
 bool ReadHeaderRevision(const std::string& hdb_path, uint64_t& revision);
 // A revision as people read it: 16 hex digits.

@@ -8,8 +8,6 @@
 #include <cstring>
 #include <iostream>
 
-#include <Poco/DateTimeFormatter.h>
-#include <Poco/LocalDateTime.h>
 #include <boost/filesystem/operations.hpp>
 
 #include "cli/command_line.h"
@@ -208,11 +206,7 @@ std::shared_ptr<CHashDB> CSession::LoadDatabase(const CRefPolicySettings& policy
                      RevisionText(database->Revision()) + ", expected " + RevisionText(recorded) +
                      " (from " + path + ".dff); a database put back from an earlier save is never used");
   }
-  if (writer && saving) {
-    if (pair.interrupted) CompleteReplacement(path, signature_of);
-    if (completed_save) front_->WriteRevisionFile(policy.name);
-    RemoveSaveMarker(path);
-  }
+  if (writer && (saving || pair.interrupted)) FinishInterruptedSave(path, signature_of);
   if (pair.interrupted || completed_save) {
     if (writer) {
       std::cerr << "signdb: the last save of policy '" << policy.name << "' was interrupted; it is completed now\n";
@@ -256,19 +250,18 @@ std::string CSession::Save(const std::shared_ptr<CHashDB>& database, const CRefP
   std::string current = Narrow(front_->HdbFilePath(policy.name));
   CSignatureOf signature_of = [this](const std::string& hdb) { return SignatureFileOf(hdb); };
   boost::system::error_code missing;
+  auto not_saved = [&current, &missing](const std::exception& e) {
+    return CToolError(std::string(e.what()) + "\n  the database was not saved; " + current +
+                      (boost::filesystem::exists(current, missing) ? " stays as it was" : " does not exist yet"));
+  };
   CSaveMarker marker;
   try {
     // What a killed run left is finished first, so that the pair kept as the previous one and the
     // revision file are those of the last complete save.
-    CompleteReplacement(current, signature_of);
-    uint64_t on_disk = 0;
-    if (ReadSaveMarker(current, marker) && ReadHeaderRevision(current, on_disk) && on_disk == marker.saving) {
-      WriteRevisionOf(current, on_disk);
-    }
+    FinishInterruptedSave(current, signature_of);
     if (boost::filesystem::exists(current, missing) && boost::filesystem::exists(SignatureFileOf(current), missing)) {
       ReplacePairWithCopy(current, PreviousFileOf(policy), signature_of);
     }
-    marker.before = ~0ull;
     ReadRecordedRevision(current, marker.before);
     do {
       marker.saving = host_->Utility()->RandomStamp();
@@ -276,28 +269,17 @@ std::string CSession::Save(const std::shared_ptr<CHashDB>& database, const CRefP
     WriteSaveMarker(current, marker);
     host_->ref_utility().PresetNextStamp(marker.saving);
   } catch (const std::exception& e) {
-    throw CToolError(std::string(e.what()) + "\n  the database was not saved; " + current +
-                     (boost::filesystem::exists(current, missing) ? " stays as it was" : " does not exist yet"));
+    throw not_saved(e);
   }
   try {
     database->Save();
   } catch (const std::exception& e) {
     RemoveSaveMarker(current);
-    throw CToolError(std::string(e.what()) + "\n  the database was not saved; " + current +
-                     (boost::filesystem::exists(current, missing) ? " stays as it was" : " does not exist yet"));
+    throw not_saved(e);
   }
   front_->WriteRevisionFile(policy.name);
   RemoveSaveMarker(current);
   return Narrow(database->HdbFilePath(false));
-}
-
-void CSession::WriteRevisionOf(const std::string& hdb_path, uint64_t revision) {
-  // The revision file as the front writes it: the revision, big-endian, then the local time.
-  std::string text = Poco::DateTimeFormatter::format(Poco::LocalDateTime(), " %Y-%m-%d %H:%M:%S");
-  std::vector<uint8_t> bytes(8 + text.size());
-  for (int i = 7; i >= 0; --i, revision >>= 8) bytes[static_cast<size_t>(i)] = static_cast<uint8_t>(revision & 0xFF);
-  std::copy(text.begin(), text.end(), bytes.begin() + 8);
-  WriteWholeFile(hdb_path + ".dff", bytes.data(), bytes.size());
 }
 
 std::string CSession::PreviousFileOf(const CRefPolicySettings& policy) {

@@ -75,10 +75,6 @@ class CSession {
   std::string Narrow(const std::wstring& text);
 
  private:
-  // Writes the revision file of the database at "hdb_path" for a revision that no living
-  // database holds (a save that was killed before it wrote the file).
-  void WriteRevisionOf(const std::string& hdb_path, uint64_t revision);
-
   std::string config_path_;
   CRefSettings settings_;
   std::shared_ptr<CRefHost> host_;
