@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <boost/algorithm/string/predicate.hpp>
 #include <cstdio>
+#include <iterator>
 #include <set>
 
 #include "cli/account_names.h"
@@ -17,54 +18,6 @@ namespace {
 using security_text::CSecurityItems;
 
 constexpr const char* kNone = "none";
-
-// The names of the inode flags' letters, as lsattr -l words them.
-const char* FlagName(char letter) {
-  switch (letter) {
-    case 's':
-      return "secure-deletion";
-    case 'u':
-      return "undelete";
-    case 'S':
-      return "synchronous";
-    case 'D':
-      return "synchronous-directory";
-    case 'i':
-      return "immutable";
-    case 'a':
-      return "append-only";
-    case 'd':
-      return "no-dump";
-    case 'A':
-      return "no-atime";
-    case 'c':
-      return "compressed";
-    case 'E':
-      return "encrypted";
-    case 'j':
-      return "journalled-data";
-    case 't':
-      return "no-tail-merging";
-    case 'T':
-      return "top-of-hierarchy";
-    case 'C':
-      return "no-copy-on-write";
-    case 'x':
-      return "dax";
-    case 'F':
-      return "casefold";
-    case 'P':
-      return "project-inherit";
-    case 'V':
-      return "verity";
-    case 'm':
-      return "no-compression";
-    default:
-      return "unknown";
-  }
-}
-
-std::string TimeDisplay(uint64_t time) { return TimeText(time); }
 
 // Adds a change with machine values and display texts; "present" flags say whether each side has
 // the attribute at all.
@@ -115,51 +68,47 @@ std::string ItemDisplay(const std::string& key, const std::string& value, CObjec
   return EscapedText(value);
 }
 
+// How people read an aspect: the words that head a line, and the label of one difference.
+struct CAspectWords {
+  const char* headline;
+  const char* label;
+};
+
+const CAspectWords& WordsOf(CAspect aspect) {
+  // In the order of CAspect.
+  static const CAspectWords kWords[] = {
+      {"hash changed", "hash"},
+      {"device changed", "device"},
+      {"kind changed", "kind"},
+      {"owner changed", "owner"},
+      {"group changed", "group"},
+      {"mode changed", "mode"},
+      {"capabilities changed", "capabilities"},
+      {"acl changed", "acl"},
+      {"acl changed", "default acl"},
+      {"selinux label changed", "selinux label"},
+      {"xattrs changed", "xattr"},
+      {"flags changed", "flags"},
+      {"link target changed", "link target"},
+      {"link count changed", "link count"},
+      {"inode changed", "inode"},
+      {"size changed", "size"},
+      {"security attributes changed", nullptr},  // labelled by its key
+      {"security attributes changed", "security attributes"},
+      {"times changed", "modified"},
+      {"times changed", "status changed"},
+  };
+  static_assert(std::size(kWords) == static_cast<size_t>(CAspect::kStatusChanged) + 1);
+  return kWords[static_cast<size_t>(aspect)];
+}
+
 // The label of an attribute in a line for people.
 std::string Label(const CAttributeChange& change) {
-  switch (change.aspect) {
-    case CAspect::kContent:
-      return "hash";
-    case CAspect::kDevice:
-      return "device";
-    case CAspect::kKind:
-      return "kind";
-    case CAspect::kOwner:
-      return "owner";
-    case CAspect::kGroup:
-      return "group";
-    case CAspect::kMode:
-      return "mode";
-    case CAspect::kCapabilities:
-      return "capabilities";
-    case CAspect::kAccessAcl:
-      return "acl";
-    case CAspect::kDefaultAcl:
-      return "default acl";
-    case CAspect::kSelinux:
-      return "selinux label";
-    case CAspect::kXattr:
-      return "xattr " + EscapedText(change.attribute.substr(6));
-    case CAspect::kFlags:
-      return "flags";
-    case CAspect::kTarget:
-      return "link target";
-    case CAspect::kLinkCount:
-      return "link count";
-    case CAspect::kInode:
-      return "inode";
-    case CAspect::kSize:
-      return "size";
-    case CAspect::kOtherSecurity:
-      return EscapedText(change.attribute);
-    case CAspect::kSecurityForm:
-      return "security attributes";
-    case CAspect::kModified:
-      return "modified";
-    case CAspect::kStatusChanged:
-      return "status changed";
-  }
-  return "attribute";
+  if (change.aspect == CAspect::kXattr)
+    return "xattr " + EscapedText(change.attribute.substr(
+                          std::string_view(security_text::kXattrPrefix).size()));
+  if (change.aspect == CAspect::kOtherSecurity) return EscapedText(change.attribute);
+  return WordsOf(change.aspect).label;
 }
 
 void CompareSecurity(const CObjectState& recorded, const CObjectState& current, bool modes_compared,
@@ -209,48 +158,7 @@ std::string CAttributeChange::Text() const {
   return Label(*this) + " " + old_display + " -> " + new_display;
 }
 
-const char* HeadlineWords(CAspect aspect) {
-  switch (aspect) {
-    case CAspect::kContent:
-      return "hash changed";
-    case CAspect::kDevice:
-      return "device changed";
-    case CAspect::kKind:
-      return "kind changed";
-    case CAspect::kOwner:
-      return "owner changed";
-    case CAspect::kGroup:
-      return "group changed";
-    case CAspect::kMode:
-      return "mode changed";
-    case CAspect::kCapabilities:
-      return "capabilities changed";
-    case CAspect::kAccessAcl:
-    case CAspect::kDefaultAcl:
-      return "acl changed";
-    case CAspect::kSelinux:
-      return "selinux label changed";
-    case CAspect::kXattr:
-      return "xattrs changed";
-    case CAspect::kFlags:
-      return "flags changed";
-    case CAspect::kTarget:
-      return "link target changed";
-    case CAspect::kLinkCount:
-      return "link count changed";
-    case CAspect::kInode:
-      return "inode changed";
-    case CAspect::kSize:
-      return "size changed";
-    case CAspect::kOtherSecurity:
-    case CAspect::kSecurityForm:
-      return "security attributes changed";
-    case CAspect::kModified:
-    case CAspect::kStatusChanged:
-      return "times changed";
-  }
-  return "changed";
-}
+const char* HeadlineWords(CAspect aspect) { return WordsOf(aspect).headline; }
 
 std::vector<CAttributeChange> CompareStates(const CObjectState& recorded,
                                             const CObjectState& current) {
@@ -290,12 +198,12 @@ std::vector<CAttributeChange> CompareStates(const CObjectState& recorded,
   if (!recorded.is_dir && recorded.time_2 != kUnknownTime && current.time_2 != kUnknownTime &&
       recorded.time_2 != current.time_2) {
     Add(changes, CAspect::kModified, "mtime", IsoTimeText(recorded.time_2),
-        IsoTimeText(current.time_2), TimeDisplay(recorded.time_2), TimeDisplay(current.time_2));
+        IsoTimeText(current.time_2), TimeText(recorded.time_2), TimeText(current.time_2));
   }
   if (recorded.time_1 != kUnknownTime && current.time_1 != kUnknownTime &&
       recorded.time_1 != current.time_1) {
     Add(changes, CAspect::kStatusChanged, "ctime", IsoTimeText(recorded.time_1),
-        IsoTimeText(current.time_1), TimeDisplay(recorded.time_1), TimeDisplay(current.time_1));
+        IsoTimeText(current.time_1), TimeText(recorded.time_1), TimeText(current.time_1));
   }
   std::stable_sort(
       changes.begin(), changes.end(),
@@ -343,7 +251,8 @@ std::string GroupText(const std::string& gid) { return AccountText(gid, GroupNam
 
 std::string FlagsText(const std::string& letters) {
   std::string names;
-  for (char letter : letters) names += (names.empty() ? "" : ", ") + std::string(FlagName(letter));
+  for (char letter : letters)
+    names += (names.empty() ? "" : ", ") + std::string(security_text::InodeFlagName(letter));
   return EscapedText(letters) + " (" + names + ")";
 }
 

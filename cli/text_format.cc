@@ -1,13 +1,13 @@
 #include "cli/text_format.h"
 
-#include <algorithm>
 #include <cstdio>
 #include <sstream>
 
 #include <Poco/DateTimeFormatter.h>
 #include <Poco/JSON/Stringifier.h>
 #include <Poco/Timestamp.h>
-#include <Poco/UTF8Encoding.h>
+
+#include "refhost/text_conversion.h"
 
 std::string GroupedNumber(uint64_t value) {
   std::string digits = std::to_string(value);
@@ -54,16 +54,12 @@ std::string IsoTimeText(uint64_t nanoseconds) {
 }
 
 std::string ValidUtf8(const std::string& text) {
-  Poco::UTF8Encoding utf8;
   std::string valid;
   valid.reserve(text.size());
-  const auto* bytes = reinterpret_cast<const unsigned char*>(text.data());
   for (size_t i = 0; i < text.size();) {
-    int left = static_cast<int>(std::min<size_t>(text.size() - i, 8));
-    int length = utf8.sequenceLength(bytes + i, left);
-    if (length > 0 && length <= left && Poco::UTF8Encoding::isLegal(bytes + i, length)) {
-      valid.append(text, i, static_cast<size_t>(length));
-      i += static_cast<size_t>(length);
+    if (size_t length = Utf8SequenceAt(std::string_view(text).substr(i)); length > 0) {
+      valid.append(text, i, length);
+      i += length;
     } else {
       valid += "\xEF\xBF\xBD";  // U+FFFD REPLACEMENT CHARACTER
       ++i;
@@ -81,7 +77,6 @@ std::string JsonString(const std::string& text) {
 std::string AsciiJson(const std::string& json) {
   std::string ascii;
   ascii.reserve(json.size());
-  Poco::UTF8Encoding utf8;
   const auto* bytes = reinterpret_cast<const unsigned char*>(json.data());
   auto escape = [&ascii](unsigned code) {
     char unit[16];
@@ -93,11 +88,9 @@ std::string AsciiJson(const std::string& json) {
       ascii += json[i++];
       continue;
     }
-    int left = static_cast<int>(std::min<size_t>(json.size() - i, 8));
-    int length = bytes[i] == 0x7F ? 1 : utf8.sequenceLength(bytes + i, left);
-    if (length <= 0 || length > left) length = 1;  // not produced by ValidUtf8; never split
-    int code = bytes[i] == 0x7F ? 0x7F : utf8.queryConvert(bytes + i, length);
-    if (code < 0) code = 0xFFFD;
+    int code = 0xFFFD;  // for a byte that is not valid UTF-8, which ValidUtf8 never gives
+    size_t length = Utf8SequenceAt(std::string_view(json).substr(i), &code);
+    if (length == 0) length = 1;
     if (code >= 0x10000) {  // a surrogate pair
       code -= 0x10000;
       escape(0xD800 + (static_cast<unsigned>(code) >> 10));
@@ -105,7 +98,7 @@ std::string AsciiJson(const std::string& json) {
     } else {
       escape(static_cast<unsigned>(code));
     }
-    i += static_cast<size_t>(length);
+    i += length;
   }
   return ascii;
 }

@@ -20,6 +20,7 @@
 
 #include "refhost/openssl_handles.h"
 #include "refhost/pkcs7.h"
+#include "refhost/text_conversion.h"
 
 namespace {
 
@@ -144,13 +145,7 @@ CDevKeyFiles MakeDevelopmentKeys(const std::string& folder, const CDevKeyRequest
 std::string RandomCstmId() {
   unsigned char bytes[8];
   if (RAND_bytes(bytes, sizeof bytes) != 1) throw std::runtime_error("the random generator failed");
-  static const char kDigits[] = "0123456789abcdef";
-  std::string id = "signdb ";
-  for (unsigned char byte : bytes) {
-    id += kDigits[byte >> 4];
-    id += kDigits[byte & 15];
-  }
-  return id;
+  return "signdb " + HexText(bytes, sizeof bytes);
 }
 
 std::string CertificateOrganization(const std::string& certificate_path) {

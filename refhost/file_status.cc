@@ -26,21 +26,6 @@ constexpr std::string_view kDefaultAclName = "system.posix_acl_default";
 constexpr std::string_view kCapabilityName = "security.capability";
 constexpr std::string_view kSelinuxName = "security.selinux";
 
-// The inode flags that lsattr shows, in its order, with their letters. Three that the file system
-// sets by itself as an object grows are left out, since they say nothing about what someone did:
-// extents (e), an indexed directory (I) and inline data (N).
-struct CInodeFlag {
-  unsigned long bit;
-  char letter;
-};
-constexpr CInodeFlag kInodeFlags[] = {
-    {FS_SECRM_FL, 's'},    {FS_UNRM_FL, 'u'},        {FS_SYNC_FL, 'S'},     {FS_DIRSYNC_FL, 'D'},
-    {FS_IMMUTABLE_FL, 'i'}, {FS_APPEND_FL, 'a'},     {FS_NODUMP_FL, 'd'},   {FS_NOATIME_FL, 'A'},
-    {FS_COMPR_FL, 'c'},    {FS_ENCRYPT_FL, 'E'},     {FS_JOURNAL_DATA_FL, 'j'}, {FS_NOTAIL_FL, 't'},
-    {FS_TOPDIR_FL, 'T'},   {FS_NOCOW_FL, 'C'},       {FS_DAX_FL, 'x'},      {FS_CASEFOLD_FL, 'F'},
-    {FS_PROJINHERIT_FL, 'P'}, {FS_VERITY_FL, 'V'},   {FS_NOCOMP_FL, 'm'},
-};
-
 // Reads extended attributes through a descriptor when there is one, else by path (never following
 // a symbolic link).
 class CXattrReader {
@@ -165,7 +150,7 @@ void AddInodeFlags(int fd, CSecurityItems& items) {
   int flags = 0;  // the ioctl is declared with a long but reads and writes an int
   if (::ioctl(fd, FS_IOC_GETFLAGS, &flags) != 0) return;  // not supported here
   std::string letters;
-  for (const CInodeFlag& flag : kInodeFlags) {
+  for (const security_text::CInodeFlag& flag : security_text::InodeFlags()) {
     if (static_cast<unsigned long>(static_cast<unsigned int>(flags)) & flag.bit) letters += flag.letter;
   }
   if (!letters.empty()) items[security_text::kFlags] = letters;

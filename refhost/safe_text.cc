@@ -1,9 +1,8 @@
 #include "refhost/safe_text.h"
 
-#include <Poco/UTF8Encoding.h>
-
-#include <algorithm>
 #include <cstdio>
+
+#include "refhost/text_conversion.h"
 
 namespace {
 
@@ -24,7 +23,6 @@ bool IsInvisibleControl(int code_point) {
 }  // namespace
 
 std::string EscapedText(std::string_view text) {
-  Poco::UTF8Encoding utf8;
   std::string out;
   out.reserve(text.size());
   const auto* bytes = reinterpret_cast<const unsigned char*>(text.data());
@@ -57,22 +55,21 @@ std::string EscapedText(std::string_view text) {
       ++i;
       continue;
     }
-    int left = static_cast<int>(std::min<size_t>(text.size() - i, 8));
-    int length = utf8.sequenceLength(bytes + i, left);
-    if (length <= 1 || length > left || !Poco::UTF8Encoding::isLegal(bytes + i, length)) {
+    int code_point = 0;
+    size_t length = Utf8SequenceAt(text.substr(i), &code_point);
+    if (length == 0) {
       AppendByteEscape(out, byte);
       ++i;
       continue;
     }
-    int code_point = utf8.queryConvert(bytes + i, length);
     if (IsInvisibleControl(code_point)) {
       char escape[12];
       std::snprintf(escape, sizeof escape, "\\u%04x", static_cast<unsigned>(code_point));
       out += escape;
     } else {
-      out.append(text.substr(i, static_cast<size_t>(length)));
+      out.append(text.substr(i, length));
     }
-    i += static_cast<size_t>(length);
+    i += length;
   }
   return out;
 }

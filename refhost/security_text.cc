@@ -1,6 +1,10 @@
 #include "refhost/security_text.h"
 
+#include <linux/fs.h>
+
 #include <cctype>
+
+#include "refhost/text_conversion.h"
 
 namespace security_text {
 namespace {
@@ -30,28 +34,74 @@ int HexValue(char c) {
   return -1;
 }
 
+// Calls "take(key, value, has_equals)" for each space-separated item of "text", split at its first
+// '=' (an item without one gives its whole text as the key and an empty value), as written, not
+// unescaped.
+template <typename Take>
+void ForEachItem(std::string_view text, Take take) {
+  size_t start = 0;
+  while (start < text.size()) {
+    size_t end = text.find(' ', start);
+    if (end == std::string_view::npos) end = text.size();
+    std::string_view item = text.substr(start, end - start);
+    if (!item.empty()) {
+      size_t equals = item.find('=');
+      if (equals == std::string_view::npos) {
+        take(item, std::string_view(), false);
+      } else {
+        take(item.substr(0, equals), item.substr(equals + 1), true);
+      }
+    }
+    start = end + 1;
+  }
+}
+
 // The older form: "owner=0 group=0 mode=0644 acl=u::rw-,..." (unescaped; the ACL text has no
 // spaces).
 CSecurityItems ParseLegacy(std::string_view text) {
   static const std::map<std::string_view, const char*> kKeys = {
       {"owner", kUid}, {"group", kGid}, {"mode", kMode}, {"acl", kAccessAcl}};
   CSecurityItems items;
-  size_t start = 0;
-  while (start < text.size()) {
-    size_t end = text.find(' ', start);
-    if (end == std::string_view::npos) end = text.size();
-    std::string_view item = text.substr(start, end - start);
-    size_t equals = item.find('=');
-    if (equals != std::string_view::npos) {
-      auto key = kKeys.find(item.substr(0, equals));
-      if (key != kKeys.end()) items[key->second] = std::string(item.substr(equals + 1));
-    }
-    start = end + 1;
-  }
+  ForEachItem(text, [&items](std::string_view key, std::string_view value, bool has_equals) {
+    auto known = kKeys.find(key);
+    if (has_equals && known != kKeys.end()) items[known->second] = std::string(value);
+  });
   return items;
 }
 
 }  // namespace
+
+std::span<const CInodeFlag> InodeFlags() {
+  static constexpr CInodeFlag kFlags[] = {
+      {FS_SECRM_FL, 's', "secure-deletion"},
+      {FS_UNRM_FL, 'u', "undelete"},
+      {FS_SYNC_FL, 'S', "synchronous"},
+      {FS_DIRSYNC_FL, 'D', "synchronous-directory"},
+      {FS_IMMUTABLE_FL, 'i', "immutable"},
+      {FS_APPEND_FL, 'a', "append-only"},
+      {FS_NODUMP_FL, 'd', "no-dump"},
+      {FS_NOATIME_FL, 'A', "no-atime"},
+      {FS_COMPR_FL, 'c', "compressed"},
+      {FS_ENCRYPT_FL, 'E', "encrypted"},
+      {FS_JOURNAL_DATA_FL, 'j', "journalled-data"},
+      {FS_NOTAIL_FL, 't', "no-tail-merging"},
+      {FS_TOPDIR_FL, 'T', "top-of-hierarchy"},
+      {FS_NOCOW_FL, 'C', "no-copy-on-write"},
+      {FS_DAX_FL, 'x', "dax"},
+      {FS_CASEFOLD_FL, 'F', "casefold"},
+      {FS_PROJINHERIT_FL, 'P', "project-inherit"},
+      {FS_VERITY_FL, 'V', "verity"},
+      {FS_NOCOMP_FL, 'm', "no-compression"},
+  };
+  return kFlags;
+}
+
+const char* InodeFlagName(char letter) {
+  for (const CInodeFlag& flag : InodeFlags()) {
+    if (flag.letter == letter) return flag.name;
+  }
+  return "unknown";
+}
 
 std::string EscapeKey(std::string_view key) { return Escape(key, true); }
 std::string EscapeValue(std::string_view value) { return Escape(value, false); }
@@ -80,14 +130,7 @@ std::string XattrValueText(std::string_view bytes) {
     if (byte < 0x20 || byte > 0x7E) printable = false;
   }
   if (printable) return "\"" + std::string(shown) + "\"";
-  static const char kLower[] = "0123456789abcdef";
-  std::string hex = "0x";
-  for (char c : bytes) {
-    auto byte = static_cast<unsigned char>(c);
-    hex += kLower[byte >> 4];
-    hex += kLower[byte & 15];
-  }
-  return hex;
+  return "0x" + HexText(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
 }
 
 std::string Text(const CSecurityItems& items) {
@@ -109,21 +152,9 @@ CSecurityItems Parse(std::string_view text, bool* legacy) {
   if (legacy != nullptr) *legacy = old_form;
   if (old_form) return ParseLegacy(text);
   CSecurityItems items;
-  size_t start = 0;
-  while (start < text.size()) {
-    size_t end = text.find(' ', start);
-    if (end == std::string_view::npos) end = text.size();
-    std::string_view item = text.substr(start, end - start);
-    size_t equals = item.find('=');
-    if (!item.empty()) {
-      if (equals == std::string_view::npos) {
-        items[Unescape(item)] = std::string();
-      } else {
-        items[Unescape(item.substr(0, equals))] = Unescape(item.substr(equals + 1));
-      }
-    }
-    start = end + 1;
-  }
+  ForEachItem(text, [&items](std::string_view key, std::string_view value, bool) {
+    items[Unescape(key)] = Unescape(value);
+  });
   return items;
 }
 

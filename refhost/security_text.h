@@ -1,6 +1,7 @@
 #pragma once
 
 #include <map>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -44,6 +45,19 @@ constexpr const char* kCapabilities = "caps";
 constexpr const char* kSelinux = "selinux";
 constexpr const char* kFlags = "flags";
 constexpr const char* kXattrPrefix = "xattr.";
+
+// The inode flags that "flags" records, in lsattr's order: the FS_IOC_GETFLAGS bit, the letter
+// and the word of lsattr -l. Three that the file system sets by itself as an object grows are left
+// out, since they say nothing about what someone did: extents (e), an indexed directory (I) and
+// inline data (N).
+struct CInodeFlag {
+  unsigned long bit;
+  char letter;
+  const char* name;
+};
+std::span<const CInodeFlag> InodeFlags();
+// The word of a flag's letter; "unknown" for a letter that is none of them.
+const char* InodeFlagName(char letter);
 
 // Escapes a key (which also escapes '=') or a value.
 std::string EscapeKey(std::string_view key);

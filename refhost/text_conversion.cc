@@ -1,7 +1,10 @@
 #include "refhost/text_conversion.h"
 
+#include <Poco/UTF8Encoding.h>
 #include <Poco/UnicodeConverter.h>
 #include <Poco/UTFString.h>
+
+#include <algorithm>
 
 static_assert(sizeof(wchar_t) == sizeof(Poco::UTF32Char), "wide strings are UTF-32 here");
 
@@ -43,4 +46,19 @@ std::string HexText(const uint8_t* bytes, uint64_t length) {
     text[2 * i + 1] = kHex[bytes[i] & 15];
   }
   return text;
+}
+
+size_t Utf8SequenceAt(std::string_view text, int* code_point) {
+  if (text.empty()) return 0;
+  const auto* bytes = reinterpret_cast<const unsigned char*>(text.data());
+  if (bytes[0] < 0x80) {
+    if (code_point != nullptr) *code_point = bytes[0];
+    return 1;
+  }
+  static const Poco::UTF8Encoding utf8;
+  int left = static_cast<int>(std::min<size_t>(text.size(), 8));
+  int length = utf8.sequenceLength(bytes, left);
+  if (length <= 0 || length > left || !Poco::UTF8Encoding::isLegal(bytes, length)) return 0;
+  if (code_point != nullptr) *code_point = utf8.queryConvert(bytes, length);
+  return static_cast<size_t>(length);
 }
