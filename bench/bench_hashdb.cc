@@ -198,6 +198,35 @@ void BM_Shrink(benchmark::State& state) {
 }
 BENCHMARK(BM_Shrink)->Unit(benchmark::kMillisecond)->Iterations(1)->UseRealTime();
 
+// Removes 20,000 of 100,000 files that all carry one content (empty files), or that all differ:
+// the removal from the hash index must cost the same in both cases, not grow with the number of
+// files that share the hash.
+void BM_RemoveFiles(benchmark::State& state) {
+  const bool one_content = state.range(0) == 1;
+  constexpr int64_t kFiles = 100000, kRemoved = 20000;
+  for (auto _ : state) {
+    state.PauseTiming();
+    auto bench = std::make_unique<CBenchDb>();
+    auto info = CFakeObjInfo::File(L"", "");
+    std::shared_ptr<CObjInfo> none;
+    for (int64_t i = 0; i < kFiles; ++i) {
+      info->relative = SyntheticPath(i);
+      info->hash = one_content ? SyntheticHash(0) : SyntheticHash(i);
+      bench->db->InsertObject(none, info);
+    }
+    state.ResumeTiming();
+    for (int64_t i = 0; i < kFiles; i += kFiles / kRemoved) {
+      bench->db->RemoveObject(none, L"/bench/root/" + SyntheticPath(i));
+    }
+    state.PauseTiming();
+    bench.reset();
+    state.ResumeTiming();
+  }
+  state.SetItemsProcessed(state.iterations() * kRemoved);
+  state.SetLabel(one_content ? "one content" : "distinct contents");
+}
+BENCHMARK(BM_RemoveFiles)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->Iterations(1)->UseRealTime();
+
 }  // namespace
 
 BENCHMARK_MAIN();

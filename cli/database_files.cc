@@ -4,6 +4,7 @@
 #include <Poco/LocalDateTime.h>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <boost/filesystem/operations.hpp>
@@ -93,6 +94,21 @@ void FinishInterruptedSave(const std::string& hdb_path, const CSignatureOf& sign
     WriteRecordedRevision(hdb_path, saved);
   }
   RemoveSaveMarker(hdb_path);
+}
+
+std::string StorageProblemOf(const std::string& folder) {
+  struct statvfs space {};
+  if (::statvfs(folder.c_str(), &space) == 0) {
+    if ((space.f_flag & ST_RDONLY) != 0) return "the file system of " + folder + " is read-only (EROFS)";
+    if (space.f_bavail == 0 || (space.f_files != 0 && space.f_favail == 0)) {
+      return "no space left on the file system of " + folder + " (ENOSPC)";
+    }
+  }
+  if (::access(folder.c_str(), W_OK | X_OK) != 0) {
+    const char* name = ::strerrorname_np(errno);
+    return folder + " is not writable: " + std::strerror(errno) + (name != nullptr ? std::string(" (") + name + ")" : "");
+  }
+  return std::string();
 }
 
 std::string SaveMarkerPath(const std::string& hdb_path) { return hdb_path + kSavingSuffix; }

@@ -37,6 +37,11 @@ void CompleteReplacement(const std::string& hdb_path, const CSignatureOf& signat
 // removes the marker. Only under the policy's exclusive lock.
 void FinishInterruptedSave(const std::string& hdb_path, const CSignatureOf& signature_of);
 
+// What keeps a folder from taking a file, as people read it, naming the error ("no space left on
+// the file system of DIR (ENOSPC)", "... read-only (EROFS)", "... not writable (EACCES)"); empty
+// when nothing is seen.
+std::string StorageProblemOf(const std::string& folder);
+
 // Puts a copy of the pair at "from" in place of the pair at "to" with the same steps as a save:
 // hard links where the file system has them (nothing is copied), else copies.
 void ReplacePairWithCopy(const std::string& from, const std::string& to,

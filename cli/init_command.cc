@@ -81,14 +81,14 @@ int RunInit(const CCommandLine& line) {
     try {
       request.cstm_id = CertificateOrganization((keys / "signer.pem").string());
     } catch (const std::exception& e) {
-      throw CToolError(std::string(e.what()) + "\n  remove " + keys.string() + " to make new keys");
+      throw CToolError(e.what(), {"remove " + keys.string() + " to make new keys"});
     }
   } else {
     request.cstm_id = RandomCstmId();
     try {
       MakeDevelopmentKeys(keys.string(), request);
     } catch (const std::exception& e) {
-      throw CToolError(std::string(e.what()) + "\n  remove " + keys.string() + " to make new keys");
+      throw CToolError(e.what(), {"remove " + keys.string() + " to make new keys"});
     }
   }
 

@@ -60,6 +60,7 @@ int main(int argc, char** argv) {
     return command->second(line);
   } catch (const CToolError& e) {
     std::cerr << "signdb: " << EscapedText(e.what()) << "\n";
+    for (const std::string& hint : e.hints()) std::cerr << "  " << EscapedText(hint) << "\n";
     return kExitError;
   } catch (const std::exception& e) {
     std::cerr << "signdb: " << EscapedText(e.what()) << "\n";

@@ -12,6 +12,7 @@
 #include "cli/difference.h"
 #include "cli/text_format.h"
 #include "refhost/security_text.h"
+#include "refhost/text_conversion.h"
 
 namespace {
 
@@ -23,6 +24,15 @@ Array::Ptr NewArray() { return new Array; }
 
 // JSON strings must be Unicode: bytes that are not valid UTF-8 become U+FFFD.
 std::string Text(const std::string& text) { return ValidUtf8(text); }
+
+// A name (a path, a link target) under "key", readable; when it is not valid UTF-8, its exact
+// bytes in hexadecimal under "key_hex" as well, so that two names that differ only in such bytes
+// stay apart and a reader can get the name back. Every strict JSON parser takes both.
+void SetName(Object::Ptr object, const std::string& key, const std::string& name) {
+  std::string text = ValidUtf8(name);
+  object->set(key, text);
+  if (text != name) object->set(key + "_hex", HexText(reinterpret_cast<const uint8_t*>(name.data()), name.size()));
+}
 
 const char* EventType(CChange change) {
   switch (change) {
@@ -43,7 +53,7 @@ Object::Ptr FileObject(const CObjectState& state, const std::string& full_path,
     return found == items.end() ? std::string() : found->second;
   };
   Object::Ptr file = NewObject();
-  file->set("path", Text(full_path));
+  SetName(file, "path", full_path);
   file->set("type", KindType(state.kind()));
   if (!item(security_text::kMode).empty()) file->set("mode", item(security_text::kMode));
   std::string uid = item(security_text::kUid);
@@ -56,7 +66,7 @@ Object::Ptr FileObject(const CObjectState& state, const std::string& full_path,
   if (!item(security_text::kInode).empty()) file->set("inode", item(security_text::kInode));
   if (state.time_2 != kUnknownTime) file->set("mtime", IsoTimeText(state.time_2));
   if (state.time_1 != kUnknownTime) file->set("ctime", IsoTimeText(state.time_1));
-  if (!state.target.empty()) file->set("target_path", Text(state.target));
+  if (!state.target.empty()) SetName(file, "target_path", state.target);
   std::string flags = item(security_text::kFlags);
   if (!flags.empty()) {
     Array::Ptr attributes = NewArray();
@@ -134,13 +144,13 @@ std::string DifferenceJson(const CDifference& difference, const CReportContext& 
 
   Object::Ptr signdb = NewObject();
   signdb->set("policy", Text(context.policy));
-  signdb->set("root", Text(context.root));
-  signdb->set("relative_path", Text(difference.path));
+  SetName(signdb, "root", context.root);
+  SetName(signdb, "relative_path", difference.path);
   signdb->set("change", difference.words);
   signdb->set("status", difference.status);
   if (difference.change == CChange::kRenamed) {
-    signdb->set("from", Text(difference.from));
-    signdb->set("from_path", Text(JoinedPath(context.root, difference.from)));
+    SetName(signdb, "from", difference.from);
+    SetName(signdb, "from_path", JoinedPath(context.root, difference.from));
   }
   security_text::CSecurityItems items = security_text::Parse(shown.security);
   auto copy = [&](const char* key, const char* field) {
@@ -191,11 +201,11 @@ std::string UnreadableJson(const std::string& relative_path, const std::string& 
   event->set("reason", Text(reason));
   line->set("event", event);
   Object::Ptr file = NewObject();
-  file->set("path", Text(JoinedPath(context.root, relative_path)));
+  SetName(file, "path", JoinedPath(context.root, relative_path));
   line->set("file", file);
   Object::Ptr signdb = NewObject();
   signdb->set("policy", Text(context.policy));
-  signdb->set("relative_path", Text(relative_path));
+  SetName(signdb, "relative_path", relative_path);
   signdb->set("change", "unreadable");
   line->set("signdb", signdb);
   return Stringify(line);

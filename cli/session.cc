@@ -69,7 +69,7 @@ CSession::CSession(const CCommandLine& line) {
   try {
     settings_ = LoadSettings(config_path_);
   } catch (const std::exception& e) {
-    throw CToolError(std::string(e.what()) + "\n  fix the file, or make a new one with 'signdb init --force'");
+    throw CToolError(e.what(), {"fix the file, or make a new one with 'signdb init --force'"});
   }
   RequireOwnerOnly(config_path_, "the configuration", false);
   RequireOwnerOnly(settings_.signer_chain, "the trust anchor", false);
@@ -95,7 +95,7 @@ CSession::CSession(const CCommandLine& line) {
   try {
     loader_ = std::make_unique<CModuleLoader>(module, host_);
   } catch (const std::exception& e) {
-    throw CToolError(std::string(e.what()) + "\n  name the module with --module FILE or $SIGNDB_MODULE");
+    throw CToolError(e.what(), {"name the module with --module FILE or $SIGNDB_MODULE"});
   }
   front_ = loader_->Front();
 }
@@ -250,9 +250,24 @@ std::string CSession::Save(const std::shared_ptr<CHashDB>& database, const CRefP
   std::string current = Narrow(front_->HdbFilePath(policy.name));
   CSignatureOf signature_of = [this](const std::string& hdb) { return SignatureFileOf(hdb); };
   boost::system::error_code missing;
-  auto not_saved = [&current, &missing](const std::exception& e) {
-    return CToolError(std::string(e.what()) + "\n  the database was not saved; " + current +
-                      (boost::filesystem::exists(current, missing) ? " stays as it was" : " does not exist yet"));
+  auto not_saved = [&](const std::exception& e) {
+    int error = errno;  // what the failed write said, read before anything else can change it
+    // Looked at while what the failed save wrote still takes its room.
+    std::string cause = StorageProblemOf(boost::filesystem::path(current).parent_path().string());
+    if (cause.empty() && (error == ENOSPC || error == EDQUOT || error == EROFS || error == EIO)) {
+      cause = std::string("the write failed: ") + std::strerror(error) + " (" + ::strerrorname_np(error) + ")";
+    }
+    // What the failed save wrote goes, or, when it failed between its moves, is finished.
+    try {
+      FinishInterruptedSave(current, signature_of);
+    } catch (const std::exception&) {
+      // The folder may refuse the removal for the reason the save failed; said in the hints.
+    }
+    std::vector<std::string> hints;
+    if (!cause.empty()) hints.push_back(cause);
+    hints.push_back("the database was not saved; " + current +
+                    (boost::filesystem::exists(current, missing) ? " stays as it was" : " does not exist yet"));
+    return CToolError(e.what(), std::move(hints));
   };
   CSaveMarker marker;
   try {
@@ -274,7 +289,6 @@ std::string CSession::Save(const std::shared_ptr<CHashDB>& database, const CRefP
   try {
     database->Save();
   } catch (const std::exception& e) {
-    RemoveSaveMarker(current);
     throw not_saved(e);
   }
   front_->WriteRevisionFile(policy.name);

@@ -131,17 +131,11 @@ void CTreeScanner::Run(const CVisit& visit, const CProblem& problem) {
       try {
         std::shared_ptr<CRefFileObjInfo> info;
         std::string reason;
-        std::wstring wide = Utf8ToWide(path);
-        if (WideToUtf8(wide) != path) {
-          // Names are kept as UTF-8; one that is not would be lost, so it is reported instead.
-          reason = "the name is not valid UTF-8; rename it to have it recorded";
-        } else {
-          try {
-            info = CRefFileObjInfo::FromDisk(utility, cfg, wide_root_, wide, policy_number,
-                                            object.likely_regular);
-          } catch (const std::exception& e) {
-            reason = e.what();
-          }
+        try {
+          info = CRefFileObjInfo::FromDisk(utility, cfg, wide_root_, Utf8ToWide(path), policy_number,
+                                          object.likely_regular);
+        } catch (const std::exception& e) {
+          reason = e.what();
         }
         if (!info) {
           report(path, reason);

@@ -76,24 +76,43 @@ CMapHashDB::CMap::iterator CMapHashDB::AddLockedNear(const std::shared_ptr<CHash
     it = map_.lower_bound(key);
   }
   if (it == map_.end() || key < it->first) {
-    CEntry entry{node->hash, std::make_shared<CEntryList>()};
+    CEntry entry{node->hash, std::make_shared<CEntryList>(), nullptr};
     entry.nodes->push_back(node);
     CKey stored(*entry.text);
     return map_.emplace_hint(it, stored, std::move(entry));
   }
   CEntryList& entries = *it->second.nodes;
+  // Dead entries at the front are swept here; the first live one lends its string.
   for (auto entry = entries.begin(); entry != entries.end();) {
     std::shared_ptr<CHashNode> live = entry->lock();
     if (!live) {
-      entry = entries.erase(entry);
+      entry = EraseLocked(it->second, entry);
       continue;
     }
     node->hash = live->hash;  // one string object per hash text
     break;
   }
   if (entries.size() >= entries.max_size()) throw std::length_error("list<T> too long");
-  entries.push_back(node);
+  AppendLocked(it->second, node);
   return it;
+}
+
+void CMapHashDB::AppendLocked(CEntry& entry, const std::shared_ptr<CHashNode>& node) {
+  CEntryList& entries = *entry.nodes;
+  entries.push_back(node);
+  if (entry.positions) {
+    entry.positions->insert_or_assign(entries.back(), std::prev(entries.end()));
+  } else if (entries.size() > kPositionsFrom) {
+    entry.positions = std::make_unique<CPositions>();
+    for (auto element = entries.begin(); element != entries.end(); ++element) {
+      entry.positions->insert_or_assign(*element, element);
+    }
+  }
+}
+
+CMapHashDB::CEntryList::iterator CMapHashDB::EraseLocked(CEntry& entry, CEntryList::iterator element) {
+  if (entry.positions) entry.positions->erase(*element);
+  return entry.nodes->erase(element);
 }
 
 void CMapHashDB::Remove(const std::shared_ptr<CHashNode>& node) {
@@ -105,18 +124,33 @@ void CMapHashDB::Remove(const std::shared_ptr<CHashNode>& node) {
 void CMapHashDB::RemoveLocked(const std::shared_ptr<CHashNode>& node) {
   auto it = map_.find(CKey(*node->hash));
   if (it == map_.end()) return;
-  CEntryList& entries = *it->second.nodes;
-  for (auto entry = entries.begin(); entry != entries.end();) {
-    std::shared_ptr<CHashNode> live = entry->lock();
-    if (!live) {
-      entry = entries.erase(entry);
-      continue;
+  CEntry& entry_of_hash = it->second;
+  CEntryList& entries = *entry_of_hash.nodes;
+  if (entry_of_hash.positions) {
+    // A long list: straight to the node's own element, whatever else the list holds.
+    auto position = entry_of_hash.positions->find(std::weak_ptr<CHashNode>(node));
+    if (position != entry_of_hash.positions->end()) {
+      entries.erase(position->second);
+      entry_of_hash.positions->erase(position);
     }
-    if (live == node) {
-      entries.erase(entry);
-      break;
+    // Dead entries at either end go too; a list that has become short goes back to being walked,
+    // which sweeps every dead entry it meets.
+    while (!entries.empty() && entries.front().expired()) EraseLocked(entry_of_hash, entries.begin());
+    while (!entries.empty() && entries.back().expired()) EraseLocked(entry_of_hash, std::prev(entries.end()));
+    if (entries.size() <= kPositionsFrom / 2) entry_of_hash.positions.reset();
+  } else {
+    for (auto entry = entries.begin(); entry != entries.end();) {
+      std::shared_ptr<CHashNode> live = entry->lock();
+      if (!live) {
+        entry = entries.erase(entry);
+        continue;
+      }
+      if (live == node) {
+        entries.erase(entry);
+        break;
+      }
+      ++entry;
     }
-    ++entry;
   }
   if (entries.empty()) map_.erase(it);
 }

@@ -23,12 +23,20 @@ class CHashNode;
 class CMapHashDB {
  public:
   using CEntryList = std::list<std::weak_ptr<CHashNode>>;
+  // Where each node stands in a long list, by the identity of its shared allocation (its control
+  // block, which the list's weak reference keeps alive, so an identity is never reused while its
+  // entry exists). Lets a removal find its entry without walking every file of that hash.
+  using CPositions = std::map<std::weak_ptr<CHashNode>, CEntryList::iterator, std::owner_less<>>;
   // The nodes of one hash text. The key of the map is a view of "text", the string object that
-  // the nodes share, so the text is stored once for the index and all its nodes.
+  // the nodes share, so the text is stored once for the index and all its nodes. "positions" is
+  // made only once the list holds more than kPositionsFrom entries (most hashes have one file);
+  // from then on it names every entry of the list.
   struct CEntry {
     std::shared_ptr<const std::string> text;
     std::shared_ptr<CEntryList> nodes;
+    std::unique_ptr<CPositions> positions;
   };
+  static constexpr size_t kPositionsFrom = 16;
 
   explicit CMapHashDB(bool enabled);
 
@@ -73,6 +81,10 @@ class CMapHashDB {
   // position of the node's entry.
   CMap::iterator AddLockedNear(const std::shared_ptr<CHashNode>& node, CMap::iterator near);
   void RemoveLocked(const std::shared_ptr<CHashNode>& node);
+  // Appends a node to an entry's list, and to its positions when the list is long.
+  static void AppendLocked(CEntry& entry, const std::shared_ptr<CHashNode>& node);
+  // Erases one element of an entry's list, and its position.
+  static CEntryList::iterator EraseLocked(CEntry& entry, CEntryList::iterator element);
 
   const bool enabled_;
   mutable boost::shared_mutex lock_;

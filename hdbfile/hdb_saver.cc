@@ -1,6 +1,11 @@
 // Saving: the tree is written by the walk's workers into a temporary file whose header comes
 // last; the file is signed and then moved, with its signature, over the HDB file.
 
+#ifndef _WIN32
+#include <ext/stdio_filebuf.h>
+#include <fcntl.h>
+#endif
+
 #include <fstream>
 #include <mutex>
 #include <shared_mutex>
@@ -22,13 +27,44 @@ constexpr uint64_t kLargeCount = 900000;
 constexpr size_t kMaxHashBytes = 256;  // one more than the length byte holds: kept on purpose
 constexpr size_t kMaxTextBytes = 65535;
 
-void OpenForWriting(std::ofstream& out, const std::wstring& path, CUtilityService& utility) {
 #ifdef _WIN32
-  out.open(path, std::ios::binary | std::ios::out | std::ios::trunc);
+// The temporary file, truncated.
+class CTemporaryOutput {
+ public:
+  CTemporaryOutput(const std::wstring& path, CUtilityService&)
+      : stream_(path, std::ios::binary | std::ios::out | std::ios::trunc) {}
+  std::ostream& stream() { return stream_; }
+  void Close() { stream_.close(); }
+
+ private:
+  std::ofstream stream_;
+};
 #else
-  out.open(utility.ToNarrow(path), std::ios::binary | std::ios::out | std::ios::trunc);
+// The temporary file, made anew: never opened through a symbolic link or over a file that
+// appeared after the delete before it (O_EXCL | O_NOFOLLOW), readable by its owner only.
+class CTemporaryOutput {
+ public:
+  CTemporaryOutput(const std::wstring& path, CUtilityService& utility)
+      : fd_(::open(utility.ToNarrow(path).c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600)),
+        buffer_(fd_, std::ios::binary | std::ios::out),
+        stream_(&buffer_) {
+    if (fd_ < 0) stream_.setstate(std::ios::failbit);
+  }
+  std::ostream& stream() { return stream_; }
+  // Flushes and closes; a failed flush or close (a full disk, say) leaves the stream failed.
+  void Close() {
+    if (fd_ < 0) return;
+    if (buffer_.pubsync() != 0) stream_.setstate(std::ios::badbit);
+    if (buffer_.close() == nullptr) stream_.setstate(std::ios::badbit);
+    fd_ = -1;
+  }
+
+ private:
+  int fd_;
+  __gnu_cxx::stdio_filebuf<char> buffer_;  // owns fd_ once made
+  std::ostream stream_;
+};
 #endif
-}
 
 }  // namespace
 
@@ -97,8 +133,8 @@ void CHashDBImpl::Save() {
   } while (stamp == kNoRevision || stamp == revision_.load());
 
   utility_->DeleteFile(temporary_path_);
-  std::ofstream output;
-  OpenForWriting(output, temporary_path_, *utility_);
+  CTemporaryOutput temporary(temporary_path_, *utility_);
+  std::ostream& output = temporary.stream();
   if (!output) {
     throw std::runtime_error("[HDBI,smhdtd]HDB file open failed.File=" + Narrow(temporary_path_));
   }
@@ -137,7 +173,7 @@ void CHashDBImpl::Save() {
   output.seekp(0);
   output.write(reinterpret_cast<const char*>(header_buffer->Data()), kHeaderSize);
   WarnIfLargeCount(total_nodes.load());
-  output.close();
+  temporary.Close();
   if (!output) {
     throw std::runtime_error("[HDBI,smhdtd]HDB file write failed.File=" + Narrow(temporary_path_));
   }

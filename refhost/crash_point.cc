@@ -6,7 +6,17 @@
 #include <cstdlib>
 #include <string>
 
+namespace {
+std::function<void()>& Hook() {
+  static std::function<void()> hook;
+  return hook;
+}
+}  // namespace
+
+void SetCrashPointHook(std::function<void()> hook) { Hook() = std::move(hook); }
+
 void CrashPoint() {
+  if (Hook()) Hook()();
   static const long kill_at = [] {
     const char* text = std::getenv("SIGNDB_TEST_KILL_AT_STEP");
     return text == nullptr ? 0L : std::strtol(text, nullptr, 10);

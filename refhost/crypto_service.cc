@@ -4,12 +4,15 @@
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
 #include <openssl/objects.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <memory>
 #include <stdexcept>
+#include <vector>
 
 #include "refhost/file_descriptor.h"
 #include "refhost/pkcs7.h"
@@ -56,19 +59,50 @@ std::string FinishDigest(EVP_MD_CTX* context) {
 }  // namespace
 
 std::string HashOpenFile(int fd, uint32_t policy_number, const std::string& name) {
-  ::posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
+  struct stat status {};
+  if (::fstat(fd, &status) != 0) throw std::runtime_error("cannot examine " + name + ": " + std::strerror(errno));
+  return HashOpenFilePrefix(fd, static_cast<uint64_t>(status.st_size), policy_number, name);
+}
+
+std::string HashOpenFilePrefix(int fd, uint64_t length, uint32_t policy_number, const std::string& name) {
+  ::posix_fadvise(fd, 0, static_cast<off_t>(length), POSIX_FADV_SEQUENTIAL);
   CDigestContext context = StartDigest(policy_number);
   // One block per thread, kept: hashing many small files should not cost an allocation each.
   thread_local std::unique_ptr<unsigned char[]> block(new unsigned char[kReadBlock]);
-  for (;;) {
-    ssize_t n = ::read(fd, block.get(), kReadBlock);
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      throw std::runtime_error("cannot read " + name + ": " + std::strerror(errno));
+  static const std::vector<unsigned char> zeros(kReadBlock, 0);
+  auto update = [&](const unsigned char* bytes, size_t count) {
+    if (EVP_DigestUpdate(context.get(), bytes, count) != 1) throw std::runtime_error("digest failed for " + name);
+  };
+  // Where the file system says the next data or hole starts, within [from, length]. A file system
+  // that cannot say treats the whole file as data; ENXIO for data means only a hole follows.
+  auto seek = [&](uint64_t from, int whence) -> uint64_t {
+    off_t found = ::lseek(fd, static_cast<off_t>(from), whence);
+    if (found < 0) return whence == SEEK_DATA && errno == ENXIO ? length : (whence == SEEK_DATA ? from : length);
+    return std::clamp<uint64_t>(static_cast<uint64_t>(found), from, length);
+  };
+  uint64_t offset = 0;
+  while (offset < length) {
+    for (uint64_t data = seek(offset, SEEK_DATA); offset < data;) {  // a hole: zeros, never read
+      size_t count = static_cast<size_t>(std::min<uint64_t>(data - offset, kReadBlock));
+      update(zeros.data(), count);
+      offset += count;
     }
-    if (n == 0) break;
-    if (EVP_DigestUpdate(context.get(), block.get(), static_cast<size_t>(n)) != 1) {
-      throw std::runtime_error("digest failed for " + name);
+    if (offset >= length) break;
+    uint64_t hole = seek(offset, SEEK_HOLE);
+    if (hole <= offset) hole = length;
+    while (offset < hole) {
+      size_t want = static_cast<size_t>(std::min<uint64_t>(hole - offset, kReadBlock));
+      ssize_t n = ::pread(fd, block.get(), want, static_cast<off_t>(offset));
+      if (n < 0) {
+        if (errno == EINTR) continue;
+        throw std::runtime_error("cannot read " + name + ": " + std::strerror(errno));
+      }
+      if (n == 0) {
+        throw std::runtime_error("cannot read " + name + ": it shrank while being read (" + std::to_string(offset) +
+                                 " of " + std::to_string(length) + " bytes)");
+      }
+      update(block.get(), static_cast<size_t>(n));
+      offset += static_cast<uint64_t>(n);
     }
   }
   return FinishDigest(context.get());

@@ -32,9 +32,15 @@ class CRefCryptoService : public CCryptoService {
   std::string trust_anchor_;  // the CA file that verified signatures must chain to
 };
 
-// The hash text of the content of an open file, read from its current offset to its end; "name"
+// The hash text of the content of an open regular file, as long as it was when this began; "name"
 // names it in errors.
 std::string HashOpenFile(int fd, uint32_t policy_number, const std::string& name);
+
+// The hash text of the first "length" bytes of an open regular file (its size when it was
+// opened), read from offset 0: a file that keeps growing is never read past that. The holes of a
+// sparse file are hashed as the zeros they read as, without reading them. Throws when the file
+// ends before "length" (it shrank while being read).
+std::string HashOpenFilePrefix(int fd, uint64_t length, uint32_t policy_number, const std::string& name);
 
 // The hash text of "bytes" under the digest of "policy_number".
 std::string HashBytes(const void* bytes, size_t length, uint32_t policy_number);

@@ -1,7 +1,6 @@
 #include "refhost/log_service.h"
 
 #include <Poco/ConsoleChannel.h>
-#include <Poco/FileChannel.h>
 #include <Poco/FormattingChannel.h>
 #include <Poco/Logger.h>
 #include <Poco/PatternFormatter.h>
@@ -9,6 +8,7 @@
 
 #include <cstdio>
 
+#include "refhost/fallback_file_channel.h"
 #include "refhost/safe_text.h"
 
 CRefLogService::CRefLogService(const std::string& level, bool console, const std::string& file)
@@ -20,9 +20,7 @@ CRefLogService::CRefLogService(const std::string& level, bool console, const std
     any = true;
   }
   if (!file.empty()) {
-    Poco::AutoPtr<Poco::FileChannel> file_channel(new Poco::FileChannel(file));
-    file_channel->setProperty("flush", "true");
-    splitter->addChannel(file_channel);
+    splitter->addChannel(Poco::AutoPtr<Poco::Channel>(new CFallbackFileChannel(file)));
     any = true;
   }
   if (any) {

@@ -1,39 +1,62 @@
 #include "refhost/text_conversion.h"
 
 #include <Poco/UTF8Encoding.h>
-#include <Poco/UnicodeConverter.h>
-#include <Poco/UTFString.h>
 
 #include <algorithm>
 
-static_assert(sizeof(wchar_t) == sizeof(Poco::UTF32Char), "wide strings are UTF-32 here");
+static_assert(sizeof(wchar_t) == 4, "wide strings are UTF-32 here");
+
 
 // Most names are plain ASCII, which is the same in both encodings: copied directly, without the
 // general converter.
 
 std::string WideToUtf8(const std::wstring& wide) {
-  std::string narrow(wide.size(), '\0');
-  for (size_t i = 0; i < wide.size(); ++i) {
-    if (static_cast<uint32_t>(wide[i]) >= 0x80) {
-      narrow.clear();
-      Poco::UnicodeConverter::convert(reinterpret_cast<const Poco::UTF32Char*>(wide.data()),
-                                      wide.size(), narrow);
-      return narrow;
+  std::string narrow;
+  narrow.reserve(wide.size());
+  for (wchar_t wide_character : wide) {
+    auto c = static_cast<uint32_t>(wide_character);
+    if (c < 0x80) {
+      narrow += static_cast<char>(c);
+    } else if (IsEscapedByte(c)) {
+      narrow += static_cast<char>(c - kEscapedByteBase);
+    } else if (c < 0x800) {
+      narrow += static_cast<char>(0xC0 | (c >> 6));
+      narrow += static_cast<char>(0x80 | (c & 0x3F));
+    } else if (c < 0x10000) {
+      narrow += static_cast<char>(0xE0 | (c >> 12));
+      narrow += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+      narrow += static_cast<char>(0x80 | (c & 0x3F));
+    } else {
+      if (c > 0x10FFFF) c = 0xFFFD;
+      narrow += static_cast<char>(0xF0 | (c >> 18));
+      narrow += static_cast<char>(0x80 | ((c >> 12) & 0x3F));
+      narrow += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+      narrow += static_cast<char>(0x80 | (c & 0x3F));
     }
-    narrow[i] = static_cast<char>(wide[i]);
   }
   return narrow;
 }
 
 std::wstring Utf8ToWide(const std::string& narrow) {
-  std::wstring wide(narrow.size(), L'\0');
-  for (size_t i = 0; i < narrow.size(); ++i) {
-    if (static_cast<unsigned char>(narrow[i]) >= 0x80) {
-      Poco::UTF32String utf32;
-      Poco::UnicodeConverter::convert(narrow, utf32);
-      return std::wstring(reinterpret_cast<const wchar_t*>(utf32.data()), utf32.size());
+  std::wstring wide;
+  wide.reserve(narrow.size());
+  std::string_view rest(narrow);
+  while (!rest.empty()) {
+    auto byte = static_cast<unsigned char>(rest[0]);
+    if (byte < 0x80) {  // most names are plain ASCII
+      wide += static_cast<wchar_t>(byte);
+      rest.remove_prefix(1);
+      continue;
     }
-    wide[i] = static_cast<wchar_t>(narrow[i]);
+    int code_point = 0;
+    size_t length = Utf8SequenceAt(rest, &code_point);
+    if (length == 0 || IsEscapedByte(static_cast<uint32_t>(code_point))) {
+      wide += static_cast<wchar_t>(kEscapedByteBase + byte);
+      rest.remove_prefix(1);
+    } else {
+      wide += static_cast<wchar_t>(code_point);
+      rest.remove_prefix(length);
+    }
   }
   return wide;
 }

@@ -1,4 +1,5 @@
 #include <thread>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -115,6 +116,35 @@ TEST_F(HashTreeTest, DeadIndexEntriesVanishFromLookupsAndAreSwept) {
   index.Add(keep);
   EXPECT_EQ(1u, index.Snapshot().size());
   index.Remove(keep);
+  EXPECT_EQ(0u, index.HashCount());
+}
+
+// Many files of one content (empty files, copies): a removal takes out exactly its own node and
+// keeps the others in the order they were added, also when dead entries lie among them.
+TEST_F(HashTreeTest, RemovingFromALongListOfOneHashKeepsTheOthersInOrder) {
+  CMapHashDB index(true);
+  auto shared_text = std::make_shared<std::string>("e3b0");
+  std::vector<std::shared_ptr<CHashNode>> nodes;
+  for (int i = 0; i < 100; ++i) {
+    nodes.push_back(std::make_shared<CHashNode>(std::weak_ptr<CHashNode>()));
+    nodes.back()->hash = shared_text;
+    index.Add(nodes.back());
+  }
+  for (int i = 0; i < 100; i += 3) index.Remove(nodes[static_cast<size_t>(i)]);
+  nodes[1].reset();  // dies without being removed
+  index.Remove(nodes[50]);
+  index.Remove(nodes[50]);  // a second removal of the same node changes nothing
+  std::shared_ptr<CNodeList> found = index.Find("e3b0");
+  std::vector<std::shared_ptr<CHashNode>> expected;
+  for (int i = 0; i < 100; ++i) {
+    if (i % 3 != 0 && i != 1 && i != 50) expected.push_back(nodes[static_cast<size_t>(i)]);
+  }
+  EXPECT_EQ(expected, std::vector<std::shared_ptr<CHashNode>>(found->begin(), found->end()));
+  index.Add(nodes[0]);  // back in: at the end
+  EXPECT_EQ(nodes[0], index.Find("e3b0")->back());
+  for (const std::shared_ptr<CHashNode>& node : nodes) {
+    if (node) index.Remove(node);
+  }
   EXPECT_EQ(0u, index.HashCount());
 }
 

@@ -1,7 +1,11 @@
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <functional>
 
 #include <gtest/gtest.h>
 
+#include "refhost/crash_point.h"
 #include "refhost/log_service.h"
 #include "tests/persistence_fixture.h"
 #include "tests/scripted_pool.h"
@@ -198,6 +202,26 @@ TEST_F(HdbSaveTest, AStaleTemporaryFileIsRemovedFirst) {
   db_->Save();
   EXPECT_FALSE(boost::filesystem::exists(dir_ / "test.hdb.tmp"));
   EXPECT_EQ(48u + 41u + db_->root()->security_attributes.size(), boost::filesystem::file_size(HdbFile()));
+}
+
+// A link planted under the temporary name after the stale file was deleted and before the new
+// one is made (forced here at the delete's last step) is never written through: the save fails
+// and the file the link names keeps its bytes.
+TEST_F(HdbSaveTest, ALinkPlantedAtTheTemporaryNameIsNeverWrittenThrough) {
+  InsertFile(L"f", "aa");
+  std::string victim = dir_.Write("victim", "precious\n");
+  std::string temporary = dir_ / "test.hdb.tmp";
+  SetCrashPointHook([&] {
+    struct stat status {};
+    if (::lstat(temporary.c_str(), &status) != 0) {
+      ASSERT_EQ(0, ::symlink(victim.c_str(), temporary.c_str()));
+    }
+  });
+  std::string error = ErrorOf<std::runtime_error>([&] { db_->Save(); });
+  SetCrashPointHook(nullptr);
+  EXPECT_EQ("[HDBI,smhdtd]HDB file open failed.File=" + temporary, error);
+  EXPECT_EQ("precious\n", CTempDir::Read(victim));
+  EXPECT_FALSE(boost::filesystem::exists(HdbFile()));
 }
 
 TEST_F(HdbSaveTest, AFailedSaveLeavesThePreviousHdbFileAndSignatureAsTheyWere) {

@@ -6,6 +6,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <set>
+
+#include "refhost/text_conversion.h"
 #include "tests/tool_fixture.h"
 #include "tests/tool_json.h"
 
@@ -14,7 +17,12 @@ namespace {
 using ::testing::AllOf;
 using ::testing::ContainsRegex;
 using ::testing::HasSubstr;
+using ::testing::Not;
 using ::testing::StartsWith;
+
+std::string HexOf(const std::string& bytes) {
+  return HexText(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
+}
 
 }  // namespace
 
@@ -454,17 +462,37 @@ TEST_F(ToolTest, UnreadableFilesAreNamedAndCountedAndNeverReportedAsGone) {
   EXPECT_EQ(Action(JsonAbout(later, "closed/secret")), "new");
 }
 
-TEST_F(ToolTest, ANameThatIsNotUtf8IsReportedNeverSkippedInSilence) {
+// Names are bytes: one that is not UTF-8 is recorded, with everything below it, and two that
+// differ only in such bytes stay two objects, in the text report and in JSON alike.
+TEST_F(ToolTest, NamesThatAreNotUtf8AreRecordedAsTheirBytesAndKeptApart) {
   Write("ok", "ok\n");
-  Write("bad\xffname", "hidden\n");
+  Write("bad\xffname", "one\n");
+  Write("bad\xfename", "two\n");
+  Write("dir\xff/inner", "three\n");
   Init();
   CToolRun scan = Tool("scan t");
-  EXPECT_EQ(scan.status, 2);
-  EXPECT_THAT(scan.err, HasSubstr("the name is not valid UTF-8"));
+  EXPECT_EQ(scan.status, 0) << scan.err;
+  EXPECT_THAT(scan.out, HasSubstr("6 objects"));
+  Write("bad\xffname", "changed\n");
+  Write("dir\xff/inner", "changed too\n");
+
   CToolRun check = Tool("check t --json");
-  EXPECT_EQ(check.status, 2);
-  for (const std::string& line : check.OutLines()) EXPECT_NO_THROW(ParseJson(line)) << line;
-  EXPECT_EQ(Action(JsonAbout(check, "bad\xef\xbf\xbdname")), "unreadable");
+  EXPECT_EQ(check.status, 1) << check.err;
+  std::set<std::string> paths;
+  for (const std::string& line : check.OutLines()) {
+    Poco::JSON::Object::Ptr object;
+    ASSERT_NO_THROW(object = ParseJson(line)) << line;
+    if (!object->has("signdb") || !object->getObject("signdb")->has("relative_path")) continue;
+    Poco::JSON::Object::Ptr signdb = object->getObject("signdb");
+    EXPECT_TRUE(signdb->has("relative_path_hex")) << line;
+    if (signdb->has("relative_path_hex")) paths.insert(signdb->getValue<std::string>("relative_path_hex"));
+  }
+  EXPECT_EQ(paths, (std::set<std::string>{HexOf("bad\xffname"), HexOf("dir\xff/inner")}));
+
+  CToolRun text = Tool("check t");
+  EXPECT_THAT(text.out, AllOf(HasSubstr("bad\\xffname"), HasSubstr("dir\\xff/inner")));
+  EXPECT_THAT(text.out, Not(HasSubstr("bad\\xfename")));
+  EXPECT_EQ(text.out.find('\xff'), std::string::npos) << "raw bytes reach the terminal";
 }
 
 TEST_F(ToolTest, AMissingRootIsAnErrorThatLeavesTheDatabaseAlone) {

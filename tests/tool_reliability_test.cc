@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdlib>
 #include <thread>
 
 #include "refhost/policy_lock.h"
@@ -18,6 +19,7 @@ namespace {
 using ::testing::AllOf;
 using ::testing::HasSubstr;
 using ::testing::Not;
+using ::testing::StartsWith;
 
 class ToolReliabilityTest : public ToolTest {
  protected:
@@ -198,6 +200,82 @@ TEST_F(ToolReliabilityTest, ADeletedDatabaseIsMissingNotNew) {
   EXPECT_EQ(run.status, 2);
   EXPECT_THAT(run.err, AllOf(HasSubstr("the database of policy 't' is missing"),
                              Not(HasSubstr("no database yet"))));
+}
+
+// A mount made for one test, taken away at its end; "reason" says why it could not be made.
+class CScopedMount {
+ public:
+  explicit CScopedMount(const std::string& command_line, std::string where) : where_(std::move(where)) {
+    if (::geteuid() != 0) {
+      reason_ = "mounting needs root";
+      return;
+    }
+    std::string quiet = command_line + " 2>/dev/null";
+    if (std::system(quiet.c_str()) != 0) reason_ = "this machine does not allow: " + command_line;
+  }
+  ~CScopedMount() {
+    if (reason_.empty()) std::system(("umount -l '" + where_ + "'").c_str());
+  }
+  const std::string& reason() const { return reason_; }
+
+ private:
+  std::string where_;
+  std::string reason_;
+};
+
+// The standard advice, a database kept on read-only media: every command that only reads works,
+// and one that would write says why it cannot.
+TEST_F(ToolReliabilityTest, EveryReadingCommandWorksOnAReadOnlyDataFolder) {
+  Write("etc/motd", "welcome\n");
+  ASSERT_EQ(Tool("update t").status, 0);  // keeps a previous database for diff
+  std::string data = dir_ / "cfg/data";
+  CScopedMount read_only("mount --bind '" + data + "' '" + data + "' && mount -o remount,ro,bind '" + data + "'",
+                         data);
+  if (!read_only.reason().empty()) GTEST_SKIP() << read_only.reason();
+  for (const std::string& command : {std::string("check t"), std::string("ls t -R"), std::string("show t etc/hosts"),
+                                     "verify '" + HdbPath() + "'", std::string("diff t"),
+                                     "lookup " + Sha256("127.0.0.1 localhost\n")}) {
+    CToolRun run = Tool(command);
+    EXPECT_LT(run.status, 2) << command << "\n" << run.out << run.err;  // diff finds etc/motd
+    EXPECT_EQ(run.err, "") << command;
+  }
+  Write("etc/hosts", "changed\n");
+  CToolRun check = Tool("check t");
+  EXPECT_EQ(check.status, 1) << check.err;
+  EXPECT_THAT(LineAbout(check, "etc/hosts"), StartsWith("hash changed"));
+  CToolRun update = Tool("update t");
+  EXPECT_EQ(update.status, 2);
+  EXPECT_THAT(update.err, HasSubstr("(EROFS)")) << update.err;
+}
+
+// A save on a full disk says so, leaves no partial file behind and keeps the saved pair, which
+// the next check still uses.
+TEST_F(ToolReliabilityTest, ASaveOnAFullDiskNamesTheCauseKeepsTheDatabaseAndLeavesNoPartialFile) {
+  std::string data = dir_ / "cfg/data";
+  std::string saved = dir_ / "saved-data";
+  boost::filesystem::rename(data, saved);
+  boost::filesystem::create_directories(data);
+  CScopedMount small("mount -t tmpfs -o size=256k,mode=0700 tmpfs '" + data + "'", data);
+  if (!small.reason().empty()) {
+    boost::filesystem::remove(data);
+    boost::filesystem::rename(saved, data);
+    GTEST_SKIP() << small.reason();
+  }
+  ASSERT_EQ(std::system(("cp -a '" + saved + "/.' '" + data + "/'").c_str()), 0);
+  std::string before = CTempDir::Read(HdbPath());
+  for (int i = 0; i < 3000; ++i) Write("many/file-with-a-rather-long-name-" + std::to_string(i), std::to_string(i));
+  CToolRun update = Tool("update t");
+  EXPECT_EQ(update.status, 2);
+  EXPECT_THAT(update.err, AllOf(HasSubstr("(ENOSPC)"), HasSubstr("the database was not saved"),
+                                HasSubstr("stays as it was")))
+      << update.err;
+  EXPECT_EQ(CTempDir::Read(HdbPath()), before);
+  for (const char* leftover : {"t.hdb.tmp", "t.hdb.tmp.p7s", "t.hdb.saving"}) {
+    EXPECT_FALSE(boost::filesystem::exists(Data(leftover))) << leftover;
+  }
+  CToolRun check = Tool("check t");
+  EXPECT_EQ(check.status, 1) << check.err;
+  EXPECT_THAT(LineAbout(check, "many/"), StartsWith("new")) << check.out;
 }
 
 mode_t ModeOf(const std::string& path) {
