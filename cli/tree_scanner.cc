@@ -1,6 +1,11 @@
 #include "cli/tree_scanner.h"
 
 #include <dirent.h>
+#include <fcntl.h>
+#include <linux/magic.h>
+#include <sys/resource.h>
+#include <sys/statfs.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <boost/filesystem/path.hpp>
@@ -9,23 +14,31 @@
 #include <cstring>
 #include <exception>
 #include <mutex>
+#include <stdexcept>
 #include <thread>
 #include <vector>
 
+#include "refhost/file_descriptor.h"
 #include "refhost/file_obj_info.h"
 #include "refhost/ref_host.h"
 #include "refhost/text_conversion.h"
 
 namespace {
 
-// One object still to read: its full path, and whether its directory listed it as a regular file.
+// One object still to read: the open directory that listed it and its name there, its full path
+// (for messages and the report; no call goes by it), the file system of that directory, and
+// whether the directory listed it as a regular file. The directory stays open while any of its
+// entries waits, so that what is read below it is below what was examined, whatever is renamed
+// or replaced meanwhile.
 struct CPendingObject {
+  std::shared_ptr<const CFileDescriptor> directory;
+  std::string name;
   std::string path;
+  uint64_t directory_device = 0;
+  bool is_root = false;
   bool likely_regular = false;
 };
 
-// The paths still to read, shared by the workers. A path counts as outstanding from the moment it
-// is pushed until its worker has pushed its children, so "no path outstanding" means done.
 class CWorkStack {
  public:
   void Push(std::vector<CPendingObject>&& objects) {
@@ -68,26 +81,88 @@ class CWorkStack {
   std::exception_ptr error_;
 };
 
-// The names in a directory, "." and ".." left out.
-bool ListDirectory(const std::string& path, const std::vector<std::string>& excluded,
+// The names in an open directory, "." and ".." left out, as entries that share it.
+bool ListDirectory(const std::shared_ptr<const CFileDescriptor>& directory, const std::string& path,
+                   uint64_t device, const std::vector<std::string>& excluded,
                    std::vector<CPendingObject>& children, std::string& reason) {
-  DIR* directory = ::opendir(path.c_str());
-  if (directory == nullptr) {
+  // fdopendir takes the descriptor over: give it a copy, so the entries keep the original.
+  int copy = ::fcntl(directory->get(), F_DUPFD_CLOEXEC, 0);
+  DIR* listing = copy < 0 ? nullptr : ::fdopendir(copy);
+  if (listing == nullptr) {
     reason = std::string("cannot list: ") + std::strerror(errno);
+    if (copy >= 0) ::close(copy);
     return false;
   }
   std::string prefix = path.back() == '/' ? path : path + "/";
   errno = 0;
-  while (const struct dirent* entry = ::readdir(directory)) {
+  while (const struct dirent* entry = ::readdir(listing)) {
     const char* name = entry->d_name;
     if (name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'))) continue;
-    children.push_back(CPendingObject{prefix + name, entry->d_type == DT_REG});
-    if (std::find(excluded.begin(), excluded.end(), children.back().path) != excluded.end()) children.pop_back();
+    std::string child_path = prefix + name;
+    if (std::find(excluded.begin(), excluded.end(), child_path) != excluded.end()) continue;
+    children.push_back(CPendingObject{directory, name, std::move(child_path), device, false, entry->d_type == DT_REG});
   }
   bool ok = errno == 0;
   if (!ok) reason = std::string("cannot list: ") + std::strerror(errno);
-  ::closedir(directory);
+  ::closedir(listing);
   return ok;
+}
+
+// File systems that hold no files of their own but the kernel's state: never walked into from a
+// directory of another file system (a /proc mounted below a root would never end).
+bool IsPseudoFileSystem(int fd) {
+  struct statfs info {};
+  if (::fstatfs(fd, &info) != 0) return false;
+  switch (static_cast<unsigned long>(info.f_type)) {
+    case PROC_SUPER_MAGIC:
+    case SYSFS_MAGIC:
+    case DEVPTS_SUPER_MAGIC:
+    case CGROUP_SUPER_MAGIC:
+    case CGROUP2_SUPER_MAGIC:
+    case DEBUGFS_MAGIC:
+    case TRACEFS_MAGIC:
+    case SECURITYFS_MAGIC:
+    case PSTOREFS_MAGIC:
+    case BPF_FS_MAGIC:
+    case 0x62656570UL:  // configfs
+    case 0x65735543UL:  // fusectl
+    case 0x19800202UL:  // mqueue
+    case HUGETLBFS_MAGIC:
+    case AUTOFS_SUPER_MAGIC:
+    case BINFMTFS_MAGIC:
+    case EFIVARFS_MAGIC:
+    case SELINUX_MAGIC:
+    case NSFS_MAGIC:
+      return true;
+    default:
+      return false;
+  }
+}
+
+// Every directory along the walk may stay open while its entries wait: let the process keep as
+// many descriptors as its hard limit allows, so deep trees are walked, not refused.
+void RaiseDescriptorLimit() {
+  struct rlimit limit {};
+  if (::getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < limit.rlim_max) {
+    limit.rlim_cur = limit.rlim_max;
+    ::setrlimit(RLIMIT_NOFILE, &limit);
+  }
+}
+
+// The open parent of the root and the root's name in it ("/" is "." in itself).
+CPendingObject RootObject(const std::string& root) {
+  std::string parent = "/";
+  std::string name = ".";
+  if (root != "/") {
+    size_t slash = root.rfind('/');
+    parent = slash == std::string::npos ? "." : slash == 0 ? "/" : root.substr(0, slash);
+    name = root.substr(slash == std::string::npos ? 0 : slash + 1);
+  }
+  auto directory = std::make_shared<CFileDescriptor>(::open(parent.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+  if (!directory->valid()) {
+    throw std::runtime_error("cannot examine " + root + ": " + std::strerror(errno));
+  }
+  return CPendingObject{directory, name, root, 0, true, false};
 }
 
 }  // namespace
@@ -111,9 +186,13 @@ std::string CTreeScanner::Relative(const std::string& path) const {
   return path.substr(skip);
 }
 
+void CTreeScanner::SetListedHook(std::function<void(const std::string&)> hook) { listed_hook_ = std::move(hook); }
+
 void CTreeScanner::Run(const CVisit& visit, const CProblem& problem) {
+  static const bool raised = (RaiseDescriptorLimit(), true);
+  (void)raised;
   CWorkStack work;
-  work.Push({CPendingObject{root_, false}});
+  work.Push({RootObject(root_)});
   std::mutex problem_lock;
   auto report = [&](const std::string& path, const std::string& reason) {
     counters_.unreadable.fetch_add(1, std::memory_order_relaxed);
@@ -131,15 +210,23 @@ void CTreeScanner::Run(const CVisit& visit, const CProblem& problem) {
       try {
         std::shared_ptr<CRefFileObjInfo> info;
         std::string reason;
+        CFileDescriptor opened;
         try {
-          info = CRefFileObjInfo::FromDisk(utility, cfg, wide_root_, Utf8ToWide(path), policy_number,
-                                          object.likely_regular);
+          info = CRefFileObjInfo::AtDirectory(utility, cfg, wide_root_, Utf8ToWide(path), policy_number,
+                                              object.directory->get(), object.name, object.likely_regular,
+                                              &opened);
         } catch (const std::exception& e) {
           reason = e.what();
         }
+        bool mounted_here = info && info->IsDirectory() && !object.is_root &&
+                            info->Device() != object.directory_device;
         if (!info) {
           report(path, reason);
-        } else if (!info->IsGone()) {  // vanished since it was listed: nothing to say
+        } else if (info->IsGone()) {
+          // vanished since it was listed: nothing to say
+        } else if (mounted_here && opened.valid() && IsPseudoFileSystem(opened.get())) {
+          // the kernel's state, not files: neither recorded nor entered
+        } else {
           counters_.objects.fetch_add(1, std::memory_order_relaxed);
           if (!info->IsDirectory() && info->TargetPath().empty()) {
             counters_.bytes.fetch_add(info->Size(), std::memory_order_relaxed);
@@ -147,10 +234,21 @@ void CTreeScanner::Run(const CVisit& visit, const CProblem& problem) {
           visit(info);
           if (info->IsDirectory()) {
             children.clear();
-            if (!ListDirectory(path, excluded_, children, reason)) report(path, reason);
-            work.Push(std::move(children));
+            if (!opened.valid()) {
+              // Examined without being opened (no permission to read it, say): say why it is not listed.
+              CFileDescriptor again(::openat(object.directory->get(), object.name.c_str(),
+                                             O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+              report(path, again.valid() ? "cannot list: it changed while being read"
+                                         : std::string("cannot list: ") + std::strerror(errno));
+            } else {
+              auto directory = std::make_shared<const CFileDescriptor>(opened.release());
+              if (!ListDirectory(directory, path, info->Device(), excluded_, children, reason)) report(path, reason);
+              if (listed_hook_) listed_hook_(path);
+              work.Push(std::move(children));
+            }
           }
         }
+        object.directory.reset();  // the parent closes once its last entry is read
       } catch (...) {
         work.Stop(std::current_exception());
       }

@@ -22,6 +22,11 @@ struct CScanCounters {
 // whichever worker read it. Symbolic links are objects of their own, never followed. An object
 // that cannot be read goes to "problem" instead and the walk goes on; a directory that cannot be
 // listed is visited itself, then reported.
+//
+// Each object is reached through the open directory that listed it (openat, fstatat, no link
+// followed), so a directory swapped for a link after its listing never leads the walk out of the
+// root, and paths longer than PATH_MAX are walked like any other. A directory of another file
+// system that holds the kernel's state (proc, sysfs, cgroup...) is neither recorded nor entered.
 class CTreeScanner {
  public:
   using CVisit = std::function<void(const std::shared_ptr<CRefFileObjInfo>&)>;
@@ -38,6 +43,10 @@ class CTreeScanner {
   // walk and leave Run.
   void Run(const CVisit& visit, const CProblem& problem);
 
+  // Runs "hook" with a directory's full path after it was listed and before any of its entries is
+  // read: tests change the tree in that window.
+  void SetListedHook(std::function<void(const std::string& directory_path)> hook);
+
   const CScanCounters& counters() const { return counters_; }
   // The root-relative path of a full path below the root.
   std::string Relative(const std::string& path) const;
@@ -48,5 +57,6 @@ class CTreeScanner {
   std::wstring wide_root_;
   unsigned threads_;
   std::vector<std::string> excluded_;
+  std::function<void(const std::string&)> listed_hook_;
   CScanCounters counters_;
 };

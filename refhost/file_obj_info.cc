@@ -18,15 +18,35 @@
 
 namespace {
 
-// Opens an object for reading its attributes and content: never following a symbolic link, never
-// blocking (a FIFO that took a file's place opens at once and is then left unread).
-int OpenObject(const std::string& path, bool directory) {
-  return ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC | (directory ? O_DIRECTORY : 0));
+constexpr int kReadFlags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+
+// Opens an object of a directory for reading its attributes and content: never following a
+// symbolic link, never blocking (a FIFO that took a file's place opens at once and is then left
+// unread).
+int OpenObjectAt(int directory_fd, const std::string& name, bool directory) {
+  return ::openat(directory_fd, name.c_str(), kReadFlags | (directory ? O_DIRECTORY : 0));
 }
 
 [[noreturn]] void Fail(const std::string& what, const std::string& path, int error) {
   throw std::runtime_error(what + " " + path + ": " + std::strerror(error));
 }
+
+bool ProcFdWorks() {
+  static const bool works = ::access("/proc/self/fd", X_OK) == 0;
+  return works;
+}
+
+// A path that names the object through descriptors already open, for the calls that only take a
+// path (extended attributes of a link, a directory's default ACL): the kernel resolves
+// /proc/self/fd/N to what N holds, so no component can be swapped on the way. Without /proc, the
+// full path.
+std::string StablePath(int object_fd, int directory_fd, const std::string& name, const std::string& full_path) {
+  if (!ProcFdWorks()) return full_path;
+  if (object_fd >= 0) return "/proc/self/fd/" + std::to_string(object_fd);
+  return "/proc/self/fd/" + std::to_string(directory_fd) + "/" + name;
+}
+
+bool IsGoneError(int error) { return error == ENOENT || error == ENOTDIR; }
 
 }  // namespace
 
@@ -36,11 +56,14 @@ void CRefFileObjInfo::TakeStatus(const struct stat& status) {
   time_1_ = StatTimeNs(status.st_ctim);
   time_2_ = StatTimeNs(status.st_mtim);
   attributes_ = static_cast<uint32_t>(status.st_mode);
+  device_ = static_cast<uint64_t>(status.st_dev);
 }
 
-std::shared_ptr<CRefFileObjInfo> CRefFileObjInfo::FromDisk(CUtilityService& utility, CCfgService& cfg,
-                                                           const std::wstring& root, const std::wstring& path,
-                                                           uint32_t policy_number, bool likely_regular) {
+std::shared_ptr<CRefFileObjInfo> CRefFileObjInfo::AtDirectory(CUtilityService& utility, CCfgService& cfg,
+                                                              const std::wstring& root, const std::wstring& path,
+                                                              uint32_t policy_number, int directory_fd,
+                                                              const std::string& name, bool likely_regular,
+                                                              CFileDescriptor* opened_directory) {
   auto info = std::make_shared<CRefFileObjInfo>();
   info->path_ = path;
   info->relative_ = cfg.RelativePath(root, path);
@@ -50,12 +73,12 @@ std::shared_ptr<CRefFileObjInfo> CRefFileObjInfo::FromDisk(CUtilityService& util
   CFileDescriptor fd;
   if (likely_regular) {
     // The directory listed a regular file: open it first and examine it through that descriptor.
-    fd.Reset(OpenObject(narrow, false));
+    fd.Reset(OpenObjectAt(directory_fd, name, false));
     if (fd.valid() && (::fstat(fd.get(), &status) != 0 || !S_ISREG(status.st_mode))) fd.Reset();
   }
   if (!fd.valid()) {
-    if (::lstat(narrow.c_str(), &status) != 0) {
-      if (errno == ENOENT || errno == ENOTDIR) {
+    if (::fstatat(directory_fd, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
+      if (IsGoneError(errno)) {
         info->gone_ = true;
         return info;
       }
@@ -63,7 +86,7 @@ std::shared_ptr<CRefFileObjInfo> CRefFileObjInfo::FromDisk(CUtilityService& util
     }
     // Only regular files and directories are opened; a device, FIFO or socket never is.
     if (S_ISREG(status.st_mode) || S_ISDIR(status.st_mode)) {
-      fd.Reset(OpenObject(narrow, S_ISDIR(status.st_mode)));
+      fd.Reset(OpenObjectAt(directory_fd, name, S_ISDIR(status.st_mode)));
       int open_error = errno;
       struct stat opened {};
       if (fd.valid()) {
@@ -75,21 +98,85 @@ std::shared_ptr<CRefFileObjInfo> CRefFileObjInfo::FromDisk(CUtilityService& util
           status = opened;  // replaced meanwhile: what was opened is what is read
         }
       } else if (S_ISREG(status.st_mode)) {
+        if (IsGoneError(open_error) || open_error == ELOOP) {  // replaced by a link or removed meanwhile
+          info->gone_ = true;
+          return info;
+        }
         Fail("cannot open", narrow, open_error);
       }
-      // A directory that cannot be opened is still examined by path, without its inode flags.
+      // A directory that cannot be opened is still examined, without its inode flags.
     }
   }
   info->TakeStatus(status);
-  info->security_ = ReadSecurityAttributes(narrow, status, fd.get());
+  info->security_ = ReadSecurityAttributes(StablePath(fd.get(), directory_fd, name, narrow), status, fd.get());
   if (S_ISLNK(status.st_mode)) {
     std::vector<char> target(static_cast<size_t>(status.st_size) + 1);
-    ssize_t length = ::readlink(narrow.c_str(), target.data(), target.size());
+    ssize_t length = ::readlinkat(directory_fd, name.c_str(), target.data(), target.size());
     if (length < 0) Fail("cannot read link", narrow, errno);
     info->target_.assign(target.data(), static_cast<size_t>(length));
     info->target_wide_ = utility.ToWide(info->target_);
   } else if (S_ISREG(status.st_mode)) {
-    info->hash_ = HashOpenFile(fd.get(), policy_number, narrow);
+    // At most the bytes it had when opened: a file that keeps growing is not followed.
+    info->hash_ = HashOpenFilePrefix(fd.get(), static_cast<uint64_t>(status.st_size), policy_number, narrow);
+    struct stat after {};
+    if (::fstat(fd.get(), &after) != 0) Fail("cannot examine", narrow, errno);
+    if (after.st_size != status.st_size || StatTimeNs(after.st_mtim) != StatTimeNs(status.st_mtim)) {
+      throw std::runtime_error("cannot read " + narrow + ": it changed while being read (" +
+                               std::to_string(status.st_size) + " bytes when opened, " +
+                               std::to_string(after.st_size) + " after); read it again when it is still");
+    }
+  } else if (S_ISDIR(status.st_mode) && opened_directory != nullptr) {
+    opened_directory->Reset(fd.release());
   }
   return info;
+}
+
+std::shared_ptr<CRefFileObjInfo> CRefFileObjInfo::FromDisk(CUtilityService& utility, CCfgService& cfg,
+                                                           const std::wstring& root, const std::wstring& path,
+                                                           uint32_t policy_number, bool likely_regular) {
+  std::string narrow_root = utility.ToNarrow(root);
+  while (narrow_root.size() > 1 && narrow_root.back() == '/') narrow_root.pop_back();
+  std::string narrow = utility.ToNarrow(path);
+  // The root is reached as the administrator named it; below it, no component is followed.
+  std::string below;
+  if (narrow.size() > narrow_root.size() && narrow.compare(0, narrow_root.size(), narrow_root) == 0 &&
+      (narrow_root == "/" || narrow[narrow_root.size()] == '/')) {
+    below = narrow.substr(narrow_root.size() + (narrow_root == "/" ? 0 : 1));
+  } else if (narrow != narrow_root) {
+    throw std::runtime_error("cannot examine " + narrow + ": it is not below " + narrow_root);
+  }
+  CFileDescriptor directory;
+  std::string name;
+  if (below.empty()) {
+    size_t slash = narrow_root.rfind('/');
+    std::string parent = slash == 0 || slash == std::string::npos ? "/" : narrow_root.substr(0, slash);
+    name = narrow_root == "/" ? "." : narrow_root.substr(slash == std::string::npos ? 0 : slash + 1);
+    if (slash == std::string::npos) parent = ".";
+    directory.Reset(::open(parent.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    if (!directory.valid()) Fail("cannot examine", narrow, errno);
+  } else {
+    directory.Reset(::open(narrow_root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    if (!directory.valid()) Fail("cannot examine", narrow_root, errno);
+    size_t start = 0;
+    for (size_t slash = below.find('/'); slash != std::string::npos; slash = below.find('/', start)) {
+      std::string component = below.substr(start, slash - start);
+      start = slash + 1;
+      if (component.empty()) continue;
+      int next = ::openat(directory.get(), component.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+      if (next < 0) {
+        if (IsGoneError(errno) || errno == ELOOP) {  // a directory on the way is gone, or now a link
+          auto gone = std::make_shared<CRefFileObjInfo>();
+          gone->path_ = path;
+          gone->relative_ = cfg.RelativePath(root, path);
+          gone->description_ = narrow;
+          gone->gone_ = true;
+          return gone;
+        }
+        Fail("cannot examine", narrow, errno);
+      }
+      directory.Reset(next);
+    }
+    name = below.substr(start);
+  }
+  return AtDirectory(utility, cfg, root, path, policy_number, directory.get(), name, likely_regular, nullptr);
 }

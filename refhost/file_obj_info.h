@@ -9,6 +9,7 @@
 #include "hashdb/obj_info.h"
 
 class CCfgService;
+class CFileDescriptor;
 class CUtilityService;
 
 // What the disk says about one object below a policy's root, read once when made: kind and mode
@@ -26,9 +27,23 @@ class CRefFileObjInfo : public CObjInfo {
   // examined and hashed through that one descriptor; whatever else the object turns out to be, it
   // is read as without the hint. Only a hint: a device or FIFO is opened only when one took a
   // listed file's place meanwhile, and then without blocking and without being read.
+  //
+  // The path is reached from the root one directory at a time, never following a symbolic link
+  // below the root: an object under a directory that became a link is gone. A regular file is
+  // hashed for at most the size it had when opened; one that changed while being read throws.
   static std::shared_ptr<CRefFileObjInfo> FromDisk(CUtilityService& utility, CCfgService& cfg,
                                                    const std::wstring& root, const std::wstring& path,
                                                    uint32_t policy_number, bool likely_regular = false);
+
+  // The same for the object "name" of the open directory "directory_fd" (its full path is "path",
+  // named in messages only: no call goes by it, so it may be longer than PATH_MAX). When it is a
+  // directory that could be opened and "opened_directory" is given, that descriptor is handed
+  // over there, to list it with: what is listed is what was examined.
+  static std::shared_ptr<CRefFileObjInfo> AtDirectory(CUtilityService& utility, CCfgService& cfg,
+                                                      const std::wstring& root, const std::wstring& path,
+                                                      uint32_t policy_number, int directory_fd,
+                                                      const std::string& name, bool likely_regular,
+                                                      CFileDescriptor* opened_directory);
 
   bool IsDirectory() override { return is_dir_; }
   std::wstring RelativePath() override { return relative_; }
@@ -45,6 +60,9 @@ class CRefFileObjInfo : public CObjInfo {
   std::string TargetPath() override { return target_; }
   void TakeRecordedHash(const std::shared_ptr<std::string>& hash) override { recorded_ = hash; }
 
+  // The file system (st_dev) it lies on.
+  uint64_t Device() const { return device_; }
+
   // The hash that a check handed back, or null.
   const std::shared_ptr<std::string>& recorded_hash() const { return recorded_; }
 
@@ -56,6 +74,7 @@ class CRefFileObjInfo : public CObjInfo {
   std::wstring path_;
   bool gone_ = false;
   bool is_dir_ = false;
+  uint64_t device_ = 0;
   uint64_t size_ = 0;
   uint64_t time_1_ = 0xFFFFFFFFFFFFFFFFull;
   uint64_t time_2_ = 0xFFFFFFFFFFFFFFFFull;
