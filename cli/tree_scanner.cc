@@ -186,7 +186,9 @@ std::string CTreeScanner::Relative(const std::string& path) const {
   return path.substr(skip);
 }
 
-void CTreeScanner::SetListedHook(std::function<void(const std::string&)> hook) { listed_hook_ = std::move(hook); }
+void CTreeScanner::SetBeforeListingHook(std::function<void(const std::string&)> hook) {
+  before_listing_hook_ = std::move(hook);
+}
 
 void CTreeScanner::Run(const CVisit& visit, const CProblem& problem) {
   static const bool raised = (RaiseDescriptorLimit(), true);
@@ -241,9 +243,9 @@ void CTreeScanner::Run(const CVisit& visit, const CProblem& problem) {
               report(path, again.valid() ? "cannot list: it changed while being read"
                                          : std::string("cannot list: ") + std::strerror(errno));
             } else {
+              if (before_listing_hook_) before_listing_hook_(path);
               auto directory = std::make_shared<const CFileDescriptor>(opened.release());
               if (!ListDirectory(directory, path, info->Device(), excluded_, children, reason)) report(path, reason);
-              if (listed_hook_) listed_hook_(path);
               work.Push(std::move(children));
             }
           }

@@ -43,9 +43,9 @@ class CTreeScanner {
   // walk and leave Run.
   void Run(const CVisit& visit, const CProblem& problem);
 
-  // Runs "hook" with a directory's full path after it was listed and before any of its entries is
-  // read: tests change the tree in that window.
-  void SetListedHook(std::function<void(const std::string& directory_path)> hook);
+  // Runs "hook" with a directory's full path after it was examined and before it is listed: tests
+  // change the tree in that window.
+  void SetBeforeListingHook(std::function<void(const std::string& directory_path)> hook);
 
   const CScanCounters& counters() const { return counters_; }
   // The root-relative path of a full path below the root.
@@ -57,6 +57,6 @@ class CTreeScanner {
   std::wstring wide_root_;
   unsigned threads_;
   std::vector<std::string> excluded_;
-  std::function<void(const std::string&)> listed_hook_;
+  std::function<void(const std::string&)> before_listing_hook_;
   CScanCounters counters_;
 };

@@ -75,10 +75,18 @@ std::string HashOpenFilePrefix(int fd, uint64_t length, uint32_t policy_number, 
   };
   // Where the file system says the next data or hole starts, within [from, length]. A file system
   // that cannot say treats the whole file as data; ENXIO for data means only a hole follows.
+  auto shrank = [&](uint64_t offset) {
+    return std::runtime_error("cannot read " + name + ": it shrank while being read (" + std::to_string(offset) +
+                              " of " + std::to_string(length) + " bytes)");
+  };
   auto seek = [&](uint64_t from, int whence) -> uint64_t {
     off_t found = ::lseek(fd, static_cast<off_t>(from), whence);
-    if (found < 0) return whence == SEEK_DATA && errno == ENXIO ? length : (whence == SEEK_DATA ? from : length);
-    return std::clamp<uint64_t>(static_cast<uint64_t>(found), from, length);
+    if (found >= 0) return std::clamp<uint64_t>(static_cast<uint64_t>(found), from, length);
+    if (whence != SEEK_DATA) return length;
+    if (errno != ENXIO) return from;
+    struct stat now {};  // no data past "from": a hole up to the end, or the end itself
+    if (::fstat(fd, &now) == 0 && static_cast<uint64_t>(now.st_size) < length) throw shrank(from);
+    return length;
   };
   uint64_t offset = 0;
   while (offset < length) {
@@ -97,10 +105,7 @@ std::string HashOpenFilePrefix(int fd, uint64_t length, uint32_t policy_number, 
         if (errno == EINTR) continue;
         throw std::runtime_error("cannot read " + name + ": " + std::strerror(errno));
       }
-      if (n == 0) {
-        throw std::runtime_error("cannot read " + name + ": it shrank while being read (" + std::to_string(offset) +
-                                 " of " + std::to_string(length) + " bytes)");
-      }
+      if (n == 0) throw shrank(offset);
       update(block.get(), static_cast<size_t>(n));
       offset += static_cast<uint64_t>(n);
     }

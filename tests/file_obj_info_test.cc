@@ -1,11 +1,18 @@
 #include "refhost/file_obj_info.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <fstream>
+#include <stdexcept>
+#include <thread>
+
 #include "refhost/cfg_service.h"
 #include "refhost/crypto_service.h"
+#include "refhost/file_descriptor.h"
 #include "refhost/log_service.h"
 #include "refhost/settings.h"
 #include "refhost/text_conversion.h"
@@ -107,4 +114,83 @@ TEST_F(FileObjInfoHintTest, AWrongHintChangesNothing) {
   }
   EXPECT_EQ("d/f", ReadHinted("link")->TargetPath());
   EXPECT_TRUE(ReadHinted("missing")->IsGone());
+}
+
+// The bytes read(2) has returned to this process so far.
+uint64_t BytesReadByThisProcess() {
+  std::ifstream io("/proc/self/io");
+  for (std::string key; io >> key;) {
+    uint64_t value = 0;
+    io >> value;
+    if (key == "rchar:") return value;
+  }
+  return 0;
+}
+
+TEST_F(FileObjInfoTest, TheHolesOfASparseFileAreHashedAsZerosWithoutBeingRead) {
+  std::string file = dir_.Write("sparse", "head");
+  constexpr off_t kSize = 256 << 20;
+  {
+    CFileDescriptor fd(::open(file.c_str(), O_WRONLY | O_CLOEXEC));
+    ASSERT_EQ(::pwrite(fd.get(), "tail", 4, kSize - 4), 4);
+  }
+  CFileDescriptor probe(::open(file.c_str(), O_RDONLY | O_CLOEXEC));
+  if (::lseek(probe.get(), 0, SEEK_HOLE) >= kSize - 4) GTEST_SKIP() << "this file system does not report holes";
+  std::string content(static_cast<size_t>(kSize), '\0');
+  content.replace(0, 4, "head");
+  content.replace(content.size() - 4, 4, "tail");
+  std::string expected = HashBytes(content.data(), content.size(), 256);
+  content.clear();
+  content.shrink_to_fit();
+
+  uint64_t before = BytesReadByThisProcess();
+  auto info = Read("sparse");
+  uint64_t read = BytesReadByThisProcess() - before;
+  EXPECT_EQ(expected, info->HashText());
+  EXPECT_LT(read, 16u << 20) << "the holes were read";
+}
+
+// A writer keeps appending while the file is read: the read stops at the size the file had when
+// it was opened, and the object is refused as changed meanwhile, never recorded half-way.
+TEST_F(FileObjInfoTest, AFileThatKeepsGrowingIsReadOnlyToItsSizeAtOpeningAndRefusedAsChanged) {
+  std::string file = dir_.Write("growing", std::string(64 << 20, 'a'));
+  std::atomic<bool> reading_done{false};
+  std::atomic<uint64_t> appended{0};
+  std::thread writer([&] {
+    CFileDescriptor fd(::open(file.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC));
+    std::string block(1 << 20, 'b');
+    // Bounded, so that a reader that follows the growth still ends: at 1 GiB more.
+    while (!reading_done && appended < (1u << 30)) {
+      if (::write(fd.get(), block.data(), block.size()) != static_cast<ssize_t>(block.size())) break;
+      appended += block.size();
+    }
+  });
+  while (appended == 0) std::this_thread::yield();
+  std::string error;
+  try {
+    Read("growing");
+  } catch (const std::runtime_error& e) {
+    error = e.what();
+  }
+  bool writer_was_running = appended < (1u << 30);
+  reading_done = true;
+  writer.join();
+  EXPECT_TRUE(writer_was_running) << "the read followed the file as it grew";
+  EXPECT_NE(std::string::npos, error.find("it changed while being read")) << error;
+}
+
+TEST_F(FileObjInfoTest, OnlyThePrefixAskedForIsHashed) {
+  std::string file = dir_.Write("three", "onetwothree");
+  CFileDescriptor fd(::open(file.c_str(), O_RDONLY | O_CLOEXEC));
+  EXPECT_EQ(HashBytes("onetwo", 6, 256), HashOpenFilePrefix(fd.get(), 6, 256, file));
+  EXPECT_THROW(HashOpenFilePrefix(fd.get(), 100, 256, file), std::runtime_error);  // shorter than asked
+}
+
+TEST_F(FileObjInfoTest, AnObjectBelowADirectoryThatBecameALinkIsGone) {
+  dir_.Write("d/f", "inside");
+  dir_.Write("elsewhere/f", "inside");
+  boost::filesystem::rename(dir_.path() / "d", dir_.path() / "d.old");
+  ASSERT_EQ(0, ::symlink((dir_ / "elsewhere").c_str(), (dir_ / "d").c_str()));
+  EXPECT_TRUE(Read("d/f")->IsGone());
+  EXPECT_FALSE(Read("d.old/f")->IsGone());
 }

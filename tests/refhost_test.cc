@@ -300,6 +300,35 @@ TEST(RefLogTest, LinesCarryTimeSeverityAndEventCode) {
   EXPECT_EQ(std::string::npos, text.find("not written")) << text;
 }
 
+TEST(RefLogTest, AFolderWithoutALogFileIsNeverWrittenUntilSomethingIsLogged) {
+  CTempDir dir;
+  { CRefLogService log("information", false, dir / "signdb.log"); }
+  EXPECT_FALSE(boost::filesystem::exists(dir / "signdb.log"));
+}
+
+// A log that cannot be written (read-only media) costs the informational lines only, in silence;
+// the first warning says why and comes to the standard error with every one after it.
+TEST(RefLogTest, ALogThatCannotBeWrittenSendsWarningsAndErrorsToTheStandardError) {
+  CTempDir dir;
+  std::string log_path = dir / "no-such-folder/signdb.log";
+  testing::internal::CaptureStderr();
+  {
+    CRefLogService log("information", false, log_path);
+    log.Information(0x10013, "HDB saved.Total nodes=1");
+    log.Warning(0x10030, "first warning");
+    log.Error(0x10031, "an error");
+  }
+  std::string err = testing::internal::GetCapturedStderr();
+  EXPECT_EQ(std::string::npos, err.find("HDB saved")) << err;
+  size_t notice = err.find("signdb: cannot write the log " + log_path + " (");
+  size_t warning = err.find("first warning");
+  EXPECT_NE(std::string::npos, notice) << err;
+  EXPECT_NE(std::string::npos, warning) << err;
+  EXPECT_LT(notice, warning) << err;
+  EXPECT_NE(std::string::npos, err.find("an error")) << err;
+  EXPECT_EQ(err.find("cannot write the log"), err.rfind("cannot write the log")) << "said once: " << err;
+}
+
 TEST(RefThreadPoolTest, RunsNestedTasksAndReportsAllFinished) {
   auto log = QuietLog();
   CRefThreadPool pool(2, log);

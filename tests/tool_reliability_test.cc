@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "refhost/policy_lock.h"
+#include "tests/scoped_mount.h"
 #include "tests/tool_fixture.h"
 
 namespace {
@@ -201,27 +202,6 @@ TEST_F(ToolReliabilityTest, ADeletedDatabaseIsMissingNotNew) {
   EXPECT_THAT(run.err, AllOf(HasSubstr("the database of policy 't' is missing"),
                              Not(HasSubstr("no database yet"))));
 }
-
-// A mount made for one test, taken away at its end; "reason" says why it could not be made.
-class CScopedMount {
- public:
-  explicit CScopedMount(const std::string& command_line, std::string where) : where_(std::move(where)) {
-    if (::geteuid() != 0) {
-      reason_ = "mounting needs root";
-      return;
-    }
-    std::string quiet = command_line + " 2>/dev/null";
-    if (std::system(quiet.c_str()) != 0) reason_ = "this machine does not allow: " + command_line;
-  }
-  ~CScopedMount() {
-    if (reason_.empty()) std::system(("umount -l '" + where_ + "'").c_str());
-  }
-  const std::string& reason() const { return reason_; }
-
- private:
-  std::string where_;
-  std::string reason_;
-};
 
 // The standard advice, a database kept on read-only media: every command that only reads works,
 // and one that would write says why it cannot.
