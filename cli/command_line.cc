@@ -7,7 +7,7 @@ namespace {
 // Options that take a value, and their short forms.
 const std::set<std::string> kValueOptions = {"--config", "--module", "--dir", "--policy", "--signature"};
 const std::set<std::string> kFlagOptions = {"--help", "--json", "--quiet", "--verify", "--force",
-                                            "--recursive", "--wait"};
+                                            "--recursive", "--wait", "--bind"};
 const std::map<std::string, std::string> kShortForms = {
     {"-h", "--help"}, {"-q", "--quiet"}, {"-R", "--recursive"}, {"-c", "--config"}};
 

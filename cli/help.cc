@@ -45,11 +45,15 @@ const std::map<std::string, std::string>& CommandHelp() {
        "  signdb check etc\n"
        "  signdb check etc --json | jq -r 'select(.change == \"hash changed\") | .path'\n"},
       {"update",
-       "usage: signdb update POLICY [--json] [--quiet]\n"
+       "usage: signdb update POLICY [--json] [--quiet] [--bind]\n"
        "\n"
        "Accepts the tree as it is now: checks it like 'signdb check', records what changed or is new,\n"
        "removes what is gone, saves the database and reports what it accepted. The database it\n"
        "replaces is kept as NAME.previous.hdb.\n"
+       "\n"
+       "  --bind  accept a database that has no policy binding (NAME.hdb.bind: the signed record\n"
+       "          of its policy, root, host and revision), as one saved by an earlier version has,\n"
+       "          and save it with one\n"
        "\n"
        "examples:\n"
        "  signdb update etc\n"},

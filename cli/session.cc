@@ -8,12 +8,15 @@
 #include <cstring>
 #include <iostream>
 
+#include <Poco/Environment.h>
+
 #include <boost/filesystem/operations.hpp>
 
 #include "cli/command_line.h"
 #include "cli/config_location.h"
 #include "cli/database_files.h"
 #include "cli/exit_status.h"
+#include "cli/policy_binding.h"
 #include "front/sign_db.h"
 #include "hashdb/hash_db.h"
 #include "host/buffer.h"
@@ -22,6 +25,7 @@
 #include "refhost/file_io.h"
 #include "refhost/log_service.h"
 #include "refhost/module_loader.h"
+#include "refhost/pkcs7.h"
 #include "refhost/policy.h"
 #include "refhost/ref_host.h"
 #include "refhost/text_conversion.h"
@@ -61,6 +65,7 @@ void RequireOwnerOnly(const std::string& path, const std::string& what, bool sec
 
 CSession::CSession(const CCommandLine& line) {
   wait_for_locks_ = line.Has("--wait");
+  accept_unbound_ = line.Has("--bind");
   config_path_ = line.Value("--config", DefaultConfigPath());
   if (!boost::filesystem::exists(config_path_)) {
     throw CToolError("no configuration at " + config_path_ +
@@ -201,10 +206,18 @@ std::shared_ptr<CHashDB> CSession::LoadDatabase(const CRefPolicySettings& policy
   bool saving = ReadSaveMarker(path, marker);
   // A save killed after its replacement and before its revision file: its result is complete.
   bool completed_save = saving && database->Revision() == marker.saving && (!has_record || recorded != marker.saving);
+  // Whose database it is first, then whether it is the last one saved.
+  std::optional<CPolicyBinding> binding;
+  if (verify) binding = RequireBinding(policy, pair.hdb);
   if (verify && has_record && recorded != database->Revision() && !completed_save) {
     throw CToolError("the database " + pair.hdb + " is older than the last saved one: revision " +
                      RevisionText(database->Revision()) + ", expected " + RevisionText(recorded) +
                      " (from " + path + ".dff); a database put back from an earlier save is never used");
+  }
+  if (binding && !binding->Vouches(database->Revision())) {
+    throw CToolError("the database " + pair.hdb + " is not the one last saved for policy '" + policy.name +
+                     "': its binding does not vouch for its revision " + RevisionText(database->Revision()) +
+                     "; a database put back from another save is never used");
   }
   if (writer && (saving || pair.interrupted)) FinishInterruptedSave(path, signature_of);
   if (pair.interrupted || completed_save) {
@@ -282,6 +295,11 @@ std::string CSession::Save(const std::shared_ptr<CHashDB>& database, const CRefP
       marker.saving = host_->Utility()->RandomStamp();
     } while (marker.saving == ~0ull || marker.saving == database->Revision() || marker.saving == marker.before);
     WriteSaveMarker(current, marker);
+    // Vouches for the database in place and the one about to replace it, whichever a kill leaves.
+    std::vector<uint64_t> revisions = {marker.saving};
+    if (marker.before != 0) revisions.push_back(marker.before);
+    if (database->Revision() != 0 && database->Revision() != marker.before) revisions.push_back(database->Revision());
+    WriteBinding(policy, current, revisions);
     host_->ref_utility().PresetNextStamp(marker.saving);
   } catch (const std::exception& e) {
     throw not_saved(e);
@@ -292,8 +310,48 @@ std::string CSession::Save(const std::shared_ptr<CHashDB>& database, const CRefP
     throw not_saved(e);
   }
   front_->WriteRevisionFile(policy.name);
+  try {
+    WriteBinding(policy, current, {marker.saving});
+  } catch (const std::exception& e) {  // the one written before the save vouches for it already
+    std::cerr << "signdb: " << e.what() << "\n";
+  }
   RemoveSaveMarker(current);
   return Narrow(database->HdbFilePath(false));
+}
+
+CPolicyBinding CSession::BindingOf(const CRefPolicySettings& policy, std::vector<uint64_t> revisions) const {
+  return CPolicyBinding{policy.name, policy.root, Poco::Environment::nodeName(), std::move(revisions)};
+}
+
+void CSession::WriteBinding(const CRefPolicySettings& policy, const std::string& hdb_path,
+                            std::vector<uint64_t> revisions) {
+  CRefSigner signer(settings_.signer_certificate, settings_.signer_key, settings_.signer_chain);
+  WritePolicyBinding(hdb_path, BindingOf(policy, std::move(revisions)), signer);
+}
+
+std::optional<CPolicyBinding> CSession::RequireBinding(const CRefPolicySettings& policy, const std::string& hdb_path) {
+  std::string path = Narrow(front_->HdbFilePath(policy.name));
+  CRefPkcs7Verifier verifier(settings_.signer_chain, settings_.local_cstm_id);
+  std::optional<CPolicyBinding> binding;
+  try {
+    binding = ReadPolicyBinding(path, verifier);
+  } catch (const std::exception& e) {
+    throw CToolError(std::string(e.what()) + "; the database of policy '" + policy.name + "' is not used");
+  }
+  if (!binding) {
+    if (accept_unbound_) return binding;
+    throw CToolError("the database " + hdb_path + " is not bound to policy '" + policy.name + "': " +
+                         PolicyBindingPathOf(path) + " is missing",
+                     {"a database saved before bindings existed is bound once with 'signdb update " + policy.name +
+                      " --bind'; otherwise, find out who removed it"});
+  }
+  CPolicyBinding expected = BindingOf(policy, {});
+  std::string mismatch = PolicyBindingMismatch(*binding, expected.policy, expected.root, expected.host);
+  if (!mismatch.empty()) {
+    throw CToolError("the database " + hdb_path + " is not the one of policy '" + policy.name + "': " + mismatch +
+                     "; a database of another policy or host is never used");
+  }
+  return binding;
 }
 
 std::string CSession::PreviousFileOf(const CRefPolicySettings& policy) {

@@ -2,9 +2,11 @@
 
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "cli/policy_binding.h"
 #include "refhost/policy_lock.h"
 #include "refhost/settings.h"
 
@@ -75,11 +77,20 @@ class CSession {
   std::string Narrow(const std::wstring& text);
 
  private:
+  // The signed record that ties a policy's database to the policy, root, host and revisions.
+  CPolicyBinding BindingOf(const CRefPolicySettings& policy, std::vector<uint64_t> revisions) const;
+  void WriteBinding(const CRefPolicySettings& policy, const std::string& hdb_path, std::vector<uint64_t> revisions);
+  // The binding of the policy's database; refuses (CToolError) one that is missing (unless --bind),
+  // not trusted, or of another policy, root or host. Which revisions it vouches for is the
+  // caller's to check.
+  std::optional<CPolicyBinding> RequireBinding(const CRefPolicySettings& policy, const std::string& hdb_path);
+
   std::string config_path_;
   CRefSettings settings_;
   std::shared_ptr<CRefHost> host_;
   std::unique_ptr<CModuleLoader> loader_;
   std::shared_ptr<CSignDB> front_;
   bool wait_for_locks_ = false;
+  bool accept_unbound_ = false;  // --bind: a database without a policy binding is loaded
   std::map<std::string, std::unique_ptr<CPolicyLock>> locks_;  // by policy name
 };

@@ -14,7 +14,7 @@
 #include "refhost/file_obj_info.h"
 
 int RunUpdate(const CCommandLine& line) {
-  RequireShape(line, {"--json"}, 1, 1);
+  RequireShape(line, {"--json", "--bind"}, 1, 1);
   CSession session(line);
   CPolicyCheck check = CheckNamedPolicy(session, line, true);
   const CRefPolicySettings& policy = check.policy;
@@ -35,7 +35,8 @@ int RunUpdate(const CCommandLine& line) {
     database->InsertObject(immediate, difference.info);
   }
   std::string saved;
-  if (!result.differences.empty()) saved = session.Save(database, policy);
+  // --bind saves even an unchanged tree: that is how a database gets its policy binding.
+  if (!result.differences.empty() || line.Has("--bind")) saved = session.Save(database, policy);
   CReportContext context = CReportContext::Make(policy.name, policy.root, "update", session.settings().policy_number);
   PrintCheckReport(std::cout, result, policy, context, line.Has("--json"), true);
   if (!line.Has("--json")) {

@@ -83,25 +83,35 @@ CRefSigner::CRefSigner(const std::string& certificate, const std::string& key,
 
 CRefSigner::~CRefSigner() = default;
 
+bool CRefSigner::SignBytes(const uint8_t* bytes, uint64_t length, std::string& result) {
+  CBio data(BIO_new_mem_buf(bytes, static_cast<int>(length)));
+  CPkcs7 signature(PKCS7_sign(state_->certificate.get(), state_->key.get(), state_->chain.get(), data.get(),
+                              PKCS7_DETACHED | PKCS7_BINARY));
+  if (!signature) {
+    result = "signing failed: " + OpenSslError();
+    return false;
+  }
+  unsigned char* der = nullptr;
+  int der_length = i2d_PKCS7(signature.get(), &der);
+  if (der_length <= 0) {
+    result = "encoding the signature failed: " + OpenSslError();
+    return false;
+  }
+  result.assign(reinterpret_cast<const char*>(der), static_cast<size_t>(der_length));
+  OPENSSL_free(der);
+  return true;
+}
+
 bool CRefSigner::Sign(const std::wstring& path, std::string& result, uint32_t, uint32_t) {
   std::string narrow = WideToUtf8(path);
   try {
     std::vector<uint8_t> bytes = ReadWholeFile(narrow);
-    CBio data(BIO_new_mem_buf(bytes.data(), static_cast<int>(bytes.size())));
-    CPkcs7 signature(PKCS7_sign(state_->certificate.get(), state_->key.get(), state_->chain.get(),
-                                data.get(), PKCS7_DETACHED | PKCS7_BINARY));
-    if (!signature) {
-      result = "signing " + narrow + " failed: " + OpenSslError();
+    std::string der;
+    if (!SignBytes(bytes.data(), bytes.size(), der)) {
+      result = der.replace(0, 0, narrow + ": ");
       return false;
     }
-    unsigned char* der = nullptr;
-    int length = i2d_PKCS7(signature.get(), &der);
-    if (length <= 0) {
-      result = "encoding the signature of " + narrow + " failed: " + OpenSslError();
-      return false;
-    }
-    std::unique_ptr<unsigned char, void (*)(unsigned char*)> owned(der, [](unsigned char* p) { OPENSSL_free(p); });
-    WriteWholeFile(narrow + ".p7s", der, static_cast<uint64_t>(length));
+    WriteWholeFile(narrow + ".p7s", der.data(), der.size());
     result = "signed " + narrow;
     return true;
   } catch (const std::exception& e) {

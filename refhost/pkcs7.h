@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <string>
 
@@ -13,6 +14,8 @@ class CRefSigner : public CSigner {
   CRefSigner(const std::string& certificate, const std::string& key, const std::string& chain);
   ~CRefSigner() override;
   bool Sign(const std::wstring& path, std::string& result, uint32_t a, uint32_t b) override;
+  // The DER signature of these bytes in "result"; false with the reason there instead.
+  bool SignBytes(const uint8_t* bytes, uint64_t length, std::string& result);
 
  private:
   struct CState;

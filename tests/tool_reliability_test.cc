@@ -194,6 +194,73 @@ TEST_F(ToolReliabilityTest, APreviousPairCopiedOverTheCurrentOneIsRefusedAsOlder
   }
 }
 
+// Every file of another policy's last save put in this policy's place (database, signature,
+// binding, revision file), or just its signed pair: each holds on its own, and is refused.
+TEST_F(ToolTest, ADatabaseOfAnotherPolicyPutInPlaceIsRefusedWhateverCameWithIt) {
+  Write("etc/hosts", "127.0.0.1 localhost\n");
+  dir_.Write("other/etc/hosts", "10.0.0.9 attacker\n");
+  ASSERT_EQ(Run("init --config '" + config_ + "' --policy t=tree --policy u=other").status, 0);
+  ASSERT_EQ(Tool("scan t").status, 0);
+  ASSERT_EQ(Tool("scan u").status, 0);
+  auto put = [&](const std::vector<std::string>& suffixes) {
+    for (const std::string& suffix : suffixes) {
+      boost::filesystem::copy_file(Data("u.hdb" + suffix), Data("t.hdb" + suffix),
+                                   boost::filesystem::copy_options::overwrite_existing);
+    }
+  };
+  std::string saved = dir_ / "t-saved";
+  ASSERT_EQ(std::system(("mkdir '" + saved + "' && cp -a '" + Data("") + "'t.hdb* '" + saved + "/'").c_str()), 0);
+
+  put({"", ".p7s", ".bind", ".dff"});
+  CToolRun all = Tool("check t");
+  EXPECT_EQ(all.status, 2);
+  EXPECT_THAT(all.err, AllOf(HasSubstr("is not the one of policy 't': it belongs to policy 'u'"),
+                             HasSubstr("is never used")))
+      << all.err;
+
+  ASSERT_EQ(std::system(("cp -a '" + saved + "'/. '" + Data("") + "'").c_str()), 0);
+  put({"", ".p7s"});
+  CToolRun pair = Tool("check t");
+  EXPECT_EQ(pair.status, 2);
+  EXPECT_THAT(pair.err, HasSubstr("is never used")) << pair.err;
+
+  ASSERT_EQ(std::system(("cp -a '" + saved + "'/. '" + Data("") + "'").c_str()), 0);
+  put({"", ".p7s", ".dff"});  // the revision file agrees, the binding does not vouch for it
+  CToolRun with_revision = Tool("check t");
+  EXPECT_EQ(with_revision.status, 2);
+  EXPECT_THAT(with_revision.err, HasSubstr("its binding does not vouch for its revision")) << with_revision.err;
+
+  ASSERT_EQ(std::system(("cp -a '" + saved + "'/. '" + Data("") + "'").c_str()), 0);
+  EXPECT_EQ(Tool("check t").status, 0);
+}
+
+TEST_F(ToolReliabilityTest, ABindingEditedByHandIsRefusedAsUntrusted) {
+  std::string binding = CTempDir::Read(HdbPath() + ".bind");
+  size_t policy = binding.find("\"policy\":\"t\"");
+  ASSERT_NE(policy, std::string::npos) << binding;
+  binding.replace(policy, 12, "\"policy\":\"u\"");
+  ASSERT_EQ(::unlink((HdbPath() + ".bind").c_str()), 0);
+  dir_.Write("cfg/data/t.hdb.bind", binding);
+  CToolRun run = Tool("check t");
+  EXPECT_EQ(run.status, 2);
+  EXPECT_THAT(run.err, HasSubstr("is not signed by a trusted signer")) << run.err;
+}
+
+// A database without its binding (removed, or saved by a version that wrote none) is refused,
+// with the way to bind it once; after that, it is used as before.
+TEST_F(ToolReliabilityTest, ADatabaseWithoutItsBindingIsRefusedUntilBoundOnPurpose) {
+  ASSERT_EQ(::unlink((HdbPath() + ".bind").c_str()), 0);
+  CToolRun check = Tool("check t");
+  EXPECT_EQ(check.status, 2);
+  EXPECT_THAT(check.err, AllOf(HasSubstr("is not bound to policy 't'"), HasSubstr("signdb update t --bind")))
+      << check.err;
+  CToolRun bind = Tool("update t --bind");
+  EXPECT_EQ(bind.status, 0) << bind.err;
+  EXPECT_TRUE(boost::filesystem::exists(HdbPath() + ".bind"));
+  CToolRun after = Tool("check t");
+  EXPECT_EQ(after.status, 0) << after.out << after.err;
+}
+
 TEST_F(ToolReliabilityTest, ADeletedDatabaseIsMissingNotNew) {
   boost::filesystem::remove(HdbPath());
   boost::filesystem::remove(HdbPath() + ".p7s");

@@ -1,0 +1,39 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+class CRefSigner;
+class CRefPkcs7Verifier;
+
+// What ties a policy's database to that policy: a signed record beside it (NAME.hdb.bind) naming
+// the policy, its root, the host and the revisions of the databases it vouches for. A database of
+// another policy or host, or one put back from another save, is told apart by it even when its
+// own signature holds. One file, replaced atomically: during a save it names both the revision
+// in place and the one being saved, so every moment of a save has a record that holds.
+//
+// The file is two lines: the record as JSON, then the base64 DER PKCS#7 signature of that line.
+struct CPolicyBinding {
+  std::string policy;
+  std::string root;
+  std::string host;
+  std::vector<uint64_t> revisions;
+
+  bool Vouches(uint64_t revision) const;
+};
+
+std::string PolicyBindingPathOf(const std::string& hdb_path);
+
+// Signs and writes the record; throws std::runtime_error with the reason.
+void WritePolicyBinding(const std::string& hdb_path, const CPolicyBinding& binding, CRefSigner& signer);
+
+// The record beside "hdb_path", its signature checked against the trust anchor; nothing when
+// there is none. Throws std::runtime_error when it is there but damaged or not signed by a
+// trusted signer.
+std::optional<CPolicyBinding> ReadPolicyBinding(const std::string& hdb_path, CRefPkcs7Verifier& verifier);
+
+// What is wrong with "binding" for this policy, root and host, as a sentence; empty when it holds.
+std::string PolicyBindingMismatch(const CPolicyBinding& binding, const std::string& policy, const std::string& root,
+                                  const std::string& host);
