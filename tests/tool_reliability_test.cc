@@ -109,7 +109,9 @@ TEST_F(ToolReliabilityTest, WritersAtOnceNeverLoseTheDatabaseNorEachOthersWork) 
 
 TEST_F(ToolReliabilityTest, ReadersDuringUpdatesNeverSeeADamagedOrUnsignedDatabase) {
   CToolRun loop = RunShell(
-      "{ for i in $(seq 1 15); do echo $i > tree/etc/counter; '" SIGNDB_TOOL_PATH "' --config '" +
+      // The file changes by rename: a check may never meet it half-written (that is reported).
+      "{ for i in $(seq 1 15); do echo $i > counter.new; mv counter.new tree/etc/counter; '" SIGNDB_TOOL_PATH
+      "' --config '" +
       config_ +
       "' update t --wait >/dev/null 2>>updates.err || echo update failed >>updates.err; done & "
       "for i in $(seq 1 30); do '" SIGNDB_TOOL_PATH "' --config '" +
