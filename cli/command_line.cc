@@ -5,9 +5,10 @@
 namespace {
 
 // Options that take a value, and their short forms.
-const std::set<std::string> kValueOptions = {"--config", "--module", "--dir", "--policy", "--signature"};
+const std::set<std::string> kValueOptions = {"--config", "--module", "--dir", "--policy", "--signature",
+                                             "--passphrase-fd", "--ca-key-out", "--ca-key", "--days"};
 const std::set<std::string> kFlagOptions = {"--help", "--json", "--quiet", "--verify", "--force",
-                                            "--recursive", "--wait", "--bind"};
+                                            "--recursive", "--wait", "--bind", "--protect-key"};
 const std::map<std::string, std::string> kShortForms = {
     {"-h", "--help"}, {"-q", "--quiet"}, {"-R", "--recursive"}, {"-c", "--config"}};
 
@@ -67,7 +68,8 @@ CCommandLine ParseCommandLine(const std::vector<std::string>& args) {
 void RequireShape(const CCommandLine& line, const std::set<std::string>& options, size_t min_arguments,
                   size_t max_arguments) {
   // Every command takes the global options.
-  static const std::set<std::string> kGlobal = {"--config", "--module", "--help", "--quiet", "--wait"};
+  static const std::set<std::string> kGlobal = {"--config", "--module", "--help", "--quiet", "--wait",
+                                                "--passphrase-fd"};
   auto check = [&](const std::string& option) {
     if (!kGlobal.count(option) && !options.count(option)) {
       throw CToolError("signdb " + line.command + " does not take " + option + " (see signdb " + line.command +

@@ -14,3 +14,4 @@ int RunShow(const CCommandLine& line);
 int RunVerify(const CCommandLine& line);
 int RunDump(const CCommandLine& line);
 int RunSelfTest(const CCommandLine& line);
+int RunRenew(const CCommandLine& line);

@@ -8,6 +8,7 @@ const std::map<std::string, std::string>& CommandHelp() {
   static const std::map<std::string, std::string> help = {
       {"init",
        "usage: signdb init [--dir DIR | --config FILE] [--policy NAME=ROOT]... [--force]\n"
+       "                   [--ca-key-out PATH] [--protect-key [--passphrase-fd N]]\n"
        "\n"
        "Writes a configuration, a development CA with a signing certificate and key, and a data\n"
        "folder. The configuration goes to FILE, to DIR/signdb.json, or to the default place\n"
@@ -15,8 +16,15 @@ const std::map<std::string, std::string>& CommandHelp() {
        "beside it. Each --policy names a monitored directory (default: etc=/etc). An existing\n"
        "configuration is replaced only with --force; existing keys are always kept.\n"
        "\n"
+       "The CA key makes signers that this host trusts: whoever holds it can re-sign a database.\n"
+       "Write it straight to removable media with --ca-key-out, or move keys/ca.key off the host\n"
+       "at once; it is needed again only by 'signdb renew'. --protect-key encrypts the signer key\n"
+       "with a passphrase, asked twice on the terminal or read from descriptor N; every run that\n"
+       "signs (scan, update) then asks for it the same way.\n"
+       "\n"
        "examples:\n"
        "  signdb init\n"
+       "  signdb init --ca-key-out /media/offline/signdb-ca.key --protect-key\n"
        "  signdb init --dir ./signdb-local --policy usr=/usr --policy etc=/etc\n"},
       {"scan",
        "usage: signdb scan POLICY [--quiet]\n"
@@ -128,6 +136,15 @@ const std::map<std::string, std::string>& CommandHelp() {
        "Loads the module through the reference host, records a small tree in a temporary folder,\n"
        "checks it, changes a file and sees the change reported.\n"},
       {"version", "usage: signdb version\n\nPrints the tool's version.\n"},
+      {"renew",
+       "usage: signdb renew --ca-key PATH [--days N] [--passphrase-fd N]\n"
+       "\n"
+       "Issues a new signer certificate (valid N days, 365 by default) for the signer key in use,\n"
+       "with the CA key brought to this host for that moment. scan and update warn 30 days before\n"
+       "the signer certificate expires and refuse to sign with an expired one.\n"
+       "\n"
+       "examples:\n"
+       "  signdb renew --ca-key /media/offline/signdb-ca.key\n"},
   };
   return help;
 }
@@ -151,6 +168,7 @@ void PrintUsage(std::ostream& out) {
          "  show POLICY PATH         everything recorded for one object\n"
          "  verify FILE.hdb          check an HDB file's signature and name its signer\n"
          "  dump FILE.hdb            print an HDB file's header and records\n"
+         "  renew --ca-key PATH      issue a new signer certificate with the offline CA key\n"
          "  selftest                 exercise the module through the reference host\n"
          "  version                  print the tool's version\n"
          "\n"
@@ -161,6 +179,7 @@ void PrintUsage(std::ostream& out) {
          "  --quiet, -q     no progress line\n"
          "  --wait          wait for a policy that another run is writing (or reading, for a\n"
          "                  writer) instead of stopping with the holder's process id\n"
+         "  --passphrase-fd N  read the signer key's passphrase from descriptor N, not the terminal\n"
          "  --help, -h      this text; 'signdb COMMAND --help' for one command\n"
          "\n"
          "exit status: 0 nothing to report, 1 differences (or nothing found), 2 an error\n"

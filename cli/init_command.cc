@@ -11,6 +11,7 @@
 #include "cli/commands.h"
 #include "cli/config_location.h"
 #include "cli/exit_status.h"
+#include "cli/passphrase.h"
 #include "refhost/dev_keys.h"
 #include "refhost/file_io.h"
 
@@ -47,7 +48,7 @@ CPolicyArgument ParsePolicy(const std::string& text) {
 }  // namespace
 
 int RunInit(const CCommandLine& line) {
-  RequireShape(line, {"--dir", "--policy", "--force"}, 0, 0);
+  RequireShape(line, {"--dir", "--policy", "--force", "--ca-key-out", "--protect-key"}, 0, 0);
   fs::path config = line.Value("--config");
   if (config.empty()) config = line.Values("--dir").empty() ? fs::path(DefaultConfigPath())
                                                             : fs::path(line.Value("--dir")) / "signdb.json";
@@ -85,6 +86,17 @@ int RunInit(const CCommandLine& line) {
     }
   } else {
     request.cstm_id = RandomCstmId();
+    if (!line.Value("--ca-key-out").empty()) {
+      fs::path ca_key = fs::absolute(line.Value("--ca-key-out")).lexically_normal();
+      if (!fs::exists(ca_key.parent_path(), error)) {
+        fs::create_directories(ca_key.parent_path());
+        fs::permissions(ca_key.parent_path(), fs::perms::owner_all);
+      }
+      request.ca_key_path = ca_key.string();
+    }
+    if (line.Has("--protect-key")) {
+      request.signer_passphrase = ReadNewPassphrase("passphrase for the new signer key: ", line.Value("--passphrase-fd"));
+    }
     try {
       MakeDevelopmentKeys(keys.string(), request);
     } catch (const std::exception& e) {
@@ -129,9 +141,21 @@ int RunInit(const CCommandLine& line) {
   if (have_keys) {
     out << "kept the keys in " << keys.string() << "\n";
   } else {
-    out << "made development keys in " << keys.string() << ": ca.pem, signer.pem, signer.key\n"
+    std::string ca_key = request.ca_key_path.empty() ? (keys / "ca.key").string() : request.ca_key_path;
+    out << "made development keys in " << keys.string() << ": ca.pem, signer.pem, signer.key"
+        << (request.signer_passphrase.empty() ? "" : " (protected by a passphrase)") << "\n"
         << "  signer: cstm_id '" << request.cstm_id << "', lcs_id " << request.signer_lcs_id
         << "; this installation: lcs_id " << request.local_lcs_id << "\n";
+    // Whoever holds the CA key makes signers this host trusts: it must not stay where root can
+    // read it, or root re-signs whatever it changed.
+    if (request.ca_key_path.empty()) {
+      out << "the CA key is " << ca_key << ": move it off this host now (offline storage); it is needed\n"
+          << "  again only to renew the signer certificate (signdb renew --ca-key PATH)\n";
+    } else {
+      out << "the CA key went to " << ca_key << ": keep it off this host; it is needed again only to\n"
+          << "  renew the signer certificate (signdb renew --ca-key PATH)\n";
+    }
+    ForgetPassphrase(request.signer_passphrase);
   }
   out << "databases and the log go to " << data.string() << "\n";
   std::string config_option = line.Values("--config").empty() && line.Values("--dir").empty()

@@ -16,7 +16,9 @@
 #include "cli/config_location.h"
 #include "cli/database_files.h"
 #include "cli/exit_status.h"
+#include "cli/passphrase.h"
 #include "cli/policy_binding.h"
+#include "cli/text_format.h"
 #include "front/sign_db.h"
 #include "hashdb/hash_db.h"
 #include "host/buffer.h"
@@ -24,6 +26,7 @@
 #include "host/utility_service.h"
 #include "refhost/file_io.h"
 #include "refhost/log_service.h"
+#include "refhost/crypto_service.h"
 #include "refhost/module_loader.h"
 #include "refhost/pkcs7.h"
 #include "refhost/policy.h"
@@ -66,6 +69,7 @@ void RequireOwnerOnly(const std::string& path, const std::string& what, bool sec
 CSession::CSession(const CCommandLine& line) {
   wait_for_locks_ = line.Has("--wait");
   accept_unbound_ = line.Has("--bind");
+  passphrase_fd_ = line.Value("--passphrase-fd");
   config_path_ = line.Value("--config", DefaultConfigPath());
   if (!boost::filesystem::exists(config_path_)) {
     throw CToolError("no configuration at " + config_path_ +
@@ -107,6 +111,7 @@ CSession::CSession(const CCommandLine& line) {
 
 // Everything from the module goes before the module is unloaded.
 CSession::~CSession() {
+  ForgetPassphrase(passphrase_);
   front_.reset();
   loader_.reset();
 }
@@ -258,8 +263,37 @@ void CSession::LoadFile(const std::shared_ptr<CHashDB>& database, const std::str
   }
 }
 
+void CSession::PrepareSigner() {
+  if (signer_ready_) return;
+  const std::string& certificate = settings_.signer_certificate;
+  time_t not_after = 0;
+  try {
+    not_after = CertificateNotAfter(certificate);
+  } catch (const std::exception& e) {
+    throw CToolError(std::string(e.what()) + "; nothing was saved");
+  }
+  time_t now = ::time(nullptr);
+  std::string until = TimeText(static_cast<uint64_t>(not_after) * 1000000000ull);
+  if (not_after <= now) {
+    throw CToolError("the signer certificate " + certificate + " expired on " + until +
+                         "; nothing is signed with it, and nothing was saved",
+                     {"issue a new one with the CA key: signdb renew --ca-key PATH"});
+  }
+  constexpr time_t kWarnAhead = 30 * 24 * 3600;
+  if (not_after - now < kWarnAhead) {
+    std::cerr << "signdb: warning: the signer certificate " << certificate << " expires on " << until << " (in "
+              << (not_after - now) / 86400 << " days); issue a new one before then: signdb renew --ca-key PATH\n";
+  }
+  if (passphrase_.empty() && KeyNeedsPassphrase(settings_.signer_key)) {
+    passphrase_ = ReadPassphrase("passphrase of the signer key " + settings_.signer_key + ": ", passphrase_fd_);
+    host_->ref_crypto().SetSignerPassphrase(passphrase_);
+  }
+  signer_ready_ = true;
+}
+
 std::string CSession::Save(const std::shared_ptr<CHashDB>& database, const CRefPolicySettings& policy) {
   LockPolicy(policy, CPolicyLock::CMode::kExclusive);
+  PrepareSigner();
   std::string current = Narrow(front_->HdbFilePath(policy.name));
   CSignatureOf signature_of = [this](const std::string& hdb) { return SignatureFileOf(hdb); };
   boost::system::error_code missing;
@@ -325,7 +359,7 @@ CPolicyBinding CSession::BindingOf(const CRefPolicySettings& policy, std::vector
 
 void CSession::WriteBinding(const CRefPolicySettings& policy, const std::string& hdb_path,
                             std::vector<uint64_t> revisions) {
-  CRefSigner signer(settings_.signer_certificate, settings_.signer_key, settings_.signer_chain);
+  CRefSigner signer(settings_.signer_certificate, settings_.signer_key, settings_.signer_chain, passphrase_);
   WritePolicyBinding(hdb_path, BindingOf(policy, std::move(revisions)), signer);
 }
 

@@ -79,6 +79,9 @@ class CSession {
  private:
   // The signed record that ties a policy's database to the policy, root, host and revisions.
   CPolicyBinding BindingOf(const CRefPolicySettings& policy, std::vector<uint64_t> revisions) const;
+  // Before the first signature of a run: refuses an expired signer certificate, warns when it
+  // expires within 30 days, and reads the passphrase of a protected signer key.
+  void PrepareSigner();
   void WriteBinding(const CRefPolicySettings& policy, const std::string& hdb_path, std::vector<uint64_t> revisions);
   // The binding of the policy's database; refuses (CToolError) one that is missing (unless --bind),
   // not trusted, or of another policy, root or host. Which revisions it vouches for is the
@@ -92,5 +95,8 @@ class CSession {
   std::shared_ptr<CSignDB> front_;
   bool wait_for_locks_ = false;
   bool accept_unbound_ = false;  // --bind: a database without a policy binding is loaded
+  std::string passphrase_fd_;    // --passphrase-fd N: where a protected signer key's passphrase comes from
+  std::string passphrase_;       // read once, when the first save needs it
+  bool signer_ready_ = false;
   std::map<std::string, std::unique_ptr<CPolicyLock>> locks_;  // by policy name
 };

@@ -153,7 +153,13 @@ std::string CRefCryptoService::BinaryToHashText(const uint8_t* bytes, uint64_t l
 std::shared_ptr<CSigner> CRefCryptoService::MakeSigner(const std::wstring& certificate,
                                                        const std::wstring& key,
                                                        const std::wstring& chain) {
-  return std::make_shared<CRefSigner>(WideToUtf8(certificate), WideToUtf8(key), WideToUtf8(chain));
+  std::lock_guard<std::mutex> guard(passphrase_lock_);
+  return std::make_shared<CRefSigner>(WideToUtf8(certificate), WideToUtf8(key), WideToUtf8(chain), signer_passphrase_);
+}
+
+void CRefCryptoService::SetSignerPassphrase(std::string passphrase) {
+  std::lock_guard<std::mutex> guard(passphrase_lock_);
+  signer_passphrase_ = std::move(passphrase);
 }
 
 std::shared_ptr<CPkcs7Verifier> CRefCryptoService::MakeVerifier() {

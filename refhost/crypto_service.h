@@ -1,5 +1,6 @@
 #pragma once
 
+#include <mutex>
 #include <string>
 
 #include "host/crypto_service.h"
@@ -22,6 +23,8 @@ class CRefCryptoService : public CCryptoService {
   std::shared_ptr<CSigner> MakeSigner(const std::wstring& certificate, const std::wstring& key,
                                       const std::wstring& chain) override;
   std::shared_ptr<CPkcs7Verifier> MakeVerifier() override;
+  // The passphrase of a protected signer key, given to every signer made from now on.
+  void SetSignerPassphrase(std::string passphrase);
   std::string LocalCstmId() override;
   std::string LocalLcsId() override;
   std::wstring SignatureFilePath(const std::wstring& path) override;
@@ -30,6 +33,8 @@ class CRefCryptoService : public CCryptoService {
   std::string local_cstm_id_;
   std::string local_lcs_id_;
   std::string trust_anchor_;  // the CA file that verified signatures must chain to
+  std::mutex passphrase_lock_;
+  std::string signer_passphrase_;  // guarded by passphrase_lock_
 };
 
 // The hash text of the content of an open regular file, as long as it was when this began; "name"

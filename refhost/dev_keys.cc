@@ -57,7 +57,7 @@ void AddExtension(X509* certificate, X509* issuer, int nid, const char* value) {
 }
 
 // A certificate for "key", signed by "issuer_key"; "issuer" null makes it self-signed.
-CX509 NewCertificate(EVP_PKEY* key, X509* issuer, EVP_PKEY* issuer_key, unsigned valid_days,
+CX509 NewCertificate(EVP_PKEY* key, X509* issuer, EVP_PKEY* issuer_key, long not_before_days, long not_after_days,
                      const std::string& organisation, const std::string& serial_number,
                      const std::string& common_name, bool is_ca) {
   CX509 certificate(X509_new());
@@ -66,8 +66,8 @@ CX509 NewCertificate(EVP_PKEY* key, X509* issuer, EVP_PKEY* issuer_key, unsigned
   uint64_t serial = 0;
   Require(RAND_bytes(reinterpret_cast<unsigned char*>(&serial), sizeof serial) == 1, "serial");
   Require(ASN1_INTEGER_set_uint64(X509_get_serialNumber(certificate.get()), serial >> 1) == 1, "serial");
-  Require(X509_gmtime_adj(X509_getm_notBefore(certificate.get()), 0) != nullptr, "validity");
-  Require(X509_gmtime_adj(X509_getm_notAfter(certificate.get()), 86400L * valid_days) != nullptr, "validity");
+  Require(X509_gmtime_adj(X509_getm_notBefore(certificate.get()), 86400L * not_before_days) != nullptr, "validity");
+  Require(X509_gmtime_adj(X509_getm_notAfter(certificate.get()), 86400L * not_after_days) != nullptr, "validity");
   Require(X509_set_pubkey(certificate.get(), key) == 1, "public key");
   X509_NAME* subject = X509_get_subject_name(certificate.get());
   AddName(subject, "O", organisation);
@@ -105,9 +105,13 @@ void WriteCertificate(const std::string& path, X509* certificate) {
   Require(PEM_write_bio_X509(bio.get(), certificate) == 1, path.c_str());
 }
 
-void WriteKey(const std::string& path, EVP_PKEY* key) {
+void WriteKey(const std::string& path, EVP_PKEY* key, const std::string& passphrase = std::string()) {
   CBio bio = CreateFile(path, 0600);
-  Require(PEM_write_bio_PrivateKey(bio.get(), key, nullptr, nullptr, 0, nullptr, nullptr) == 1, path.c_str());
+  const EVP_CIPHER* cipher = passphrase.empty() ? nullptr : EVP_aes_256_cbc();
+  auto* bytes = reinterpret_cast<unsigned char*>(const_cast<char*>(passphrase.data()));
+  Require(PEM_write_bio_PrivateKey(bio.get(), key, cipher, passphrase.empty() ? nullptr : bytes,
+                                   static_cast<int>(passphrase.size()), nullptr, nullptr) == 1,
+          path.c_str());
 }
 
 }  // namespace
@@ -123,23 +127,51 @@ CDevKeyFiles MakeDevelopmentKeys(const std::string& folder, const CDevKeyRequest
   }
   if (request.cstm_id.empty()) throw std::runtime_error("the cstm_id must not be empty");
   boost::filesystem::create_directories(folder);
-  CDevKeyFiles files{folder + "/ca.pem", folder + "/ca.key", folder + "/signer.pem", folder + "/signer.key"};
+  CDevKeyFiles files{folder + "/ca.pem", request.ca_key_path.empty() ? folder + "/ca.key" : request.ca_key_path,
+                     folder + "/signer.pem", folder + "/signer.key"};
   for (const std::string& path : {files.ca_certificate, files.ca_key, files.signer_certificate, files.signer_key}) {
     if (boost::filesystem::exists(boost::filesystem::symlink_status(path))) {
       throw std::runtime_error(path + " already exists; keys are never overwritten");
     }
   }
   CKey ca_key = NewKey();
-  CX509 ca = NewCertificate(ca_key.get(), nullptr, ca_key.get(), request.valid_days, request.cstm_id, "",
+  CX509 ca = NewCertificate(ca_key.get(), nullptr, ca_key.get(), 0, request.valid_days, request.cstm_id, "",
                             "signdb development CA", true);
   CKey signer_key = NewKey();
-  CX509 signer = NewCertificate(signer_key.get(), ca.get(), ca_key.get(), request.valid_days, request.cstm_id,
+  CX509 signer = NewCertificate(signer_key.get(), ca.get(), ca_key.get(), request.signer_not_before_days,
+                                request.signer_not_after_days, request.cstm_id,
                                 request.signer_lcs_id, "signdb signer", false);
   WriteKey(files.ca_key, ca_key.get());
   WriteCertificate(files.ca_certificate, ca.get());
-  WriteKey(files.signer_key, signer_key.get());
+  WriteKey(files.signer_key, signer_key.get(), request.signer_passphrase);
   WriteCertificate(files.signer_certificate, signer.get());
   return files;
+}
+
+void IssueSignerCertificate(const std::string& ca_certificate, const std::string& ca_key, const std::string& signer_key,
+                            const std::string& signer_passphrase, const std::string& cstm_id,
+                            const std::string& lcs_id, long not_before_days, long not_after_days,
+                            const std::string& certificate_out) {
+  auto read_key = [](const std::string& path, const std::string& passphrase) {
+    CBio bio(BIO_new_file(path.c_str(), "rb"));
+    if (!bio) throw std::runtime_error("cannot read " + path + ": " + OpenSslError());
+    CKey key(PEM_read_bio_PrivateKey(bio.get(), nullptr, nullptr,
+                                     passphrase.empty() ? nullptr : const_cast<char*>(passphrase.c_str())));
+    if (!key) throw std::runtime_error("no private key in " + path + ": " + OpenSslError());
+    return key;
+  };
+  CBio ca_bio(BIO_new_file(ca_certificate.c_str(), "rb"));
+  if (!ca_bio) throw std::runtime_error("cannot read " + ca_certificate + ": " + OpenSslError());
+  CX509 ca(PEM_read_bio_X509(ca_bio.get(), nullptr, nullptr, nullptr));
+  if (!ca) throw std::runtime_error("no certificate in " + ca_certificate + ": " + OpenSslError());
+  CKey issuer = read_key(ca_key, std::string());
+  if (X509_check_private_key(ca.get(), issuer.get()) != 1) {
+    throw std::runtime_error("the CA key " + ca_key + " does not belong to " + ca_certificate);
+  }
+  CKey signer = read_key(signer_key, signer_passphrase);
+  CX509 certificate = NewCertificate(signer.get(), ca.get(), issuer.get(), not_before_days, not_after_days, cstm_id,
+                                     lcs_id, "signdb signer", false);
+  WriteCertificate(certificate_out, certificate.get());
 }
 
 std::string RandomCstmId() {
@@ -148,13 +180,24 @@ std::string RandomCstmId() {
   return "signdb " + HexText(bytes, sizeof bytes);
 }
 
-std::string CertificateOrganization(const std::string& certificate_path) {
+namespace {
+
+std::string SubjectField(const std::string& certificate_path, int nid, const char* what) {
   CBio file(BIO_new_file(certificate_path.c_str(), "r"));
   CX509 certificate(file ? PEM_read_bio_X509(file.get(), nullptr, nullptr, nullptr) : nullptr);
   if (!certificate) throw std::runtime_error("cannot read the certificate " + certificate_path);
   char text[256] = {};
-  int length = X509_NAME_get_text_by_NID(X509_get_subject_name(certificate.get()), NID_organizationName, text,
-                                         sizeof text);
-  if (length < 0) throw std::runtime_error("the certificate " + certificate_path + " names no organization");
+  int length = X509_NAME_get_text_by_NID(X509_get_subject_name(certificate.get()), nid, text, sizeof text);
+  if (length < 0) throw std::runtime_error(std::string("the certificate ") + certificate_path + " names no " + what);
   return std::string(text, static_cast<size_t>(length));
+}
+
+}  // namespace
+
+std::string CertificateOrganization(const std::string& certificate_path) {
+  return SubjectField(certificate_path, NID_organizationName, "organization");
+}
+
+std::string CertificateSerialNumber(const std::string& certificate_path) {
+  return SubjectField(certificate_path, NID_serialNumber, "serialNumber");
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <ctime>
 #include <memory>
 #include <string>
 
@@ -10,8 +11,11 @@
 // certificate and key and embeds the chain; the signature goes to the file's path plus ".p7s".
 class CRefSigner : public CSigner {
  public:
-  // Throws std::runtime_error naming the file that cannot be read.
-  CRefSigner(const std::string& certificate, const std::string& key, const std::string& chain);
+  // Throws std::runtime_error naming the file that cannot be read, with OpenSSL's reason. "key" is
+  // a PEM file (encrypted with "passphrase" when it is protected) or a URI that an OpenSSL store
+  // serves ("file:", or "pkcs11:"/"handle:" with a PKCS#11 or TPM provider configured).
+  CRefSigner(const std::string& certificate, const std::string& key, const std::string& chain,
+             const std::string& passphrase = std::string());
   ~CRefSigner() override;
   bool Sign(const std::wstring& path, std::string& result, uint32_t a, uint32_t b) override;
   // The DER signature of these bytes in "result"; false with the reason there instead.
@@ -47,5 +51,11 @@ class CRefPkcs7Verifier : public CPkcs7Verifier {
   std::string reason_;
 };
 
-// The text of OpenSSL's most recent error, for messages.
+// The text of OpenSSL's queued errors with their details, for messages; clears the queue.
 std::string OpenSslError();
+
+// When the certificate in this PEM file stops being valid. Throws when it cannot be read.
+time_t CertificateNotAfter(const std::string& path);
+
+// Whether this PEM key file is encrypted (needs a passphrase to be read).
+bool KeyNeedsPassphrase(const std::string& key);

@@ -23,6 +23,7 @@ CRefHost::CRefHost(const CRefSettings& settings) : settings_(settings) {
   auto crypto = std::make_shared<CRefCryptoService>(settings_);
   crypto->DigestDescriptor(settings_.policy_number);  // refuses an unknown policy number now
   crypto_ = crypto;
+  ref_crypto_ = crypto;
   cfg_ = std::make_shared<CRefCfgService>(settings_);
   cfgex_ = std::make_shared<CRefCfgExService>(settings_);
   read_context_builder_ = std::make_shared<CRefReadContextBuilder>();

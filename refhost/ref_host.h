@@ -48,6 +48,7 @@ class CRefHost : public CHost {
   const CRefSettings& settings() const { return settings_; }
   CRefLogService& log() { return *ref_log_; }
   CRefUtilityService& ref_utility() { return *ref_utility_; }
+  CRefCryptoService& ref_crypto() { return *ref_crypto_; }
 
  private:
   CRefSettings settings_;
@@ -57,6 +58,7 @@ class CRefHost : public CHost {
   std::shared_ptr<CUtilityService> utility_;
   std::shared_ptr<CRefUtilityService> ref_utility_;
   std::shared_ptr<CCryptoService> crypto_;
+  std::shared_ptr<CRefCryptoService> ref_crypto_;
   std::shared_ptr<CCfgService> cfg_;
   std::shared_ptr<CCfgExService> cfgex_;
   std::shared_ptr<CReadContextBuilder> read_context_builder_;

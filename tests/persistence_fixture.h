@@ -15,7 +15,11 @@
 // Makes development keys in "folder"; returns the folder.
 inline std::string MakeKeys(const std::string& folder, const std::string& cstm_id,
                             const std::string& signer_lcs_id, const std::string& local_lcs_id) {
-  MakeDevelopmentKeys(folder, CDevKeyRequest{cstm_id, signer_lcs_id, local_lcs_id});
+  CDevKeyRequest request;
+  request.cstm_id = cstm_id;
+  request.signer_lcs_id = signer_lcs_id;
+  request.local_lcs_id = local_lcs_id;
+  MakeDevelopmentKeys(folder, request);
   return folder;
 }
 

@@ -1,0 +1,53 @@
+// signdb renew --ca-key PATH [--days N]: a new signer certificate for the signer key already in
+// use, issued with the CA key brought to this host for that moment only.
+
+#include <iostream>
+
+#include <boost/filesystem/operations.hpp>
+
+#include "cli/command_line.h"
+#include "cli/commands.h"
+#include "cli/exit_status.h"
+#include "cli/passphrase.h"
+#include "cli/session.h"
+#include "cli/text_format.h"
+#include "refhost/dev_keys.h"
+#include "refhost/file_io.h"
+#include "refhost/pkcs7.h"
+
+int RunRenew(const CCommandLine& line) {
+  RequireShape(line, {"--ca-key", "--days"}, 0, 0);
+  std::string ca_key = line.Value("--ca-key");
+  if (ca_key.empty()) throw CToolError("signdb renew needs the CA key: --ca-key PATH (kept off this host)");
+  long days = 365;
+  try {
+    if (!line.Value("--days").empty()) days = std::stol(line.Value("--days"));
+  } catch (const std::exception&) {
+    days = 0;
+  }
+  if (days < 1 || days > 36500) throw CToolError("--days wants a number of days from 1 to 36500");
+  CSession session(line);
+  const CRefSettings& settings = session.settings();
+  std::string passphrase;
+  if (KeyNeedsPassphrase(settings.signer_key)) {
+    passphrase = ReadPassphrase("passphrase of the signer key " + settings.signer_key + ": ", line.Value("--passphrase-fd"));
+  }
+  std::string fresh = settings.signer_certificate + ".new";
+  boost::system::error_code ignored;
+  boost::filesystem::remove(fresh, ignored);
+  try {
+    IssueSignerCertificate(settings.signer_chain, ca_key, settings.signer_key, passphrase,
+                           CertificateOrganization(settings.signer_certificate),
+                           CertificateSerialNumber(settings.signer_certificate), 0, days, fresh);
+    DurableRename(fresh, settings.signer_certificate);
+  } catch (const std::exception& e) {
+    ForgetPassphrase(passphrase);
+    boost::filesystem::remove(fresh, ignored);
+    throw CToolError(e.what(), {"the signer certificate " + settings.signer_certificate + " stays as it was"});
+  }
+  ForgetPassphrase(passphrase);
+  std::cout << "renewed " << settings.signer_certificate << ": valid until "
+            << TimeText(static_cast<uint64_t>(CertificateNotAfter(settings.signer_certificate)) * 1000000000ull)
+            << "\n";
+  return kExitOk;
+}
