@@ -36,12 +36,6 @@
 
 namespace {
 
-std::string Joined(const std::vector<std::string>& lines) {
-  std::string text;
-  for (const std::string& line : lines) text += "\n  " + line;
-  return text;
-}
-
 // Refuses a file or folder that someone other than its owner could change (as ssh refuses such
 // keys): whoever can replace the configuration, the trust anchor, the signer's key or the data
 // folder decides what a check says. A secret must not be readable by others either. The owner
@@ -259,7 +253,14 @@ void CSession::LoadFile(const std::shared_ptr<CHashDB>& database, const std::str
                      "); an unsigned database is never used");
   }
   if (!database->Load(nullptr, verify, hdb_path, hdb, signature)) {
-    throw CToolError("the database " + hdb_path + " was refused:" + Joined(TakeProblems()));
+    std::vector<std::string> problems = TakeProblems();
+    // The module says that the signature failed; OpenSSL says why (an expired certificate, say).
+    CRefPkcs7Verifier verifier(settings_.signer_chain, settings_.local_cstm_id);
+    if (verify && (!verifier.ReadSignerInfo(signature->Data(), signature->Size()) ||
+                   !verifier.Verify(hdb->Data(), hdb->Size()))) {
+      problems.push_back("OpenSSL: " + verifier.reason());
+    }
+    throw CToolError("the database " + hdb_path + " was refused:", problems);
   }
 }
 

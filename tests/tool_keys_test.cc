@@ -1,0 +1,146 @@
+// Who can sign: the CA key kept off the host, a signer key behind a passphrase or in a store,
+// and signer certificates that expire.
+
+#include <gmock/gmock.h>
+
+#include <fstream>
+#include <string>
+
+#include "refhost/dev_keys.h"
+#include "refhost/pkcs7.h"
+#include "refhost/text_conversion.h"
+#include "tests/tool_fixture.h"
+
+namespace {
+
+using ::testing::AllOf;
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+class ToolKeysTest : public ToolTest {
+ protected:
+  std::string Keys(const std::string& name) const { return dir_ / ("cfg/keys/" + name); }
+  std::string OfflineCaKey() const { return dir_ / "offline/ca.key"; }
+  // Keys made before init, which keeps them, with the CA key on "offline" media.
+  void MakeKeys(CDevKeyRequest request) {
+    request.cstm_id = "signdb test";
+    request.ca_key_path = OfflineCaKey();
+    boost::filesystem::create_directories(dir_ / "offline");
+    MakeDevelopmentKeys(dir_ / "cfg/keys", request);
+  }
+  // Replaces one text in the configuration, keeping its owner and mode.
+  void EditConfig(const std::string& from, const std::string& to) {
+    std::string text = CTempDir::Read(config_);
+    size_t at = text.find(from);
+    ASSERT_NE(at, std::string::npos) << text;
+    text.replace(at, from.size(), to);
+    std::ofstream(config_, std::ios::trunc) << text;
+  }
+};
+
+TEST_F(ToolKeysTest, InitWritesTheCaKeyStraightToTheMediaItIsGiven) {
+  std::string media = dir_ / "media/signdb-ca.key";
+  CToolRun init = Run("init --config '" + config_ + "' --policy t=tree --ca-key-out '" + media + "'");
+  ASSERT_EQ(init.status, 0) << init.err;
+  EXPECT_TRUE(boost::filesystem::exists(media));
+  EXPECT_FALSE(boost::filesystem::exists(Keys("ca.key")));
+  EXPECT_THAT(init.out, HasSubstr("the CA key went to " + media + ": keep it off this host"));
+  Write("etc/hosts", "127.0.0.1 localhost\n");
+  EXPECT_EQ(Tool("scan t").status, 0);
+  EXPECT_EQ(Tool("check t").status, 0);
+}
+
+TEST_F(ToolKeysTest, InitThatKeepsTheCaKeyHereSaysToMoveItOff) {
+  CToolRun init = Run("init --config '" + config_ + "' --policy t=tree");
+  ASSERT_EQ(init.status, 0) << init.err;
+  EXPECT_THAT(init.out, HasSubstr("the CA key is " + Keys("ca.key") + ": move it off this host now"));
+}
+
+TEST_F(ToolKeysTest, AProtectedSignerKeySignsWithItsPassphraseAndNeverWithout) {
+  dir_.Write("passphrase", "correct horse battery\n");
+  dir_.Write("wrong", "wrong horse\n");
+  CToolRun init =
+      Run("init --config '" + config_ + "' --policy t=tree --protect-key --passphrase-fd 3 3<passphrase");
+  ASSERT_EQ(init.status, 0) << init.err;
+  EXPECT_THAT(CTempDir::Read(Keys("signer.key")), HasSubstr("ENCRYPTED PRIVATE KEY"));
+  Write("etc/hosts", "127.0.0.1 localhost\n");
+
+  // setsid: no controlling terminal to ask on, as under cron.
+  CToolRun unattended = RunShell("setsid -w '" SIGNDB_TOOL_PATH "' --config '" + config_ + "' scan t");
+  EXPECT_EQ(unattended.status, 2);
+  EXPECT_THAT(unattended.err, AllOf(HasSubstr("there is no terminal"), HasSubstr("--passphrase-fd")));
+  EXPECT_FALSE(boost::filesystem::exists(Data("t.hdb")));
+
+  CToolRun wrong = Tool("scan t --passphrase-fd 3 3<wrong");
+  EXPECT_EQ(wrong.status, 2);
+  EXPECT_THAT(wrong.err, HasSubstr("no private key in " + Keys("signer.key") + ": ")) << wrong.err;
+  EXPECT_FALSE(boost::filesystem::exists(Data("t.hdb")));
+
+  CToolRun right = Tool("scan t --passphrase-fd 3 3<passphrase");
+  EXPECT_EQ(right.status, 0) << right.err;
+  CToolRun check = Tool("check t");  // reading needs no key
+  EXPECT_EQ(check.status, 0) << check.out << check.err;
+}
+
+TEST_F(ToolKeysTest, AnExpiredSignerCertificateSignsNothingUntilRenewed) {
+  CDevKeyRequest request;
+  request.signer_not_before_days = -30;
+  request.signer_not_after_days = -1;
+  MakeKeys(request);
+  Write("etc/hosts", "127.0.0.1 localhost\n");
+  Init();
+  CToolRun scan = Tool("scan t");
+  EXPECT_EQ(scan.status, 2);
+  EXPECT_THAT(scan.err, AllOf(HasSubstr("the signer certificate " + Keys("signer.pem") + " expired on"),
+                              HasSubstr("signdb renew --ca-key PATH")));
+  EXPECT_FALSE(boost::filesystem::exists(Data("t.hdb")));
+
+  CToolRun renew = Tool("renew --ca-key '" + OfflineCaKey() + "' --days 30");
+  ASSERT_EQ(renew.status, 0) << renew.err;
+  EXPECT_THAT(renew.out, HasSubstr("renewed " + Keys("signer.pem") + ": valid until "));
+  CToolRun again = Tool("scan t");
+  EXPECT_EQ(again.status, 0) << again.err;
+  EXPECT_THAT(again.err, Not(HasSubstr("expire")));
+}
+
+TEST_F(ToolKeysTest, ASignerCertificateAboutToExpireIsAnnouncedBeforeItDoes) {
+  CDevKeyRequest request;
+  request.signer_not_after_days = 10;
+  MakeKeys(request);
+  Write("etc/hosts", "127.0.0.1 localhost\n");
+  Init();
+  CToolRun scan = Tool("scan t");
+  EXPECT_EQ(scan.status, 0) << scan.err;
+  EXPECT_THAT(scan.err, AllOf(HasSubstr("warning: the signer certificate " + Keys("signer.pem") + " expires on"),
+                              HasSubstr("days); issue a new one")));
+}
+
+// A database whose signature was made with a certificate that has expired is refused, and the
+// refusal names OpenSSL's reason.
+TEST_F(ToolKeysTest, ADatabaseSignedWithAnExpiredCertificateIsRefusedWithOpenSslsReason) {
+  MakeKeys(CDevKeyRequest());
+  Write("etc/hosts", "127.0.0.1 localhost\n");
+  Init();
+  ASSERT_EQ(Tool("scan t").status, 0);
+  std::string expired = dir_ / "expired.pem";
+  IssueSignerCertificate(Keys("ca.pem"), OfflineCaKey(), Keys("signer.key"), "", "signdb test", "1001", -30, -1,
+                         expired);
+  CRefSigner signer(expired, Keys("signer.key"), Keys("ca.pem"));
+  std::string result;
+  ASSERT_TRUE(signer.Sign(Utf8ToWide(Data("t.hdb")), result, 0, 0)) << result;
+  CToolRun check = Tool("check t");
+  EXPECT_EQ(check.status, 2);
+  EXPECT_THAT(check.err, AllOf(HasSubstr("was refused"), HasSubstr("OpenSSL: "), HasSubstr("certificate has expired")))
+      << check.err;
+}
+
+TEST_F(ToolKeysTest, ASignerKeyNamedByAStoreUriSigns) {
+  Write("etc/hosts", "127.0.0.1 localhost\n");
+  Init();
+  EditConfig("\"keys/signer.key\"", "\"file:" + Keys("signer.key") + "\"");
+  CToolRun scan = Tool("scan t");
+  EXPECT_EQ(scan.status, 0) << scan.err;
+  EXPECT_EQ(Tool("check t").status, 0);
+}
+
+}  // namespace
