@@ -15,3 +15,5 @@ int RunVerify(const CCommandLine& line);
 int RunDump(const CCommandLine& line);
 int RunSelfTest(const CCommandLine& line);
 int RunRenew(const CCommandLine& line);
+int RunSign(const CCommandLine& line);
+int RunAccept(const CCommandLine& line);

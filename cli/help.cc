@@ -27,13 +27,16 @@ const std::map<std::string, std::string>& CommandHelp() {
        "  signdb init --ca-key-out /media/offline/signdb-ca.key --protect-key\n"
        "  signdb init --dir ./signdb-local --policy usr=/usr --policy etc=/etc\n"},
       {"scan",
-       "usage: signdb scan POLICY [--quiet]\n"
+       "usage: signdb scan POLICY [--quiet] [--sign-later]\n"
        "\n"
        "Records every file, directory and symbolic link below the policy's root (content hash, size,\n"
        "mode, times, owner and permissions, ACL, link target) into a new database, signs it and saves\n"
        "it; the database it replaces is kept as NAME.previous.hdb for 'signdb diff'. Files are hashed\n"
        "on every processor. Objects that cannot be read are named and counted, the rest is saved, and\n"
        "the exit status is 2.\n"
+       "\n"
+       "  --sign-later  sign nothing here: keep the new database as NAME.hdb.candidate for\n"
+       "                'signdb sign' on the host that holds the signer key, then 'signdb accept'\n"
        "\n"
        "examples:\n"
        "  signdb scan etc\n"
@@ -53,7 +56,7 @@ const std::map<std::string, std::string>& CommandHelp() {
        "  signdb check etc\n"
        "  signdb check etc --json | jq -r 'select(.change == \"hash changed\") | .path'\n"},
       {"update",
-       "usage: signdb update POLICY [--json] [--quiet] [--bind]\n"
+       "usage: signdb update POLICY [--json] [--quiet] [--bind] [--sign-later]\n"
        "\n"
        "Accepts the tree as it is now: checks it like 'signdb check', records what changed or is new,\n"
        "removes what is gone, saves the database and reports what it accepted. The database it\n"
@@ -136,6 +139,24 @@ const std::map<std::string, std::string>& CommandHelp() {
        "Loads the module through the reference host, records a small tree in a temporary folder,\n"
        "checks it, changes a file and sees the change reported.\n"},
       {"version", "usage: signdb version\n\nPrints the tool's version.\n"},
+      {"sign",
+       "usage: signdb sign FILE.hdb.candidate [--passphrase-fd N]\n"
+       "\n"
+       "On the host that holds the signer key: signs a candidate made by 'scan --sign-later' or\n"
+       "'update --sign-later' (FILE.p7s) and its policy binding (FILE.bind). Look at it first\n"
+       "('signdb dump', 'signdb diff'): what is signed is what the monitored host will trust.\n"
+       "\n"
+       "examples:\n"
+       "  signdb sign /transfer/etc.hdb.candidate\n"},
+      {"accept",
+       "usage: signdb accept POLICY\n"
+       "\n"
+       "On the monitored host: puts the policy's candidate in place once its signature and its\n"
+       "binding hold (signer trusted, same policy, root and host, made from the database in place),\n"
+       "with the same crash-safe steps as a save; the database it replaces is kept as the previous.\n"
+       "\n"
+       "examples:\n"
+       "  signdb accept etc\n"},
       {"renew",
        "usage: signdb renew --ca-key PATH [--days N] [--passphrase-fd N]\n"
        "\n"
@@ -168,6 +189,8 @@ void PrintUsage(std::ostream& out) {
          "  show POLICY PATH         everything recorded for one object\n"
          "  verify FILE.hdb          check an HDB file's signature and name its signer\n"
          "  dump FILE.hdb            print an HDB file's header and records\n"
+         "  sign FILE.candidate      sign a candidate on the host that holds the signer key\n"
+         "  accept POLICY            put a candidate signed elsewhere in place\n"
          "  renew --ca-key PATH      issue a new signer certificate with the offline CA key\n"
          "  selftest                 exercise the module through the reference host\n"
          "  version                  print the tool's version\n"

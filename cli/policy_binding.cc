@@ -51,6 +51,32 @@ std::string RecordLine(const CPolicyBinding& binding) {
   return out.str();
 }
 
+CPolicyBinding ParseRecord(const std::string& line, const std::string& path) {
+  CPolicyBinding binding;
+  try {
+    Poco::JSON::Object::Ptr record = Poco::JSON::Parser().parse(line).extract<Poco::JSON::Object::Ptr>();
+    binding.policy = record->getValue<std::string>("policy");
+    binding.root = record->getValue<std::string>("root");
+    binding.host = record->getValue<std::string>("host");
+    Poco::JSON::Array::Ptr revisions = record->getArray("revisions");
+    for (size_t i = 0; revisions && i < revisions->size(); ++i) {
+      binding.revisions.push_back(std::stoull(revisions->getElement<std::string>(static_cast<unsigned>(i)), nullptr, 16));
+    }
+  } catch (const std::exception&) {
+    throw std::runtime_error("the policy binding " + path + " is damaged");
+  }
+  return binding;
+}
+
+void WriteSignedLine(const std::string& hdb_path, const std::string& line, CRefSigner& signer) {
+  std::string signature;
+  if (!signer.SignBytes(reinterpret_cast<const uint8_t*>(line.data()), line.size(), signature)) {
+    throw std::runtime_error("cannot sign the policy binding " + PolicyBindingPathOf(hdb_path) + ": " + signature);
+  }
+  std::string text = line + "\n" + Base64(signature) + "\n";
+  WriteWholeFile(PolicyBindingPathOf(hdb_path), text.data(), text.size());
+}
+
 }  // namespace
 
 bool CPolicyBinding::Vouches(uint64_t revision) const {
@@ -60,13 +86,22 @@ bool CPolicyBinding::Vouches(uint64_t revision) const {
 std::string PolicyBindingPathOf(const std::string& hdb_path) { return hdb_path + kBindingSuffix; }
 
 void WritePolicyBinding(const std::string& hdb_path, const CPolicyBinding& binding, CRefSigner& signer) {
-  std::string line = RecordLine(binding);
-  std::string signature;
-  if (!signer.SignBytes(reinterpret_cast<const uint8_t*>(line.data()), line.size(), signature)) {
-    throw std::runtime_error("cannot sign the policy binding " + PolicyBindingPathOf(hdb_path) + ": " + signature);
-  }
-  std::string text = line + "\n" + Base64(signature) + "\n";
+  WriteSignedLine(hdb_path, RecordLine(binding), signer);
+}
+
+void WriteUnsignedPolicyBinding(const std::string& hdb_path, const CPolicyBinding& binding) {
+  std::string text = RecordLine(binding) + "\n";
   WriteWholeFile(PolicyBindingPathOf(hdb_path), text.data(), text.size());
+}
+
+CPolicyBinding SignPolicyBinding(const std::string& hdb_path, CRefSigner& signer) {
+  std::string path = PolicyBindingPathOf(hdb_path);
+  std::vector<uint8_t> bytes = ReadWholeFile(path, kLargestBinding);
+  std::string text(bytes.begin(), bytes.end());
+  std::string line = text.substr(0, text.find('\n'));
+  CPolicyBinding binding = ParseRecord(line, path);
+  WriteSignedLine(hdb_path, line, signer);
+  return binding;
 }
 
 std::optional<CPolicyBinding> ReadPolicyBinding(const std::string& hdb_path, CRefPkcs7Verifier& verifier) {
@@ -85,20 +120,7 @@ std::optional<CPolicyBinding> ReadPolicyBinding(const std::string& hdb_path, CRe
       !verifier.Verify(reinterpret_cast<const uint8_t*>(line.data()), line.size())) {
     throw std::runtime_error("the policy binding " + path + " is not signed by a trusted signer: " + verifier.reason());
   }
-  CPolicyBinding binding;
-  try {
-    Poco::JSON::Object::Ptr record = Poco::JSON::Parser().parse(line).extract<Poco::JSON::Object::Ptr>();
-    binding.policy = record->getValue<std::string>("policy");
-    binding.root = record->getValue<std::string>("root");
-    binding.host = record->getValue<std::string>("host");
-    Poco::JSON::Array::Ptr revisions = record->getArray("revisions");
-    for (size_t i = 0; revisions && i < revisions->size(); ++i) {
-      binding.revisions.push_back(std::stoull(revisions->getElement<std::string>(static_cast<unsigned>(i)), nullptr, 16));
-    }
-  } catch (const std::exception&) {
-    throw std::runtime_error("the policy binding " + path + " is damaged");
-  }
-  return binding;
+  return ParseRecord(line, path);
 }
 
 std::string PolicyBindingMismatch(const CPolicyBinding& binding, const std::string& policy, const std::string& root,

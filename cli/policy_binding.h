@@ -29,6 +29,13 @@ std::string PolicyBindingPathOf(const std::string& hdb_path);
 // Signs and writes the record; throws std::runtime_error with the reason.
 void WritePolicyBinding(const std::string& hdb_path, const CPolicyBinding& binding, CRefSigner& signer);
 
+// Writes the record without its signature, for a candidate that is signed on another host.
+void WriteUnsignedPolicyBinding(const std::string& hdb_path, const CPolicyBinding& binding);
+
+// Signs the record beside "hdb_path" as it stands (on the signing host) and returns it; throws
+// std::runtime_error when there is none or it cannot be read or signed.
+CPolicyBinding SignPolicyBinding(const std::string& hdb_path, CRefSigner& signer);
+
 // The record beside "hdb_path", its signature checked against the trust anchor; nothing when
 // there is none. Throws std::runtime_error when it is there but damaged or not signed by a
 // trusted signer.

@@ -19,7 +19,7 @@
 #include "refhost/safe_text.h"
 
 int RunScan(const CCommandLine& line) {
-  RequireShape(line, {}, 1, 1);
+  RequireShape(line, {"--sign-later"}, 1, 1);
   CSession session(line);
   const CRefPolicySettings& policy = session.Policy(line.arguments[0]);
   session.RequireRoot(policy);

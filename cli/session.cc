@@ -64,6 +64,7 @@ CSession::CSession(const CCommandLine& line) {
   wait_for_locks_ = line.Has("--wait");
   accept_unbound_ = line.Has("--bind");
   passphrase_fd_ = line.Value("--passphrase-fd");
+  sign_later_ = line.Has("--sign-later");
   config_path_ = line.Value("--config", DefaultConfigPath());
   if (!boost::filesystem::exists(config_path_)) {
     throw CToolError("no configuration at " + config_path_ +
@@ -292,8 +293,131 @@ void CSession::PrepareSigner() {
   signer_ready_ = true;
 }
 
+std::unique_ptr<CRefSigner> CSession::Signer() {
+  PrepareSigner();
+  try {
+    return std::make_unique<CRefSigner>(settings_.signer_certificate, settings_.signer_key, settings_.signer_chain,
+                                        passphrase_);
+  } catch (const std::exception& e) {
+    throw CToolError(e.what());
+  }
+}
+
+std::string CSession::CandidateOf(const CRefPolicySettings& policy) {
+  return Narrow(front_->HdbFilePath(policy.name)) + ".candidate";
+}
+
+std::string CSession::SaveCandidate(const std::shared_ptr<CHashDB>& database, const CRefPolicySettings& policy) {
+  std::string current = Narrow(front_->HdbFilePath(policy.name));
+  std::string candidate = CandidateOf(policy);
+  CSignatureOf signature_of = [this](const std::string& hdb) { return SignatureFileOf(hdb); };
+  uint64_t before = 0;
+  uint64_t stamp = 0;
+  try {
+    FinishInterruptedSave(current, signature_of);
+    for (const std::string& old : {candidate, SignatureFileOf(candidate), PolicyBindingPathOf(candidate)}) {
+      boost::filesystem::remove(old);
+    }
+    ReadRecordedRevision(current, before);
+    do {
+      stamp = host_->Utility()->RandomStamp();
+    } while (stamp == 0 || stamp == ~0ull || stamp == before || stamp == database->Revision());
+    host_->ref_utility().PresetNextStamp(stamp);
+  } catch (const std::exception& e) {
+    throw CToolError(e.what(), {"no candidate was written; " + current + " stays as it was"});
+  }
+  host_->ref_crypto().DeferSigningTo(candidate);
+  std::string declined;
+  try {
+    database->Save();  // declines at its signature, having kept the candidate
+  } catch (const std::exception& e) {
+    declined = e.what();
+  }
+  host_->ref_crypto().DeferSigningTo(std::string());
+  uint64_t written = 0;
+  try {
+    CompleteReplacement(current, signature_of);  // the module's temporary file goes
+    if (!ReadHeaderRevision(candidate, written) || written != stamp) {
+      throw std::runtime_error(declined.empty() ? "the candidate was not written" : declined);
+    }
+    // The signing host signs this record with the candidate: it vouches for the candidate and,
+    // until the candidate is in place, for the database it replaces.
+    std::vector<uint64_t> revisions = {stamp};
+    if (before != 0) revisions.push_back(before);
+    WriteUnsignedPolicyBinding(candidate, BindingOf(policy, revisions));
+  } catch (const std::exception& e) {
+    boost::system::error_code ignored;
+    boost::filesystem::remove(candidate, ignored);
+    throw CToolError(e.what(), {"no candidate was written; " + current + " stays as it was"});
+  }
+  std::cout << "the candidate " << candidate << " (revision " << RevisionText(stamp)
+            << ") waits for its signature: on the signing host, run 'signdb sign " << candidate
+            << "', bring back " << SignatureFileOf(candidate) << " and " << PolicyBindingPathOf(candidate)
+            << ", then run 'signdb accept " << policy.name << "' here\n";
+  return candidate;
+}
+
+uint64_t CSession::AcceptCandidate(const CRefPolicySettings& policy) {
+  LockPolicy(policy, CPolicyLock::CMode::kExclusive);
+  std::string current = Narrow(front_->HdbFilePath(policy.name));
+  std::string candidate = CandidateOf(policy);
+  CSignatureOf signature_of = [this](const std::string& hdb) { return SignatureFileOf(hdb); };
+  boost::system::error_code missing;
+  if (!boost::filesystem::exists(candidate, missing)) {
+    throw CToolError("policy '" + policy.name + "' has no candidate (" + candidate + "); make one with 'signdb scan " +
+                     policy.name + " --sign-later' or 'signdb update " + policy.name + " --sign-later'");
+  }
+  // What comes back from the signing host is checked as a load would check it, before it counts.
+  std::shared_ptr<CHashDB> database = NewDatabase(policy);
+  LoadFile(database, candidate, SignatureFileOf(candidate), true);
+  uint64_t revision = database->Revision();
+  CRefPkcs7Verifier verifier(settings_.signer_chain, settings_.local_cstm_id);
+  std::optional<CPolicyBinding> binding;
+  try {
+    binding = ReadPolicyBinding(candidate, verifier);
+  } catch (const std::exception& e) {
+    throw CToolError(std::string(e.what()) + "; the candidate is not accepted");
+  }
+  if (!binding) throw CToolError("the candidate has no binding (" + PolicyBindingPathOf(candidate) + "); it is not accepted");
+  CPolicyBinding expected = BindingOf(policy, {});
+  std::string mismatch = PolicyBindingMismatch(*binding, expected.policy, expected.root, expected.host);
+  if (mismatch.empty() && !binding->Vouches(revision)) mismatch = "its binding does not vouch for its revision";
+  if (mismatch.empty()) {
+    uint64_t recorded = 0;
+    if (ReadRecordedRevision(current, recorded) && recorded != 0 && !binding->Vouches(recorded)) {
+      mismatch = "it was made from another database than the one now in place (revision " + RevisionText(recorded) + ")";
+    }
+  }
+  if (!mismatch.empty()) throw CToolError("the candidate " + candidate + " is not accepted: " + mismatch);
+
+  // The steps of a save: the marker first, then the binding (it vouches for both revisions), the
+  // previous pair, the new pair, the revision file.
+  CSaveMarker marker;
+  try {
+    FinishInterruptedSave(current, signature_of);
+    ReadRecordedRevision(current, marker.before);
+    marker.saving = revision;
+    WriteSaveMarker(current, marker);
+    std::vector<uint8_t> bytes = ReadWholeFile(PolicyBindingPathOf(candidate), 1 << 20);
+    WriteWholeFile(PolicyBindingPathOf(current), bytes.data(), bytes.size());
+    if (boost::filesystem::exists(current, missing) && boost::filesystem::exists(SignatureFileOf(current), missing)) {
+      ReplacePairWithCopy(current, PreviousFileOf(policy), signature_of);
+    }
+    ReplacePairWithCopy(candidate, current, signature_of);
+    WriteRecordedRevision(current, revision);
+    RemoveSaveMarker(current);
+  } catch (const std::exception& e) {
+    throw CToolError(e.what(), {"the candidate was not put in place; run 'signdb accept " + policy.name + "' again"});
+  }
+  for (const std::string& done : {candidate, SignatureFileOf(candidate), PolicyBindingPathOf(candidate)}) {
+    boost::filesystem::remove(done, missing);
+  }
+  return revision;
+}
+
 std::string CSession::Save(const std::shared_ptr<CHashDB>& database, const CRefPolicySettings& policy) {
   LockPolicy(policy, CPolicyLock::CMode::kExclusive);
+  if (sign_later_) return SaveCandidate(database, policy);
   PrepareSigner();
   std::string current = Narrow(front_->HdbFilePath(policy.name));
   CSignatureOf signature_of = [this](const std::string& hdb) { return SignatureFileOf(hdb); };

@@ -13,6 +13,7 @@
 class CHashDB;
 class CModuleLoader;
 class CRefHost;
+class CRefSigner;
 class CSignDB;
 struct CCommandLine;
 
@@ -59,7 +60,20 @@ class CSession {
                 const std::string& signature_path, bool verify);
   // Saves the database and writes the policy's revision file; returns the HDB file's path. The
   // database it replaces, if any, is kept with its signature as PreviousFileOf(policy).
+  // With --sign-later, nothing is signed here and the database in place stays: the new one is
+  // kept as a candidate (CandidateOf) with its unsigned binding, and its path is returned.
   std::string Save(const std::shared_ptr<CHashDB>& database, const CRefPolicySettings& policy);
+  // Where a database waits for its signature from another host: NAME.hdb.candidate.
+  std::string CandidateOf(const CRefPolicySettings& policy);
+  // Before the first signature of a run: refuses an expired signer certificate, warns when it
+  // expires within 30 days, and reads the passphrase of a protected signer key.
+  void PrepareSigner();
+  // The configured signer, prepared so (throws CToolError with OpenSSL's reason).
+  std::unique_ptr<CRefSigner> Signer();
+  // Puts a candidate signed elsewhere (its .p7s and signed binding beside it) in place of the
+  // policy's database, with the steps of a save; throws CToolError when anything does not hold.
+  // Returns the candidate's revision.
+  uint64_t AcceptCandidate(const CRefPolicySettings& policy);
 
   // Where the database that the last save replaced is kept: NAME.previous.hdb in the data folder.
   std::string PreviousFileOf(const CRefPolicySettings& policy);
@@ -79,9 +93,7 @@ class CSession {
  private:
   // The signed record that ties a policy's database to the policy, root, host and revisions.
   CPolicyBinding BindingOf(const CRefPolicySettings& policy, std::vector<uint64_t> revisions) const;
-  // Before the first signature of a run: refuses an expired signer certificate, warns when it
-  // expires within 30 days, and reads the passphrase of a protected signer key.
-  void PrepareSigner();
+  std::string SaveCandidate(const std::shared_ptr<CHashDB>& database, const CRefPolicySettings& policy);
   void WriteBinding(const CRefPolicySettings& policy, const std::string& hdb_path, std::vector<uint64_t> revisions);
   // The binding of the policy's database; refuses (CToolError) one that is missing (unless --bind),
   // not trusted, or of another policy, root or host. Which revisions it vouches for is the
@@ -98,5 +110,6 @@ class CSession {
   std::string passphrase_fd_;    // --passphrase-fd N: where a protected signer key's passphrase comes from
   std::string passphrase_;       // read once, when the first save needs it
   bool signer_ready_ = false;
+  bool sign_later_ = false;  // --sign-later
   std::map<std::string, std::unique_ptr<CPolicyLock>> locks_;  // by policy name
 };

@@ -14,7 +14,7 @@
 #include "refhost/file_obj_info.h"
 
 int RunUpdate(const CCommandLine& line) {
-  RequireShape(line, {"--json", "--bind"}, 1, 1);
+  RequireShape(line, {"--json", "--bind", "--sign-later"}, 1, 1);
   CSession session(line);
   CPolicyCheck check = CheckNamedPolicy(session, line, true);
   const CRefPolicySettings& policy = check.policy;

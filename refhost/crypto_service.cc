@@ -14,6 +14,7 @@
 #include <stdexcept>
 #include <vector>
 
+#include "refhost/deferred_signer.h"
 #include "refhost/file_descriptor.h"
 #include "refhost/pkcs7.h"
 #include "refhost/settings.h"
@@ -154,12 +155,18 @@ std::shared_ptr<CSigner> CRefCryptoService::MakeSigner(const std::wstring& certi
                                                        const std::wstring& key,
                                                        const std::wstring& chain) {
   std::lock_guard<std::mutex> guard(passphrase_lock_);
+  if (!deferred_candidate_.empty()) return std::make_shared<CDeferredSigner>(deferred_candidate_);
   return std::make_shared<CRefSigner>(WideToUtf8(certificate), WideToUtf8(key), WideToUtf8(chain), signer_passphrase_);
 }
 
 void CRefCryptoService::SetSignerPassphrase(std::string passphrase) {
   std::lock_guard<std::mutex> guard(passphrase_lock_);
   signer_passphrase_ = std::move(passphrase);
+}
+
+void CRefCryptoService::DeferSigningTo(std::string candidate_path) {
+  std::lock_guard<std::mutex> guard(passphrase_lock_);
+  deferred_candidate_ = std::move(candidate_path);
 }
 
 std::shared_ptr<CPkcs7Verifier> CRefCryptoService::MakeVerifier() {

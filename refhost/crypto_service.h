@@ -25,6 +25,9 @@ class CRefCryptoService : public CCryptoService {
   std::shared_ptr<CPkcs7Verifier> MakeVerifier() override;
   // The passphrase of a protected signer key, given to every signer made from now on.
   void SetSignerPassphrase(std::string passphrase);
+  // While set (not empty), signers only keep the file to sign as this candidate, for signing on
+  // another host (CDeferredSigner).
+  void DeferSigningTo(std::string candidate_path);
   std::string LocalCstmId() override;
   std::string LocalLcsId() override;
   std::wstring SignatureFilePath(const std::wstring& path) override;
@@ -35,6 +38,7 @@ class CRefCryptoService : public CCryptoService {
   std::string trust_anchor_;  // the CA file that verified signatures must chain to
   std::mutex passphrase_lock_;
   std::string signer_passphrase_;  // guarded by passphrase_lock_
+  std::string deferred_candidate_;  // guarded by passphrase_lock_
 };
 
 // The hash text of the content of an open regular file, as long as it was when this began; "name"

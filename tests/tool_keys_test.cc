@@ -143,4 +143,57 @@ TEST_F(ToolKeysTest, ASignerKeyNamedByAStoreUriSigns) {
   EXPECT_EQ(Tool("check t").status, 0);
 }
 
+// The monitored host holds no signer key: a scan or update leaves a candidate that the signing
+// host signs, and accepting it puts it in place as a save would; what was changed after its
+// signature is never accepted.
+TEST_F(ToolKeysTest, SignedElsewhereTheMonitoredHostNeedsNoKeyAndAcceptsOnlyWhatWasSigned) {
+  Write("etc/hosts", "127.0.0.1 localhost\n");
+  Init();
+  // The signing host's configuration: the one place the signer key is.
+  boost::filesystem::create_directories(dir_ / "signing/data");
+  boost::filesystem::permissions(dir_ / "signing/data", boost::filesystem::perms::owner_all);
+  boost::filesystem::rename(Keys("signer.key"), dir_ / "signing/signer.key");
+  std::string signing = dir_ / "signing/signdb.json";
+  std::string text = CTempDir::Read(config_);
+  for (const std::string& name : {std::string("signer.pem"), std::string("ca.pem")}) {
+    text.replace(text.find("\"keys/" + name + "\""), name.size() + 7, "\"" + Keys(name) + "\"");
+  }
+  text.replace(text.find("\"keys/signer.key\""), 17, "\"" + (dir_ / "signing/signer.key") + "\"");
+  dir_.Write("signing/signdb.json", text);
+  ASSERT_EQ(::chmod(signing.c_str(), 0600), 0);
+  std::string candidate = Data("t.hdb.candidate");
+  auto sign = [&] { return Run("--config '" + signing + "' sign '" + candidate + "'"); };
+
+  CToolRun scan = Tool("scan t --sign-later");
+  EXPECT_EQ(scan.status, 0) << scan.err;
+  EXPECT_THAT(scan.out, AllOf(HasSubstr("waits for its signature"), HasSubstr("signdb accept t")));
+  EXPECT_FALSE(boost::filesystem::exists(Data("t.hdb")));
+  EXPECT_EQ(Tool("accept t").status, 2);  // not signed yet
+  CToolRun signed_run = sign();
+  EXPECT_EQ(signed_run.status, 0) << signed_run.err;
+  EXPECT_THAT(signed_run.out, HasSubstr("signed its binding to policy 't'"));
+  CToolRun accept = Tool("accept t");
+  EXPECT_EQ(accept.status, 0) << accept.err;
+  EXPECT_FALSE(boost::filesystem::exists(candidate));
+  EXPECT_EQ(Tool("check t").status, 0);
+
+  // An update the same way: the database in place stays until its successor is signed.
+  Write("etc/hosts", "10.0.0.1 changed\n");
+  CToolRun update = Tool("update t --sign-later");
+  EXPECT_LT(update.status, 2) << update.err;
+  EXPECT_EQ(Tool("check t").status, 1);
+  ASSERT_EQ(sign().status, 0);
+  std::string good = CTempDir::Read(candidate);
+  std::ofstream(candidate, std::ios::app) << "x";  // changed after it was signed
+  CToolRun tampered = Tool("accept t");
+  EXPECT_EQ(tampered.status, 2);
+  EXPECT_THAT(tampered.err, HasSubstr("was refused")) << tampered.err;
+  std::ofstream(candidate, std::ios::trunc) << good;
+  CToolRun accepted = Tool("accept t");
+  EXPECT_EQ(accepted.status, 0) << accepted.err;
+  CToolRun clean = Tool("check t");
+  EXPECT_EQ(clean.status, 0) << clean.out << clean.err;
+  EXPECT_TRUE(boost::filesystem::exists(Data("t.previous.hdb")));
+}
+
 }  // namespace

@@ -1,0 +1,65 @@
+// Signing on another host: "signdb scan|update POLICY --sign-later" keeps the new database as an
+// unsigned candidate; "signdb sign FILE" signs it (and its binding) where the signer key lives;
+// "signdb accept POLICY" puts the signed candidate in place on the monitored host. Root on the
+// monitored host then never holds a key that could re-sign what it changed.
+
+#include <iostream>
+
+#include <boost/filesystem/operations.hpp>
+
+#include "cli/command_line.h"
+#include "cli/commands.h"
+#include "cli/database_files.h"
+#include "cli/exit_status.h"
+#include "cli/policy_binding.h"
+#include "cli/session.h"
+#include "refhost/pkcs7.h"
+#include "refhost/text_conversion.h"
+
+int RunSign(const CCommandLine& line) {
+  RequireShape(line, {}, 1, 1);
+  CSession session(line);
+  std::string file = boost::filesystem::absolute(line.arguments[0]).lexically_normal().string();
+  uint64_t revision = 0;
+  bool is_hdb = false;
+  try {
+    is_hdb = ReadHeaderRevision(file, revision);
+  } catch (const std::exception& e) {
+    throw CToolError(e.what());
+  }
+  if (!is_hdb) throw CToolError(file + " is not an HDB file (or is cut short); nothing was signed");
+  std::unique_ptr<CRefSigner> signer = session.Signer();
+  std::string result;
+  if (!signer->Sign(Utf8ToWide(file), result, 0, 0)) throw CToolError(result + "; nothing was signed");
+  std::cout << "signed " << file << " (revision " << RevisionText(revision) << "): " << file << ".p7s\n";
+  boost::system::error_code missing;
+  if (!boost::filesystem::exists(PolicyBindingPathOf(file), missing)) {
+    std::cout << "no binding beside it (" << PolicyBindingPathOf(file)
+              << "): the monitored host accepts the candidate only with its signed binding\n";
+    return kExitOk;
+  }
+  try {
+    CPolicyBinding binding = SignPolicyBinding(file, *signer);
+    if (!binding.Vouches(revision)) {
+      throw CToolError("the binding " + PolicyBindingPathOf(file) + " does not vouch for revision " +
+                       RevisionText(revision) + "; it was not signed");
+    }
+    std::cout << "signed its binding to policy '" << binding.policy << "' (" << binding.root << ") on host '"
+              << binding.host << "': " << PolicyBindingPathOf(file) << "\n";
+  } catch (const CToolError&) {
+    throw;
+  } catch (const std::exception& e) {
+    throw CToolError(e.what());
+  }
+  return kExitOk;
+}
+
+int RunAccept(const CCommandLine& line) {
+  RequireShape(line, {}, 1, 1);
+  CSession session(line);
+  const CRefPolicySettings& policy = session.Policy(line.arguments[0]);
+  uint64_t revision = session.AcceptCandidate(policy);
+  std::cout << "accepted the candidate of policy " << policy.name << " (revision " << RevisionText(revision)
+            << "): it is the policy's database now\n";
+  return kExitOk;
+}
