@@ -379,6 +379,25 @@ uint64_t CSession::AcceptCandidate(const CRefPolicySettings& policy) {
     throw CToolError(std::string(e.what()) + "; the candidate is not accepted");
   }
   if (!binding) throw CToolError("the candidate has no binding (" + PolicyBindingPathOf(candidate) + "); it is not accepted");
+  auto forget_candidate = [&] {
+    for (const std::string& done : {candidate, SignatureFileOf(candidate), PolicyBindingPathOf(candidate)}) {
+      boost::filesystem::remove(done, missing);
+    }
+  };
+  // An accept killed after the candidate was put in place: only its last steps are left.
+  CSignedPair in_place = FindSignedPair(current, signature_of);
+  uint64_t placed = 0;
+  if (boost::filesystem::exists(in_place.hdb, missing) && ReadHeaderRevision(in_place.hdb, placed) && placed == revision) {
+    try {
+      FinishInterruptedSave(current, signature_of);
+      uint64_t recorded = 0;
+      if (!ReadRecordedRevision(current, recorded) || recorded != revision) WriteRecordedRevision(current, revision);
+    } catch (const std::exception& e) {
+      throw CToolError(e.what(), {"run 'signdb accept " + policy.name + "' again"});
+    }
+    forget_candidate();
+    return revision;
+  }
   CPolicyBinding expected = BindingOf(policy, {});
   std::string mismatch = PolicyBindingMismatch(*binding, expected.policy, expected.root, expected.host);
   if (mismatch.empty() && !binding->Vouches(revision)) mismatch = "its binding does not vouch for its revision";
@@ -409,9 +428,7 @@ uint64_t CSession::AcceptCandidate(const CRefPolicySettings& policy) {
   } catch (const std::exception& e) {
     throw CToolError(e.what(), {"the candidate was not put in place; run 'signdb accept " + policy.name + "' again"});
   }
-  for (const std::string& done : {candidate, SignatureFileOf(candidate), PolicyBindingPathOf(candidate)}) {
-    boost::filesystem::remove(done, missing);
-  }
+  forget_candidate();
   return revision;
 }
 

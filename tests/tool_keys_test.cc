@@ -2,6 +2,7 @@
 // and signer certificates that expire.
 
 #include <gmock/gmock.h>
+#include <signal.h>
 
 #include <fstream>
 #include <string>
@@ -27,6 +28,25 @@ class ToolKeysTest : public ToolTest {
     request.ca_key_path = OfflineCaKey();
     boost::filesystem::create_directories(dir_ / "offline");
     MakeDevelopmentKeys(dir_ / "cfg/keys", request);
+  }
+  // Moves the signer key to a "signing host" folder with a configuration of its own there, the
+  // one place the key is; returns that configuration.
+  std::string SigningHost() {
+    boost::filesystem::create_directories(dir_ / "signing/data");
+    boost::filesystem::permissions(dir_ / "signing/data", boost::filesystem::perms::owner_all);
+    boost::filesystem::rename(Keys("signer.key"), dir_ / "signing/signer.key");
+    std::string text = CTempDir::Read(config_);
+    for (const std::string& name : {std::string("signer.pem"), std::string("ca.pem")}) {
+      text.replace(text.find("\"keys/" + name + "\""), name.size() + 7, "\"" + Keys(name) + "\"");
+    }
+    text.replace(text.find("\"keys/signer.key\""), 17, "\"" + (dir_ / "signing/signer.key") + "\"");
+    dir_.Write("signing/signdb.json", text);
+    std::string signing = dir_ / "signing/signdb.json";
+    EXPECT_EQ(::chmod(signing.c_str(), 0600), 0);
+    return signing;
+  }
+  CToolRun Sign(const std::string& signing) const {
+    return Run("--config '" + signing + "' sign '" + Data("t.hdb.candidate") + "'");
   }
   // Replaces one text in the configuration, keeping its owner and mode.
   void EditConfig(const std::string& from, const std::string& to) {
@@ -149,20 +169,9 @@ TEST_F(ToolKeysTest, ASignerKeyNamedByAStoreUriSigns) {
 TEST_F(ToolKeysTest, SignedElsewhereTheMonitoredHostNeedsNoKeyAndAcceptsOnlyWhatWasSigned) {
   Write("etc/hosts", "127.0.0.1 localhost\n");
   Init();
-  // The signing host's configuration: the one place the signer key is.
-  boost::filesystem::create_directories(dir_ / "signing/data");
-  boost::filesystem::permissions(dir_ / "signing/data", boost::filesystem::perms::owner_all);
-  boost::filesystem::rename(Keys("signer.key"), dir_ / "signing/signer.key");
-  std::string signing = dir_ / "signing/signdb.json";
-  std::string text = CTempDir::Read(config_);
-  for (const std::string& name : {std::string("signer.pem"), std::string("ca.pem")}) {
-    text.replace(text.find("\"keys/" + name + "\""), name.size() + 7, "\"" + Keys(name) + "\"");
-  }
-  text.replace(text.find("\"keys/signer.key\""), 17, "\"" + (dir_ / "signing/signer.key") + "\"");
-  dir_.Write("signing/signdb.json", text);
-  ASSERT_EQ(::chmod(signing.c_str(), 0600), 0);
+  std::string signing = SigningHost();
   std::string candidate = Data("t.hdb.candidate");
-  auto sign = [&] { return Run("--config '" + signing + "' sign '" + candidate + "'"); };
+  auto sign = [&] { return Sign(signing); };
 
   CToolRun scan = Tool("scan t --sign-later");
   EXPECT_EQ(scan.status, 0) << scan.err;
@@ -194,6 +203,37 @@ TEST_F(ToolKeysTest, SignedElsewhereTheMonitoredHostNeedsNoKeyAndAcceptsOnlyWhat
   CToolRun clean = Tool("check t");
   EXPECT_EQ(clean.status, 0) << clean.out << clean.err;
   EXPECT_TRUE(boost::filesystem::exists(Data("t.previous.hdb")));
+}
+
+// A kill at any step of an accept leaves a loadable signed pair, and the next accept finishes.
+TEST_F(ToolKeysTest, AKillAtEveryStepOfAnAcceptLeavesALoadableSignedPair) {
+  Write("etc/hosts", "127.0.0.1 localhost\n");
+  Init();
+  std::string signing = SigningHost();
+  ASSERT_EQ(Tool("scan t --sign-later").status, 0);
+  ASSERT_EQ(Sign(signing).status, 0);
+  ASSERT_EQ(Tool("accept t").status, 0);
+  int steps = 0;
+  for (int step = 1; step < 200; ++step) {
+    Write("etc/hosts", "changed " + std::to_string(step) + "\n");
+    ASSERT_LT(Tool("update t --sign-later").status, 2);
+    ASSERT_EQ(Sign(signing).status, 0);
+    CToolRun killed = RunShell("SIGNDB_TEST_KILL_AT_STEP=" + std::to_string(step) + " '" SIGNDB_TOOL_PATH
+                               "' --config '" + config_ + "' accept t");
+    if (killed.status != 128 + SIGKILL) {
+      ASSERT_EQ(killed.status, 0) << killed.err;
+      steps = step - 1;
+      break;
+    }
+    CToolRun check = Tool("check t");
+    ASSERT_LE(check.status, 1) << "killed at step " << step << ": " << check.err;
+    CToolRun again = Tool("accept t");
+    ASSERT_EQ(again.status, 0) << "killed at step " << step << ": " << again.err;
+    CToolRun clean = Tool("check t");
+    ASSERT_EQ(clean.status, 0) << "killed at step " << step << ": " << clean.out << clean.err;
+    ASSERT_EQ(Tool("diff t").status < 2, true) << "killed at step " << step;
+  }
+  EXPECT_GT(steps, 5) << "an accept has several steps to interrupt";
 }
 
 }  // namespace
