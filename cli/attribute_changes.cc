@@ -102,6 +102,25 @@ const CAspectWords& WordsOf(CAspect aspect) {
   return kWords[static_cast<size_t>(aspect)];
 }
 
+}  // namespace
+
+bool AspectOfLabel(const std::string& label, CAspect& aspect) {
+  for (size_t i = 0; i <= static_cast<size_t>(CAspect::kStatusChanged); ++i) {
+    const char* known = WordsOf(static_cast<CAspect>(i)).label;
+    if (known != nullptr && label == known) {
+      aspect = static_cast<CAspect>(i);
+      return true;
+    }
+  }
+  if (label == "xattrs") {
+    aspect = CAspect::kXattr;
+    return true;
+  }
+  return false;
+}
+
+namespace {
+
 // The label of an attribute in a line for people.
 std::string Label(const CAttributeChange& change) {
   if (change.aspect == CAspect::kXattr)

@@ -50,6 +50,8 @@ struct CAttributeChange {
 // "hash changed", "owner changed", "times changed", ...: a report line's words for a difference
 // headed by this aspect.
 const char* HeadlineWords(CAspect aspect);
+// The aspect whose label in a report is "label" ("hash", "owner", "link target", "modified", ...).
+bool AspectOfLabel(const std::string& label, CAspect& aspect);
 
 // Every difference between two states of one object, most important first. A record in the
 // older security form is compared on what that form held (owner, group, mode, ACL) and gives

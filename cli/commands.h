@@ -17,3 +17,4 @@ int RunSelfTest(const CCommandLine& line);
 int RunRenew(const CCommandLine& line);
 int RunSign(const CCommandLine& line);
 int RunAccept(const CCommandLine& line);
+int RunRules(const CCommandLine& line);

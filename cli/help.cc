@@ -157,6 +157,18 @@ const std::map<std::string, std::string>& CommandHelp() {
        "\n"
        "examples:\n"
        "  signdb accept etc\n"},
+      {"rules",
+       "usage: signdb rules POLICY PATH\n"
+       "\n"
+       "Says which of the policy's rules applies to PATH (relative to the root, or in full) and\n"
+       "why: the last rule that matches decides; below an excluded directory nothing is walked.\n"
+       "Rules are a policy's \"rules\" list in the configuration: {\"path\": GLOB, \"exclude\": true}\n"
+       "or {\"path\": GLOB, \"check\": GROUP or [WORDS]}, each with an optional \"kind\". GLOB is\n"
+       "anchored at the root; \"**\" spans any number of names. Groups: everything, read-only,\n"
+       "permissions, log (may grow; rotation is not a change), ignore directory times.\n"
+       "\n"
+       "examples:\n"
+       "  signdb rules var log/syslog\n"},
       {"renew",
        "usage: signdb renew --ca-key PATH [--days N] [--passphrase-fd N]\n"
        "\n"
@@ -191,6 +203,7 @@ void PrintUsage(std::ostream& out) {
          "  dump FILE.hdb            print an HDB file's header and records\n"
          "  sign FILE.candidate      sign a candidate on the host that holds the signer key\n"
          "  accept POLICY            put a candidate signed elsewhere in place\n"
+         "  rules POLICY PATH        which rule applies to a path, and why\n"
          "  renew --ca-key PATH      issue a new signer certificate with the offline CA key\n"
          "  selftest                 exercise the module through the reference host\n"
          "  version                  print the tool's version\n"

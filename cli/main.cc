@@ -33,7 +33,8 @@ int main(int argc, char** argv) {
       {"init", RunInit},     {"scan", RunScan},       {"check", RunCheck}, {"update", RunUpdate},
       {"diff", RunDiff},     {"lookup", RunLookup},   {"ls", RunList},     {"show", RunShow},
       {"verify", RunVerify}, {"dump", RunDump},       {"selftest", RunSelfTest},
-      {"version", RunVersion}, {"renew", RunRenew},     {"sign", RunSign},   {"accept", RunAccept}};
+      {"version", RunVersion}, {"renew", RunRenew},     {"sign", RunSign},   {"accept", RunAccept},
+      {"rules", RunRules}};
   try {
     CCommandLine line = ParseCommandLine(std::vector<std::string>(argv + 1, argv + argc));
     if (line.command == "help") {

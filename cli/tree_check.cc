@@ -5,7 +5,9 @@
 #include <mutex>
 #include <set>
 
+#include "cli/change_selection.h"
 #include "cli/command_line.h"
+#include "cli/policy_rules.h"
 #include "cli/progress_line.h"
 #include "cli/session.h"
 #include "cli/tree_scanner.h"
@@ -43,13 +45,20 @@ CTreeCheckResult CheckTree(CSession& session, const CRefPolicySettings& policy,
   std::mutex lock;
   CTreeScanner scanner(session.host(), policy.root, session.settings().threads);
   scanner.Exclude(session.DataFolder());
+  CPolicyRules rules = CPolicyRules::Load(session.config_path(), policy.name);
+  scanner.SetRules(&rules);
+  uint32_t policy_number = session.settings().policy_number;
   {
     CProgressLine progress("checking " + policy.name, scanner.counters(), quiet);
     scanner.Run(
         [&](const std::shared_ptr<CRefFileObjInfo>& info) {
           uint32_t status = database->CheckObject(info);
           if (status == kCheckUnchanged) return;
-          CDifference difference = DescribeDifference(*database, status, WideToUtf8(info->RelativePath()), info);
+          std::string relative = WideToUtf8(info->RelativePath());
+          CDifference difference = DescribeDifference(*database, status, relative, info);
+          if (!ApplySelection(difference, rules.SelectionFor(relative, difference.shown().kind()), policy_number)) {
+            return;
+          }
           std::lock_guard<std::mutex> guard(lock);
           result.differences.push_back(std::move(difference));
         },
@@ -68,6 +77,10 @@ CTreeCheckResult CheckTree(CSession& session, const CRefPolicySettings& policy,
   for (const CPathEntry& entry : *unseen) {
     std::string relative = WideToUtf8(entry.second);
     if (InsideUnreadable(unreadable, relative)) continue;
+    if (!rules.empty() &&
+        rules.ExcludedHereOrAbove(relative, RecordedState(*database, session.WideFullPath(policy, relative)).kind())) {
+      continue;  // excluded since it was recorded: the walk no longer looks at it
+    }
     std::shared_ptr<CRefFileObjInfo> info;
     try {
       info = CRefFileObjInfo::FromDisk(*host.Utility(), *host.Cfg(), Utf8ToWide(policy.root),
@@ -81,10 +94,14 @@ CTreeCheckResult CheckTree(CSession& session, const CRefPolicySettings& policy,
     if (info->IsGone()) {
       result.differences.push_back(DescribeGone(*database, status, relative, info->Path()));
     } else {  // appeared while the walk went by
-      result.differences.push_back(DescribeDifference(*database, status, relative, info));
+      CDifference difference = DescribeDifference(*database, status, relative, info);
+      if (ApplySelection(difference, rules.SelectionFor(relative, difference.shown().kind()), policy_number)) {
+        result.differences.push_back(std::move(difference));
+      }
     }
   }
   PairRenamesAndSort(result.differences);
+  ForgiveRotations(result.differences, rules);
   std::sort(result.unreadable.begin(), result.unreadable.end());
   result.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start_time).count();
   return result;

@@ -18,6 +18,8 @@
 #include <thread>
 #include <vector>
 
+#include "cli/object_state.h"
+#include "cli/policy_rules.h"
 #include "refhost/file_descriptor.h"
 #include "refhost/file_obj_info.h"
 #include "refhost/ref_host.h"
@@ -186,6 +188,8 @@ std::string CTreeScanner::Relative(const std::string& path) const {
   return path.substr(skip);
 }
 
+void CTreeScanner::SetRules(const CPolicyRules* rules) { rules_ = rules; }
+
 void CTreeScanner::SetBeforeListingHook(std::function<void(const std::string&)> hook) {
   before_listing_hook_ = std::move(hook);
 }
@@ -209,6 +213,10 @@ void CTreeScanner::Run(const CVisit& visit, const CProblem& problem) {
     std::vector<CPendingObject> children;
     while (work.Pop(object)) {
       const std::string& path = object.path;
+      if (rules_ != nullptr && !object.is_root && rules_->ExcludedWhateverKind(Relative(path))) {
+        work.Done();  // excluded by its path alone: not even examined
+        continue;
+      }
       try {
         std::shared_ptr<CRefFileObjInfo> info;
         std::string reason;
@@ -228,6 +236,12 @@ void CTreeScanner::Run(const CVisit& visit, const CProblem& problem) {
           // vanished since it was listed: nothing to say
         } else if (mounted_here && opened.valid() && IsPseudoFileSystem(opened.get())) {
           // the kernel's state, not files: neither recorded nor entered
+        } else if (mounted_here && (rules_ == nullptr || !rules_->cross_mounts())) {
+          // another file system: the policy stays on its root's unless its rules say otherwise
+        } else if (rules_ != nullptr && !object.is_root &&
+                   rules_->Excluded(Relative(path), KindOf(info->IsDirectory(), info->Attributes(),
+                                                           !info->TargetPath().empty()))) {
+          // excluded by a rule: not recorded, not walked
         } else {
           counters_.objects.fetch_add(1, std::memory_order_relaxed);
           if (!info->IsDirectory() && info->TargetPath().empty()) {

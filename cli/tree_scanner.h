@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+class CPolicyRules;
 class CRefFileObjInfo;
 class CRefHost;
 
@@ -43,6 +44,11 @@ class CTreeScanner {
   // walk and leave Run.
   void Run(const CVisit& visit, const CProblem& problem);
 
+  // Leaves out what the policy's rules exclude (an excluded directory is not walked), and, unless
+  // they let it cross mount points, every directory where another file system is mounted.
+  // "rules" must outlive Run.
+  void SetRules(const CPolicyRules* rules);
+
   // Runs "hook" with a directory's full path after it was examined and before it is listed: tests
   // change the tree in that window.
   void SetBeforeListingHook(std::function<void(const std::string& directory_path)> hook);
@@ -58,5 +64,6 @@ class CTreeScanner {
   unsigned threads_;
   std::vector<std::string> excluded_;
   std::function<void(const std::string&)> before_listing_hook_;
+  const CPolicyRules* rules_ = nullptr;
   CScanCounters counters_;
 };
