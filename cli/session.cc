@@ -18,6 +18,7 @@
 #include "cli/exit_status.h"
 #include "cli/passphrase.h"
 #include "cli/policy_binding.h"
+#include "cli/policy_rules.h"
 #include "cli/text_format.h"
 #include "front/sign_db.h"
 #include "hashdb/hash_db.h"
@@ -75,6 +76,8 @@ CSession::CSession(const CCommandLine& line) {
   } catch (const std::exception& e) {
     throw CToolError(e.what(), {"fix the file, or make a new one with 'signdb init --force'"});
   }
+  // Bad rules are refused before anything is done, whatever the command.
+  for (const CRefPolicySettings& policy : settings_.policies) CPolicyRules::Load(config_path_, policy.name);
   RequireOwnerOnly(config_path_, "the configuration", false);
   RequireOwnerOnly(settings_.signer_chain, "the trust anchor", false);
   RequireOwnerOnly(settings_.signer_certificate, "the signer's certificate", false);

@@ -1,0 +1,198 @@
+// A policy's rules on real folders: what is excluded, what is compared, logs that grow and rotate,
+// directory times, mount points, and rules that are refused.
+
+#include <Poco/JSON/Array.h>
+#include <Poco/JSON/Object.h>
+#include <Poco/JSON/Parser.h>
+#include <gmock/gmock.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+#include "tests/scoped_mount.h"
+#include "tests/tool_fixture.h"
+
+namespace {
+
+using ::testing::AllOf;
+using ::testing::HasSubstr;
+using ::testing::Not;
+using ::testing::StartsWith;
+
+class ToolRulesTest : public ToolTest {
+ protected:
+  // Sets the policy's "rules" (a JSON list) and any other keys of its object, keeping the
+  // configuration's owner and mode.
+  void SetPolicy(const std::string& rules_json, const std::string& key = "", bool value = false) {
+    Poco::JSON::Object::Ptr config = Poco::JSON::Parser().parse(CTempDir::Read(config_)).extract<Poco::JSON::Object::Ptr>();
+    Poco::JSON::Object::Ptr policy = config->getArray("policies")->getObject(0);
+    policy->set("rules", Poco::JSON::Parser().parse(rules_json).extract<Poco::JSON::Array::Ptr>());
+    if (!key.empty()) policy->set(key, value);
+    std::ostringstream text;
+    config->stringify(text, 2);
+    std::ofstream(config_, std::ios::trunc) << text.str() << "\n";
+  }
+  static int LineOf(const std::string& text, const std::string& needle) {
+    size_t at = text.find(needle);
+    return at == std::string::npos ? 0 : 1 + static_cast<int>(std::count(text.begin(), text.begin() + at, '\n'));
+  }
+};
+
+TEST_F(ToolRulesTest, ExcludedPathsAreNeitherRecordedNorWalkedNorReported) {
+  Write("cache/a", "1");
+  Write("cache/deep/b", "2");
+  Write("src/keep.c", "int main;");
+  Write("src/x.swp", "swap");
+  Write("src/sub/.y.swp", "hidden swap");
+  ASSERT_EQ(::symlink("keep.c", Tree("src/link.swp").c_str()), 0);
+  Init();
+  SetPolicy(R"([{"path": "cache", "exclude": true},
+                {"path": "**/*.swp", "kind": "file", "exclude": true}])");
+  ASSERT_EQ(Tool("scan t").status, 0);
+  CToolRun list = Tool("ls t -R");
+  EXPECT_THAT(list.out, AllOf(HasSubstr("src/keep.c"), HasSubstr("src/link.swp")));
+  EXPECT_THAT(list.out, AllOf(Not(HasSubstr("cache")), Not(HasSubstr("x.swp")), Not(HasSubstr(".y.swp"))));
+
+  Write("cache/a", "changed");
+  Write("cache/new", "new");
+  Write("src/x.swp", "changed swap");
+  Write("src/keep.c", "int main();");
+  CToolRun check = Tool("check t");
+  EXPECT_EQ(check.status, 1);
+  EXPECT_THAT(LineAbout(check, "src/keep.c"), StartsWith("hash changed"));
+  EXPECT_THAT(check.out, AllOf(Not(HasSubstr("cache")), Not(HasSubstr("x.swp"))));
+}
+
+TEST_F(ToolRulesTest, RulesAddedAfterTheScanLeaveWhatTheyExcludeUnreported) {
+  Write("cache/a", "1");
+  Write("etc/hosts", "h");
+  Init();
+  ASSERT_EQ(Tool("scan t").status, 0);
+  SetPolicy(R"([{"path": "cache/**", "exclude": true}])");
+  boost::filesystem::remove(Tree("cache/a"));
+  Write("cache/b", "2");
+  CToolRun check = Tool("check t");
+  EXPECT_EQ(check.status, 0) << check.out;
+}
+
+TEST_F(ToolRulesTest, ALogMayGrowButNotShrinkNorChangeWhatItHeld) {
+  Write("log/app.log", "one\n");
+  Write("log/other.txt", "fixed\n");
+  Init();
+  SetPolicy(R"([{"path": "log/*.log", "check": "log"}])");
+  ASSERT_EQ(Tool("scan t").status, 0);
+  { std::ofstream(Tree("log/app.log"), std::ios::app) << "two\n"; }
+  CToolRun grown = Tool("check t");
+  EXPECT_EQ(grown.status, 0) << grown.out;
+
+  Write("log/app.log", "ONE\ntwo\nthree\n");  // longer, but the old part changed
+  CToolRun rewritten = Tool("check t");
+  EXPECT_EQ(rewritten.status, 1);
+  EXPECT_THAT(LineAbout(rewritten, "log/app.log"), StartsWith("hash changed"));
+
+  Write("log/app.log", "o");  // cut short
+  CToolRun shrunk = Tool("check t");
+  EXPECT_EQ(shrunk.status, 1);
+  EXPECT_THAT(LineAbout(shrunk, "log/app.log"), StartsWith("hash changed"));
+
+  Write("log/other.txt", "fixed\nmore\n");  // not a log: growing is a change
+  EXPECT_THAT(LineAbout(Tool("check t"), "log/other.txt"), StartsWith("hash changed"));
+}
+
+TEST_F(ToolRulesTest, ALogRotatedInPlaceIsNotAChange) {
+  Write("log/syslog", "a\nb\n");
+  Write("log/syslog.1", "older\n");
+  Write("plain/syslog", "a\nb\n");
+  Init();
+  SetPolicy(R"([{"path": "log/**", "check": "log"}])");
+  ASSERT_EQ(Tool("scan t").status, 0);
+  for (const char* folder : {"log", "plain"}) {
+    std::string dir = Tree(folder);
+    if (boost::filesystem::exists(dir + "/syslog.1")) boost::filesystem::rename(dir + "/syslog.1", dir + "/syslog.2");
+    boost::filesystem::rename(dir + "/syslog", dir + "/syslog.1");
+    Write(std::string(folder) + "/syslog", "c\n");
+  }
+  CToolRun check = Tool("check t");
+  EXPECT_EQ(check.status, 1);
+  EXPECT_THAT(check.out, Not(HasSubstr("log/syslog"))) << check.out;
+  EXPECT_THAT(check.out, HasSubstr("plain/syslog")) << "without the rule, the same moves are changes";
+}
+
+TEST_F(ToolRulesTest, DirectoryTimesCanBeIgnoredAndAttributesChosen) {
+  Write("d/f", "1");
+  Write("etc/conf", "x");
+  Init();
+  SetPolicy(R"([{"path": "**", "check": "ignore directory times"},
+                {"path": "etc/**", "check": ["hash", "owner"]}])");
+  ASSERT_EQ(Tool("scan t").status, 0);
+  Write("d/g", "new");
+  ASSERT_EQ(::chmod(Tree("etc/conf").c_str(), 0600), 0);
+  CToolRun check = Tool("check t");
+  EXPECT_EQ(check.status, 1);
+  EXPECT_THAT(LineAbout(check, "d/g"), StartsWith("new"));
+  EXPECT_EQ(LineAbout(check, "d/"), "") << "the directory's times changed, and are not reported";
+  EXPECT_EQ(LineAbout(check, "etc/conf"), "") << "its mode is not among the chosen attributes";
+  Write("etc/conf", "changed");
+  EXPECT_THAT(LineAbout(Tool("check t"), "etc/conf"), StartsWith("hash changed"));
+}
+
+TEST_F(ToolRulesTest, AMountPointInsideAPolicyIsNotCrossedUnlessItsRulesSaySo) {
+  Write("etc/hosts", "h");
+  boost::filesystem::create_directories(Tree("mnt"));
+  CScopedMount tmpfs("mount -t tmpfs -o size=1m tmpfs '" + Tree("mnt") + "'", Tree("mnt"));
+  if (!tmpfs.reason().empty()) GTEST_SKIP() << tmpfs.reason();
+  Write("mnt/inside", "on another file system");
+  Init();
+  ASSERT_EQ(Tool("scan t").status, 0);
+  EXPECT_THAT(Tool("ls t -R").out, AllOf(HasSubstr("etc/hosts"), Not(HasSubstr("inside"))));
+  SetPolicy("[]", "cross_mounts", true);
+  ASSERT_EQ(Tool("scan t").status, 0);
+  EXPECT_THAT(Tool("ls t -R").out, HasSubstr("mnt/inside"));
+}
+
+TEST_F(ToolRulesTest, BadRulesAreRefusedWithTheFileTheLineAndWhatIsWrong) {
+  Write("etc/hosts", "h");
+  Init();
+  struct CCase {
+    std::string rules;
+    std::string needle;  // what marks the bad rule's line
+    std::string what;
+  };
+  for (const CCase& bad : std::vector<CCase>{
+           {R"([{"path": "ok/**", "exclude": true}, {"path": "a/[b", "exclude": true}])", "a/[b",
+            "rule 2 of policy 't': the pattern \"a/[b\" has a '[' without its ']'"},
+           {R"([{"path": "x", "check": "loud"}])", "\"x\"", "unknown group or attribute \"loud\""},
+           {R"([{"path": "x", "check": "log", "exclude": true}])", "\"x\"", "either \"exclude\" or \"check\""},
+           {R"([{"path": "/abs", "exclude": true}])", "/abs", "starts with '/'"},
+           {R"([{"path": "x", "kind": "pipe", "exclude": true}])", "\"x\"", "unknown kind \"pipe\""},
+           {R"([{"path": "x", "exclude": true, "why": "noise"}])", "\"x\"", "unknown key \"why\""},
+       }) {
+    SetPolicy(bad.rules);
+    CToolRun run = Tool("check t");
+    EXPECT_EQ(run.status, 2) << bad.rules;
+    int line = LineOf(CTempDir::Read(config_), bad.needle);
+    EXPECT_THAT(run.err, AllOf(HasSubstr(config_ + ":" + std::to_string(line) + ": rule "), HasSubstr(bad.what)))
+        << bad.rules;
+  }
+}
+
+TEST_F(ToolRulesTest, RulesExplainsWhichRuleAppliesAndWhy) {
+  Write("var/log/syslog", "s");
+  Write("var/cache/x", "c");
+  Init();
+  SetPolicy(R"([{"path": "var/**", "check": "read-only"},
+                {"path": "var/log/**", "check": "log"},
+                {"path": "var/cache", "exclude": true}])");
+  CToolRun log = Tool("rules t var/log/syslog");
+  EXPECT_EQ(log.status, 0) << log.err;
+  EXPECT_THAT(log.out, AllOf(HasSubstr("rule 2"), HasSubstr("\"var/log/**\""), HasSubstr("checks log")));
+  EXPECT_THAT(Tool("rules t var/cache/x").out, HasSubstr("below the excluded directory var/cache"));
+  EXPECT_THAT(Tool("rules t " + Tree("var/other")).out, HasSubstr("rule 1"));
+  EXPECT_THAT(Tool("rules t etc").out, HasSubstr("no rule matches"));
+}
+
+}  // namespace
