@@ -177,6 +177,11 @@ CPolicyRules CPolicyRules::Load(const std::string& config_path, const std::strin
           rule.selection.name += (rule.selection.name.empty() ? "" : ", ") + word;
         }
       }
+      if (const std::string* first = rule.pattern.FirstLiteral()) {
+        rules.by_first_name_[*first].push_back(rules.rules_.size());
+      } else {
+        rules.any_first_name_.push_back(rules.rules_.size());
+      }
       rules.rules_.push_back(std::move(rule));
     } catch (const std::invalid_argument& e) {
       throw fail(index, line, e.what());
@@ -189,14 +194,38 @@ const CPolicyRules::CRule* CPolicyRules::Deciding(std::string_view relative_path
                                                   size_t* index) const {
   if (rules_.empty()) return nullptr;
   std::vector<std::string_view> names = SplitPath(relative_path);
-  for (size_t i = rules_.size(); i-- > 0;) {
+  const CRule* found = nullptr;
+  ForEachCandidate(names, [&](size_t i) {
     const CRule& rule = rules_[i];
-    if (!rule.kinds.empty() && std::find(rule.kinds.begin(), rule.kinds.end(), kind) == rule.kinds.end()) continue;
-    if (!rule.pattern.Matches(names)) continue;
+    if (!rule.kinds.empty() && std::find(rule.kinds.begin(), rule.kinds.end(), kind) == rule.kinds.end()) return true;
+    if (!rule.pattern.Matches(names)) return true;
     if (index != nullptr) *index = i;
-    return &rule;
+    found = &rule;
+    return false;
+  });
+  return found;
+}
+
+template <typename CVisit>
+void CPolicyRules::ForEachCandidate(const std::vector<std::string_view>& names, const CVisit& visit) const {
+  static const std::vector<size_t> kNone;
+  const std::vector<size_t>* named = &kNone;
+  if (!names.empty()) {
+    auto found = by_first_name_.find(names.front());
+    if (found != by_first_name_.end()) named = &found->second;
   }
-  return nullptr;
+  // Both lists ascend: walk them from their ends, the later rule first.
+  auto a = named->rbegin();
+  auto b = any_first_name_.rbegin();
+  while (a != named->rend() || b != any_first_name_.rend()) {
+    size_t next = 0;
+    if (b == any_first_name_.rend() || (a != named->rend() && *a > *b)) {
+      next = *a++;
+    } else {
+      next = *b++;
+    }
+    if (!visit(next)) return;
+  }
 }
 
 bool CPolicyRules::Excluded(std::string_view relative_path, CObjectKind kind) const {
@@ -204,16 +233,21 @@ bool CPolicyRules::Excluded(std::string_view relative_path, CObjectKind kind) co
   return rule != nullptr && rule->exclude;
 }
 
-bool CPolicyRules::ExcludedWhateverKind(std::string_view relative_path) const {
-  if (rules_.empty()) return false;
+CPolicyRules::CVerdict CPolicyRules::VerdictBeforeKind(std::string_view relative_path) const {
+  if (rules_.empty()) return CVerdict::kKept;
   std::vector<std::string_view> names = SplitPath(relative_path);
-  for (size_t i = rules_.size(); i-- > 0;) {
+  CVerdict verdict = CVerdict::kKept;
+  ForEachCandidate(names, [&](size_t i) {
     const CRule& rule = rules_[i];
-    if (!rule.pattern.Matches(names)) continue;
-    if (!rule.kinds.empty()) return false;  // the kind decides: known once examined
-    return rule.exclude;
-  }
-  return false;
+    if (!rule.pattern.Matches(names)) return true;
+    if (!rule.kinds.empty()) {
+      verdict = CVerdict::kByKind;  // a rule for some kinds: the object's kind decides
+    } else {
+      verdict = rule.exclude ? CVerdict::kExcluded : CVerdict::kKept;
+    }
+    return false;
+  });
+  return verdict;
 }
 
 bool CPolicyRules::ExcludedHereOrAbove(std::string_view relative_path, CObjectKind kind) const {

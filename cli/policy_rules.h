@@ -3,6 +3,7 @@
 #include <bitset>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "cli/attribute_changes.h"
@@ -47,8 +48,10 @@ class CPolicyRules {
   static CPolicyRules Load(const std::string& config_path, const std::string& policy_name);
 
   bool Excluded(std::string_view relative_path, CObjectKind kind) const;
-  // Excluded whatever its kind turns out to be (decided before the object is examined).
-  bool ExcludedWhateverKind(std::string_view relative_path) const;
+  // Decided before the object is examined: excluded or kept whatever its kind, or up to its kind
+  // (Excluded tells once it is known).
+  enum class CVerdict { kKept, kExcluded, kByKind };
+  CVerdict VerdictBeforeKind(std::string_view relative_path) const;
   // Excluded itself, or below an excluded directory (a record that the walk no longer meets).
   bool ExcludedHereOrAbove(std::string_view relative_path, CObjectKind kind) const;
   bool empty() const { return rules_.empty(); }
@@ -68,8 +71,20 @@ class CPolicyRules {
   };
   // The last rule that matches, or null.
   const CRule* Deciding(std::string_view relative_path, CObjectKind kind, size_t* index) const;
+  // Calls "visit" with the index of every rule that may match "names", the last rule first,
+  // until it returns false.
+  template <typename CVisit>
+  void ForEachCandidate(const std::vector<std::string_view>& names, const CVisit& visit) const;
 
   std::vector<CRule> rules_;
+  // The rules by the literal first name of their pattern, and those that start with a wildcard:
+  // a path is matched against those of its first name and the others only. Indexes ascend.
+  struct CNameHash {
+    using is_transparent = void;
+    size_t operator()(std::string_view name) const { return std::hash<std::string_view>()(name); }
+  };
+  std::unordered_map<std::string, std::vector<size_t>, CNameHash, std::equal_to<>> by_first_name_;
+  std::vector<size_t> any_first_name_;
   bool cross_mounts_ = false;
 };
 

@@ -213,8 +213,11 @@ void CTreeScanner::Run(const CVisit& visit, const CProblem& problem) {
     std::vector<CPendingObject> children;
     while (work.Pop(object)) {
       const std::string& path = object.path;
-      if (rules_ != nullptr && !object.is_root && rules_->ExcludedWhateverKind(Relative(path))) {
-        work.Done();  // excluded by its path alone: not even examined
+      // Most objects are decided by their path alone; an excluded one is not even examined.
+      CPolicyRules::CVerdict verdict =
+          rules_ == nullptr || object.is_root ? CPolicyRules::CVerdict::kKept : rules_->VerdictBeforeKind(Relative(path));
+      if (verdict == CPolicyRules::CVerdict::kExcluded) {
+        work.Done();
         continue;
       }
       try {
@@ -238,7 +241,7 @@ void CTreeScanner::Run(const CVisit& visit, const CProblem& problem) {
           // the kernel's state, not files: neither recorded nor entered
         } else if (mounted_here && (rules_ == nullptr || !rules_->cross_mounts())) {
           // another file system: the policy stays on its root's unless its rules say otherwise
-        } else if (rules_ != nullptr && !object.is_root &&
+        } else if (verdict == CPolicyRules::CVerdict::kByKind &&
                    rules_->Excluded(Relative(path), KindOf(info->IsDirectory(), info->Attributes(),
                                                            !info->TargetPath().empty()))) {
           // excluded by a rule: not recorded, not walked
