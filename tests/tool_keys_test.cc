@@ -115,7 +115,7 @@ TEST_F(ToolKeysTest, AnExpiredSignerCertificateSignsNothingUntilRenewed) {
                               HasSubstr("signdb renew --ca-key PATH")));
   EXPECT_FALSE(boost::filesystem::exists(Data("t.hdb")));
 
-  CToolRun renew = Tool("renew --ca-key '" + OfflineCaKey() + "' --days 30");
+  CToolRun renew = Tool("renew --ca-key '" + OfflineCaKey() + "' --days 90");
   ASSERT_EQ(renew.status, 0) << renew.err;
   EXPECT_THAT(renew.out, HasSubstr("renewed " + Keys("signer.pem") + ": valid until "));
   CToolRun again = Tool("scan t");
