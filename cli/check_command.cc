@@ -1,5 +1,5 @@
-// signdb check POLICY: compares the policy's tree with its signed database and reports every
-// difference; the database itself stays as it was saved.
+// signdb check [POLICY | --all]: compares a policy's tree (or every policy's) with its signed
+// database and reports every difference; the databases stay as they were saved.
 
 #include <iostream>
 
@@ -12,13 +12,24 @@
 #include "cli/tree_check.h"
 
 int RunCheck(const CCommandLine& line) {
-  RequireShape(line, {"--json"}, 1, 1);
+  RequireShape(line, {"--json", "--all"}, 0, 1);
   CSession session(line);
-  CPolicyCheck check = CheckNamedPolicy(session, line);
-  const CTreeCheckResult& result = check.result;
-  CReportContext context = CReportContext::Make(check.policy.name, check.policy.root, "check",
-                                                 session.settings().policy_number);
-  PrintCheckReport(std::cout, result, check.policy, context, line.Has("--json"), false);
-  if (!result.unreadable.empty()) return kExitError;
-  return result.differences.empty() ? kExitOk : kExitDifferences;
+  int status = kExitOk;
+  for (const CRefPolicySettings* policy : PoliciesOf(session, line)) {
+    int one = kExitOk;
+    try {
+      CPolicyCheck check = CheckPolicy(session, *policy, line.Has("--quiet"), false);
+      const CTreeCheckResult& result = check.result;
+      CReportContext context =
+          CReportContext::Make(policy->name, policy->root, "check", session.settings().policy_number);
+      PrintCheckReport(std::cout, result, *policy, context, line.Has("--json"), false);
+      one = !result.unreadable.empty() ? kExitError : result.differences.empty() ? kExitOk : kExitDifferences;
+    } catch (const CToolError& e) {
+      if (!line.Has("--all") && !line.arguments.empty()) throw;
+      ReportPolicyError(*policy, e);  // one policy that cannot be checked does not stop the others
+      one = kExitError;
+    }
+    status = WorstStatus(status, one);
+  }
+  return status;
 }

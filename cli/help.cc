@@ -27,7 +27,7 @@ const std::map<std::string, std::string>& CommandHelp() {
        "  signdb init --ca-key-out /media/offline/signdb-ca.key --protect-key\n"
        "  signdb init --dir ./signdb-local --policy usr=/usr --policy etc=/etc\n"},
       {"scan",
-       "usage: signdb scan POLICY [--quiet] [--sign-later]\n"
+       "usage: signdb scan [POLICY | --all] [--quiet] [--sign-later]\n"
        "\n"
        "Records every file, directory and symbolic link below the policy's root (content hash, size,\n"
        "mode, times, owner and permissions, ACL, link target) into a new database, signs it and saves\n"
@@ -42,7 +42,7 @@ const std::map<std::string, std::string>& CommandHelp() {
        "  signdb scan etc\n"
        "  signdb --config /etc/signdb/signdb.json scan usr --quiet\n"},
       {"check",
-       "usage: signdb check POLICY [--json] [--quiet]\n"
+       "usage: signdb check [POLICY | --all] [--json] [--quiet]\n"
        "\n"
        "Loads the policy's database, refusing it unless its signature is good, and compares the tree\n"
        "with it: one line per difference (hash changed, attributes changed, times changed, security\n"
@@ -56,11 +56,13 @@ const std::map<std::string, std::string>& CommandHelp() {
        "  signdb check etc\n"
        "  signdb check etc --json | jq -r 'select(.change == \"hash changed\") | .path'\n"},
       {"update",
-       "usage: signdb update POLICY [--json] [--quiet] [--bind] [--sign-later]\n"
+       "usage: signdb update [POLICY [PATH...] [--except PATH]... | --all] [--json] [--quiet] [--bind]\n"
+       "                     [--sign-later]\n"
        "\n"
        "Accepts the tree as it is now: checks it like 'signdb check', records what changed or is new,\n"
        "removes what is gone, saves the database and reports what it accepted. The database it\n"
-       "replaces is kept as NAME.previous.hdb.\n"
+       "replaces is kept as NAME.previous.hdb. With PATHs, only the differences at or below them are\n"
+       "accepted; with --except, all but those; the rest stays reported by the next check.\n"
        "\n"
        "  --bind  accept a database that has no policy binding (NAME.hdb.bind: the signed record\n"
        "          of its policy, root, host and revision), as one saved by an earlier version has,\n"
@@ -194,7 +196,8 @@ void PrintUsage(std::ostream& out) {
          "  init                     write a configuration and development keys\n"
          "  scan POLICY              record the policy's tree into a new signed database\n"
          "  check POLICY             report every difference between the tree and its database\n"
-         "  update POLICY            accept the differences into the database\n"
+         "  update POLICY [PATH...]  accept the differences (or those at PATHs) into the database\n"
+         "                           (scan, check and update: every policy with --all or no name)\n"
          "  diff POLICY [PREV.hdb]   what changed between a previous database and the current one\n"
          "  lookup HASH              which recorded file carries a content hash\n"
          "  ls POLICY [DIR]          what the database recorded in a directory\n"

@@ -14,15 +14,15 @@
 #include "cli/progress_line.h"
 #include "cli/session.h"
 #include "cli/text_format.h"
+#include "cli/tree_check.h"
 #include "cli/tree_scanner.h"
 #include "hashdb/hash_db.h"
 #include "refhost/file_obj_info.h"
 #include "refhost/safe_text.h"
 
-int RunScan(const CCommandLine& line) {
-  RequireShape(line, {"--sign-later"}, 1, 1);
-  CSession session(line);
-  const CRefPolicySettings& policy = session.Policy(line.arguments[0]);
+namespace {
+
+int ScanPolicy(CSession& session, const CRefPolicySettings& policy, const CCommandLine& line) {
   session.RequireRoot(policy);
   session.LockPolicy(policy, CPolicyLock::CMode::kExclusive);
   bool quiet = line.Has("--quiet");
@@ -61,4 +61,23 @@ int RunScan(const CCommandLine& line) {
     return kExitError;
   }
   return kExitOk;
+}
+
+}  // namespace
+
+int RunScan(const CCommandLine& line) {
+  RequireShape(line, {"--sign-later", "--all"}, 0, 1);
+  CSession session(line);
+  std::vector<const CRefPolicySettings*> policies = PoliciesOf(session, line);
+  int status = kExitOk;
+  for (const CRefPolicySettings* policy : policies) {
+    try {
+      status = WorstStatus(status, ScanPolicy(session, *policy, line));
+    } catch (const CToolError& e) {
+      if (policies.size() == 1 && !line.Has("--all")) throw;
+      ReportPolicyError(*policy, e);
+      status = kExitError;
+    }
+  }
+  return status;
 }

@@ -2,11 +2,14 @@
 
 #include <algorithm>
 #include <chrono>
+#include <iostream>
 #include <mutex>
 #include <set>
 
 #include "cli/change_selection.h"
 #include "cli/command_line.h"
+#include "cli/exit_status.h"
+#include "refhost/safe_text.h"
 #include "cli/policy_rules.h"
 #include "cli/progress_line.h"
 #include "cli/session.h"
@@ -108,10 +111,35 @@ CTreeCheckResult CheckTree(CSession& session, const CRefPolicySettings& policy,
 }
 
 CPolicyCheck CheckNamedPolicy(CSession& session, const CCommandLine& line, bool will_write) {
-  const CRefPolicySettings& policy = session.Policy(line.arguments.at(0));
+  return CheckPolicy(session, session.Policy(line.arguments.at(0)), line.Has("--quiet"), will_write);
+}
+
+CPolicyCheck CheckPolicy(CSession& session, const CRefPolicySettings& policy, bool quiet, bool will_write) {
   session.RequireRoot(policy);
   if (will_write) session.LockPolicy(policy, CPolicyLock::CMode::kExclusive);
   std::shared_ptr<CHashDB> database = session.LoadDatabase(policy);
-  CTreeCheckResult result = CheckTree(session, policy, database, line.Has("--quiet"));
+  CTreeCheckResult result = CheckTree(session, policy, database, quiet);
   return CPolicyCheck{policy, database, std::move(result)};
+}
+
+std::vector<const CRefPolicySettings*> PoliciesOf(CSession& session, const CCommandLine& line) {
+  std::vector<const CRefPolicySettings*> policies;
+  if (line.Has("--all") || line.arguments.empty()) {
+    if (!line.arguments.empty()) throw CToolError("--all names no policy: give one or the other");
+    for (const CRefPolicySettings& policy : session.settings().policies) policies.push_back(&policy);
+    if (policies.empty()) throw CToolError("the configuration " + session.config_path() + " names no policy");
+  } else {
+    policies.push_back(&session.Policy(line.arguments.front()));
+  }
+  return policies;
+}
+
+void ReportPolicyError(const CRefPolicySettings& policy, const CToolError& error) {
+  std::cerr << "signdb: policy '" << EscapedText(policy.name) << "': " << EscapedText(error.what()) << "\n";
+  for (const std::string& hint : error.hints()) std::cerr << "  " << EscapedText(hint) << "\n";
+}
+
+int WorstStatus(int a, int b) {
+  if (a == kExitError || b == kExitError) return kExitError;
+  return std::max(a, b);
 }

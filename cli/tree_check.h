@@ -1,5 +1,7 @@
 #pragma once
 
+#include "cli/exit_status.h"
+
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -39,3 +41,15 @@ struct CPolicyCheck {
 // Finds the policy named by the command line's first argument, requires its root, loads its
 // database (refused unless the signature is good) and checks its tree. Throws CToolError.
 CPolicyCheck CheckNamedPolicy(CSession& session, const CCommandLine& line, bool will_write = false);
+// The same for one policy.
+CPolicyCheck CheckPolicy(CSession& session, const CRefPolicySettings& policy, bool quiet, bool will_write);
+
+// The policies a command works on: the one named by its first argument, or every policy with
+// --all or without a name.
+std::vector<const CRefPolicySettings*> PoliciesOf(CSession& session, const CCommandLine& line);
+
+// Says on the standard error that one policy of several could not be worked on, and why.
+void ReportPolicyError(const CRefPolicySettings& policy, const CToolError& error);
+
+// The exit status of several policies: an error over differences over nothing to report.
+int WorstStatus(int a, int b);

@@ -1,7 +1,11 @@
 // signdb update POLICY: takes the tree as it is now into the policy's database: what changed or is
 // new is recorded anew, what is gone is removed, and the database is saved.
 
+#include <algorithm>
+#include <cstdint>
 #include <iostream>
+#include <string>
+#include <vector>
 
 #include "cli/check_report.h"
 #include "cli/command_line.h"
@@ -13,13 +17,49 @@
 #include "hashdb/hash_db.h"
 #include "refhost/file_obj_info.h"
 
-int RunUpdate(const CCommandLine& line) {
-  RequireShape(line, {"--json", "--bind", "--sign-later"}, 1, 1);
-  CSession session(line);
-  CPolicyCheck check = CheckNamedPolicy(session, line, true);
-  const CRefPolicySettings& policy = check.policy;
+namespace {
+
+// Whether "path" is one of "named" or lies below one of them.
+bool NamedOrBelow(const std::string& path, const std::vector<std::string>& named) {
+  for (const std::string& name : named) {
+    if (name.empty() || path == name || (path.size() > name.size() && path.compare(0, name.size(), name) == 0 &&
+                                         path[name.size()] == '/')) {
+      return true;
+    }
+  }
+  return false;
+}
+
+// A path as the user gave it, relative to the policy's root (a full path below it is taken too).
+std::string RelativeToRoot(const CRefPolicySettings& policy, std::string path) {
+  std::string root = policy.root == "/" ? "/" : policy.root + "/";
+  if (path == policy.root) return std::string();
+  if (path.compare(0, root.size(), root) == 0) path = path.substr(root.size());
+  while (path.size() > 1 && path.back() == '/') path.pop_back();
+  if (path == ".") path.clear();
+  return path;
+}
+
+// Accepts the chosen differences of one policy into its database and saves it; returns the status.
+int UpdatePolicy(CSession& session, const CRefPolicySettings& policy, const CCommandLine& line,
+                 const std::vector<std::string>& only, const std::vector<std::string>& except) {
+  CPolicyCheck check = CheckPolicy(session, policy, line.Has("--quiet"), true);
   const std::shared_ptr<CHashDB>& database = check.database;
-  const CTreeCheckResult& result = check.result;
+  CTreeCheckResult& result = check.result;
+  // Only what was named (a rename counts by its new and its old path), and nothing excepted.
+  size_t left = 0;
+  if (!only.empty() || !except.empty()) {
+    auto chosen = [&](const CDifference& difference) {
+      auto matches = [&](const std::vector<std::string>& named) {
+        return NamedOrBelow(difference.path, named) ||
+               (difference.change == CChange::kRenamed && NamedOrBelow(difference.from, named));
+      };
+      return (only.empty() || matches(only)) && !matches(except);
+    };
+    auto kept = std::stable_partition(result.differences.begin(), result.differences.end(), chosen);
+    left = static_cast<size_t>(result.differences.end() - kept);
+    result.differences.erase(kept, result.differences.end());
+  }
   // Removals first: a path that is gone can only have come back as something new in another place.
   for (const CDifference& difference : result.differences) {
     std::shared_ptr<CObjInfo> none;
@@ -43,6 +83,37 @@ int RunUpdate(const CCommandLine& line) {
     std::cout << (saved.empty() ? std::string("nothing to accept; the database stays as it is")
                                 : "saved " + saved + " (the one it replaced: " + session.PreviousFileOf(policy) + ")")
               << "\n";
+    if (left > 0) {
+      std::cout << left << (left == 1 ? " difference was" : " differences were")
+                << " not chosen and stays reported by the next check\n";
+    }
   }
   return result.unreadable.empty() ? kExitOk : kExitError;
+}
+
+}  // namespace
+
+int RunUpdate(const CCommandLine& line) {
+  RequireShape(line, {"--json", "--bind", "--sign-later", "--all", "--except"}, 0, SIZE_MAX);
+  CSession session(line);
+  std::vector<const CRefPolicySettings*> policies = PoliciesOf(session, line);
+  std::vector<std::string> only;
+  std::vector<std::string> except;
+  if (policies.size() == 1 && !line.Has("--all") && !line.arguments.empty()) {
+    for (size_t i = 1; i < line.arguments.size(); ++i) only.push_back(RelativeToRoot(*policies[0], line.arguments[i]));
+    for (const std::string& path : line.Values("--except")) except.push_back(RelativeToRoot(*policies[0], path));
+  } else if (!line.Values("--except").empty()) {
+    throw CToolError("--except names paths of one policy: name the policy");
+  }
+  int status = kExitOk;
+  for (const CRefPolicySettings* policy : policies) {
+    try {
+      status = WorstStatus(status, UpdatePolicy(session, *policy, line, only, except));
+    } catch (const CToolError& e) {
+      if (policies.size() == 1 && !line.Has("--all")) throw;
+      ReportPolicyError(*policy, e);
+      status = kExitError;
+    }
+  }
+  return status;
 }

@@ -196,3 +196,59 @@ TEST_F(ToolRulesTest, RulesExplainsWhichRuleAppliesAndWhy) {
 }
 
 }  // namespace
+
+namespace {
+
+class ToolAllPoliciesTest : public ToolTest {
+ protected:
+  void SetUp() override {
+    Write("etc/hosts", "h");
+    Write("etc/motd", "m");
+    dir_.Write("other/file", "o");
+    ASSERT_EQ(Run("init --config '" + config_ + "' --policy t=tree --policy u=other").status, 0);
+  }
+};
+
+TEST_F(ToolAllPoliciesTest, EveryPolicyAtOnceGivesOneReportAndOneExitStatus) {
+  CToolRun scan = Tool("scan --all");
+  EXPECT_EQ(scan.status, 0) << scan.err;
+  EXPECT_THAT(scan.out, AllOf(HasSubstr("policy t ("), HasSubstr("policy u (")));
+  CToolRun clean = Tool("check");  // no name: every policy
+  EXPECT_EQ(clean.status, 0) << clean.out << clean.err;
+  dir_.Write("other/file", "changed");
+  CToolRun check = Tool("check --all");
+  EXPECT_EQ(check.status, 1);
+  EXPECT_THAT(LineAbout(check, "file"), StartsWith("hash changed"));
+  EXPECT_THAT(check.out, AllOf(HasSubstr("policy t ("), HasSubstr("policy u (")));
+  // One policy that cannot be checked is an error; the others are still reported.
+  boost::filesystem::remove(Data("u.hdb"));
+  boost::filesystem::remove(Data("u.hdb.p7s"));
+  CToolRun broken = Tool("check --all");
+  EXPECT_EQ(broken.status, 2);
+  EXPECT_THAT(broken.err, HasSubstr("policy 'u': the database of policy 'u' is missing"));
+  EXPECT_THAT(broken.out, HasSubstr("policy t ("));
+  EXPECT_EQ(Tool("check t --all").status, 2) << "a name and --all together are refused";
+}
+
+TEST_F(ToolAllPoliciesTest, AnUpdateAcceptsOnlyThePathsNamedOrAllButThoseExcepted) {
+  ASSERT_EQ(Tool("scan t").status, 0);
+  Write("etc/hosts", "h2");
+  Write("etc/motd", "m2");
+  Write("bin/new", "n");
+  CToolRun one = Tool("update t etc/hosts");
+  EXPECT_EQ(one.status, 0) << one.err;
+  EXPECT_THAT(one.out, HasSubstr("not chosen and stays reported"));
+  CToolRun after_one = Tool("check t");
+  EXPECT_EQ(LineAbout(after_one, "etc/hosts"), "");
+  EXPECT_THAT(LineAbout(after_one, "etc/motd"), StartsWith("hash changed"));
+  EXPECT_THAT(LineAbout(after_one, "bin/new"), StartsWith("new"));
+
+  CToolRun except = Tool("update t --except '" + Tree("etc/motd") + "'");
+  EXPECT_EQ(except.status, 0) << except.err;
+  CToolRun after_except = Tool("check t");
+  EXPECT_EQ(after_except.status, 1);
+  EXPECT_THAT(LineAbout(after_except, "etc/motd"), StartsWith("hash changed"));
+  EXPECT_EQ(LineAbout(after_except, "bin/new"), "");
+}
+
+}  // namespace
