@@ -8,11 +8,12 @@
 #include "cli/commands.h"
 #include "cli/exit_status.h"
 #include "cli/report_event.h"
+#include "cli/report_sink.h"
 #include "cli/session.h"
 #include "cli/tree_check.h"
 
 int RunCheck(const CCommandLine& line) {
-  RequireShape(line, {"--json", "--all"}, 0, 1);
+  RequireShape(line, {"--json", "--all", "--report"}, 0, 1);
   CSession session(line);
   int status = kExitOk;
   for (const CRefPolicySettings* policy : PoliciesOf(session, line)) {
@@ -23,6 +24,9 @@ int RunCheck(const CCommandLine& line) {
       CReportContext context =
           CReportContext::Make(policy->name, policy->root, "check", session.settings().policy_number);
       PrintCheckReport(std::cout, result, *policy, context, line.Has("--json"), false);
+      for (const std::string& destination : line.Values("--report")) {
+        SendReport(destination, result, *policy, context, false);
+      }
       one = !result.unreadable.empty() ? kExitError : result.differences.empty() ? kExitOk : kExitDifferences;
     } catch (const CToolError& e) {
       if (!line.Has("--all") && !line.arguments.empty()) throw;

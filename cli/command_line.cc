@@ -6,7 +6,7 @@ namespace {
 
 // Options that take a value, and their short forms.
 const std::set<std::string> kValueOptions = {"--config", "--module", "--dir", "--policy", "--signature",
-                                             "--passphrase-fd", "--ca-key-out", "--ca-key", "--days", "--except"};
+                                             "--passphrase-fd", "--ca-key-out", "--ca-key", "--days", "--except", "--report"};
 const std::set<std::string> kFlagOptions = {"--help", "--json", "--quiet", "--verify", "--force",
                                             "--recursive", "--wait", "--bind", "--protect-key", "--sign-later", "--all"};
 const std::map<std::string, std::string> kShortForms = {

@@ -42,7 +42,7 @@ const std::map<std::string, std::string>& CommandHelp() {
        "  signdb scan etc\n"
        "  signdb --config /etc/signdb/signdb.json scan usr --quiet\n"},
       {"check",
-       "usage: signdb check [POLICY | --all] [--json] [--quiet]\n"
+       "usage: signdb check [POLICY | --all] [--json] [--quiet] [--report DEST]...\n"
        "\n"
        "Loads the policy's database, refusing it unless its signature is good, and compares the tree\n"
        "with it: one line per difference (hash changed, attributes changed, times changed, security\n"
@@ -50,7 +50,11 @@ const std::map<std::string, std::string>& CommandHelp() {
        "and current hash where they differ, then a summary. --json prints one JSON object per line,\n"
        "the summary last. The database is not changed.\n"
        "\n"
-       "exit status: 0 no difference, 1 differences found, 2 an error (also: objects unreadable)\n"
+       "  --report DEST  send each finding and the summary there too: syslog (or journal: the\n"
+       "                 system log socket /dev/log), syslog:SOCKET, or file:PATH (appended)\n"
+       "\n"
+       "exit status: 0 no difference, 1 differences found, 2 an error (also: objects unreadable);\n"
+       "with several policies, the worst of them\n"
        "\n"
        "examples:\n"
        "  signdb check etc\n"

@@ -12,6 +12,7 @@
 #include "cli/commands.h"
 #include "cli/exit_status.h"
 #include "cli/report_event.h"
+#include "cli/report_sink.h"
 #include "cli/session.h"
 #include "cli/tree_check.h"
 #include "hashdb/hash_db.h"
@@ -79,6 +80,7 @@ int UpdatePolicy(CSession& session, const CRefPolicySettings& policy, const CCom
   if (!result.differences.empty() || line.Has("--bind")) saved = session.Save(database, policy);
   CReportContext context = CReportContext::Make(policy.name, policy.root, "update", session.settings().policy_number);
   PrintCheckReport(std::cout, result, policy, context, line.Has("--json"), true);
+  for (const std::string& destination : line.Values("--report")) SendReport(destination, result, policy, context, true);
   if (!line.Has("--json")) {
     std::cout << (saved.empty() ? std::string("nothing to accept; the database stays as it is")
                                 : "saved " + saved + " (the one it replaced: " + session.PreviousFileOf(policy) + ")")
@@ -94,7 +96,7 @@ int UpdatePolicy(CSession& session, const CRefPolicySettings& policy, const CCom
 }  // namespace
 
 int RunUpdate(const CCommandLine& line) {
-  RequireShape(line, {"--json", "--bind", "--sign-later", "--all", "--except"}, 0, SIZE_MAX);
+  RequireShape(line, {"--json", "--bind", "--sign-later", "--all", "--except", "--report"}, 0, SIZE_MAX);
   CSession session(line);
   std::vector<const CRefPolicySettings*> policies = PoliciesOf(session, line);
   std::vector<std::string> only;

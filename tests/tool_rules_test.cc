@@ -5,14 +5,20 @@
 #include <Poco/JSON/Object.h>
 #include <Poco/JSON/Parser.h>
 #include <gmock/gmock.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
+
+#include <cstring>
+#include <vector>
 
 #include <algorithm>
 #include <fstream>
 #include <sstream>
 #include <string>
 
+#include "refhost/file_descriptor.h"
 #include "tests/scoped_mount.h"
 #include "tests/tool_fixture.h"
 
@@ -249,6 +255,58 @@ TEST_F(ToolAllPoliciesTest, AnUpdateAcceptsOnlyThePathsNamedOrAllButThoseExcepte
   EXPECT_EQ(after_except.status, 1);
   EXPECT_THAT(LineAbout(after_except, "etc/motd"), StartsWith("hash changed"));
   EXPECT_EQ(LineAbout(after_except, "bin/new"), "");
+}
+
+}  // namespace
+
+namespace {
+
+// A datagram socket standing for the system log.
+class CSyslogSocket {
+ public:
+  explicit CSyslogSocket(const std::string& path) : path_(path), fd_(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+    bound_ = ::bind(fd_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+  }
+  bool bound() const { return bound_; }
+  std::vector<std::string> Received() const {
+    std::vector<std::string> messages;
+    char buffer[8192];
+    for (ssize_t n; (n = ::recv(fd_.get(), buffer, sizeof buffer, MSG_DONTWAIT)) > 0;) messages.emplace_back(buffer, n);
+    return messages;
+  }
+
+ private:
+  std::string path_;
+  CFileDescriptor fd_;
+  bool bound_ = false;
+};
+
+TEST_F(ToolTest, CheckSendsEachFindingAndTheSummaryToTheSystemLogAndToAFile) {
+  Write("etc/hosts", "h");
+  Write("etc/motd", "m");
+  Init();
+  ASSERT_EQ(Tool("scan t").status, 0);
+  Write("etc/hosts", "changed");
+  std::string socket_path = dir_ / "log.sock";
+  CSyslogSocket syslog(socket_path);
+  ASSERT_TRUE(syslog.bound());
+  std::string file = dir_ / "report.log";
+  CToolRun check = Tool("check t --report syslog:'" + socket_path + "' --report file:'" + file + "'");
+  EXPECT_EQ(check.status, 1) << check.err;
+  std::vector<std::string> messages = syslog.Received();
+  ASSERT_EQ(messages.size(), 2u);
+  EXPECT_THAT(messages[0], AllOf(StartsWith("<28>"), HasSubstr(" signdb["), HasSubstr("]: policy t: hash changed"),
+                                 HasSubstr("etc/hosts")));
+  EXPECT_THAT(messages[1], AllOf(StartsWith("<29>"), HasSubstr("policy t: policy t (")));
+  std::string appended = CTempDir::Read(file);
+  EXPECT_THAT(appended, AllOf(HasSubstr(" policy t: hash changed"), HasSubstr("1 difference")));
+  struct stat status {};
+  ASSERT_EQ(::stat(file.c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 07777, 0600u);
+  EXPECT_EQ(Tool("check t --report mail").status, 2);
 }
 
 }  // namespace
