@@ -310,3 +310,21 @@ TEST_F(ToolTest, CheckSendsEachFindingAndTheSummaryToTheSystemLogAndToAFile) {
 }
 
 }  // namespace
+
+namespace {
+
+// The service and timer in contrib/ are units systemd takes as they are.
+TEST_F(ToolTest, TheContribServiceAndTimerAreValidSystemdUnits) {
+  if (std::system("command -v systemd-analyze >/dev/null 2>&1") != 0) GTEST_SKIP() << "systemd-analyze is not installed";
+  std::string unit = CTempDir::Read(SIGNDB_SOURCE_DIR "/contrib/signdb-check.service");
+  size_t exec = unit.find("/usr/local/bin/signdb");
+  ASSERT_NE(exec, std::string::npos);
+  unit.replace(exec, std::string("/usr/local/bin/signdb").size(), SIGNDB_TOOL_PATH);
+  dir_.Write("units/signdb-check.service", unit);
+  dir_.Write("units/signdb-check.timer", CTempDir::Read(SIGNDB_SOURCE_DIR "/contrib/signdb-check.timer"));
+  CToolRun verify = RunShell("systemd-analyze verify units/signdb-check.service units/signdb-check.timer");
+  EXPECT_EQ(verify.status, 0) << verify.out << verify.err;
+  EXPECT_EQ(verify.err, "") << verify.err;
+}
+
+}  // namespace
