@@ -328,3 +328,31 @@ TEST_F(ToolTest, TheContribServiceAndTimerAreValidSystemdUnits) {
 }
 
 }  // namespace
+
+namespace {
+
+// A policy rooted at "/" works, and never enters /proc even when its rules would keep it; the
+// rules narrow it to this test's folder, so that the walk stays small.
+TEST_F(ToolRulesTest, APolicyRootedAtTheSystemRootWorksAndNeverEntersProc) {
+  Write("etc/hosts", "h");
+  ASSERT_EQ(Run("init --config '" + config_ + "' --policy t=/").status, 0);
+  std::string work = dir_.path().string().substr(1);  // "tmp/signdb-test-..."
+  std::string top = work.substr(0, work.find('/'));
+  SetPolicy(R"([{"path": "*", "exclude": true},
+                {"path": ")" + top + R"(", "check": "everything"},
+                {"path": ")" + top + R"(/*", "exclude": true},
+                {"path": ")" + work + R"(", "check": "everything"},
+                {"path": "proc", "check": "everything"}])",
+            "cross_mounts", true);  // /tmp may be a file system of its own
+  CToolRun scan = Tool("scan t");
+  EXPECT_EQ(scan.status, 0) << scan.err;
+  CToolRun list = Tool("ls t -R");
+  EXPECT_THAT(list.out, HasSubstr(work + "/tree/etc/hosts"));
+  EXPECT_THAT(list.out, AllOf(Not(HasSubstr("proc/")), Not(HasSubstr("usr/"))));
+  Write("etc/hosts", "changed");
+  CToolRun check = Tool("check t");
+  EXPECT_EQ(check.status, 1) << check.err;
+  EXPECT_THAT(LineAbout(check, work + "/tree/etc/hosts"), StartsWith("hash changed"));
+}
+
+}  // namespace
