@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "cli/package_files.h"
 #include "cli/policy_rules.h"
 
 namespace {
@@ -58,6 +59,19 @@ void BM_RulesPerObject(benchmark::State& state) {
   state.SetLabel(std::to_string(rules.size()) + " rules");
 }
 BENCHMARK(BM_RulesPerObject)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+// Reading this machine's package lists once, as a check that meets changed files does.
+void BM_LoadDpkgLists(benchmark::State& state) {
+  if (::access("/var/lib/dpkg/status", R_OK) != 0) {
+    state.SkipWithError("no /var/lib/dpkg here");
+    return;
+  }
+  size_t files = 0;
+  for (auto _ : state) files = CPackageFiles::Load("/")->size();
+  state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * files));
+  state.SetLabel(std::to_string(files) + " files");
+}
+BENCHMARK(BM_LoadDpkgLists)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 }  // namespace
 

@@ -19,6 +19,14 @@ enum class CChange {
   kChanged,  // recorded and there, with the differences in "changes"
 };
 
+// What the package manager says of a changed or new file.
+enum class CPackageVerdict {
+  kNone,             // no package owns it (or it was not asked)
+  kByPackage,        // its content is what its package installed
+  kConffileEdited,   // a configuration file of a package, changed since installed
+  kDiffersFromPackage,  // a file of a package whose content is not what the package holds
+};
+
 struct CDifference {
   CChange change = CChange::kNew;
   std::string words;    // the report's words: "new", "gone", "renamed", or the headline of "changes"
@@ -30,6 +38,8 @@ struct CDifference {
   std::vector<CAttributeChange> changes;  // every difference, most important first
   std::vector<std::string> warnings;      // what stands out about a new object: "setuid", ...
   std::shared_ptr<CRefFileObjInfo> info;  // the object as it is now; null when gone
+  CPackageVerdict package_verdict = CPackageVerdict::kNone;
+  std::string package;  // "name version" of the package that owns it, when one does
 
   // The state that describes the object in a report: the current one unless it is gone.
   const CObjectState& shown() const { return change == CChange::kGone ? recorded : current; }

@@ -135,6 +135,14 @@ CPolicyRules CPolicyRules::Load(const std::string& config_path, const std::strin
     }
     rules.cross_mounts_ = value.extract<bool>();
   }
+  if (policy->has("dpkg")) {
+    Poco::Dynamic::Var value = policy->get("dpkg");
+    if (!value.isString() || value.extract<std::string>().empty() || value.extract<std::string>()[0] != '/') {
+      throw CToolError(config_path + ": \"dpkg\" of policy '" + policy_name +
+                       "' must be the absolute path of the system root its packages are installed in (\"/\")");
+    }
+    rules.dpkg_root_ = value.extract<std::string>();
+  }
   if (!policy->has("rules")) return rules;
   Array::Ptr list = policy->getArray("rules");
   if (!list) throw CToolError(config_path + ": \"rules\" of policy '" + policy_name + "' must be a list of objects");

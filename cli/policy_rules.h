@@ -59,6 +59,9 @@ class CPolicyRules {
   // Which rule applies to the object and why, for people: "rule 3 (line 14): \"log/**\" ...".
   std::string Explain(std::string_view relative_path, CObjectKind kind) const;
   bool cross_mounts() const { return cross_mounts_; }
+  // "dpkg": the system root whose /var/lib/dpkg describes the policy's files ("/" for this
+  // system); empty when package awareness is off.
+  const std::string& dpkg_root() const { return dpkg_root_; }
   size_t size() const { return rules_.size(); }
 
  private:
@@ -86,6 +89,7 @@ class CPolicyRules {
   std::unordered_map<std::string, std::vector<size_t>, CNameHash, std::equal_to<>> by_first_name_;
   std::vector<size_t> any_first_name_;
   bool cross_mounts_ = false;
+  std::string dpkg_root_;
 };
 
 // The selection of "everything".

@@ -147,6 +147,7 @@ std::string DifferenceJson(const CDifference& difference, const CReportContext& 
   SetName(signdb, "root", context.root);
   SetName(signdb, "relative_path", difference.path);
   signdb->set("change", difference.words);
+  if (!difference.package.empty()) signdb->set("package", Text(difference.package));
   signdb->set("status", difference.status);
   if (difference.change == CChange::kRenamed) {
     SetName(signdb, "from", difference.from);

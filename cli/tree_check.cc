@@ -9,6 +9,7 @@
 #include "cli/change_selection.h"
 #include "cli/command_line.h"
 #include "cli/exit_status.h"
+#include "cli/package_changes.h"
 #include "refhost/safe_text.h"
 #include "cli/policy_rules.h"
 #include "cli/progress_line.h"
@@ -105,6 +106,7 @@ CTreeCheckResult CheckTree(CSession& session, const CRefPolicySettings& policy,
   }
   PairRenamesAndSort(result.differences);
   ForgiveRotations(result.differences, rules);
+  ExplainByPackages(result.differences, policy, rules.dpkg_root());
   std::sort(result.unreadable.begin(), result.unreadable.end());
   result.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start_time).count();
   return result;

@@ -49,6 +49,13 @@ int UpdatePolicy(CSession& session, const CRefPolicySettings& policy, const CCom
   CTreeCheckResult& result = check.result;
   // Only what was named (a rename counts by its new and its old path), and nothing excepted.
   size_t left = 0;
+  if (line.Has("--packages")) {  // exactly what the packages explain
+    auto kept = std::stable_partition(result.differences.begin(), result.differences.end(), [](const CDifference& d) {
+      return d.package_verdict == CPackageVerdict::kByPackage;
+    });
+    left += static_cast<size_t>(result.differences.end() - kept);
+    result.differences.erase(kept, result.differences.end());
+  }
   if (!only.empty() || !except.empty()) {
     auto chosen = [&](const CDifference& difference) {
       auto matches = [&](const std::vector<std::string>& named) {
@@ -58,7 +65,7 @@ int UpdatePolicy(CSession& session, const CRefPolicySettings& policy, const CCom
       return (only.empty() || matches(only)) && !matches(except);
     };
     auto kept = std::stable_partition(result.differences.begin(), result.differences.end(), chosen);
-    left = static_cast<size_t>(result.differences.end() - kept);
+    left += static_cast<size_t>(result.differences.end() - kept);
     result.differences.erase(kept, result.differences.end());
   }
   // Removals first: a path that is gone can only have come back as something new in another place.
@@ -96,7 +103,7 @@ int UpdatePolicy(CSession& session, const CRefPolicySettings& policy, const CCom
 }  // namespace
 
 int RunUpdate(const CCommandLine& line) {
-  RequireShape(line, {"--json", "--bind", "--sign-later", "--all", "--except", "--report"}, 0, SIZE_MAX);
+  RequireShape(line, {"--json", "--bind", "--sign-later", "--all", "--except", "--report", "--packages"}, 0, SIZE_MAX);
   CSession session(line);
   std::vector<const CRefPolicySettings*> policies = PoliciesOf(session, line);
   std::vector<std::string> only;

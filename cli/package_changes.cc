@@ -1,0 +1,71 @@
+#include "cli/package_changes.h"
+
+#include <algorithm>
+#include <memory>
+
+#include "cli/exit_status.h"
+#include "cli/package_files.h"
+#include "refhost/settings.h"
+
+namespace {
+
+int Rank(CPackageVerdict verdict) {
+  switch (verdict) {
+    case CPackageVerdict::kDiffersFromPackage: return 0;
+    case CPackageVerdict::kNone: return 1;
+    case CPackageVerdict::kConffileEdited: return 2;
+    case CPackageVerdict::kByPackage: return 3;
+  }
+  return 1;
+}
+
+bool ContentDiffers(const CDifference& difference) {
+  if (difference.current.kind() != CObjectKind::kFile) return false;
+  if (difference.change == CChange::kNew) return true;
+  if (difference.change != CChange::kChanged) return false;
+  return std::any_of(difference.changes.begin(), difference.changes.end(),
+                     [](const CAttributeChange& change) { return change.aspect == CAspect::kContent; });
+}
+
+}  // namespace
+
+void ExplainByPackages(std::vector<CDifference>& differences, const CRefPolicySettings& policy,
+                       const std::string& dpkg_root) {
+  if (dpkg_root.empty()) return;
+  std::unique_ptr<CPackageFiles> packages;
+  std::string system_root = dpkg_root == "/" ? std::string() : dpkg_root;
+  while (!system_root.empty() && system_root.back() == '/') system_root.pop_back();
+  std::string root = policy.root == "/" ? std::string() : policy.root;
+  for (CDifference& difference : differences) {
+    if (!ContentDiffers(difference)) continue;
+    std::string full = root + "/" + difference.path;
+    if (full.compare(0, system_root.size(), system_root) != 0) continue;  // outside the packages' system
+    if (!packages) {
+      try {
+        packages = CPackageFiles::Load(dpkg_root);
+      } catch (const std::exception& e) {
+        throw CToolError(std::string("the package lists cannot be read: ") + e.what(),
+                         {"set \"dpkg\" of policy '" + policy.name + "' to the root the packages are installed in, or remove it"});
+      }
+    }
+    const CPackageFiles::CEntry* entry = packages->Find(std::string_view(full).substr(system_root.size()));
+    if (entry == nullptr) continue;
+    difference.package = *entry->package;
+    std::string md5 = Md5OfFile(full);
+    bool is_new = difference.change == CChange::kNew;
+    if (!md5.empty() && md5 == entry->md5) {
+      difference.package_verdict = CPackageVerdict::kByPackage;
+      difference.words = is_new ? "installed by package" : "changed by package";
+    } else if (entry->conffile) {
+      difference.package_verdict = CPackageVerdict::kConffileEdited;
+      difference.words = "conffile edited";
+    } else {
+      difference.package_verdict = CPackageVerdict::kDiffersFromPackage;
+      difference.words = "differs from package";
+    }
+    difference.warnings.push_back("package " + difference.package);
+  }
+  std::stable_sort(differences.begin(), differences.end(), [](const CDifference& a, const CDifference& b) {
+    return Rank(a.package_verdict) < Rank(b.package_verdict);
+  });
+}
