@@ -12,6 +12,7 @@
 #include "cli/config_location.h"
 #include "cli/exit_status.h"
 #include "cli/passphrase.h"
+#include "cli/system_profile.h"
 #include "refhost/dev_keys.h"
 #include "refhost/file_io.h"
 
@@ -48,7 +49,10 @@ CPolicyArgument ParsePolicy(const std::string& text) {
 }  // namespace
 
 int RunInit(const CCommandLine& line) {
-  RequireShape(line, {"--dir", "--policy", "--force", "--ca-key-out", "--protect-key"}, 0, 0);
+  RequireShape(line, {"--dir", "--policy", "--force", "--ca-key-out", "--protect-key", "--system"}, 0, 0);
+  if (line.Has("--system") && !line.Values("--policy").empty()) {
+    throw CToolError("--system writes its own policies: give it or --policy, not both");
+  }
   fs::path config = line.Value("--config");
   if (config.empty()) config = line.Values("--dir").empty() ? fs::path(DefaultConfigPath())
                                                             : fs::path(line.Value("--dir")) / "signdb.json";
@@ -56,7 +60,7 @@ int RunInit(const CCommandLine& line) {
   if (config.extension() != ".json") throw CToolError("the configuration that init writes is JSON: name it *.json");
   std::vector<CPolicyArgument> policies;
   for (const std::string& text : line.Values("--policy")) policies.push_back(ParsePolicy(text));
-  if (policies.empty()) policies.push_back({"etc", "/etc"});
+  if (policies.empty() && !line.Has("--system")) policies.push_back({"etc", "/etc"});
   boost::system::error_code error;
   if (fs::exists(config, error) && !line.Has("--force")) {
     throw CToolError(config.string() + " already exists; use --force to write it anew (keys are kept)");
@@ -127,6 +131,13 @@ int RunInit(const CCommandLine& line) {
     entry->set("name", policy.name);
     entry->set("root", policy.root);
     list->add(entry);
+  }
+  if (line.Has("--system")) {
+    list = SystemPolicies();
+    for (size_t i = 0; i < list->size(); ++i) {
+      Poco::JSON::Object::Ptr entry = list->getObject(static_cast<unsigned>(i));
+      policies.push_back({entry->getValue<std::string>("name"), entry->getValue<std::string>("root")});
+    }
   }
   settings->set("policies", list);
   std::ostringstream text;

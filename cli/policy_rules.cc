@@ -44,8 +44,7 @@ bool AddWord(const std::string& word, CSelection& selection) {
     selection.aspects |= PermissionAspects() | Aspects({CAspect::kTarget, CAspect::kContent, CAspect::kSize});
     selection.may_grow = true;
   } else if (word == "ignore directory times") {
-    selection.aspects.set();
-    selection.directory_times = false;
+    selection.directory_times = false;  // alone, it means everything else (see Load)
   } else if (word == "content") {
     selection.aspects.set(static_cast<size_t>(CAspect::kContent));
   } else {
@@ -184,6 +183,7 @@ CPolicyRules CPolicyRules::Load(const std::string& config_path, const std::strin
           }
           rule.selection.name += (rule.selection.name.empty() ? "" : ", ") + word;
         }
+        if (rule.selection.aspects.none()) rule.selection.aspects.set();  // a modifier alone
       }
       if (const std::string* first = rule.pattern.FirstLiteral()) {
         rules.by_first_name_[*first].push_back(rules.rules_.size());

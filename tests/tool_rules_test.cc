@@ -356,3 +356,27 @@ TEST_F(ToolRulesTest, APolicyRootedAtTheSystemRootWorksAndNeverEntersProc) {
 }
 
 }  // namespace
+
+namespace {
+
+// The configuration for a whole installed system: its rules say what a person expects of each
+// place, and every rule it writes is one the tool takes.
+TEST_F(ToolTest, InitForTheSystemWritesPoliciesWhoseRulesFitAnInstalledSystem) {
+  CToolRun init = Run("init --system --config '" + config_ + "'");
+  ASSERT_EQ(init.status, 0) << init.err;
+  EXPECT_THAT(init.out, HasSubstr("policy system: /"));
+  auto rule = [&](const std::string& path) { return Tool("rules system " + path).out; };
+  EXPECT_THAT(rule("/usr/bin/ls"), HasSubstr("checks read-only, ignore directory times"));
+  EXPECT_THAT(rule("/etc/passwd"), HasSubstr("checks read-only"));
+  EXPECT_THAT(rule("/var/log/syslog"), HasSubstr("checks log"));
+  EXPECT_THAT(rule("/var/lib/misc/state"), HasSubstr("checks permissions"));
+  for (const char* excluded : {"/proc/1/status", "/home/someone/notes", "/tmp/x", "/var/cache/apt/pkgcache.bin",
+                               "/var/spool/cron/x", "/var/lib/apt/lists/x"}) {
+    EXPECT_THAT(rule(excluded), HasSubstr("below the excluded directory")) << excluded;
+  }
+  CToolRun both = Tool("init --system --policy x=/");
+  EXPECT_EQ(both.status, 2);
+  EXPECT_THAT(both.err, HasSubstr("--system writes its own policies"));
+}
+
+}  // namespace
