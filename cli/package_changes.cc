@@ -20,6 +20,7 @@ int Rank(CPackageVerdict verdict) {
 }
 
 bool ContentDiffers(const CDifference& difference) {
+  if (difference.change == CChange::kNew && difference.current.kind() == CObjectKind::kDirectory) return true;
   if (difference.current.kind() != CObjectKind::kFile) return false;
   if (difference.change == CChange::kNew) return true;
   if (difference.change != CChange::kChanged) return false;
@@ -50,9 +51,17 @@ void ExplainByPackages(std::vector<CDifference>& differences, const CRefPolicySe
     }
     const CPackageFiles::CEntry* entry = packages->Find(std::string_view(full).substr(system_root.size()));
     if (entry == nullptr) continue;
+    bool is_new = difference.change == CChange::kNew;
+    if (difference.current.kind() == CObjectKind::kDirectory) {  // a directory the package lists
+      difference.package = *entry->package;
+      difference.package_verdict = CPackageVerdict::kByPackage;
+      difference.words = "installed by package";
+      difference.warnings.push_back("package " + difference.package);
+      continue;
+    }
+    if (entry->md5.empty()) continue;  // listed, but no checksum to judge it by
     difference.package = *entry->package;
     std::string md5 = Md5OfFile(full);
-    bool is_new = difference.change == CChange::kNew;
     if (!md5.empty() && md5 == entry->md5) {
       difference.package_verdict = CPackageVerdict::kByPackage;
       difference.words = is_new ? "installed by package" : "changed by package";

@@ -107,14 +107,21 @@ std::unique_ptr<CPackageFiles> CPackageFiles::Load(const std::string& root) {
     return text.get();
   };
   std::string info = admin + "/info";
+  std::vector<std::string> lists;
   std::unique_ptr<DIR, int (*)(DIR*)> listing(::opendir(info.c_str()), ::closedir);
   if (!listing) throw std::runtime_error("cannot list " + info);
   while (const struct dirent* entry = ::readdir(listing.get())) {
     std::string file = entry->d_name;
     constexpr std::string_view kSuffix = ".md5sums";
-    if (file.size() <= kSuffix.size() || file.compare(file.size() - kSuffix.size(), kSuffix.size(), kSuffix) != 0) {
+    constexpr std::string_view kList = ".list";
+    auto ends_with = [&file](std::string_view suffix) {
+      return file.size() > suffix.size() && file.compare(file.size() - suffix.size(), suffix.size(), suffix) == 0;
+    };
+    if (ends_with(kList)) {
+      lists.push_back(file);
       continue;
     }
+    if (!ends_with(kSuffix)) continue;
     std::string name = file.substr(0, file.size() - kSuffix.size());
     name = name.substr(0, name.find(':'));  // "libc6:amd64"
     auto package = installed.find(name);
@@ -128,6 +135,21 @@ std::unique_ptr<CPackageFiles> CPackageFiles::Load(const std::string& root) {
       CEntry& entry = files->files_[path];
       entry.package = text;
       entry.md5 = std::string(line.substr(0, 32));
+    });
+  }
+  // What each package lists besides: its directories (a file there without a checksum stays
+  // without one, and is never taken for the package's).
+  for (const std::string& file : lists) {
+    std::string name = file.substr(0, file.size() - 5);
+    name = name.substr(0, name.find(':'));
+    auto package = installed.find(name);
+    if (package == installed.end()) continue;
+    const std::string* text = package_text(name, package->second);
+    std::string listed = ReadAll(info + "/" + file);
+    ForEachLine(listed, [&](std::string_view line) {
+      if (line.empty() || line.front() != '/' || line == "/.") return;
+      auto [entry, made] = files->files_.try_emplace(std::string(line));
+      if (made) entry->second.package = text;
     });
   }
   // Configuration files: the checksum of what was installed, and the mark that the administrator

@@ -9,13 +9,14 @@
 // What Debian's package manager says about the files it installed: for each file, its package,
 // the package's version and the MD5 checksum that the package's own list records
 // (ADMIN/info/PACKAGE[:ARCH].md5sums), and whether it is a configuration file (conffiles, from
-// ADMIN/status, whose checksum is the one installed). ADMIN is ROOT/var/lib/dpkg, where ROOT is
+// ADMIN/status, whose checksum is the one installed); and the directories each package lists
+// (ADMIN/info/PACKAGE[:ARCH].list). ADMIN is ROOT/var/lib/dpkg, where ROOT is
 // the system the files belong to ("/" for this one).
 class CPackageFiles {
  public:
   struct CEntry {
     const std::string* package = nullptr;  // "name version", shared by every file of the package
-    std::string md5;                        // lowercase hex
+    std::string md5;                        // lowercase hex; empty: listed without a checksum (a directory)
     bool conffile = false;
   };
 

@@ -77,6 +77,9 @@ TEST_F(ToolPackagesTest, WhatAPackageChangedIsToldApartFromWhatSomeoneElseDid) {
   EXPECT_EQ(Action(data), "installed by package");
   EXPECT_EQ(data->getObject("signdb")->getValue<std::string>("package"), "sdbtest 1.0");
   EXPECT_EQ(Action(JsonAbout(installed, "etc/sdbtest.conf")), "installed by package");
+  Poco::JSON::Object::Ptr directory = JsonAbout(installed, "usr/share/sdbtest");
+  ASSERT_TRUE(directory) << installed.out;
+  EXPECT_EQ(Action(directory), "installed by package") << "the package lists its directories";
 
   CToolRun accepted = Tool("update t --packages");
   EXPECT_EQ(accepted.status, 0) << accepted.err;

@@ -370,7 +370,7 @@ TEST_F(ToolTest, InitForTheSystemWritesPoliciesWhoseRulesFitAnInstalledSystem) {
   EXPECT_THAT(rule("/etc/passwd"), HasSubstr("checks read-only"));
   EXPECT_THAT(rule("/var/log/syslog"), HasSubstr("checks log"));
   EXPECT_THAT(rule("/var/lib/misc/state"), HasSubstr("checks permissions"));
-  for (const char* excluded : {"/proc/1/status", "/home/someone/notes", "/tmp/x", "/var/cache/apt/pkgcache.bin",
+  for (const char* excluded : {"/proc/1/status", "/home/someone/notes", "/tmp/x", "/var/tmp/x", "/var/cache/apt/pkgcache.bin",
                                "/var/spool/cron/x", "/var/lib/apt/lists/x"}) {
     EXPECT_THAT(rule(excluded), HasSubstr("below the excluded directory")) << excluded;
   }
