@@ -8,9 +8,9 @@ namespace {
 const std::set<std::string> kValueOptions = {"--config", "--module", "--dir", "--policy", "--signature",
                                              "--passphrase-fd", "--ca-key-out", "--ca-key", "--days", "--except", "--report"};
 const std::set<std::string> kFlagOptions = {"--help", "--json", "--quiet", "--verify", "--force",
-                                            "--recursive", "--wait", "--bind", "--protect-key", "--sign-later", "--all", "--packages", "--system"};
+                                            "--recursive", "--wait", "--bind", "--protect-key", "--sign-later", "--all", "--packages", "--system", "--interactive"};
 const std::map<std::string, std::string> kShortForms = {
-    {"-h", "--help"}, {"-q", "--quiet"}, {"-R", "--recursive"}, {"-c", "--config"}};
+    {"-h", "--help"}, {"-q", "--quiet"}, {"-R", "--recursive"}, {"-c", "--config"}, {"-i", "--interactive"}};
 
 }  // namespace
 

@@ -67,6 +67,8 @@ const std::map<std::string, std::string>& CommandHelp() {
        "removes what is gone, saves the database and reports what it accepted. The database it\n"
        "replaces is kept as NAME.previous.hdb. With PATHs, only the differences at or below them are\n"
        "accepted; with --except, all but those; the rest stays reported by the next check.\n"
+       "--packages accepts exactly what the package manager explains; -i asks on the terminal,\n"
+       "difference by difference ([y]es, [n]o, [a]ll that follow, [q]uit).\n"
        "\n"
        "  --bind  accept a database that has no policy binding (NAME.hdb.bind: the signed record\n"
        "          of its policy, root, host and revision), as one saved by an earlier version has,\n"

@@ -1,7 +1,10 @@
 // signdb update POLICY: takes the tree as it is now into the policy's database: what changed or is
 // new is recorded anew, what is gone is removed, and the database is saved.
 
+#include <unistd.h>
+
 #include <algorithm>
+#include <cctype>
 #include <cstdint>
 #include <iostream>
 #include <string>
@@ -41,6 +44,41 @@ std::string RelativeToRoot(const CRefPolicySettings& policy, std::string path) {
   return path;
 }
 
+// Asks on the terminal, difference by difference, which to accept; removes the others and
+// returns how many.
+size_t AskEach(std::vector<CDifference>& differences) {
+  std::vector<CDifference> accepted;
+  size_t refused = 0;
+  bool all = false;
+  bool done = false;
+  for (CDifference& difference : differences) {
+    if (done) {
+      ++refused;
+      continue;
+    }
+    if (!all) {
+      std::cout << DifferenceText(difference) << "\n"
+                << "accept? [y]es, [n]o, [a]ll that follow, [q]uit (accept nothing more): " << std::flush;
+      std::string answer;
+      if (!std::getline(std::cin, answer)) answer = "q";
+      char first = answer.empty() ? 'n' : static_cast<char>(std::tolower(static_cast<unsigned char>(answer[0])));
+      if (first == 'q') {
+        done = true;
+        ++refused;
+        continue;
+      }
+      if (first == 'a') all = true;
+      if (first != 'y' && first != 'a') {
+        ++refused;
+        continue;
+      }
+    }
+    accepted.push_back(std::move(difference));
+  }
+  differences = std::move(accepted);
+  return refused;
+}
+
 // Accepts the chosen differences of one policy into its database and saves it; returns the status.
 int UpdatePolicy(CSession& session, const CRefPolicySettings& policy, const CCommandLine& line,
                  const std::vector<std::string>& only, const std::vector<std::string>& except) {
@@ -68,6 +106,7 @@ int UpdatePolicy(CSession& session, const CRefPolicySettings& policy, const CCom
     left += static_cast<size_t>(result.differences.end() - kept);
     result.differences.erase(kept, result.differences.end());
   }
+  if (line.Has("--interactive")) left += AskEach(result.differences);
   // Removals first: a path that is gone can only have come back as something new in another place.
   for (const CDifference& difference : result.differences) {
     std::shared_ptr<CObjInfo> none;
@@ -103,7 +142,11 @@ int UpdatePolicy(CSession& session, const CRefPolicySettings& policy, const CCom
 }  // namespace
 
 int RunUpdate(const CCommandLine& line) {
-  RequireShape(line, {"--json", "--bind", "--sign-later", "--all", "--except", "--report", "--packages"}, 0, SIZE_MAX);
+  RequireShape(line, {"--json", "--bind", "--sign-later", "--all", "--except", "--report", "--packages", "--interactive"},
+               0, SIZE_MAX);
+  if (line.Has("--interactive") && (::isatty(0) == 0 || line.Has("--json"))) {
+    throw CToolError("update -i asks on a terminal: run it on one, without --json");
+  }
   CSession session(line);
   std::vector<const CRefPolicySettings*> policies = PoliciesOf(session, line);
   std::vector<std::string> only;

@@ -380,3 +380,24 @@ TEST_F(ToolTest, InitForTheSystemWritesPoliciesWhoseRulesFitAnInstalledSystem) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST_F(ToolAllPoliciesTest, AnInteractiveUpdateAsksForEachDifferenceOnATerminal) {
+  if (std::system("command -v script >/dev/null") != 0) GTEST_SKIP() << "script(1) is not installed to give a terminal";
+  ASSERT_EQ(Tool("scan t").status, 0);
+  Write("etc/hosts", "h2");
+  Write("etc/motd", "m2");
+  EXPECT_EQ(Tool("update t -i").status, 2) << "without a terminal, -i is refused";
+  // script(1) runs the update on a pseudo-terminal and types the answers: yes, then no.
+  CToolRun run = RunShell("{ printf 'y\\nn\\n' | script -qec \"'" SIGNDB_TOOL_PATH "' --config '" + config_ +
+                          "' update t -i\" /dev/null; }");
+  EXPECT_EQ(run.status, 0) << run.out << run.err;
+  EXPECT_THAT(run.out, HasSubstr("accept? [y]es, [n]o"));
+  EXPECT_THAT(run.out, HasSubstr("not chosen and stays reported"));
+  CToolRun check = Tool("check t");
+  EXPECT_EQ(LineAbout(check, "etc/hosts"), "");
+  EXPECT_THAT(LineAbout(check, "etc/motd"), StartsWith("hash changed"));
+}
+
+}  // namespace
