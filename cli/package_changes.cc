@@ -2,9 +2,11 @@
 
 #include <algorithm>
 #include <memory>
+#include <unordered_map>
 
 #include "cli/exit_status.h"
 #include "cli/package_files.h"
+#include "cli/package_owners.h"
 #include "refhost/settings.h"
 
 namespace {
@@ -31,24 +33,40 @@ bool ContentDiffers(const CDifference& difference) {
 }  // namespace
 
 void ExplainByPackages(std::vector<CDifference>& differences, const CRefPolicySettings& policy,
-                       const std::string& dpkg_root) {
+                       const std::string& dpkg_root, const std::string& hdb_path) {
   if (dpkg_root.empty()) return;
   std::unique_ptr<CPackageFiles> packages;
+  std::unique_ptr<std::unordered_map<std::string, std::string>> owners;
   std::string system_root = dpkg_root == "/" ? std::string() : dpkg_root;
   while (!system_root.empty() && system_root.back() == '/') system_root.pop_back();
   std::string root = policy.root == "/" ? std::string() : policy.root;
+  auto load = [&] {
+    if (packages) return;
+    try {
+      packages = CPackageFiles::Load(dpkg_root);
+    } catch (const std::exception& e) {
+      throw CToolError(std::string("the package lists cannot be read: ") + e.what(),
+                       {"set \"dpkg\" of policy '" + policy.name + "' to the root the packages are installed in, or remove it"});
+    }
+  };
   for (CDifference& difference : differences) {
+    if (difference.change == CChange::kGone) {
+      if (!owners) owners = std::make_unique<std::unordered_map<std::string, std::string>>(ReadPackageOwners(hdb_path));
+      auto owner = owners->find(difference.path);
+      if (owner == owners->end()) continue;
+      load();
+      const std::string* now = packages->Installed(owner->second.substr(0, owner->second.find(' ')));
+      if (now != nullptr && *now == owner->second) continue;  // still installed as it was: not its doing
+      difference.package = owner->second;
+      difference.package_verdict = CPackageVerdict::kByPackage;
+      difference.words = "removed with package";
+      difference.warnings.push_back("package " + difference.package);
+      continue;
+    }
     if (!ContentDiffers(difference)) continue;
     std::string full = root + "/" + difference.path;
     if (full.compare(0, system_root.size(), system_root) != 0) continue;  // outside the packages' system
-    if (!packages) {
-      try {
-        packages = CPackageFiles::Load(dpkg_root);
-      } catch (const std::exception& e) {
-        throw CToolError(std::string("the package lists cannot be read: ") + e.what(),
-                         {"set \"dpkg\" of policy '" + policy.name + "' to the root the packages are installed in, or remove it"});
-      }
-    }
+    load();
     const CPackageFiles::CEntry* entry = packages->Find(std::string_view(full).substr(system_root.size()));
     if (entry == nullptr) continue;
     bool is_new = difference.change == CChange::kNew;

@@ -106,6 +106,7 @@ std::unique_ptr<CPackageFiles> CPackageFiles::Load(const std::string& root) {
     if (!text) text = std::make_unique<std::string>(name + " " + package.version);
     return text.get();
   };
+  for (const auto& [name, package] : installed) package_text(name, package);
   std::string info = admin + "/info";
   std::vector<std::string> lists;
   std::unique_ptr<DIR, int (*)(DIR*)> listing(::opendir(info.c_str()), ::closedir);
@@ -168,6 +169,11 @@ std::unique_ptr<CPackageFiles> CPackageFiles::Load(const std::string& root) {
 const CPackageFiles::CEntry* CPackageFiles::Find(std::string_view system_path) const {
   auto found = files_.find(std::string(system_path));
   return found == files_.end() ? nullptr : &found->second;
+}
+
+const std::string* CPackageFiles::Installed(const std::string& name) const {
+  auto found = packages_.find(name);
+  return found == packages_.end() ? nullptr : found->second.get();
 }
 
 std::string Md5OfFile(const std::string& path) {

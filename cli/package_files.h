@@ -26,6 +26,13 @@ class CPackageFiles {
 
   // The entry of a file by its path on the system ("/usr/bin/ls"), or null.
   const CEntry* Find(std::string_view system_path) const;
+  // "name version" of an installed package, or null when it is not installed.
+  const std::string* Installed(const std::string& name) const;
+  // Calls "visit" with every listed path and its entry.
+  template <typename CVisit>
+  void ForEach(const CVisit& visit) const {
+    for (const auto& [path, entry] : files_) visit(path, entry);
+  }
   size_t size() const { return files_.size(); }
 
  private:

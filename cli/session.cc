@@ -16,6 +16,7 @@
 #include "cli/config_location.h"
 #include "cli/database_files.h"
 #include "cli/exit_status.h"
+#include "cli/package_owners.h"
 #include "cli/passphrase.h"
 #include "cli/policy_binding.h"
 #include "cli/policy_rules.h"
@@ -306,6 +307,16 @@ std::unique_ptr<CRefSigner> CSession::Signer() {
   }
 }
 
+void CSession::RememberPackageOwners(const CRefPolicySettings& policy, const std::string& hdb_path) {
+  std::string dpkg_root = CPolicyRules::Load(config_path_, policy.name).dpkg_root();
+  if (dpkg_root.empty()) return;
+  try {
+    WritePackageOwners(hdb_path, policy.root, dpkg_root);
+  } catch (const std::exception& e) {  // the database is saved; only the explanation of removals is lost
+    std::cerr << "signdb: warning: the packages' files could not be noted: " << e.what() << "\n";
+  }
+}
+
 std::string CSession::CandidateOf(const CRefPolicySettings& policy) {
   return Narrow(front_->HdbFilePath(policy.name)) + ".candidate";
 }
@@ -428,6 +439,7 @@ uint64_t CSession::AcceptCandidate(const CRefPolicySettings& policy) {
     ReplacePairWithCopy(candidate, current, signature_of);
     WriteRecordedRevision(current, revision);
     RemoveSaveMarker(current);
+    RememberPackageOwners(policy, current);
   } catch (const std::exception& e) {
     throw CToolError(e.what(), {"the candidate was not put in place; run 'signdb accept " + policy.name + "' again"});
   }
@@ -494,6 +506,7 @@ std::string CSession::Save(const std::shared_ptr<CHashDB>& database, const CRefP
   } catch (const std::exception& e) {  // the one written before the save vouches for it already
     std::cerr << "signdb: " << e.what() << "\n";
   }
+  RememberPackageOwners(policy, current);
   RemoveSaveMarker(current);
   return Narrow(database->HdbFilePath(false));
 }

@@ -94,6 +94,8 @@ class CSession {
   // The signed record that ties a policy's database to the policy, root, host and revisions.
   CPolicyBinding BindingOf(const CRefPolicySettings& policy, std::vector<uint64_t> revisions) const;
   std::string SaveCandidate(const std::shared_ptr<CHashDB>& database, const CRefPolicySettings& policy);
+  // For a policy with package awareness: which package owns each path, beside the database.
+  void RememberPackageOwners(const CRefPolicySettings& policy, const std::string& hdb_path);
   void WriteBinding(const CRefPolicySettings& policy, const std::string& hdb_path, std::vector<uint64_t> revisions);
   // The binding of the policy's database; refuses (CToolError) one that is missing (unless --bind),
   // not trusted, or of another policy, root or host. Which revisions it vouches for is the

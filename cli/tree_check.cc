@@ -106,7 +106,7 @@ CTreeCheckResult CheckTree(CSession& session, const CRefPolicySettings& policy,
   }
   PairRenamesAndSort(result.differences);
   ForgiveRotations(result.differences, rules);
-  ExplainByPackages(result.differences, policy, rules.dpkg_root());
+  ExplainByPackages(result.differences, policy, rules.dpkg_root(), session.Narrow(database->HdbFilePath(false)));
   std::sort(result.unreadable.begin(), result.unreadable.end());
   result.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start_time).count();
   return result;

@@ -112,4 +112,25 @@ TEST_F(ToolPackagesTest, WhatAPackageChangedIsToldApartFromWhatSomeoneElseDid) {
       << "update --packages never accepts what the package does not explain";
 }
 
+// A package removed takes its lists with it; what it owned at the last save is still told to be
+// its, and accepted with --packages.
+TEST_F(ToolPackagesTest, WhatARemovedPackageTookWithItIsItsToo) {
+  Dpkg("-i '" + Package("1.0", "v1\n", "conf v1\n") + "'");
+  dir_.Write("sys/usr/share/sdbtest-unowned", "not a package's");
+  ASSERT_EQ(Tool("scan t").status, 0);
+  EXPECT_TRUE(boost::filesystem::exists(Data("t.hdb.owners")));
+  Dpkg("-r sdbtest");
+  boost::filesystem::remove(Sys("usr/share/sdbtest-unowned"));
+  CToolRun check = Tool("check t");
+  EXPECT_EQ(check.status, 1);
+  EXPECT_THAT(LineAbout(check, "usr/share/sdbtest/data"),
+              AllOf(StartsWith("removed with package"), HasSubstr("package sdbtest 1.0")));
+  EXPECT_THAT(LineAbout(check, "usr/share/sdbtest/"), StartsWith("removed with package"));
+  EXPECT_THAT(LineAbout(check, "usr/share/sdbtest-unowned"), StartsWith("gone"));
+  EXPECT_EQ(Tool("update t --packages").status, 0);
+  CToolRun after = Tool("check t");
+  EXPECT_EQ(LineAbout(after, "usr/share/sdbtest/data"), "");
+  EXPECT_THAT(LineAbout(after, "usr/share/sdbtest-unowned"), StartsWith("gone"));
+}
+
 }  // namespace
