@@ -132,8 +132,8 @@ int UpdatePolicy(CSession& session, const CRefPolicySettings& policy, const CCom
                                 : "saved " + saved + " (the one it replaced: " + session.PreviousFileOf(policy) + ")")
               << "\n";
     if (left > 0) {
-      std::cout << left << (left == 1 ? " difference was" : " differences were")
-                << " not chosen and stays reported by the next check\n";
+      std::cout << left << (left == 1 ? " difference was not chosen and stays" : " differences were not chosen and stay")
+                << " reported by the next check\n";
     }
   }
   return result.unreadable.empty() ? kExitOk : kExitError;

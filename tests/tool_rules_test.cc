@@ -243,7 +243,7 @@ TEST_F(ToolAllPoliciesTest, AnUpdateAcceptsOnlyThePathsNamedOrAllButThoseExcepte
   Write("bin/new", "n");
   CToolRun one = Tool("update t etc/hosts");
   EXPECT_EQ(one.status, 0) << one.err;
-  EXPECT_THAT(one.out, HasSubstr("not chosen and stays reported"));
+  EXPECT_THAT(one.out, HasSubstr("differences were not chosen and stay reported"));
   CToolRun after_one = Tool("check t");
   EXPECT_EQ(LineAbout(after_one, "etc/hosts"), "");
   EXPECT_THAT(LineAbout(after_one, "etc/motd"), StartsWith("hash changed"));
@@ -394,7 +394,7 @@ TEST_F(ToolAllPoliciesTest, AnInteractiveUpdateAsksForEachDifferenceOnATerminal)
                           "' update t -i\" /dev/null; }");
   EXPECT_EQ(run.status, 0) << run.out << run.err;
   EXPECT_THAT(run.out, HasSubstr("accept? [y]es, [n]o"));
-  EXPECT_THAT(run.out, HasSubstr("not chosen and stays reported"));
+  EXPECT_THAT(run.out, HasSubstr("1 difference was not chosen and stays reported"));
   CToolRun check = Tool("check t");
   EXPECT_EQ(LineAbout(check, "etc/hosts"), "");
   EXPECT_THAT(LineAbout(check, "etc/motd"), StartsWith("hash changed"));
