@@ -43,10 +43,13 @@ struct CInstalled {
   std::vector<std::pair<std::string, std::string>> conffiles;  // path, md5
 };
 
-// The installed packages of ADMIN/status, by name.
-std::unordered_map<std::string, CInstalled> ReadStatus(const std::string& path) {
+bool EndsWith(const std::string& text, std::string_view suffix) {
+  return text.size() > suffix.size() && text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
+}
+
+// The installed packages of a status file's text, by name.
+std::unordered_map<std::string, CInstalled> ParseStatus(const std::string& text) {
   std::unordered_map<std::string, CInstalled> installed;
-  std::string text = ReadAll(path);
   std::string name;
   CInstalled current;
   bool is_installed = false;
@@ -96,61 +99,61 @@ std::unordered_map<std::string, CInstalled> ReadStatus(const std::string& path) 
 }  // namespace
 
 std::unique_ptr<CPackageFiles> CPackageFiles::Load(const std::string& root) {
-  auto files = std::make_unique<CPackageFiles>();
   std::string system_root = root.empty() || root == "/" ? std::string() : root;
   while (!system_root.empty() && system_root.back() == '/') system_root.pop_back();
   std::string admin = system_root + "/var/lib/dpkg";
-  std::unordered_map<std::string, CInstalled> installed = ReadStatus(admin + "/status");
+  std::string status = ReadAll(admin + "/status");
+  std::string info = admin + "/info";
+  std::vector<std::pair<std::string, std::string>> lists;
+  std::unique_ptr<DIR, int (*)(DIR*)> listing(::opendir(info.c_str()), ::closedir);
+  if (!listing) throw std::runtime_error("cannot list " + info);
+  while (const struct dirent* entry = ::readdir(listing.get())) {
+    std::string file = entry->d_name;
+    if (EndsWith(file, ".md5sums") || EndsWith(file, ".list")) lists.emplace_back(file, ReadAll(info + "/" + file));
+  }
+  return FromTexts(status, lists);
+}
+
+std::unique_ptr<CPackageFiles> CPackageFiles::FromTexts(const std::string& status,
+                                                        const std::vector<std::pair<std::string, std::string>>& lists) {
+  auto files = std::make_unique<CPackageFiles>();
+  std::unordered_map<std::string, CInstalled> installed = ParseStatus(status);
   auto package_text = [&](const std::string& name, const CInstalled& package) {
     std::unique_ptr<std::string>& text = files->packages_[name];
     if (!text) text = std::make_unique<std::string>(name + " " + package.version);
     return text.get();
   };
   for (const auto& [name, package] : installed) package_text(name, package);
-  std::string info = admin + "/info";
-  std::vector<std::string> lists;
-  std::unique_ptr<DIR, int (*)(DIR*)> listing(::opendir(info.c_str()), ::closedir);
-  if (!listing) throw std::runtime_error("cannot list " + info);
-  while (const struct dirent* entry = ::readdir(listing.get())) {
-    std::string file = entry->d_name;
-    constexpr std::string_view kSuffix = ".md5sums";
-    constexpr std::string_view kList = ".list";
-    auto ends_with = [&file](std::string_view suffix) {
-      return file.size() > suffix.size() && file.compare(file.size() - suffix.size(), suffix.size(), suffix) == 0;
-    };
-    if (ends_with(kList)) {
-      lists.push_back(file);
-      continue;
-    }
-    if (!ends_with(kSuffix)) continue;
-    std::string name = file.substr(0, file.size() - kSuffix.size());
-    name = name.substr(0, name.find(':'));  // "libc6:amd64"
+  // The package of a list file: "libc6:amd64.md5sums" is libc6's.
+  auto owner = [&](const std::string& file, size_t suffix) -> const std::string* {
+    std::string name = file.substr(0, file.size() - suffix);
+    name = name.substr(0, name.find(':'));
     auto package = installed.find(name);
-    if (package == installed.end()) continue;
-    const std::string* text = package_text(name, package->second);
-    std::string sums = ReadAll(info + "/" + file);
-    ForEachLine(sums, [&](std::string_view line) {
+    return package == installed.end() ? nullptr : package_text(name, package->second);
+  };
+  for (const auto& [file, text] : lists) {
+    if (!EndsWith(file, ".md5sums")) continue;
+    const std::string* package = owner(file, 8);
+    if (package == nullptr) continue;
+    ForEachLine(text, [&](std::string_view line) {
       // "d41d8cd98f00b204e9800998ecf8427e  usr/share/doc/x/copyright"
       if (line.size() < 34 || line[32] != ' ') return;
       std::string path = "/" + std::string(Trimmed(line.substr(33)));
       CEntry& entry = files->files_[path];
-      entry.package = text;
+      entry.package = package;
       entry.md5 = std::string(line.substr(0, 32));
     });
   }
   // What each package lists besides: its directories (a file there without a checksum stays
   // without one, and is never taken for the package's).
-  for (const std::string& file : lists) {
-    std::string name = file.substr(0, file.size() - 5);
-    name = name.substr(0, name.find(':'));
-    auto package = installed.find(name);
-    if (package == installed.end()) continue;
-    const std::string* text = package_text(name, package->second);
-    std::string listed = ReadAll(info + "/" + file);
-    ForEachLine(listed, [&](std::string_view line) {
+  for (const auto& [file, text] : lists) {
+    if (!EndsWith(file, ".list")) continue;
+    const std::string* package = owner(file, 5);
+    if (package == nullptr) continue;
+    ForEachLine(text, [&](std::string_view line) {
       if (line.empty() || line.front() != '/' || line == "/.") return;
       auto [entry, made] = files->files_.try_emplace(std::string(line));
-      if (made) entry->second.package = text;
+      if (made) entry->second.package = package;
     });
   }
   // Configuration files: the checksum of what was installed, and the mark that the administrator

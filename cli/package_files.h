@@ -5,6 +5,8 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <utility>
+#include <vector>
 
 // What Debian's package manager says about the files it installed: for each file, its package,
 // the package's version and the MD5 checksum that the package's own list records
@@ -23,6 +25,10 @@ class CPackageFiles {
   // Reads the lists once, every installed package's; throws std::runtime_error naming a file
   // that cannot be read. Packages that are not installed ("Status: ... installed") are left out.
   static std::unique_ptr<CPackageFiles> Load(const std::string& root);
+  // The same from the texts of the status file and of the info lists ("NAME[:ARCH].md5sums" and
+  // "NAME[:ARCH].list", by file name): the parser, whatever the texts hold.
+  static std::unique_ptr<CPackageFiles> FromTexts(const std::string& status,
+                                                  const std::vector<std::pair<std::string, std::string>>& lists);
 
   // The entry of a file by its path on the system ("/usr/bin/ls"), or null.
   const CEntry* Find(std::string_view system_path) const;

@@ -36,7 +36,11 @@ std::unordered_map<std::string, std::string> ReadPackageOwners(const std::string
   struct stat status {};
   if (::lstat(path.c_str(), &status) != 0 && errno == ENOENT) return owners;
   std::vector<uint8_t> bytes = ReadWholeFile(path);
-  std::string text(bytes.begin(), bytes.end());
+  return ParsePackageOwners(std::string(bytes.begin(), bytes.end()));
+}
+
+std::unordered_map<std::string, std::string> ParsePackageOwners(const std::string& text) {
+  std::unordered_map<std::string, std::string> owners;
   size_t at = 0;
   while (at < text.size()) {
     size_t end_of_path = text.find('\0', at);

@@ -15,3 +15,5 @@ void WritePackageOwners(const std::string& hdb_path, const std::string& policy_r
 
 // The owners written at the last save, by relative path; empty when there are none.
 std::unordered_map<std::string, std::string> ReadPackageOwners(const std::string& hdb_path);
+// The same from the file's text (an entry cut short at its end is left out).
+std::unordered_map<std::string, std::string> ParsePackageOwners(const std::string& text);
