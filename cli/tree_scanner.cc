@@ -41,6 +41,8 @@ struct CPendingObject {
   bool likely_regular = false;
 };
 
+// The objects still to read, shared by the workers. An object counts as outstanding from the
+// moment it is pushed until its worker has pushed its children, so "none outstanding" means done.
 class CWorkStack {
  public:
   void Push(std::vector<CPendingObject>&& objects) {
