@@ -14,7 +14,6 @@
 #include <cstring>
 #include <exception>
 #include <mutex>
-#include <stdexcept>
 #include <thread>
 #include <vector>
 
@@ -153,19 +152,10 @@ void RaiseDescriptorLimit() {
   }
 }
 
-// The open parent of the root and the root's name in it ("/" is "." in itself).
+// The root, as an entry of its open parent.
 CPendingObject RootObject(const std::string& root) {
-  std::string parent = "/";
-  std::string name = ".";
-  if (root != "/") {
-    size_t slash = root.rfind('/');
-    parent = slash == std::string::npos ? "." : slash == 0 ? "/" : root.substr(0, slash);
-    name = root.substr(slash == std::string::npos ? 0 : slash + 1);
-  }
-  auto directory = std::make_shared<CFileDescriptor>(::open(parent.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-  if (!directory->valid()) {
-    throw std::runtime_error("cannot examine " + root + ": " + std::strerror(errno));
-  }
+  std::string name;
+  auto directory = std::make_shared<CFileDescriptor>(OpenParentOfRoot(root, name));
   return CPendingObject{directory, name, root, 0, true, false};
 }
 

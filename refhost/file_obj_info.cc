@@ -50,6 +50,19 @@ bool IsGoneError(int error) { return error == ENOENT || error == ENOTDIR; }
 
 }  // namespace
 
+int OpenParentOfRoot(const std::string& root, std::string& name) {
+  std::string parent = "/";
+  name = ".";
+  if (root != "/") {
+    size_t slash = root.rfind('/');
+    parent = slash == std::string::npos ? "." : slash == 0 ? "/" : root.substr(0, slash);
+    name = root.substr(slash == std::string::npos ? 0 : slash + 1);
+  }
+  int fd = ::open(parent.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+  if (fd < 0) Fail("cannot examine", root, errno);
+  return fd;
+}
+
 void CRefFileObjInfo::TakeStatus(const struct stat& status) {
   is_dir_ = S_ISDIR(status.st_mode);
   size_ = S_ISREG(status.st_mode) || S_ISLNK(status.st_mode) ? static_cast<uint64_t>(status.st_size) : 0;
@@ -148,12 +161,7 @@ std::shared_ptr<CRefFileObjInfo> CRefFileObjInfo::FromDisk(CUtilityService& util
   CFileDescriptor directory;
   std::string name;
   if (below.empty()) {
-    size_t slash = narrow_root.rfind('/');
-    std::string parent = slash == 0 || slash == std::string::npos ? "/" : narrow_root.substr(0, slash);
-    name = narrow_root == "/" ? "." : narrow_root.substr(slash == std::string::npos ? 0 : slash + 1);
-    if (slash == std::string::npos) parent = ".";
-    directory.Reset(::open(parent.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-    if (!directory.valid()) Fail("cannot examine", narrow, errno);
+    directory.Reset(OpenParentOfRoot(narrow_root, name));
   } else {
     directory.Reset(::open(narrow_root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
     if (!directory.valid()) Fail("cannot examine", narrow_root, errno);

@@ -12,6 +12,11 @@ class CCfgService;
 class CFileDescriptor;
 class CUtilityService;
 
+// The parent directory of a policy's root, opened (O_PATH) by the path the administrator named, and
+// the root's name in it ("/" is "." in itself): where every walk and look-up below the root starts.
+// Returns the descriptor; throws std::runtime_error when it cannot be opened.
+int OpenParentOfRoot(const std::string& root, std::string& name);
+
 // What the disk says about one object below a policy's root, read once when made: kind and mode
 // (attributes: st_mode, whose type bits tell a regular file, directory, symbolic link, character
 // or block device, FIFO or socket apart), size, times (status change, modification), security
