@@ -104,10 +104,7 @@ std::string StorageProblemOf(const std::string& folder) {
       return "no space left on the file system of " + folder + " (ENOSPC)";
     }
   }
-  if (::access(folder.c_str(), W_OK | X_OK) != 0) {
-    const char* name = ::strerrorname_np(errno);
-    return folder + " is not writable: " + std::strerror(errno) + (name != nullptr ? std::string(" (") + name + ")" : "");
-  }
+  if (::access(folder.c_str(), W_OK | X_OK) != 0) return folder + " is not writable: " + ErrnoText(errno);
   return std::string();
 }
 

@@ -459,7 +459,7 @@ std::string CSession::Save(const std::shared_ptr<CHashDB>& database, const CRefP
     // Looked at while what the failed save wrote still takes its room.
     std::string cause = StorageProblemOf(boost::filesystem::path(current).parent_path().string());
     if (cause.empty() && (error == ENOSPC || error == EDQUOT || error == EROFS || error == EIO)) {
-      cause = std::string("the write failed: ") + std::strerror(error) + " (" + ::strerrorname_np(error) + ")";
+      cause = "the write failed: " + ErrnoText(error);
     }
     // What the failed save wrote goes, or, when it failed between its moves, is finished.
     try {

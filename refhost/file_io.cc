@@ -44,6 +44,11 @@ std::vector<uint8_t> ReadWholeFile(const std::string& path, uint64_t max_bytes) 
   return bytes;
 }
 
+std::string ErrnoText(int error) {
+  const char* name = ::strerrorname_np(error);
+  return std::string(std::strerror(error)) + (name != nullptr ? std::string(" (") + name + ")" : std::string());
+}
+
 void SyncDirectoryOf(const std::string& path) {
   std::string directory = boost::filesystem::path(path).parent_path().string();
   if (directory.empty()) directory = ".";

@@ -6,6 +6,9 @@
 
 // Whole-file helpers on POSIX. Failures throw std::runtime_error naming the file and the reason.
 
+// An error number as people read it and search for it: "Read-only file system (EROFS)".
+std::string ErrnoText(int error);
+
 // Reads a file, at most "max_bytes" from its start (0: all of it).
 std::vector<uint8_t> ReadWholeFile(const std::string& path, uint64_t max_bytes = 0);
 

@@ -7,6 +7,8 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "refhost/file_io.h"
+
 namespace {
 
 struct flock WholeFile(short type) {
@@ -34,10 +36,7 @@ CPolicyLock::CPolicyLock(const std::string& hdb_path, const std::string& policy_
     }
   } else if (fd_ < 0) {
     // A writer cannot go on: name the error as administrators search for it (EROFS, ENOSPC).
-    const char* name = ::strerrorname_np(errno);
-    throw std::runtime_error("cannot open the lock file " + path + ": " + std::strerror(errno) +
-                             (name != nullptr ? std::string(" (") + name + ")" : std::string()) +
-                             "; nothing was changed");
+    throw std::runtime_error("cannot open the lock file " + path + ": " + ErrnoText(errno) + "; nothing was changed");
   }
   struct flock region = WholeFile(mode == CMode::kShared ? F_RDLCK : F_WRLCK);
   while (::fcntl(fd_, wait ? F_SETLKW : F_SETLK, &region) != 0) {
