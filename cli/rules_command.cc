@@ -17,7 +17,7 @@ int RunRules(const CCommandLine& line) {
   RequireShape(line, {}, 2, 2);
   CSession session(line);
   const CRefPolicySettings& policy = session.Policy(line.arguments[0]);
-  CPolicyRules rules = CPolicyRules::Load(session.config_path(), policy.name);
+  const CPolicyRules& rules = session.Rules(policy);
   std::string relative = line.arguments[1];
   // A path may be given relative to the root or in full.
   std::string root = policy.root == "/" ? "/" : policy.root + "/";

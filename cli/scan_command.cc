@@ -10,7 +10,6 @@
 #include "cli/command_line.h"
 #include "cli/commands.h"
 #include "cli/exit_status.h"
-#include "cli/policy_rules.h"
 #include "cli/progress_line.h"
 #include "cli/session.h"
 #include "cli/text_format.h"
@@ -31,8 +30,7 @@ int ScanPolicy(CSession& session, const CRefPolicySettings& policy, const CComma
   CTreeScanner scanner(session.host(), policy.root, session.settings().threads);
   std::vector<std::pair<std::string, std::string>> unreadable;  // path, reason
   scanner.Exclude(session.DataFolder());
-  CPolicyRules rules = CPolicyRules::Load(session.config_path(), policy.name);
-  scanner.SetRules(&rules);
+  scanner.SetRules(&session.Rules(policy));
   {
     CProgressLine progress("scanning " + policy.name, scanner.counters(), quiet);
     scanner.Run(

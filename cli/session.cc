@@ -78,7 +78,9 @@ CSession::CSession(const CCommandLine& line) {
     throw CToolError(e.what(), {"fix the file, or make a new one with 'signdb init --force'"});
   }
   // Bad rules are refused before anything is done, whatever the command.
-  for (const CRefPolicySettings& policy : settings_.policies) CPolicyRules::Load(config_path_, policy.name);
+  for (const CRefPolicySettings& policy : settings_.policies) {
+    rules_.emplace(policy.name, CPolicyRules::Load(config_path_, policy.name));
+  }
   RequireOwnerOnly(config_path_, "the configuration", false);
   RequireOwnerOnly(settings_.signer_chain, "the trust anchor", false);
   RequireOwnerOnly(settings_.signer_certificate, "the signer's certificate", false);
@@ -308,7 +310,7 @@ std::unique_ptr<CRefSigner> CSession::Signer() {
 }
 
 void CSession::RememberPackageOwners(const CRefPolicySettings& policy, const std::string& hdb_path) {
-  std::string dpkg_root = CPolicyRules::Load(config_path_, policy.name).dpkg_root();
+  const std::string& dpkg_root = Rules(policy).dpkg_root();
   if (dpkg_root.empty()) return;
   try {
     WritePackageOwners(hdb_path, policy.root, dpkg_root);

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "cli/policy_binding.h"
+#include "cli/policy_rules.h"
 #include "refhost/policy_lock.h"
 #include "refhost/settings.h"
 
@@ -29,6 +30,8 @@ class CSession {
   CSession& operator=(const CSession&) = delete;
 
   const CRefSettings& settings() const { return settings_; }
+  // A policy's rules, read from the configuration once, when the session began.
+  const CPolicyRules& Rules(const CRefPolicySettings& policy) const { return rules_.at(policy.name); }
   const std::string& config_path() const { return config_path_; }
   CRefHost& host() { return *host_; }
   CSignDB& front() { return *front_; }
@@ -114,4 +117,5 @@ class CSession {
   bool signer_ready_ = false;
   bool sign_later_ = false;  // --sign-later
   std::map<std::string, std::unique_ptr<CPolicyLock>> locks_;  // by policy name
+  std::map<std::string, CPolicyRules> rules_;                  // by policy name
 };

@@ -10,7 +10,6 @@
 #include "cli/command_line.h"
 #include "cli/exit_status.h"
 #include "cli/package_changes.h"
-#include "refhost/safe_text.h"
 #include "cli/policy_rules.h"
 #include "cli/progress_line.h"
 #include "cli/session.h"
@@ -18,6 +17,7 @@
 #include "hashdb/hash_db.h"
 #include "refhost/file_obj_info.h"
 #include "refhost/ref_host.h"
+#include "refhost/safe_text.h"
 #include "refhost/text_conversion.h"
 
 namespace {
@@ -49,7 +49,7 @@ CTreeCheckResult CheckTree(CSession& session, const CRefPolicySettings& policy,
   std::mutex lock;
   CTreeScanner scanner(session.host(), policy.root, session.settings().threads);
   scanner.Exclude(session.DataFolder());
-  CPolicyRules rules = CPolicyRules::Load(session.config_path(), policy.name);
+  const CPolicyRules& rules = session.Rules(policy);
   scanner.SetRules(&rules);
   uint32_t policy_number = session.settings().policy_number;
   {
