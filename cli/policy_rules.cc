@@ -260,11 +260,16 @@ CPolicyRules::CVerdict CPolicyRules::VerdictBeforeKind(std::string_view relative
 
 bool CPolicyRules::ExcludedHereOrAbove(std::string_view relative_path, CObjectKind kind) const {
   if (rules_.empty()) return false;
+  return !ExcludedAncestor(relative_path).empty() || Excluded(relative_path, kind);
+}
+
+std::string_view CPolicyRules::ExcludedAncestor(std::string_view relative_path) const {
+  if (rules_.empty()) return std::string_view();
   for (size_t slash = relative_path.find('/'); slash != std::string_view::npos;
        slash = relative_path.find('/', slash + 1)) {
-    if (Excluded(relative_path.substr(0, slash), CObjectKind::kDirectory)) return true;
+    if (Excluded(relative_path.substr(0, slash), CObjectKind::kDirectory)) return relative_path.substr(0, slash);
   }
-  return Excluded(relative_path, kind);
+  return std::string_view();
 }
 
 CSelection CPolicyRules::SelectionFor(std::string_view relative_path, CObjectKind kind) const {

@@ -54,6 +54,8 @@ class CPolicyRules {
   CVerdict VerdictBeforeKind(std::string_view relative_path) const;
   // Excluded itself, or below an excluded directory (a record that the walk no longer meets).
   bool ExcludedHereOrAbove(std::string_view relative_path, CObjectKind kind) const;
+  // The excluded directory that "relative_path" lies below, nearest the root; empty when none.
+  std::string_view ExcludedAncestor(std::string_view relative_path) const;
   bool empty() const { return rules_.empty(); }
   CSelection SelectionFor(std::string_view relative_path, CObjectKind kind) const;
   // Which rule applies to the object and why, for people: "rule 3 (line 14): \"log/**\" ...".

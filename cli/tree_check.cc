@@ -136,6 +136,15 @@ std::vector<const CRefPolicySettings*> PoliciesOf(CSession& session, const CComm
   return policies;
 }
 
+std::string RelativeToRoot(const CRefPolicySettings& policy, std::string path) {
+  std::string root = policy.root == "/" ? "/" : policy.root + "/";
+  if (path == policy.root) return std::string();
+  if (path.compare(0, root.size(), root) == 0) path = path.substr(root.size());
+  while (path.size() > 1 && path.back() == '/') path.pop_back();
+  if (path == ".") path.clear();
+  return path;
+}
+
 void ReportPolicyError(const CRefPolicySettings& policy, const CToolError& error) {
   std::cerr << "signdb: policy '" << EscapedText(policy.name) << "': " << EscapedText(error.what()) << "\n";
   for (const std::string& hint : error.hints()) std::cerr << "  " << EscapedText(hint) << "\n";

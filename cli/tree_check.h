@@ -48,6 +48,10 @@ CPolicyCheck CheckPolicy(CSession& session, const CRefPolicySettings& policy, bo
 // --all or without a name.
 std::vector<const CRefPolicySettings*> PoliciesOf(CSession& session, const CCommandLine& line);
 
+// A path as the user gave it, relative to the policy's root (a full path below it is taken too;
+// the root itself is "").
+std::string RelativeToRoot(const CRefPolicySettings& policy, std::string path);
+
 // Says on the standard error that one policy of several could not be worked on, and why.
 void ReportPolicyError(const CRefPolicySettings& policy, const CToolError& error);
 

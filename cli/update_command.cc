@@ -34,16 +34,6 @@ bool NamedOrBelow(const std::string& path, const std::vector<std::string>& named
   return false;
 }
 
-// A path as the user gave it, relative to the policy's root (a full path below it is taken too).
-std::string RelativeToRoot(const CRefPolicySettings& policy, std::string path) {
-  std::string root = policy.root == "/" ? "/" : policy.root + "/";
-  if (path == policy.root) return std::string();
-  if (path.compare(0, root.size(), root) == 0) path = path.substr(root.size());
-  while (path.size() > 1 && path.back() == '/') path.pop_back();
-  if (path == ".") path.clear();
-  return path;
-}
-
 // Asks on the terminal, difference by difference, which to accept; removes the others and
 // returns how many.
 size_t AskEach(std::vector<CDifference>& differences) {
