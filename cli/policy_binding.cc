@@ -123,10 +123,9 @@ std::optional<CPolicyBinding> ReadPolicyBinding(const std::string& hdb_path, CRe
   return ParseRecord(line, path);
 }
 
-std::string PolicyBindingMismatch(const CPolicyBinding& binding, const std::string& policy, const std::string& root,
-                                  const std::string& host) {
-  if (binding.policy != policy) return "it belongs to policy '" + binding.policy + "'";
-  if (binding.root != root) return "it records the root " + binding.root + ", not " + root;
-  if (binding.host != host) return "it was made on host '" + binding.host + "', not '" + host + "'";
+std::string PolicyBindingMismatch(const CPolicyBinding& binding, const CPolicyBinding& expected) {
+  if (binding.policy != expected.policy) return "it belongs to policy '" + binding.policy + "'";
+  if (binding.root != expected.root) return "it records the root " + binding.root + ", not " + expected.root;
+  if (binding.host != expected.host) return "it was made on host '" + binding.host + "', not '" + expected.host + "'";
   return std::string();
 }

@@ -41,6 +41,6 @@ CPolicyBinding SignPolicyBinding(const std::string& hdb_path, CRefSigner& signer
 // trusted signer.
 std::optional<CPolicyBinding> ReadPolicyBinding(const std::string& hdb_path, CRefPkcs7Verifier& verifier);
 
-// What is wrong with "binding" for this policy, root and host, as a sentence; empty when it holds.
-std::string PolicyBindingMismatch(const CPolicyBinding& binding, const std::string& policy, const std::string& root,
-                                  const std::string& host);
+// What is wrong with "binding" for the policy, root and host of "expected", as a sentence; empty
+// when it holds. Revisions are not compared.
+std::string PolicyBindingMismatch(const CPolicyBinding& binding, const CPolicyBinding& expected);

@@ -8,7 +8,6 @@
 #include "cli/command_line.h"
 #include "cli/commands.h"
 #include "cli/exit_status.h"
-#include "cli/passphrase.h"
 #include "cli/session.h"
 #include "cli/text_format.h"
 #include "refhost/dev_keys.h"
@@ -28,10 +27,7 @@ int RunRenew(const CCommandLine& line) {
   if (days < 1 || days > 36500) throw CToolError("--days wants a number of days from 1 to 36500");
   CSession session(line);
   const CRefSettings& settings = session.settings();
-  std::string passphrase;
-  if (KeyNeedsPassphrase(settings.signer_key)) {
-    passphrase = ReadPassphrase("passphrase of the signer key " + settings.signer_key + ": ", line.Value("--passphrase-fd"));
-  }
+  const std::string& passphrase = session.SignerPassphrase();
   std::string fresh = settings.signer_certificate + ".new";
   boost::system::error_code ignored;
   boost::filesystem::remove(fresh, ignored);
@@ -41,11 +37,9 @@ int RunRenew(const CCommandLine& line) {
                            CertificateSerialNumber(settings.signer_certificate), 0, days, fresh);
     DurableRename(fresh, settings.signer_certificate);
   } catch (const std::exception& e) {
-    ForgetPassphrase(passphrase);
     boost::filesystem::remove(fresh, ignored);
     throw CToolError(e.what(), {"the signer certificate " + settings.signer_certificate + " stays as it was"});
   }
-  ForgetPassphrase(passphrase);
   std::cout << "renewed " << settings.signer_certificate << ": valid until "
             << TimeText(static_cast<uint64_t>(CertificateNotAfter(settings.signer_certificate)) * 1000000000ull)
             << "\n";

@@ -292,11 +292,16 @@ void CSession::PrepareSigner() {
     std::cerr << "signdb: warning: the signer certificate " << certificate << " expires on " << until << " (in "
               << (not_after - now) / 86400 << " days); issue a new one before then: signdb renew --ca-key PATH\n";
   }
+  SignerPassphrase();
+  signer_ready_ = true;
+}
+
+const std::string& CSession::SignerPassphrase() {
   if (passphrase_.empty() && KeyNeedsPassphrase(settings_.signer_key)) {
     passphrase_ = ReadPassphrase("passphrase of the signer key " + settings_.signer_key + ": ", passphrase_fd_);
     host_->ref_crypto().SetSignerPassphrase(passphrase_);
   }
-  signer_ready_ = true;
+  return passphrase_;
 }
 
 std::unique_ptr<CRefSigner> CSession::Signer() {
@@ -414,8 +419,7 @@ uint64_t CSession::AcceptCandidate(const CRefPolicySettings& policy) {
     forget_candidate();
     return revision;
   }
-  CPolicyBinding expected = BindingOf(policy, {});
-  std::string mismatch = PolicyBindingMismatch(*binding, expected.policy, expected.root, expected.host);
+  std::string mismatch = PolicyBindingMismatch(*binding, BindingOf(policy, {}));
   if (mismatch.empty() && !binding->Vouches(revision)) mismatch = "its binding does not vouch for its revision";
   if (mismatch.empty()) {
     uint64_t recorded = 0;
@@ -539,8 +543,7 @@ std::optional<CPolicyBinding> CSession::RequireBinding(const CRefPolicySettings&
                      {"a database saved before bindings existed is bound once with 'signdb update " + policy.name +
                       " --bind'; otherwise, find out who removed it"});
   }
-  CPolicyBinding expected = BindingOf(policy, {});
-  std::string mismatch = PolicyBindingMismatch(*binding, expected.policy, expected.root, expected.host);
+  std::string mismatch = PolicyBindingMismatch(*binding, BindingOf(policy, {}));
   if (!mismatch.empty()) {
     throw CToolError("the database " + hdb_path + " is not the one of policy '" + policy.name + "': " + mismatch +
                      "; a database of another policy or host is never used");

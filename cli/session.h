@@ -71,6 +71,9 @@ class CSession {
   // Before the first signature of a run: refuses an expired signer certificate, warns when it
   // expires within 30 days, and reads the passphrase of a protected signer key.
   void PrepareSigner();
+  // The passphrase of a protected signer key, asked once (terminal or --passphrase-fd); empty
+  // for a key that has none.
+  const std::string& SignerPassphrase();
   // The configured signer, prepared so (throws CToolError with OpenSSL's reason).
   std::unique_ptr<CRefSigner> Signer();
   // Puts a candidate signed elsewhere (its .p7s and signed binding beside it) in place of the
