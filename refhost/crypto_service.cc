@@ -74,12 +74,12 @@ std::string HashOpenFilePrefix(int fd, uint64_t length, uint32_t policy_number, 
   auto update = [&](const unsigned char* bytes, size_t count) {
     if (EVP_DigestUpdate(context.get(), bytes, count) != 1) throw std::runtime_error("digest failed for " + name);
   };
-  // Where the file system says the next data or hole starts, within [from, length]. A file system
-  // that cannot say treats the whole file as data; ENXIO for data means only a hole follows.
   auto shrank = [&](uint64_t offset) {
     return std::runtime_error("cannot read " + name + ": it shrank while being read (" + std::to_string(offset) +
                               " of " + std::to_string(length) + " bytes)");
   };
+  // Where the file system says the next data or hole starts, within [from, length]. A file system
+  // that cannot say treats the whole file as data; ENXIO for data means only a hole follows.
   auto seek = [&](uint64_t from, int whence) -> uint64_t {
     off_t found = ::lseek(fd, static_cast<off_t>(from), whence);
     if (found >= 0) return std::clamp<uint64_t>(static_cast<uint64_t>(found), from, length);
