@@ -4,6 +4,8 @@
 #include <Poco/JSON/Object.h>
 #include <Poco/JSON/Parser.h>
 
+#include <fstream>
+#include <sstream>
 #include <string>
 #include <utility>
 
@@ -25,6 +27,17 @@ inline Poco::JSON::Object::Ptr JsonAbout(const CToolRun& run, const std::string&
     }
   }
   return nullptr;
+}
+
+// Changes the first policy of a JSON configuration in place, keeping the file's owner and mode:
+// "edit" is called with the policy's object.
+template <typename CEdit>
+void EditFirstPolicy(const std::string& config_path, const CEdit& edit) {
+  Poco::JSON::Object::Ptr config = ParseJson(CTempDir::Read(config_path));
+  edit(config->getArray("policies")->getObject(0));
+  std::ostringstream text;
+  config->stringify(text, 2);
+  std::ofstream(config_path, std::ios::trunc) << text.str() << "\n";
 }
 
 inline std::string Action(const Poco::JSON::Object::Ptr& line) {

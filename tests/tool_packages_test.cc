@@ -3,8 +3,6 @@
 
 #include <gmock/gmock.h>
 
-#include <fstream>
-#include <sstream>
 #include <string>
 
 #include <Poco/JSON/Array.h>
@@ -30,13 +28,10 @@ class ToolPackagesTest : public ToolTest {
     boost::filesystem::create_directories(Sys("var/lib/dpkg/updates"));
     dir_.Write("sys/var/lib/dpkg/status", "");
     ASSERT_EQ(Run("init --config '" + config_ + "' --policy t=sys").status, 0);
-    Poco::JSON::Object::Ptr config = Poco::JSON::Parser().parse(CTempDir::Read(config_)).extract<Poco::JSON::Object::Ptr>();
-    Poco::JSON::Object::Ptr policy = config->getArray("policies")->getObject(0);
-    policy->set("dpkg", Sys(""));
-    policy->set("rules", Poco::JSON::Parser().parse(R"([{"path": "var", "exclude": true}])").extract<Poco::JSON::Array::Ptr>());
-    std::ostringstream text;
-    config->stringify(text, 2);
-    std::ofstream(config_, std::ios::trunc) << text.str();
+    EditFirstPolicy(config_, [&](Poco::JSON::Object::Ptr policy) {
+      policy->set("dpkg", Sys(""));
+      policy->set("rules", Poco::JSON::Parser().parse(R"([{"path": "var", "exclude": true}])").extract<Poco::JSON::Array::Ptr>());
+    });
   }
   std::string Sys(const std::string& relative) const { return dir_ / ("sys/" + relative); }
   // Builds sdbtest VERSION with /usr/share/sdbtest/data and the conffile /etc/sdbtest.conf.

@@ -15,12 +15,12 @@
 
 #include <algorithm>
 #include <fstream>
-#include <sstream>
 #include <string>
 
 #include "refhost/file_descriptor.h"
 #include "tests/scoped_mount.h"
 #include "tests/tool_fixture.h"
+#include "tests/tool_json.h"
 
 namespace {
 
@@ -34,13 +34,10 @@ class ToolRulesTest : public ToolTest {
   // Sets the policy's "rules" (a JSON list) and any other keys of its object, keeping the
   // configuration's owner and mode.
   void SetPolicy(const std::string& rules_json, const std::string& key = "", bool value = false) {
-    Poco::JSON::Object::Ptr config = Poco::JSON::Parser().parse(CTempDir::Read(config_)).extract<Poco::JSON::Object::Ptr>();
-    Poco::JSON::Object::Ptr policy = config->getArray("policies")->getObject(0);
-    policy->set("rules", Poco::JSON::Parser().parse(rules_json).extract<Poco::JSON::Array::Ptr>());
-    if (!key.empty()) policy->set(key, value);
-    std::ostringstream text;
-    config->stringify(text, 2);
-    std::ofstream(config_, std::ios::trunc) << text.str() << "\n";
+    EditFirstPolicy(config_, [&](Poco::JSON::Object::Ptr policy) {
+      policy->set("rules", Poco::JSON::Parser().parse(rules_json).extract<Poco::JSON::Array::Ptr>());
+      if (!key.empty()) policy->set(key, value);
+    });
   }
   static int LineOf(const std::string& text, const std::string& needle) {
     size_t at = text.find(needle);
