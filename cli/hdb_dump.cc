@@ -19,10 +19,6 @@ std::string HexNumber(uint64_t value, int width) {
   return text;
 }
 
-std::string Text(const uint8_t* bytes, size_t length) {
-  return std::string(reinterpret_cast<const char*>(bytes), length);
-}
-
 std::string DigestName(uint32_t nid) {
   const char* name = OBJ_nid2sn(static_cast<int>(nid));
   return name ? name : "unknown";
@@ -66,32 +62,32 @@ bool DumpHdb(const uint8_t* data, uint64_t size, bool json, std::ostream& out, s
   uint64_t records = 0;
   while (offset < size) {
     std::string where = "record " + std::to_string(records) + " at offset " + std::to_string(offset);
-    if (size - offset < kRecordHeaderSize) {
-      problem = where + ": " + std::to_string(size - offset) + " bytes left, a record needs " +
-                std::to_string(kRecordHeaderSize);
-      return false;
+    CHdbRecordView view;
+    size_t available = static_cast<size_t>(size - offset);
+    switch (DecodeRecord(data + offset, available, view)) {
+      case CHdbRecordFault::kNone:
+        break;
+      case CHdbRecordFault::kMark:
+        if (available < kRecordHeaderSize) {
+          problem = where + ": " + std::to_string(available) + " bytes left, a record needs " +
+                    std::to_string(kRecordHeaderSize);
+        } else {
+          problem = where + ": record mark " + HexNumber(data[offset + kRecordMarkOffset], 2) + " is not " +
+                    HexNumber(kRecordMark, 2);
+        }
+        return false;
+      case CHdbRecordFault::kEndMark:
+        problem = where + ": end mark " + HexNumber(view.header.end_mark, 8) + " is not " + HexNumber(kRecordEndMark, 8);
+        return false;
+      case CHdbRecordFault::kTruncated:
+        problem = where + ": its texts run past the end of the file";
+        return false;
     }
-    CHdbRecordHeader record = CHdbRecordHeader::DecodeFrom(data + offset);
-    if (record.mark != kRecordMark) {
-      problem = where + ": record mark " + HexNumber(record.mark, 2) + " is not " + HexNumber(kRecordMark, 2);
-      return false;
-    }
-    if (record.end_mark != kRecordEndMark) {
-      problem = where + ": end mark " + HexNumber(record.end_mark, 8) + " is not " + HexNumber(kRecordEndMark, 8);
-      return false;
-    }
-    if (size - offset - kRecordHeaderSize < record.VariableLength()) {
-      problem = where + ": its texts run past the end of the file";
-      return false;
-    }
-    const uint8_t* field = data + offset + kRecordHeaderSize;
-    std::string hash = HexText(field, record.hash_length);
-    field += record.hash_length;
-    std::string path = Text(field, record.path_length);
-    field += record.path_length;
-    std::string security = Text(field, record.security_length);
-    field += record.security_length;
-    std::string target = Text(field, record.target_length);
+    const CHdbRecordHeader& record = view.header;
+    std::string hash = HexText(reinterpret_cast<const uint8_t*>(view.hash.data()), view.hash.size());
+    std::string path(view.path);
+    std::string security(view.security);
+    std::string target(view.target);
     if (json) {
       out << "{\"record\":{\"offset\":" << offset << ",\"directory\":" << (record.directory ? "true" : "false")
           << ",\"attributes\":" << record.attributes << ",\"time_1\":" << record.time_1
@@ -105,7 +101,7 @@ bool DumpHdb(const uint8_t* data, uint64_t size, bool json, std::ostream& out, s
       if (!target.empty()) out << " target=" << QuotedText(target);
       out << "\n";
     }
-    offset += kRecordHeaderSize + record.VariableLength();
+    offset += view.length;
     ++records;
   }
   // Every node is saved, the root included; a header that counts none may still carry the root.

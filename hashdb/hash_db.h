@@ -13,6 +13,9 @@ class CBuffer;
 class CHashNode;
 class CObjInfo;
 
+// All bits set: no revision (a missing or short file, or a database never loaded or saved).
+inline constexpr uint64_t kNoRevision = 0xFFFFFFFFFFFFFFFFull;
+
 // (is directory, path relative to the database root)
 using CPathEntry = std::pair<bool, std::wstring>;
 using CPathEntryList = std::list<CPathEntry>;

@@ -12,8 +12,6 @@
 #include "hashdb/monotonic_clock.h"
 #include "hashdb/steady_time_service.h"
 #include "hashdb/wide_path.h"
-#include "hdbfile/big_endian.h"
-#include "hdbfile/hdb_format.h"
 #include "host/cfg_service.h"
 #include "host/cfgex_service.h"
 #include "host/crypto_service.h"
@@ -93,7 +91,7 @@ std::string CHashDBImpl::KeyOf(const std::string& name) {
 std::shared_ptr<CHashNode> CHashDBImpl::ChildOf(const std::shared_ptr<CHashNode>& node,
                                                  std::wstring_view component) {
   std::string key = KeyOf(Narrow(std::wstring(component)));
-  std::lock_guard<std::mutex> guard(node->lock);
+  std::lock_guard<CNodeLock> guard(node->lock);
   if (!node->children) return nullptr;
   auto it = node->children->find(key);
   return it == node->children->end() ? nullptr : it->second;
@@ -136,27 +134,50 @@ std::shared_ptr<CHashNode> CHashDBImpl::FindOrCreateNode(std::wstring_view relat
 std::shared_ptr<CHashNode> CHashDBImpl::CreateOrGetChild(const std::shared_ptr<CHashNode>& parent,
                                                          std::wstring_view component,
                                                          std::wstring_view path) {
+  return CreateOrGetChildOf(parent, component, path, true);
+}
+
+std::shared_ptr<CHashNode> CHashDBImpl::CreateOrGetChildOf(const std::shared_ptr<CHashNode>& parent,
+                                                           std::wstring_view component,
+                                                           std::wstring_view path, bool unindex_replaced) {
   std::string name = Narrow(std::wstring(component));
   if (name.empty() || name == "." || name == ".." || !utility_->IsValidName(name)) {
     throw CBadObjNameError(Compose(*this, "Can NOT create illegal name obj node! [name]=", name,
                                    " [path]=", Narrow(std::wstring(path))));
   }
   std::string key = KeyOf(name);
-  std::lock_guard<std::mutex> guard(parent->lock);
+  std::lock_guard<CNodeLock> guard(parent->lock);
   if (!parent->children) parent->children = std::make_shared<CHashNode::ChildMap>();
   auto it = parent->children->find(key);
   if (it != parent->children->end()) {
     if (it->second->is_dir) return it->second;
     // A path that runs through a former file turns it into a directory.
-    index_->Remove(it->second);
+    if (unindex_replaced) index_->Remove(it->second);
     parent->children->erase(it);
   }
   auto node = std::make_shared<CHashNode>(parent);
-  node->name = name;
+  node->name = std::move(name);
   node->is_dir = true;
   parent->children->emplace(std::move(key), node);
   return node;
 }
+
+std::shared_ptr<CHashNode> CHashDBImpl::MakePath(std::wstring_view relative) {
+  std::shared_ptr<CHashNode> node = root_;
+  for (const CPathComponent& part : PathComponents(relative)) {
+    node = CreateOrGetChildOf(node, part.name, relative.substr(0, part.end), false);
+  }
+  return node;
+}
+
+std::shared_ptr<CHashNode> CHashDBImpl::MakeChild(const std::shared_ptr<CHashNode>& parent,
+                                                  std::wstring_view component, std::wstring_view path) {
+  return CreateOrGetChildOf(parent, component, path, false);
+}
+
+void CHashDBImpl::PreparePiece(CAssignments& piece) { CMapHashDB::SortAssignments(piece); }
+
+void CHashDBImpl::IndexRestored(std::vector<CAssignments>& pieces) { index_->AddLoaded(pieces); }
 
 std::wstring CHashDBImpl::RelativePathOfNode(const std::shared_ptr<CHashNode>& node) {
   // Widening the joined text equals widening name by name: the separator is ASCII and never part
@@ -206,7 +227,7 @@ bool CHashDBImpl::IsLoaded() {
 
 bool CHashDBImpl::IsEmpty() {
   SharedLock tree(tree_lock_);
-  std::lock_guard<std::mutex> guard(root_->lock);
+  std::lock_guard<CNodeLock> guard(root_->lock);
   return !root_->children || root_->children->empty();
 }
 
@@ -298,21 +319,6 @@ bool CHashDBImpl::TouchedRecently(const std::wstring& path) {
 uint64_t CHashDBImpl::ChangeCounter() { return change_counter_.load(); }
 
 uint64_t CHashDBImpl::Revision() { return revision_.load(); }
-
-uint64_t CHashDBImpl::FileRevision() {
-  if (!PathExistsInAnyForm(hdb_path_, *utility_)) return kNoRevision;
-  std::shared_ptr<CBuffer> header;
-  try {
-    header = utility_->ReadFile(hdb_path_, kHeaderSize);
-  } catch (const std::exception&) {
-    return kNoRevision;  // cannot be examined
-  }
-  if (!header || header->Size() < kHeaderSize) {
-    LogError(*log_, Compose(*this, "[HDBI,ghdrvfdf]HDB file corrupted-1.File=", hdb_path_text_));
-    return kNoRevision;
-  }
-  return DecodeBigEndian64(header->Data() + kHeaderRevisionOffset);
-}
 
 bool CHashDBImpl::IsCurrent() { return Revision() == FileRevision(); }
 

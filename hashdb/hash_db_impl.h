@@ -15,19 +15,19 @@
 #include "entry/class_counter.h"
 #include "hashdb/hash_db.h"
 #include "hashdb/hash_node.h"
+#include "hashdb/tree_builder.h"
 #include "host/language.h"
 
 class CBufferedWriter;
 class CCfgExService;
 class CCfgService;
 class CCryptoService;
-struct CHdbHeader;
 class CHost;
+struct CHdbFileContext;
 class CLocaleService;
 class CLogService;
 class CMapHashDB;
 class CPolicy;
-class CRestoreLeavesHelper;
 class CThreadPool;
 class CTimeService;
 class CUtilityService;
@@ -46,6 +46,7 @@ class CUtilityService;
 class CHashDBImpl : public CClassCounter,
                     public CLanguage,
                     public CHashDB,
+                    private CTreeBuilder,
                     public std::enable_shared_from_this<CHashDBImpl> {
  public:
   // Fetches utility, crypto, cfg, localisation, log and extended configuration in that order
@@ -149,29 +150,24 @@ class CHashDBImpl : public CClassCounter,
 
  private:
   std::string Narrow(const std::wstring& wide);
+  // The host's services, the message language and the settings, for the HDB file classes.
+  CHdbFileContext FileContext();
   // Saving: one node's record through the save's writer; the large-count warning; the move of
   // the signed temporary file and its signature over the HDB file and its signature.
   void WriteNode(CBufferedWriter& writer, const std::shared_ptr<CHashNode>& node);
-  void WarnIfLargeCount(uint64_t count);
   void ReplaceHdbFile();
-  // Loading: the header checks (logged; false refuses the file), the cut of the record area into
-  // pieces and the wait for their tasks, one task's loop, and the reading of one record.
-  bool ValidateHeader(const std::shared_ptr<CBuffer>& hdb, const std::string& path,
-                      CHdbHeader& header);
-  void RestoreRecordArea(const std::atomic<bool>* exit_flag, const std::shared_ptr<CBuffer>& hdb,
-                         const std::wstring& path,
-                         const std::shared_ptr<std::atomic<uint64_t>>& restored);
-  // One restore task's reading of its piece; the task marks the helper done afterwards.
-  void RestoreLeaves(CRestoreLeavesHelper& helper);
-  // The directory of the previous record a restore task read: records of one directory follow
-  // one another in a file, so most records find their parent here without a walk from the root.
-  // It also gathers the task's hashes, which enter the index together when the task ends.
-  struct CRestoreCursor {
-    std::wstring parent_path;
-    std::shared_ptr<CHashNode> parent;
-    std::vector<std::pair<std::shared_ptr<CHashNode>, std::shared_ptr<std::string>>> assignments;
-  };
-  void RestoreRecord(std::istream& in, uint64_t& consumed, CRestoreCursor& cursor);
+  // CTreeBuilder: the tree operations a load hands to the HDB file loader.
+  std::shared_ptr<CHashNode> Root() override { return root_; }
+  std::shared_ptr<CHashNode> MakePath(std::wstring_view relative) override;
+  std::shared_ptr<CHashNode> MakeChild(const std::shared_ptr<CHashNode>& parent,
+                                       std::wstring_view component, std::wstring_view path) override;
+  void PreparePiece(CAssignments& piece) override;
+  void IndexRestored(std::vector<CAssignments>& pieces) override;
+  // CreateOrGetChild; "unindex_replaced" takes a file that a directory replaces out of the index
+  // (a load, whose index is made afterwards, has nothing to take out).
+  std::shared_ptr<CHashNode> CreateOrGetChildOf(const std::shared_ptr<CHashNode>& parent,
+                                                std::wstring_view component, std::wstring_view path,
+                                                bool unindex_replaced);
   // "[obj]=" path " [relative path]=" relative " [root path]=" root, after a localised key.
   std::string NotFoundMessage(const char* key, const std::wstring& path,
                               const std::wstring& relative);
@@ -223,7 +219,6 @@ class CHashDBImpl : public CClassCounter,
   std::shared_ptr<int64_t> db_touch_time_;          // guarded by db_touch_lock_
   std::atomic<bool> platform_flag_{true};
   std::atomic<bool> second_flag_{true};
-  bool platform_matches_ = true;                    // of the file being loaded
   std::mutex enumeration_mutex_;
   std::mutex load_save_mutex_;
   std::mutex record_write_mutex_;

@@ -7,6 +7,8 @@
 #include <mutex>
 #include <string>
 
+#include "hashdb/node_lock.h"
+
 class CObjInfo;
 class CUtilityService;
 
@@ -27,12 +29,10 @@ class CHashNode {
   CHashNode(const CHashNode&) = delete;
   CHashNode& operator=(const CHashNode&) = delete;
 
+  // Declared largest first so that the node packs without holes (240 bytes).
   std::string name;                         // last path component; empty for the root
-  bool is_dir = false;
-  bool mark = false;                        // set: not offered by hash lookup
   std::shared_ptr<std::string> hash;        // every file has one (maybe empty text)
   std::shared_ptr<std::string> old_hash;    // the hash of a previous database
-  uint32_t attributes = 0xFFFFFFFFu;        // all bits set: unknown
   uint64_t time_1 = 0xFFFFFFFFFFFFFFFFull;  // all bits set: unknown
   uint64_t time_2 = 0xFFFFFFFFFFFFFFFFull;  // all bits set: unknown
   uint64_t size = 0;                        // always 0 for a directory
@@ -41,12 +41,15 @@ class CHashNode {
   std::weak_ptr<CHashNode> parent;          // empty for the root
   std::shared_ptr<ChildMap> children;       // guarded by lock; null for files and empty dirs
   std::shared_ptr<CObjInfo> pending_info;   // details of a deferred insert, not yet copied
-  std::mutex lock;
+  int64_t change_time = 0;                  // guarded by lock; newest change at or below
+  std::shared_ptr<int64_t> touch_time;      // guarded by lock; files only, made on first touch
+  uint32_t attributes = 0xFFFFFFFFu;        // all bits set: unknown
+  CNodeLock lock;
+  bool is_dir = false;
+  bool mark = false;                        // set: not offered by hash lookup
   // Set by checks that hold the tree lock only shared, possibly from two threads at once: it is
   // only ever set there, so a relaxed atomic is all it needs.
   std::atomic<bool> flag_2{false};
-  int64_t change_time = 0;                  // guarded by lock; newest change at or below
-  std::shared_ptr<int64_t> touch_time;      // guarded by lock; files only, made on first touch
 
   // change_time = now.
   void StampChange();

@@ -7,11 +7,13 @@
 
 #include "hashdb/hash_node.h"
 
-CMapHashDB::CKey::CKey(std::string_view key_text) : prefix(0), text(key_text) {
-  for (size_t i = 0; i < sizeof prefix; ++i) {
-    prefix = prefix << 8 | (i < text.size() ? static_cast<uint8_t>(text[i]) : 0);
-  }
+namespace {
+
+bool SameOwner(const std::weak_ptr<CHashNode>& entry, const std::shared_ptr<CHashNode>& node) {
+  return !entry.owner_before(node) && !node.owner_before(entry);
 }
+
+}  // namespace
 
 CMapHashDB::CMapHashDB(bool enabled) : enabled_(enabled) {}
 
@@ -19,10 +21,14 @@ std::shared_ptr<CNodeList> CMapHashDB::Find(const std::string& hash) const {
   auto result = std::make_shared<CNodeList>();
   if (!enabled_ || hash.empty()) return result;
   std::shared_lock<boost::shared_mutex> guard(lock_);
-  auto it = map_.find(CKey(hash));
-  if (it == map_.end()) return result;
-  for (const std::weak_ptr<CHashNode>& entry : *it->second.nodes) {
-    if (std::shared_ptr<CHashNode> node = entry.lock()) result->push_back(std::move(node));
+  const CEntry* entry = entries_.Find(CTextKey(hash));
+  if (entry == nullptr) return result;
+  if (!entry->more) {
+    if (std::shared_ptr<CHashNode> node = entry->single.lock()) result->push_back(std::move(node));
+    return result;
+  }
+  for (const std::weak_ptr<CHashNode>& element : entry->more->nodes) {
+    if (std::shared_ptr<CHashNode> node = element.lock()) result->push_back(std::move(node));
   }
   return result;
 }
@@ -34,85 +40,65 @@ void CMapHashDB::Add(const std::shared_ptr<CHashNode>& node) {
   if (node->hash && !node->hash->empty()) AddLocked(node);
 }
 
-void CMapHashDB::AssignAndAddAll(CAssignments& assignments) {
-  auto text_of = [](const std::shared_ptr<std::string>& hash) -> std::string_view {
-    return hash ? std::string_view(*hash) : std::string_view();
-  };
-  std::sort(assignments.begin(), assignments.end(), [&](const auto& a, const auto& b) {
-    return CKey(text_of(a.second)) < CKey(text_of(b.second));
-  });
-  std::unique_lock<boost::shared_mutex> guard(lock_);
-  CMap::iterator near = map_.end();
-  for (auto& [node, hash] : assignments) {
-    // A node is indexed once: a second record of the same path replaces the first one's hash.
-    if (enabled_ && node->hash && !node->hash->empty()) {
-      RemoveLocked(node);
-      near = map_.end();  // the removal may have erased the entry "near" stood on
-    }
-    node->hash = std::move(hash);
-    if (enabled_ && node->hash && !node->hash->empty()) near = AddLockedNear(node, near);
-  }
-}
-
 void CMapHashDB::AddLocked(const std::shared_ptr<CHashNode>& node) {
-  AddLockedNear(node, map_.end());
+  CTextKey key(*node->hash);
+  CEntries::CPosition position = entries_.LowerBound(key);
+  CEntry* entry = entries_.At(position);
+  if (entry != nullptr && !(key < CEntryTraits::KeyOf(*entry))) {
+    JoinEntryLocked(*entry, node);
+    return;
+  }
+  CEntry made;
+  made.prefix = key.prefix;
+  made.text = node->hash;
+  made.single = node;
+  entries_.InsertAt(position, std::move(made));
 }
 
-CMapHashDB::CMap::iterator CMapHashDB::AddLockedNear(const std::shared_ptr<CHashNode>& node,
-                                                     CMap::iterator near) {
-  CKey key(*node->hash);
-  // From "near" (the previous key's entry in an ascending batch), step forward a little; search
-  // from the top when there is no such position or the key lies further on.
-  CMap::iterator it = map_.end();
-  if (near != map_.end()) {
-    it = near;
-    for (int steps = 0; it != map_.end() && it->first < key; ++steps, ++it) {
-      if (steps == 4) {
-        it = map_.lower_bound(key);
-        break;
-      }
-    }
-  } else {
-    it = map_.lower_bound(key);
-  }
-  if (it == map_.end() || key < it->first) {
-    CEntry entry{node->hash, std::make_shared<CEntryList>(), nullptr};
-    entry.nodes->push_back(node);
-    CKey stored(*entry.text);
-    return map_.emplace_hint(it, stored, std::move(entry));
-  }
-  CEntryList& entries = *it->second.nodes;
-  // Dead entries at the front are swept here; the first live one lends its string.
-  for (auto entry = entries.begin(); entry != entries.end();) {
-    std::shared_ptr<CHashNode> live = entry->lock();
+void CMapHashDB::JoinEntryLocked(CEntry& entry, const std::shared_ptr<CHashNode>& node) {
+  if (!entry.more) {
+    std::shared_ptr<CHashNode> live = entry.single.lock();
     if (!live) {
-      entry = EraseLocked(it->second, entry);
-      continue;
+      entry.single = node;  // the dead one is swept; the node keeps its own string
+      return;
     }
     node->hash = live->hash;  // one string object per hash text
+    entry.more = std::make_unique<CMore>();
+    entry.more->nodes.push_back(std::move(entry.single));
+    entry.more->nodes.push_back(node);
+    entry.single.reset();
+    return;
+  }
+  CMore& more = *entry.more;
+  // Dead entries at the front are swept here; the first live one lends its string.
+  for (auto element = more.nodes.begin(); element != more.nodes.end();) {
+    std::shared_ptr<CHashNode> live = element->lock();
+    if (!live) {
+      element = EraseLocked(more, element);
+      continue;
+    }
+    node->hash = live->hash;
     break;
   }
-  if (entries.size() >= entries.max_size()) throw std::length_error("list<T> too long");
-  AppendLocked(it->second, node);
-  return it;
+  if (more.nodes.size() >= more.nodes.max_size()) throw std::length_error("list<T> too long");
+  AppendLocked(more, node);
 }
 
-void CMapHashDB::AppendLocked(CEntry& entry, const std::shared_ptr<CHashNode>& node) {
-  CEntryList& entries = *entry.nodes;
-  entries.push_back(node);
-  if (entry.positions) {
-    entry.positions->insert_or_assign(entries.back(), std::prev(entries.end()));
-  } else if (entries.size() > kPositionsFrom) {
-    entry.positions = std::make_unique<CPositions>();
-    for (auto element = entries.begin(); element != entries.end(); ++element) {
-      entry.positions->insert_or_assign(*element, element);
+void CMapHashDB::AppendLocked(CMore& more, const std::shared_ptr<CHashNode>& node) {
+  more.nodes.push_back(node);
+  if (more.positions) {
+    more.positions->insert_or_assign(more.nodes.back(), std::prev(more.nodes.end()));
+  } else if (more.nodes.size() > kPositionsFrom) {
+    more.positions = std::make_unique<CPositions>();
+    for (auto element = more.nodes.begin(); element != more.nodes.end(); ++element) {
+      more.positions->insert_or_assign(*element, element);
     }
   }
 }
 
-CMapHashDB::CEntryList::iterator CMapHashDB::EraseLocked(CEntry& entry, CEntryList::iterator element) {
-  if (entry.positions) entry.positions->erase(*element);
-  return entry.nodes->erase(element);
+CMapHashDB::CEntryList::iterator CMapHashDB::EraseLocked(CMore& more, CEntryList::iterator element) {
+  if (more.positions) more.positions->erase(*element);
+  return more.nodes.erase(element);
 }
 
 void CMapHashDB::Remove(const std::shared_ptr<CHashNode>& node) {
@@ -122,56 +108,116 @@ void CMapHashDB::Remove(const std::shared_ptr<CHashNode>& node) {
 }
 
 void CMapHashDB::RemoveLocked(const std::shared_ptr<CHashNode>& node) {
-  auto it = map_.find(CKey(*node->hash));
-  if (it == map_.end()) return;
-  CEntry& entry_of_hash = it->second;
-  CEntryList& entries = *entry_of_hash.nodes;
-  if (entry_of_hash.positions) {
+  CTextKey key(*node->hash);
+  CEntries::CPosition position = entries_.LowerBound(key);
+  CEntry* entry = entries_.At(position);
+  if (entry == nullptr || key < CEntryTraits::KeyOf(*entry)) return;
+  if (!entry->more) {
+    // The one node goes, or a dead one met on the way.
+    if (SameOwner(entry->single, node) || entry->single.expired()) entries_.EraseAt(position);
+    return;
+  }
+  CMore& more = *entry->more;
+  if (more.positions) {
     // A long list: straight to the node's own element, whatever else the list holds.
-    auto position = entry_of_hash.positions->find(std::weak_ptr<CHashNode>(node));
-    if (position != entry_of_hash.positions->end()) {
-      entries.erase(position->second);
-      entry_of_hash.positions->erase(position);
+    auto found = more.positions->find(std::weak_ptr<CHashNode>(node));
+    if (found != more.positions->end()) {
+      more.nodes.erase(found->second);
+      more.positions->erase(found);
     }
     // Dead entries at either end go too; a list that has become short goes back to being walked,
     // which sweeps every dead entry it meets.
-    while (!entries.empty() && entries.front().expired()) EraseLocked(entry_of_hash, entries.begin());
-    while (!entries.empty() && entries.back().expired()) EraseLocked(entry_of_hash, std::prev(entries.end()));
-    if (entries.size() <= kPositionsFrom / 2) entry_of_hash.positions.reset();
+    while (!more.nodes.empty() && more.nodes.front().expired()) EraseLocked(more, more.nodes.begin());
+    while (!more.nodes.empty() && more.nodes.back().expired()) EraseLocked(more, std::prev(more.nodes.end()));
+    if (more.nodes.size() <= kPositionsFrom / 2) more.positions.reset();
   } else {
-    for (auto entry = entries.begin(); entry != entries.end();) {
-      std::shared_ptr<CHashNode> live = entry->lock();
+    for (auto element = more.nodes.begin(); element != more.nodes.end();) {
+      std::shared_ptr<CHashNode> live = element->lock();
       if (!live) {
-        entry = entries.erase(entry);
+        element = more.nodes.erase(element);
         continue;
       }
       if (live == node) {
-        entries.erase(entry);
+        more.nodes.erase(element);
         break;
       }
-      ++entry;
+      ++element;
     }
   }
-  if (entries.empty()) map_.erase(it);
+  if (more.nodes.empty()) entries_.EraseAt(position);
+}
+
+void CMapHashDB::SortAssignments(CAssignments& assignments) {
+  // Each hash text once in a key beside its assignment: the sort then compares packed prefixes.
+  std::stable_sort(assignments.begin(), assignments.end(), [](const auto& a, const auto& b) {
+    if (!b.second) return false;
+    if (!a.second) return true;
+    return CTextKey(*a.second) < CTextKey(*b.second);
+  });
+}
+
+void CMapHashDB::AddLoaded(std::vector<CAssignments>& pieces) {
+  if (!enabled_) return;
+  auto current = [](const std::pair<std::shared_ptr<CHashNode>, std::shared_ptr<std::string>>& item) {
+    return item.second && !item.second->empty() && item.first->hash == item.second;
+  };
+  std::unique_lock<boost::shared_mutex> guard(lock_);
+  if (!entries_.empty()) {
+    for (CAssignments& piece : pieces) {
+      for (auto& item : piece) {
+        if (current(item)) AddLocked(item.first);
+      }
+    }
+    return;
+  }
+  // An ordered merge of the sorted pieces, appended at the end of the index as it grows.
+  std::vector<size_t> next(pieces.size(), 0);
+  for (;;) {
+    size_t best = pieces.size();
+    for (size_t p = 0; p < pieces.size(); ++p) {
+      while (next[p] < pieces[p].size() && !current(pieces[p][next[p]])) ++next[p];
+      if (next[p] == pieces[p].size()) continue;
+      if (best == pieces.size() ||
+          CTextKey(*pieces[p][next[p]].second) < CTextKey(*pieces[best][next[best]].second)) {
+        best = p;
+      }
+    }
+    if (best == pieces.size()) break;
+    const std::shared_ptr<CHashNode>& node = pieces[best][next[best]++].first;
+    CEntry* last = entries_.empty() ? nullptr : entries_.Last();
+    if (last != nullptr && *last->text == *node->hash) {
+      JoinEntryLocked(*last, node);
+      continue;
+    }
+    CEntry made;
+    made.prefix = CTextKey::PrefixOf(*node->hash);
+    made.text = node->hash;
+    made.single = node;
+    entries_.PushBack(std::move(made));
+  }
 }
 
 void CMapHashDB::Clear() {
   std::unique_lock<boost::shared_mutex> guard(lock_);
-  map_.clear();
+  entries_.clear();
 }
 
 size_t CMapHashDB::HashCount() const {
   std::shared_lock<boost::shared_mutex> guard(lock_);
-  return map_.size();
+  return entries_.size();
 }
 
 std::vector<std::pair<std::string, std::shared_ptr<CHashNode>>> CMapHashDB::Snapshot() const {
-  std::vector<std::pair<std::string, std::shared_ptr<CHashNode>>> entries;
+  std::vector<std::pair<std::string, std::shared_ptr<CHashNode>>> result;
   std::shared_lock<boost::shared_mutex> guard(lock_);
-  for (const auto& [key, entry_of_hash] : map_) {
-    for (const std::weak_ptr<CHashNode>& entry : *entry_of_hash.nodes) {
-      if (std::shared_ptr<CHashNode> node = entry.lock()) entries.emplace_back(std::string(key.text), node);
+  for (const CEntry& entry : entries_) {
+    if (!entry.more) {
+      if (std::shared_ptr<CHashNode> node = entry.single.lock()) result.emplace_back(*entry.text, node);
+      continue;
+    }
+    for (const std::weak_ptr<CHashNode>& element : entry.more->nodes) {
+      if (std::shared_ptr<CHashNode> node = element.lock()) result.emplace_back(*entry.text, node);
     }
   }
-  return entries;
+  return result;
 }

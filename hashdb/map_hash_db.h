@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <list>
 #include <map>
 #include <memory>
@@ -11,6 +12,9 @@
 #include <boost/thread/shared_mutex.hpp>
 
 #include "hashdb/hash_db.h"
+#include "hashdb/block_tree.h"
+#include "hashdb/text_key.h"
+#include "hashdb/tree_builder.h"
 
 class CHashNode;
 
@@ -27,14 +31,22 @@ class CMapHashDB {
   // block, which the list's weak reference keeps alive, so an identity is never reused while its
   // entry exists). Lets a removal find its entry without walking every file of that hash.
   using CPositions = std::map<std::weak_ptr<CHashNode>, CEntryList::iterator, std::owner_less<>>;
-  // The nodes of one hash text. The key of the map is a view of "text", the string object that
-  // the nodes share, so the text is stored once for the index and all its nodes. "positions" is
-  // made only once the list holds more than kPositionsFrom entries (most hashes have one file);
-  // from then on it names every entry of the list.
-  struct CEntry {
-    std::shared_ptr<const std::string> text;
-    std::shared_ptr<CEntryList> nodes;
+  // The nodes of a hash text that more than one file carries, in the order they were added.
+  // "positions" is made only once the list holds more than kPositionsFrom entries; from then on
+  // it names every entry of the list.
+  struct CMore {
+    CEntryList nodes;
     std::unique_ptr<CPositions> positions;
+  };
+  // The nodes of one hash text. "text" is the string object that the nodes share, so the text is
+  // stored once for the index and all its nodes; "prefix" is its first eight bytes packed, which
+  // decide most comparisons. Most hashes have one file: it is held in "single" while "more" is
+  // null; a second file moves both into "more".
+  struct CEntry {
+    uint64_t prefix = 0;
+    std::shared_ptr<std::string> text;
+    std::weak_ptr<CHashNode> single;
+    std::unique_ptr<CMore> more;
   };
   static constexpr size_t kPositionsFrom = 16;
 
@@ -44,12 +56,15 @@ class CMapHashDB {
   std::shared_ptr<CNodeList> Find(const std::string& hash) const;
   // Indexes a node under its hash text; nodes with equal text come to share one string.
   void Add(const std::shared_ptr<CHashNode>& node);
-  // Gives each node its hash and indexes it (taking it out under a previous hash first), under
-  // one lock and in the order of the hash texts, so that most entries go in beside their
-  // neighbour without a search from the top of the map. Loading uses this: the hashes are
-  // assigned under the index lock because other restore tasks read nodes' hashes inside it.
-  using CAssignments = std::vector<std::pair<std::shared_ptr<CHashNode>, std::shared_ptr<std::string>>>;
-  void AssignAndAddAll(CAssignments& assignments);
+  using CAssignments = CTreeBuilder::CAssignments;
+  // Sorts one restore piece's assignments by hash text, so that AddLoaded can merge the pieces.
+  static void SortAssignments(CAssignments& assignments);
+  // Indexes the nodes of sorted pieces (SortAssignments) in one ordered pass, each node under the
+  // hash object it holds now: an assignment whose object the node no longer holds (a later record
+  // of the same path replaced it, or the node was replaced by a directory and dropped its hash)
+  // is passed over. Equal texts come to share one string. Into an empty index (a load) the
+  // entries are appended in order; an index that is not empty takes the nodes one by one.
+  void AddLoaded(std::vector<CAssignments>& pieces);
   // Takes a node out of the index under its hash text.
   void Remove(const std::shared_ptr<CHashNode>& node);
   void Clear();
@@ -60,33 +75,25 @@ class CMapHashDB {
   std::vector<std::pair<std::string, std::shared_ptr<CHashNode>>> Snapshot() const;
 
  private:
-  // A hash text as the map's key, ordered byte-wise like the text itself. The first eight bytes
-  // are kept packed, most significant first, beside the view, so that almost every comparison
-  // is decided on the tree node without reading the text from its own allocation.
-  struct CKey {
-    explicit CKey(std::string_view text);
-    uint64_t prefix;
-    std::string_view text;
-    bool operator<(const CKey& other) const {
-      if (prefix != other.prefix) return prefix < other.prefix;
-      return text < other.text;
-    }
+  struct CEntryTraits {
+    using Key = CTextKey;
+    static Key KeyOf(const CEntry& entry) { return CTextKey(entry.prefix, entry.text.get()); }
+    static bool Less(const Key& a, const Key& b) { return a < b; }
   };
-
-  using CMap = std::map<CKey, CEntry>;
+  using CEntries = CBlockTree<CEntry, CEntryTraits>;
 
   // Add and Remove with lock_ held exclusively and a node that has a non-empty hash.
   void AddLocked(const std::shared_ptr<CHashNode>& node);
-  // AddLocked, starting the search at "near" (map_.end(): no position known); returns the
-  // position of the node's entry.
-  CMap::iterator AddLockedNear(const std::shared_ptr<CHashNode>& node, CMap::iterator near);
   void RemoveLocked(const std::shared_ptr<CHashNode>& node);
-  // Appends a node to an entry's list, and to its positions when the list is long.
-  static void AppendLocked(CEntry& entry, const std::shared_ptr<CHashNode>& node);
-  // Erases one element of an entry's list, and its position.
-  static CEntryList::iterator EraseLocked(CEntry& entry, CEntryList::iterator element);
+  // Adds a node to an existing entry of its hash text: dead entries at the front are swept, the
+  // first live one lends its string, the node goes last.
+  static void JoinEntryLocked(CEntry& entry, const std::shared_ptr<CHashNode>& node);
+  // Appends a node to an entry's list of several, and to its positions when the list is long.
+  static void AppendLocked(CMore& more, const std::shared_ptr<CHashNode>& node);
+  // Erases one element of a list of several, and its position.
+  static CEntryList::iterator EraseLocked(CMore& more, CEntryList::iterator element);
 
   const bool enabled_;
   mutable boost::shared_mutex lock_;
-  CMap map_;  // guarded by lock_
+  CEntries entries_;  // guarded by lock_
 };

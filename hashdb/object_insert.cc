@@ -19,7 +19,7 @@ std::shared_ptr<CHashNode> CHashDBImpl::InsertObject(std::shared_ptr<CObjInfo>& 
   std::shared_ptr<CHashNode> node = FindOrCreateNode(relative);
   node->is_dir = is_dir;
   if (!is_dir) {
-    std::lock_guard<std::mutex> guard(node->lock);
+    std::lock_guard<CNodeLock> guard(node->lock);
     node->children.reset();
   }
 
@@ -46,7 +46,7 @@ std::shared_ptr<CHashNode> CHashDBImpl::InsertObject(std::shared_ptr<CObjInfo>& 
   node->target_path = info->TargetPath();
   if (is_dir) {
     node->size = 0;
-    std::lock_guard<std::mutex> guard(node->lock);
+    std::lock_guard<CNodeLock> guard(node->lock);
     if (node->children && node->children->empty()) node->children.reset();  // no empty maps
   } else {
     node->size = info->Size();

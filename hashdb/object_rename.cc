@@ -78,7 +78,7 @@ void CHashDBImpl::RenameInPlace(const std::shared_ptr<CHashNode>& node,
   }
   std::string old_key = KeyOf(node->name);
   std::string new_key = KeyOf(name);
-  std::lock_guard<std::mutex> guard(parent->lock);
+  std::lock_guard<CNodeLock> guard(parent->lock);
   if (!parent->children) {
     parent->children = std::make_shared<CHashNode::ChildMap>();
   } else {
@@ -103,7 +103,7 @@ void CHashDBImpl::MoveNode(const std::shared_ptr<CHashNode>& node,
         *this, "[hdbi,mn]new relative parent path is NOT Dir! Path=", Narrow(new_relative)));
   }
   std::string key = KeyOf(node->name);
-  std::lock_guard<std::mutex> guard(new_parent->lock);
+  std::lock_guard<CNodeLock> guard(new_parent->lock);
   if (!new_parent->children) {
     new_parent->children = std::make_shared<CHashNode::ChildMap>();
   } else if (auto it = new_parent->children->find(key); it != new_parent->children->end()) {

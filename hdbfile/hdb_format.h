@@ -3,6 +3,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "hashdb/hash_db.h"  // kNoRevision
+
 // HDB file layout: a 48-byte header, then one record per node from offset 48 to the end.
 // All integers are big-endian; there is no padding, trailer or checksum (a detached signature
 // protects the file).
@@ -23,8 +25,6 @@ static_assert(kHeaderSize == 48);
 
 inline constexpr uint64_t kHdbMagic = 0xE525EA2D6D0E4424ull;
 inline constexpr uint32_t kHdbVersion = 130;
-// All bits set: no revision (a missing or short file, or a database never loaded or saved).
-inline constexpr uint64_t kNoRevision = 0xFFFFFFFFFFFFFFFFull;
 
 // Record header: mark (1), directory flag (1), attributes (4), first time (8), second time (8),
 // hash length (1), path length (2), security attributes length (2), target length (2), size (8),

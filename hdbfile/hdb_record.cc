@@ -50,3 +50,21 @@ const uint8_t* FindRecordStart(const uint8_t* from, const uint8_t* end) {
   }
   return end;
 }
+
+CHdbRecordFault DecodeRecord(const uint8_t* data, size_t available, CHdbRecordView& record) {
+  if (available < kRecordHeaderSize || data[kRecordMarkOffset] != kRecordMark) return CHdbRecordFault::kMark;
+  record.header = CHdbRecordHeader::DecodeFrom(data);
+  if (record.header.end_mark != kRecordEndMark) return CHdbRecordFault::kEndMark;
+  size_t variable = record.header.VariableLength();
+  if (available - kRecordHeaderSize < variable) return CHdbRecordFault::kTruncated;
+  const char* field = reinterpret_cast<const char*>(data) + kRecordHeaderSize;
+  record.hash = std::string_view(field, record.header.hash_length);
+  field += record.header.hash_length;
+  record.path = std::string_view(field, record.header.path_length);
+  field += record.header.path_length;
+  record.security = std::string_view(field, record.header.security_length);
+  field += record.header.security_length;
+  record.target = std::string_view(field, record.header.target_length);
+  record.length = kRecordHeaderSize + variable;
+  return CHdbRecordFault::kNone;
+}

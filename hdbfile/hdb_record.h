@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string_view>
 
 #include "hdbfile/hdb_format.h"
 
@@ -36,3 +37,25 @@ bool IsRecordStart(const uint8_t* position, const uint8_t* end);
 
 // The first record start in [from, end), or "end" when there is none.
 const uint8_t* FindRecordStart(const uint8_t* from, const uint8_t* end);
+
+// One record read in place: the fixed part decoded and the variable parts as views into the data.
+struct CHdbRecordView {
+  CHdbRecordHeader header;
+  std::string_view hash;      // the binary hash, hash_length bytes
+  std::string_view path;      // relative to the root, as stored
+  std::string_view security;  // the security attributes text
+  std::string_view target;    // the target path text
+  size_t length = 0;          // bytes the whole record occupies
+};
+
+// Why a record could not be read.
+enum class CHdbRecordFault {
+  kNone,
+  kMark,       // fewer than 41 bytes left, or the first byte is not the record mark
+  kEndMark,    // the end mark is wrong
+  kTruncated,  // the variable parts run past the end of the data
+};
+
+// Reads the record at the start of [data, data + available): the one decoder of records, shared
+// by the loader, the tool's dump and the fuzzers. Touches nothing outside that range.
+CHdbRecordFault DecodeRecord(const uint8_t* data, size_t available, CHdbRecordView& record);

@@ -12,6 +12,7 @@
 #include <stdexcept>
 
 #include "hashdb/hash_db_impl.h"
+#include "hdbfile/hdb_file_context.h"
 #include "hdbfile/hdb_header.h"
 #include "hdbfile/hdb_record.h"
 #include "hdbfile/write_leaves_helper.h"
@@ -23,7 +24,6 @@
 namespace {
 
 constexpr uint64_t kWriterCapacity = 52428800;  // 50 MiB
-constexpr uint64_t kLargeCount = 900000;
 constexpr size_t kMaxHashBytes = 256;  // one more than the length byte holds: kept on purpose
 constexpr size_t kMaxTextBytes = 65535;
 
@@ -102,15 +102,6 @@ void CHashDBImpl::WriteNode(CBufferedWriter& writer, const std::shared_ptr<CHash
   if (!node->target_path.empty()) writer.Write(node->target_path.data(), node->target_path.size());
 }
 
-void CHashDBImpl::WarnIfLargeCount(uint64_t count) {
-  if (!utility_->Is32BitBuild() || count <= kLargeCount) return;
-  LogWarning(*log_, Compose(*this,
-                            "[Attention] It is strongly recommend than you should use 64-bit "
-                            "version(current product) because nodes need to restore/write ",
-                            count, LKey{" is larger than "}, kLargeCount, ",[HDB path]=",
-                            hdb_path_text_));
-}
-
 void CHashDBImpl::ReplaceHdbFile() {
   std::wstring hdb_signature = crypto_->SignatureFilePath(hdb_path_);
   std::wstring temporary_signature = crypto_->SignatureFilePath(temporary_path_);
@@ -172,7 +163,7 @@ void CHashDBImpl::Save() {
   header.EncodeTo(header_buffer->Data());
   output.seekp(0);
   output.write(reinterpret_cast<const char*>(header_buffer->Data()), kHeaderSize);
-  WarnIfLargeCount(total_nodes.load());
+  WarnIfLargeCount(FileContext(), total_nodes.load());
   temporary.Close();
   if (!output) {
     throw std::runtime_error("[HDBI,smhdtd]HDB file write failed.File=" + Narrow(temporary_path_));

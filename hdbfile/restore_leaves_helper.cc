@@ -31,8 +31,17 @@ bool CRestoreLeavesHelper::Wait(uint64_t limit_ms) {
   if (done_) return true;
   uint64_t elapsed = clock_->ElapsedMs(created_);
   if (elapsed >= limit_ms) return false;
-  return done_signal_.wait_for(guard, std::chrono::milliseconds(limit_ms - elapsed)) !=
-         std::cv_status::timeout;
+  return done_signal_.wait_for(guard, std::chrono::milliseconds(limit_ms - elapsed), [this] { return done_; });
+}
+
+void CRestoreLeavesHelper::PutAssignments(CTreeBuilder::CAssignments assignments) {
+  std::lock_guard<std::mutex> guard(lock_);
+  assignments_ = std::move(assignments);
+}
+
+CTreeBuilder::CAssignments CRestoreLeavesHelper::TakeAssignments() {
+  std::lock_guard<std::mutex> guard(lock_);
+  return std::move(assignments_);
 }
 
 void CRestoreLeavesHelper::MarkDone() {

@@ -7,6 +7,8 @@
 #include <mutex>
 #include <string>
 
+#include "hashdb/tree_builder.h"
+
 class CTimeService;
 
 // One piece of the record area, [begin, end), read by one restore task. Shared by the loader and
@@ -19,11 +21,15 @@ class CRestoreLeavesHelper {
                        const std::wstring& hdb_path, std::shared_ptr<std::atomic<uint64_t>> restored,
                        std::shared_ptr<CTimeService> clock);
 
-  // True when the task has finished, or signalled, within "limit_ms" of the helper's creation;
-  // false when the limit had passed or the one wait timed out. An early wake-up counts as done.
+  // True when the task has finished within "limit_ms" of the helper's creation; false when the
+  // limit had passed or the wait timed out.
   bool Wait(uint64_t limit_ms);
   // The task's last act: sets the done flag and wakes every waiter.
   void MarkDone();
+  // The task leaves the hashes its records gave before it marks itself done; the loader takes
+  // them once the task is done.
+  void PutAssignments(CTreeBuilder::CAssignments assignments);
+  CTreeBuilder::CAssignments TakeAssignments();
 
   const std::atomic<bool>* const exit_flag;  // the caller's; may be null
   const uint64_t length;
@@ -37,5 +43,6 @@ class CRestoreLeavesHelper {
   std::mutex lock_;
   std::condition_variable done_signal_;
   bool done_ = false;  // guarded by lock_
+  CTreeBuilder::CAssignments assignments_;  // guarded by lock_
   const uint64_t created_;
 };
