@@ -106,7 +106,9 @@ int main(int argc, char** argv) {
       std::printf("%-6s %-7u %10.3f %12.0f %10.1f %10ld %10ld\n", "save", threads, seconds,
                   static_cast<double>(nodes) / seconds, file_mib, ResidentMiB() - before, PeakMiB());
     }
-    {
+    // SIGNDB_BENCH_LOADS=N loads N times (to profile the load apart from the save).
+    int loads = std::getenv("SIGNDB_BENCH_LOADS") ? std::atoi(std::getenv("SIGNDB_BENCH_LOADS")) : 1;
+    for (int load = 0; load < loads; ++load) {
       auto db = std::make_shared<CHashDBImpl>(host, 256, hdb_path, std::make_shared<CRefPolicy>(policy));
       long before = ResidentMiB();
       auto start = std::chrono::steady_clock::now();

@@ -175,9 +175,9 @@ std::shared_ptr<CHashNode> CHashDBImpl::MakeChild(const std::shared_ptr<CHashNod
   return CreateOrGetChildOf(parent, component, path, false);
 }
 
-void CHashDBImpl::PreparePiece(CAssignments& piece) { CMapHashDB::SortAssignments(piece); }
+void CHashDBImpl::PreparePiece(CPiece& piece) { CMapHashDB::SortPiece(piece); }
 
-void CHashDBImpl::IndexRestored(std::vector<CAssignments>& pieces) { index_->AddLoaded(pieces); }
+void CHashDBImpl::IndexRestored(std::vector<CPiece>& pieces) { index_->AddLoaded(pieces); }
 
 std::wstring CHashDBImpl::RelativePathOfNode(const std::shared_ptr<CHashNode>& node) {
   // Widening the joined text equals widening name by name: the separator is ASCII and never part

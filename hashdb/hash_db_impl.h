@@ -16,9 +16,9 @@
 #include "hashdb/hash_db.h"
 #include "hashdb/hash_node.h"
 #include "hashdb/tree_builder.h"
+#include "hashdb/tree_source.h"
 #include "host/language.h"
 
-class CBufferedWriter;
 class CCfgExService;
 class CCfgService;
 class CCryptoService;
@@ -41,12 +41,12 @@ class CUtilityService;
 //   Lock order: tree_lock_, then one node's lock, then the hash index's lock. Nothing is taken
 //     while the index lock is held, and a node's lock is never held while another node's is taken.
 //   db_touch_lock_ guards db_touch_time_ and is taken inside tree_lock_.
-//   enumeration_mutex_ lets one tree walk run at a time; load_save_mutex_ spans a load or a save;
-//     record_write_mutex_ keeps each saved record in one piece.
+//   enumeration_mutex_ lets one tree walk run at a time; load_save_mutex_ spans a load or a save.
 class CHashDBImpl : public CClassCounter,
                     public CLanguage,
                     public CHashDB,
                     private CTreeBuilder,
+                    private CTreeSource,
                     public std::enable_shared_from_this<CHashDBImpl> {
  public:
   // Fetches utility, crypto, cfg, localisation, log and extended configuration in that order
@@ -152,17 +152,15 @@ class CHashDBImpl : public CClassCounter,
   std::string Narrow(const std::wstring& wide);
   // The host's services, the message language and the settings, for the HDB file classes.
   CHdbFileContext FileContext();
-  // Saving: one node's record through the save's writer; the large-count warning; the move of
-  // the signed temporary file and its signature over the HDB file and its signature.
-  void WriteNode(CBufferedWriter& writer, const std::shared_ptr<CHashNode>& node);
-  void ReplaceHdbFile();
+  // CTreeSource: the tree operation a save hands to the HDB file saver.
+  void VisitAll(const std::string& prefix, const std::shared_ptr<CNodeVisitor>& visitor) override;
   // CTreeBuilder: the tree operations a load hands to the HDB file loader.
   std::shared_ptr<CHashNode> Root() override { return root_; }
   std::shared_ptr<CHashNode> MakePath(std::wstring_view relative) override;
   std::shared_ptr<CHashNode> MakeChild(const std::shared_ptr<CHashNode>& parent,
                                        std::wstring_view component, std::wstring_view path) override;
-  void PreparePiece(CAssignments& piece) override;
-  void IndexRestored(std::vector<CAssignments>& pieces) override;
+  void PreparePiece(CPiece& piece) override;
+  void IndexRestored(std::vector<CPiece>& pieces) override;
   // CreateOrGetChild; "unindex_replaced" takes a file that a directory replaces out of the index
   // (a load, whose index is made afterwards, has nothing to take out).
   std::shared_ptr<CHashNode> CreateOrGetChildOf(const std::shared_ptr<CHashNode>& parent,
@@ -221,5 +219,4 @@ class CHashDBImpl : public CClassCounter,
   std::atomic<bool> second_flag_{true};
   std::mutex enumeration_mutex_;
   std::mutex load_save_mutex_;
-  std::mutex record_write_mutex_;
 };

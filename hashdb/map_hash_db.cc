@@ -147,52 +147,61 @@ void CMapHashDB::RemoveLocked(const std::shared_ptr<CHashNode>& node) {
   if (more.nodes.empty()) entries_.EraseAt(position);
 }
 
-void CMapHashDB::SortAssignments(CAssignments& assignments) {
-  // Each hash text once in a key beside its assignment: the sort then compares packed prefixes.
-  std::stable_sort(assignments.begin(), assignments.end(), [](const auto& a, const auto& b) {
-    if (!b.second) return false;
-    if (!a.second) return true;
-    return CTextKey(*a.second) < CTextKey(*b.second);
+void CMapHashDB::SortPiece(CTreeBuilder::CPiece& piece) {
+  // Most comparisons are decided on the packed prefix without reading either text; a stable sort
+  // keeps equal texts in the order of their records.
+  std::stable_sort(piece.assignments.begin(), piece.assignments.end(), [](const auto& a, const auto& b) {
+    if (a.prefix != b.prefix) return a.prefix < b.prefix;
+    return *a.hash < *b.hash;
   });
 }
 
-void CMapHashDB::AddLoaded(std::vector<CAssignments>& pieces) {
+void CMapHashDB::AddLoaded(std::vector<CTreeBuilder::CPiece>& pieces) {
   if (!enabled_) return;
-  auto current = [](const std::pair<std::shared_ptr<CHashNode>, std::shared_ptr<std::string>>& item) {
-    return item.second && !item.second->empty() && item.first->hash == item.second;
+  bool checked = false;
+  for (const CTreeBuilder::CPiece& piece : pieces) checked = checked || piece.reassigned;
+  // Whether an assignment still names the hash its node holds (only asked when some node was
+  // given two hashes).
+  auto current = [checked](const CTreeBuilder::CAssignment& item) {
+    if (!checked) return true;
+    std::shared_ptr<CHashNode> node = item.node.lock();
+    return node && node->hash == item.hash;
   };
   std::unique_lock<boost::shared_mutex> guard(lock_);
   if (!entries_.empty()) {
-    for (CAssignments& piece : pieces) {
-      for (auto& item : piece) {
-        if (current(item)) AddLocked(item.first);
+    for (CTreeBuilder::CPiece& piece : pieces) {
+      for (CTreeBuilder::CAssignment& item : piece.assignments) {
+        std::shared_ptr<CHashNode> node = item.node.lock();
+        if (node && node->hash == item.hash) AddLocked(node);
       }
     }
     return;
   }
   // An ordered merge of the sorted pieces, appended at the end of the index as it grows.
   std::vector<size_t> next(pieces.size(), 0);
+  auto before = [](const CTreeBuilder::CAssignment& a, const CTreeBuilder::CAssignment& b) {
+    if (a.prefix != b.prefix) return a.prefix < b.prefix;
+    return *a.hash < *b.hash;
+  };
   for (;;) {
     size_t best = pieces.size();
     for (size_t p = 0; p < pieces.size(); ++p) {
-      while (next[p] < pieces[p].size() && !current(pieces[p][next[p]])) ++next[p];
-      if (next[p] == pieces[p].size()) continue;
-      if (best == pieces.size() ||
-          CTextKey(*pieces[p][next[p]].second) < CTextKey(*pieces[best][next[best]].second)) {
-        best = p;
-      }
+      std::vector<CTreeBuilder::CAssignment>& assignments = pieces[p].assignments;
+      while (next[p] < assignments.size() && !current(assignments[next[p]])) ++next[p];
+      if (next[p] == assignments.size()) continue;
+      if (best == pieces.size() || before(assignments[next[p]], pieces[best].assignments[next[best]])) best = p;
     }
     if (best == pieces.size()) break;
-    const std::shared_ptr<CHashNode>& node = pieces[best][next[best]++].first;
-    CEntry* last = entries_.empty() ? nullptr : entries_.Last();
-    if (last != nullptr && *last->text == *node->hash) {
-      JoinEntryLocked(*last, node);
+    CTreeBuilder::CAssignment& item = pieces[best].assignments[next[best]++];
+    CEntry* last = entries_.Last();
+    if (last != nullptr && last->prefix == item.prefix && *last->text == *item.hash) {
+      if (std::shared_ptr<CHashNode> node = item.node.lock()) JoinEntryLocked(*last, node);
       continue;
     }
     CEntry made;
-    made.prefix = CTextKey::PrefixOf(*node->hash);
-    made.text = node->hash;
-    made.single = node;
+    made.prefix = item.prefix;
+    made.text = std::move(item.hash);
+    made.single = std::move(item.node);
     entries_.PushBack(std::move(made));
   }
 }

@@ -56,15 +56,14 @@ class CMapHashDB {
   std::shared_ptr<CNodeList> Find(const std::string& hash) const;
   // Indexes a node under its hash text; nodes with equal text come to share one string.
   void Add(const std::shared_ptr<CHashNode>& node);
-  using CAssignments = CTreeBuilder::CAssignments;
   // Sorts one restore piece's assignments by hash text, so that AddLoaded can merge the pieces.
-  static void SortAssignments(CAssignments& assignments);
-  // Indexes the nodes of sorted pieces (SortAssignments) in one ordered pass, each node under the
-  // hash object it holds now: an assignment whose object the node no longer holds (a later record
-  // of the same path replaced it, or the node was replaced by a directory and dropped its hash)
-  // is passed over. Equal texts come to share one string. Into an empty index (a load) the
-  // entries are appended in order; an index that is not empty takes the nodes one by one.
-  void AddLoaded(std::vector<CAssignments>& pieces);
+  static void SortPiece(CTreeBuilder::CPiece& piece);
+  // Indexes the nodes of sorted pieces (SortPiece) in one ordered pass. Where a piece says that
+  // nodes were reassigned, an assignment whose hash object its node no longer holds (a later
+  // record of the same path replaced it) is passed over. Equal texts come to share one string.
+  // Into an empty index (a load) the entries are appended in order without touching the nodes
+  // of distinct texts; an index that is not empty takes the nodes one by one.
+  void AddLoaded(std::vector<CTreeBuilder::CPiece>& pieces);
   // Takes a node out of the index under its hash text.
   void Remove(const std::shared_ptr<CHashNode>& node);
   void Clear();

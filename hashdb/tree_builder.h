@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -14,8 +15,20 @@ class CHashNode;
 // node creation relies on the nodes' own locks.
 class CTreeBuilder {
  public:
-  // A node and the hash object that a record gave it.
-  using CAssignments = std::vector<std::pair<std::shared_ptr<CHashNode>, std::shared_ptr<std::string>>>;
+  // A node and the (non-empty) hash object that a record gave it, with the text's first bytes
+  // packed for sorting.
+  struct CAssignment {
+    uint64_t prefix = 0;
+    std::weak_ptr<CHashNode> node;
+    std::shared_ptr<std::string> hash;
+  };
+  // What one restore task read: its assignments, and whether a record gave a hash to a node that
+  // held one already (two records of one path, in a damaged file): then each assignment must be
+  // checked against the hash its node holds in the end.
+  struct CPiece {
+    std::vector<CAssignment> assignments;
+    bool reassigned = false;
+  };
 
   virtual ~CTreeBuilder() = default;
 
@@ -30,7 +43,7 @@ class CTreeBuilder {
                                                std::wstring_view component, std::wstring_view path) = 0;
   // Readies one piece's assignments for the index (a restore task calls it on its own piece when
   // it ends, so that the pieces are prepared in parallel).
-  virtual void PreparePiece(CAssignments& piece) = 0;
+  virtual void PreparePiece(CPiece& piece) = 0;
   // Indexes the hashes that the records gave, once every piece has been read and prepared.
-  virtual void IndexRestored(std::vector<CAssignments>& pieces) = 0;
+  virtual void IndexRestored(std::vector<CPiece>& pieces) = 0;
 };

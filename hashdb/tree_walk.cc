@@ -70,6 +70,10 @@ void CHashDBImpl::RunWalkTask(const std::weak_ptr<CHashDBImpl>& database,
   }
 }
 
+void CHashDBImpl::VisitAll(const std::string& prefix, const std::shared_ptr<CNodeVisitor>& visitor) {
+  TreeWalk(prefix, false, root_, visitor);
+}
+
 bool CHashDBImpl::Enumerate(const std::string& prefix, bool take_tree_lock,
                             const std::shared_ptr<CNodeVisitor>& visitor) {
   std::shared_ptr<CHashNode> start;

@@ -12,6 +12,7 @@
 
 #include "hashdb/bad_obj_name_error.h"
 #include "hashdb/hash_node.h"
+#include "hashdb/text_key.h"
 #include "hashdb/wide_path.h"
 #include "hdbfile/hdb_record.h"
 #include "hdbfile/restore_leaves_helper.h"
@@ -120,7 +121,7 @@ uint64_t CHdbLoader::Restore(const std::atomic<bool>* exit_flag, const std::shar
   LogDebug(log, Compose(language, "Restore leaves worker thread(s)=", helpers.size()));
   LogDebug(log, Compose(language, "Waiting all nodes to be restored,path=", context_.hdb_path_text));
   context_.pool->WaitAllFinished(0);  // lets a pool without threads run the tasks here
-  std::vector<CTreeBuilder::CAssignments> pieces;
+  std::vector<CTreeBuilder::CPiece> pieces;
   for (const std::shared_ptr<CRestoreLeavesHelper>& helper : helpers) {
     if (!helper->Wait(context_.restore_time_limit_ms)) {
       std::string text = Compose(language, "[hdbi,rlne] Please contact product manufacturer for technique support. path=",
@@ -128,7 +129,7 @@ uint64_t CHdbLoader::Restore(const std::atomic<bool>* exit_flag, const std::shar
       LogCritical(log, text, kEventRestoreTimeout);
       throw std::runtime_error(text);
     }
-    pieces.push_back(helper->TakeAssignments());
+    pieces.push_back(helper->TakePiece());
     LogDebug(log, Compose(language, "One restore nodes thread exited,path=", context_.hdb_path_text));
   }
   tree_->IndexRestored(pieces);
@@ -180,8 +181,8 @@ void CHdbLoader::RestoreLeaves(CRestoreLeavesHelper& helper) {
   }
   // The hashes of every record read, also when the piece ended early.
   try {
-    tree_->PreparePiece(piece.assignments);
-    helper.PutAssignments(std::move(piece.assignments));
+    tree_->PreparePiece(piece.read);
+    helper.PutPiece(std::move(piece.read));
   } catch (const std::exception& e) {
     LogError(log, Compose(language, "[HDBI,trln,STDE] info=", e.what()));
   }
@@ -240,6 +241,7 @@ void CHdbLoader::RestoreRecord(const CHdbRecordView& view, CPieceState& piece) {
   }
   {
     std::lock_guard<CNodeLock> guard(node->lock);
+    if (node->hash) piece.read.reassigned = true;
     node->hash = hash;
     node->time_2 = record.time_2;
     if (platform_matches_) {
@@ -250,7 +252,10 @@ void CHdbLoader::RestoreRecord(const CHdbRecordView& view, CPieceState& piece) {
     }
     node->size = record.size;
   }
-  if (hash) piece.assignments.emplace_back(std::move(node), std::move(hash));
+  if (hash && !hash->empty()) {
+    uint64_t prefix = CTextKey::PrefixOf(*hash);
+    piece.read.assignments.push_back(CTreeBuilder::CAssignment{prefix, node, std::move(hash)});
+  }
 }
 
 void WarnIfLargeCount(const CHdbFileContext& context, uint64_t count) {

@@ -39,7 +39,7 @@ class CHdbLoader : public std::enable_shared_from_this<CHdbLoader> {
   struct CPieceState {
     std::wstring parent_path;
     std::shared_ptr<CHashNode> parent;
-    CTreeBuilder::CAssignments assignments;
+    CTreeBuilder::CPiece read;
   };
 
   // One task's reading of its piece; the task marks the helper done afterwards.

@@ -14,6 +14,7 @@
 #include "hdbfile/hdb_format.h"
 #include "hdbfile/hdb_header.h"
 #include "hdbfile/hdb_loader.h"
+#include "hdbfile/hdb_saver.h"
 #include "host/buffer.h"
 #include "host/message.h"
 #include "host/path_status.h"
@@ -91,6 +92,26 @@ bool CHashDBImpl::Load(const std::atomic<bool>* exit_flag, bool verify_signature
                               LKey{" [HDB]="}, hdb_path, LKey{" [RDM]="}, revision));
   }
   return true;
+}
+
+void CHashDBImpl::Save() {
+  std::lock_guard<std::mutex> load_save(load_save_mutex_);
+  LogInformation(*log_, Compose(*this, "Saving HDB,path=", hdb_path_text_));
+  std::shared_ptr<CStopwatch> stopwatch = utility_->StartStopwatch();
+  std::shared_lock<boost::shared_mutex> tree(tree_lock_);
+
+  uint64_t stamp = 0;
+  do {
+    stamp = utility_->RandomStamp();
+  } while (stamp == kNoRevision || stamp == revision_.load());
+
+  CHdbSaver saver(FileContext(), *this);
+  uint64_t total_nodes = saver.WriteSigned(stamp);
+  saver.Replace();
+  revision_.exchange(stamp);
+  LogInformation(*log_, Compose(*this, "HDB saved.Total nodes=", total_nodes,
+                                stopwatch ? stopwatch->Report(total_nodes) : std::string(), ", path=",
+                                hdb_path_text_));
 }
 
 uint64_t CHashDBImpl::FileRevision() {

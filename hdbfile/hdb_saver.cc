@@ -1,23 +1,24 @@
 // Saving: the tree is written by the walk's workers into a temporary file whose header comes
 // last; the file is signed and then moved, with its signature, over the HDB file.
 
+#include "hdbfile/hdb_saver.h"
+
 #ifndef _WIN32
 #include <ext/stdio_filebuf.h>
 #include <fcntl.h>
 #endif
 
+#include <atomic>
 #include <fstream>
-#include <mutex>
-#include <shared_mutex>
 #include <stdexcept>
 
-#include "hashdb/hash_db_impl.h"
-#include "hdbfile/hdb_file_context.h"
+#include "hashdb/hash_node.h"
+#include "hashdb/wide_path.h"
 #include "hdbfile/hdb_header.h"
 #include "hdbfile/hdb_record.h"
-#include "hdbfile/write_leaves_helper.h"
 #include "host/cfg_service.h"
 #include "host/crypto_service.h"
+#include "host/language.h"
 #include "host/message.h"
 #include "host/utility_service.h"
 
@@ -26,6 +27,9 @@ namespace {
 constexpr uint64_t kWriterCapacity = 52428800;  // 50 MiB
 constexpr size_t kMaxHashBytes = 256;  // one more than the length byte holds: kept on purpose
 constexpr size_t kMaxTextBytes = 65535;
+constexpr size_t kBatchBytes = 256 * 1024;
+
+std::atomic<uint64_t> saves_made{0};
 
 #ifdef _WIN32
 // The temporary file, truncated.
@@ -66,14 +70,70 @@ class CTemporaryOutput {
 };
 #endif
 
+// The path of a directory relative to the root, from its parent links; empty for the root.
+std::string RelativeTextOf(const std::shared_ptr<CHashNode>& directory) {
+  std::vector<const std::string*> names;
+  size_t length = 0;
+  for (std::shared_ptr<CHashNode> current = directory; current;) {
+    std::shared_ptr<CHashNode> up = current->parent.lock();
+    if (!up) break;  // the root (or a node cut off from it) ends the path
+    names.push_back(&current->name);
+    length += current->name.size() + 1;
+    current = std::move(up);
+  }
+  std::string relative;
+  relative.reserve(length);
+  for (auto it = names.rbegin(); it != names.rend(); ++it) {
+    if (!relative.empty()) relative += static_cast<char>(kPreferredSeparator);
+    relative += **it;
+  }
+  return relative;
+}
+
+bool SameNode(const std::weak_ptr<CHashNode>& a, const std::weak_ptr<CHashNode>& b) {
+  return !a.owner_before(b) && !b.owner_before(a);
+}
+
 }  // namespace
 
-void CHashDBImpl::WriteNode(CBufferedWriter& writer, const std::shared_ptr<CHashNode>& node) {
-  std::string path = RelativeTextOfNode(node);
-  std::vector<uint8_t> hash;
-  if (node->hash && !node->hash->empty()) hash = crypto_->HashTextToBinary(*node->hash);
+CHdbSaver::CHdbSaver(CHdbFileContext context, CTreeSource& tree)
+    : context_(std::move(context)), tree_(tree), identity_(++saves_made) {}
 
-  std::shared_ptr<CBuffer> buffer = utility_->MakeBuffer(1, kRecordHeaderSize, 0);
+CHdbSaver::CThreadBatch& CHdbSaver::BatchOfThisThread() {
+  // Each worker thread finds its batch of the running save without a lock.
+  thread_local uint64_t batch_identity = 0;
+  thread_local CThreadBatch* batch = nullptr;
+  if (batch_identity != identity_ || batch == nullptr) {
+    std::lock_guard<std::mutex> guard(batches_mutex_);
+    batches_.push_back(std::make_unique<CThreadBatch>());
+    batch = batches_.back().get();
+    batch_identity = identity_;
+  }
+  return *batch;
+}
+
+void CHdbSaver::Drain(CThreadBatch& batch) {
+  if (batch.records.empty()) return;
+  std::lock_guard<std::mutex> guard(record_write_mutex_);
+  writer_->Write(batch.records.data(), batch.records.size());
+  batch.records.clear();
+}
+
+void CHdbSaver::WriteNode(CThreadBatch& batch, const std::shared_ptr<CHashNode>& node) {
+  std::string path;
+  if (!node->parent.expired()) {
+    if (!SameNode(batch.directory, node->parent)) {
+      batch.directory = node->parent;
+      batch.directory_path = RelativeTextOf(node->parent.lock());
+    }
+    path.reserve(batch.directory_path.size() + 1 + node->name.size());
+    path = batch.directory_path;
+    if (!path.empty()) path += static_cast<char>(kPreferredSeparator);
+    path += node->name;
+  }
+  std::vector<uint8_t> hash;
+  if (node->hash && !node->hash->empty()) hash = context_.crypto->HashTextToBinary(*node->hash);
+
   CHdbRecordHeader record;
   record.directory = node->is_dir ? 1 : 0;
   record.attributes = node->attributes;
@@ -90,99 +150,87 @@ void CHashDBImpl::WriteNode(CBufferedWriter& writer, const std::shared_ptr<CHash
   if (path.size() > kMaxTextBytes) throw std::runtime_error("[HDBI,wn] bad size-3!");
   record.path_length = static_cast<uint16_t>(path.size());
   record.size = node->size;
-  record.EncodeTo(buffer->Data());
+  uint8_t fixed[kRecordHeaderSize];
+  record.EncodeTo(fixed);
 
-  std::lock_guard<std::mutex> guard(record_write_mutex_);
-  writer.Write(buffer->Data(), kRecordHeaderSize);
-  if (!hash.empty()) writer.Write(hash.data(), hash.size());
-  writer.Write(path.data(), path.size());
-  if (!node->security_attributes.empty()) {
-    writer.Write(node->security_attributes.data(), node->security_attributes.size());
-  }
-  if (!node->target_path.empty()) writer.Write(node->target_path.data(), node->target_path.size());
+  // The whole record, or nothing of it, goes into the batch.
+  std::string& out = batch.records;
+  out.append(reinterpret_cast<const char*>(fixed), kRecordHeaderSize);
+  out.append(reinterpret_cast<const char*>(hash.data()), hash.size());
+  out.append(path);
+  out.append(node->security_attributes);
+  out.append(node->target_path);
+  if (out.size() >= kBatchBytes) Drain(batch);
 }
 
-void CHashDBImpl::ReplaceHdbFile() {
-  std::wstring hdb_signature = crypto_->SignatureFilePath(hdb_path_);
-  std::wstring temporary_signature = crypto_->SignatureFilePath(temporary_path_);
-  // The results of the delete and of the two moves are not examined: the new files are complete
-  // and signed by now, and the next load judges what it finds.
-  utility_->DeleteFile(hdb_signature);
-  utility_->MoveFile(temporary_path_, hdb_path_, 0, 1, 0);
-  utility_->MoveFile(temporary_signature, hdb_signature, 0, 1, 0);
-}
-
-void CHashDBImpl::Save() {
-  std::lock_guard<std::mutex> load_save(load_save_mutex_);
-  LogInformation(*log_, Compose(*this, "Saving HDB,path=", hdb_path_text_));
-  std::shared_ptr<CStopwatch> stopwatch = utility_->StartStopwatch();
-  std::shared_lock<boost::shared_mutex> tree(tree_lock_);
-
-  uint64_t stamp = 0;
-  do {
-    stamp = utility_->RandomStamp();
-  } while (stamp == kNoRevision || stamp == revision_.load());
-
-  utility_->DeleteFile(temporary_path_);
-  CTemporaryOutput temporary(temporary_path_, *utility_);
+uint64_t CHdbSaver::WriteSigned(uint64_t stamp) {
+  CUtilityService& utility = *context_.utility;
+  utility.DeleteFile(context_.temporary_path);
+  CTemporaryOutput temporary(context_.temporary_path, utility);
   std::ostream& output = temporary.stream();
   if (!output) {
-    throw std::runtime_error("[HDBI,smhdtd]HDB file open failed.File=" + Narrow(temporary_path_));
+    throw std::runtime_error("[HDBI,smhdtd]HDB file open failed.File=" + utility.ToNarrow(context_.temporary_path));
   }
   output.seekp(kHeaderSize);
 
   std::atomic<uint64_t> total_nodes{0};
   {
-    auto helper = std::make_shared<CWriteLeavesHelper>(
-        CWriteLeavesHelper{output, &total_nodes, utility_->MakeBufferedWriter(output, kWriterCapacity)});
-    // The pool may release its tasks, and with them the visitor's share of the helper, after the
-    // walk has ended and even after this save has returned. The writer refers to "output": it is
-    // destroyed here, on every way out, never by a late release.
+    writer_ = utility.MakeBufferedWriter(output, kWriterCapacity);
+    // The writer refers to "output": it is dropped here, on every way out.
     struct CWriterDrop {
-      CWriteLeavesHelper& helper;
-      ~CWriterDrop() { helper.writer.reset(); }
-    } drop{*helper};
-    auto visitor = std::make_shared<CNodeVisitor>([this, helper](const std::shared_ptr<CHashNode>& node) {
-      WriteNode(*helper->writer, node);
-      helper->total_nodes->fetch_add(1);
+      std::shared_ptr<CBufferedWriter>& writer;
+      ~CWriterDrop() { writer.reset(); }
+    } drop{writer_};
+    auto visitor = std::make_shared<CNodeVisitor>([this, &total_nodes](const std::shared_ptr<CHashNode>& node) {
+      WriteNode(BatchOfThisThread(), node);
+      total_nodes.fetch_add(1);
       return true;
     });
     std::string prefix;
-    TreeWalk(Text(prefix, "Saving HDB"), false, root_, visitor);
-    helper->writer->Flush();
+    tree_.VisitAll(context_.language->Text(prefix, "Saving HDB"), visitor);
+    // Every task has finished: the saving thread drains what each worker left.
+    std::lock_guard<std::mutex> guard(batches_mutex_);
+    for (const std::unique_ptr<CThreadBatch>& batch : batches_) Drain(*batch);
+    writer_->Flush();
   }
 
-  std::shared_ptr<CBuffer> header_buffer = utility_->MakeBuffer(1, kHeaderSize, 0);
   CHdbHeader header;
-  header.platform_flag = utility_->PlatformValue() & 0xFF;
-  header.second_flag = utility_->SecondPlatformValue() & 0xFF;
-  header.policy_number = policy_number_;
-  header.policy_value = digest_descriptor_;
+  header.platform_flag = utility.PlatformValue() & 0xFF;
+  header.second_flag = utility.SecondPlatformValue() & 0xFF;
+  header.policy_number = context_.policy_number;
+  header.policy_value = context_.digest_descriptor;
   header.node_count = total_nodes.load();
   header.revision = stamp;
-  header.EncodeTo(header_buffer->Data());
+  uint8_t header_bytes[kHeaderSize];
+  header.EncodeTo(header_bytes);
   output.seekp(0);
-  output.write(reinterpret_cast<const char*>(header_buffer->Data()), kHeaderSize);
-  WarnIfLargeCount(FileContext(), total_nodes.load());
+  output.write(reinterpret_cast<const char*>(header_bytes), kHeaderSize);
+  WarnIfLargeCount(context_, total_nodes.load());
   temporary.Close();
   if (!output) {
-    throw std::runtime_error("[HDBI,smhdtd]HDB file write failed.File=" + Narrow(temporary_path_));
+    throw std::runtime_error("[HDBI,smhdtd]HDB file write failed.File=" + utility.ToNarrow(context_.temporary_path));
   }
 
-  std::wstring chain = cfg_->SignerChain();
-  std::wstring key = cfg_->SignerKey();
-  std::wstring certificate = cfg_->SignerCertificate();
-  std::shared_ptr<CSigner> signer = crypto_->MakeSigner(certificate, key, chain);
+  CCfgService& cfg = *context_.cfg;
+  std::wstring chain = cfg.SignerChain();
+  std::wstring key = cfg.SignerKey();
+  std::wstring certificate = cfg.SignerCertificate();
+  std::shared_ptr<CSigner> signer = context_.crypto->MakeSigner(certificate, key, chain);
   std::string sign_result;
   // An unsigned file never replaces the HDB file: it could not be loaded again.
-  if (!signer || !signer->Sign(temporary_path_, sign_result, 4, 0)) {
-    throw std::runtime_error("[HDBI,smhdtd]HDB file sign failed.File=" + Narrow(temporary_path_) +
+  if (!signer || !signer->Sign(context_.temporary_path, sign_result, 4, 0)) {
+    throw std::runtime_error("[HDBI,smhdtd]HDB file sign failed.File=" + utility.ToNarrow(context_.temporary_path) +
                              " " + sign_result);
   }
+  return total_nodes.load();
+}
 
-  ReplaceHdbFile();
-  revision_.exchange(stamp);
-  LogInformation(*log_, Compose(*this, "HDB saved.Total nodes=", total_nodes.load(),
-                                stopwatch ? stopwatch->Report(total_nodes.load()) : std::string(),
-                                ", path=", hdb_path_text_));
+void CHdbSaver::Replace() {
+  std::wstring hdb_signature = context_.crypto->SignatureFilePath(context_.hdb_path);
+  std::wstring temporary_signature = context_.crypto->SignatureFilePath(context_.temporary_path);
+  // The results of the delete and of the two moves are not examined: the new files are complete
+  // and signed by now, and the next load judges what it finds.
+  context_.utility->DeleteFile(hdb_signature);
+  context_.utility->MoveFile(context_.temporary_path, context_.hdb_path, 0, 1, 0);
+  context_.utility->MoveFile(temporary_signature, hdb_signature, 0, 1, 0);
 }

@@ -34,14 +34,14 @@ bool CRestoreLeavesHelper::Wait(uint64_t limit_ms) {
   return done_signal_.wait_for(guard, std::chrono::milliseconds(limit_ms - elapsed), [this] { return done_; });
 }
 
-void CRestoreLeavesHelper::PutAssignments(CTreeBuilder::CAssignments assignments) {
+void CRestoreLeavesHelper::PutPiece(CTreeBuilder::CPiece piece) {
   std::lock_guard<std::mutex> guard(lock_);
-  assignments_ = std::move(assignments);
+  piece_ = std::move(piece);
 }
 
-CTreeBuilder::CAssignments CRestoreLeavesHelper::TakeAssignments() {
+CTreeBuilder::CPiece CRestoreLeavesHelper::TakePiece() {
   std::lock_guard<std::mutex> guard(lock_);
-  return std::move(assignments_);
+  return std::move(piece_);
 }
 
 void CRestoreLeavesHelper::MarkDone() {

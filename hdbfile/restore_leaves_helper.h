@@ -28,8 +28,8 @@ class CRestoreLeavesHelper {
   void MarkDone();
   // The task leaves the hashes its records gave before it marks itself done; the loader takes
   // them once the task is done.
-  void PutAssignments(CTreeBuilder::CAssignments assignments);
-  CTreeBuilder::CAssignments TakeAssignments();
+  void PutPiece(CTreeBuilder::CPiece piece);
+  CTreeBuilder::CPiece TakePiece();
 
   const std::atomic<bool>* const exit_flag;  // the caller's; may be null
   const uint64_t length;
@@ -43,6 +43,6 @@ class CRestoreLeavesHelper {
   std::mutex lock_;
   std::condition_variable done_signal_;
   bool done_ = false;  // guarded by lock_
-  CTreeBuilder::CAssignments assignments_;  // guarded by lock_
+  CTreeBuilder::CPiece piece_;  // guarded by lock_
   const uint64_t created_;
 };
