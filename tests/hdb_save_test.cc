@@ -75,6 +75,45 @@ TEST_F(HdbSaveTest, ASaveFollowedByALoadGivesBackTheSameTree) {
   EXPECT_TRUE(LogsStarting(Poco::Message::PRIO_INFORMATION, "HDB loaded.Restore nodes=9 ("));
 }
 
+// A million records, loaded by two restore tasks at once: every node comes back as it was saved,
+// and the index holds every file under its hash again, equal contents in their saved order.
+TEST_F(HdbSaveTest, AMillionRecordsLoadedOnTwoThreadsGiveBackEveryNodeAsSaved) {
+  ASSERT_EQ(2u, settings_.threads);
+  std::shared_ptr<CObjInfo> none;
+  auto info = CFakeObjInfo::File(L"", "");
+  for (int i = 0; i < 1000000; ++i) {
+    info->relative = L"d" + std::to_wstring(i / 10000) + L"/e" + std::to_wstring(i / 1000 % 10) + L"/f" +
+                     std::to_wstring(i % 1000) + L".dat";
+    // Every tenth file has the content of the one before it.
+    int content = i % 10 == 9 ? i - 1 : i;
+    char hash[65];
+    auto value = static_cast<unsigned>(content);
+    std::snprintf(hash, sizeof hash, "%016x%016x%016x%016x", value * 2654435761u, value, ~value, value * 7);
+    info->hash = hash;
+    info->size = static_cast<uint64_t>(i);
+    info->time_1 = static_cast<uint64_t>(i) * 3;
+    info->time_2 = static_cast<uint64_t>(i) * 5;
+    info->security = "mode=0644 inode=" + std::to_string(i);
+    info->target = i % 1000 == 0 ? "target-" + std::to_string(i) : "";
+    db_->InsertObject(none, info);
+  }
+  db_->Save();
+  std::shared_ptr<CHashDBImpl> loaded = MakeDb();
+  ASSERT_TRUE(LoadSaved(loaded));
+  EXPECT_TRUE(LogsStarting(Poco::Message::PRIO_INFORMATION, "HDB loaded.Restore nodes=1001101 ("));
+  EXPECT_TRUE(Logs(Poco::Message::PRIO_DEBUG, "Restore leaves worker thread(s)=2"));
+  ExpectSameTrees(db_->root(), loaded->root(), true);
+  auto entries = [](const std::shared_ptr<CHashDBImpl>& db) {
+    std::vector<std::pair<std::string, std::string>> result;
+    for (const auto& [hash, node] : db->index().Snapshot()) result.emplace_back(hash, db->RelativeTextOfNode(node));
+    return result;
+  };
+  std::vector<std::pair<std::string, std::string>> saved = entries(db_);
+  ASSERT_EQ(1000000u, saved.size());
+  EXPECT_EQ(saved, entries(loaded));
+  EXPECT_EQ(900000u, loaded->index().HashCount());
+}
+
 TEST_F(HdbSaveTest, AnEmptyDatabaseSavesTheHeaderAndTheRootsRecord) {
   db_->Save();
   std::string bytes = CTempDir::Read(HdbFile());
