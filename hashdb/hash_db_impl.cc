@@ -27,7 +27,6 @@ namespace {
 constexpr const char* kCounterTag = "HDBI";
 constexpr int64_t kNanosecondsPerSecond = 1000000000;
 
-using SharedLock = std::shared_lock<boost::shared_mutex>;
 
 }  // namespace
 
@@ -91,7 +90,7 @@ std::string CHashDBImpl::KeyOf(const std::string& name) {
 std::shared_ptr<CHashNode> CHashDBImpl::ChildOf(const std::shared_ptr<CHashNode>& node,
                                                  std::wstring_view component) {
   std::string key = KeyOf(Narrow(std::wstring(component)));
-  std::lock_guard<CNodeLock> guard(node->lock);
+  CExclusiveGuard<CNodeLock> guard(node->lock);
   if (!node->children) return nullptr;
   auto it = node->children->find(key);
   return it == node->children->end() ? nullptr : it->second;
@@ -146,7 +145,7 @@ std::shared_ptr<CHashNode> CHashDBImpl::CreateOrGetChildOf(const std::shared_ptr
                                    " [path]=", Narrow(std::wstring(path))));
   }
   std::string key = KeyOf(name);
-  std::lock_guard<CNodeLock> guard(parent->lock);
+  CExclusiveGuard<CNodeLock> guard(parent->lock);
   if (!parent->children) parent->children = std::make_shared<CHashNode::ChildMap>();
   auto it = parent->children->find(key);
   if (it != parent->children->end()) {
@@ -215,19 +214,19 @@ std::string CHashDBImpl::NotFoundMessage(const char* key, const std::wstring& pa
 }
 
 void CHashDBImpl::TouchDatabase() {
-  std::unique_lock<boost::shared_mutex> guard(db_touch_lock_);
+  CExclusiveGuard<CSharedMutex> guard(db_touch_lock_);
   if (!db_touch_time_) db_touch_time_ = std::make_shared<int64_t>();
   *db_touch_time_ = MonotonicNowNs();
 }
 
 bool CHashDBImpl::IsLoaded() {
-  SharedLock tree(tree_lock_);
+  CSharedGuard tree(tree_lock_);
   return loaded_.load();
 }
 
 bool CHashDBImpl::IsEmpty() {
-  SharedLock tree(tree_lock_);
-  std::lock_guard<CNodeLock> guard(root_->lock);
+  CSharedGuard tree(tree_lock_);
+  CExclusiveGuard<CNodeLock> guard(root_->lock);
   return !root_->children || root_->children->empty();
 }
 
@@ -245,7 +244,7 @@ std::wstring CHashDBImpl::PathByHash(const std::string& hash, bool check) {
   std::shared_ptr<CNodeList> candidates = index_->Find(hash);
   for (const std::shared_ptr<CHashNode>& node : *candidates) {
     {
-      SharedLock tree(tree_lock_);
+      CSharedGuard tree(tree_lock_);
       if (node->mark || node->old_hash) continue;
     }
     // No file is read under the tree lock.
@@ -263,14 +262,14 @@ std::wstring CHashDBImpl::PathByHash(const std::string& hash, bool check) {
 
 std::string CHashDBImpl::HashOfObject(const std::wstring& path) {
   std::wstring relative = RelativeOf(path);
-  SharedLock tree(tree_lock_);
+  CSharedGuard tree(tree_lock_);
   std::shared_ptr<CHashNode> node = FindNode(relative);
   return node && node->hash ? *node->hash : std::string();
 }
 
 uint64_t CHashDBImpl::SizeOfObject(const std::wstring& path) {
   std::wstring relative = RelativeOf(path);
-  SharedLock tree(tree_lock_);
+  CSharedGuard tree(tree_lock_);
   std::shared_ptr<CHashNode> node = FindNode(relative);
   if (!node) {
     throw std::runtime_error(
@@ -283,7 +282,7 @@ bool CHashDBImpl::IsUnderTarget(const std::wstring& path) {
   std::wstring relative = RelativeOf(path);
   std::wstring_view parent = ParentPath(relative);
   if (parent.empty()) return false;
-  SharedLock tree(tree_lock_);
+  CSharedGuard tree(tree_lock_);
   std::shared_ptr<CHashNode> node = root_;
   if (!node->target_path.empty()) return true;
   for (const CPathComponent& part : PathComponents(parent)) {
@@ -296,7 +295,7 @@ bool CHashDBImpl::IsUnderTarget(const std::wstring& path) {
 
 bool CHashDBImpl::ExistsAs(const std::wstring& path, bool is_dir) {
   std::wstring relative = RelativeOf(path);
-  SharedLock tree(tree_lock_);
+  CSharedGuard tree(tree_lock_);
   std::shared_ptr<CHashNode> node = FindNode(relative);
   return node && node->is_dir == is_dir;
 }
@@ -304,9 +303,9 @@ bool CHashDBImpl::ExistsAs(const std::wstring& path, bool is_dir) {
 bool CHashDBImpl::TouchedRecently(const std::wstring& path) {
   if (touch_period_s_ == 0) return false;
   std::wstring relative = RelativeOf(path);
-  SharedLock tree(tree_lock_);
+  CSharedGuard tree(tree_lock_);
   {
-    std::shared_lock<boost::shared_mutex> touch(db_touch_lock_);
+    CSharedGuard touch(db_touch_lock_);
     if (db_touch_time_) {
       int64_t elapsed = (MonotonicNowNs() - *db_touch_time_) / kNanosecondsPerSecond;
       if (elapsed <= static_cast<int64_t>(db_touch_period_s_)) return false;
@@ -326,7 +325,7 @@ bool CHashDBImpl::AttributesOfObject(const std::wstring& path, uint32_t& attribu
                                      uint64_t& time_1, uint64_t& time_2,
                                      std::string& security_attributes) {
   std::wstring relative = RelativeOf(path);
-  SharedLock tree(tree_lock_);
+  CSharedGuard tree(tree_lock_);
   std::shared_ptr<CHashNode> node = FindNode(relative);
   if (!node) return false;
   attributes = node->attributes;
@@ -338,14 +337,14 @@ bool CHashDBImpl::AttributesOfObject(const std::wstring& path, uint32_t& attribu
 
 bool CHashDBImpl::IsDirectory(const std::wstring& path) {
   std::wstring relative = RelativeOf(path);
-  SharedLock tree(tree_lock_);
+  CSharedGuard tree(tree_lock_);
   std::shared_ptr<CHashNode> node = FindNode(relative);
   return node && node->is_dir;
 }
 
 std::wstring CHashDBImpl::TargetOfObject(const std::wstring& path, bool& is_dir) {
   std::wstring relative = RelativeOf(path);
-  SharedLock tree(tree_lock_);
+  CSharedGuard tree(tree_lock_);
   std::shared_ptr<CHashNode> node = FindNode(relative);
   if (!node) {
     throw std::runtime_error(

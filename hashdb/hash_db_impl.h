@@ -10,9 +10,8 @@
 #include <utility>
 #include <vector>
 
-#include <boost/thread/shared_mutex.hpp>
-
 #include "entry/class_counter.h"
+#include "hashdb/annotated_locks.h"
 #include "hashdb/hash_db.h"
 #include "hashdb/hash_node.h"
 #include "hashdb/tree_builder.h"
@@ -111,7 +110,7 @@ class CHashDBImpl : public CClassCounter,
   std::shared_ptr<CHashNode> ChildOf(const std::shared_ptr<CHashNode>& node,
                                      std::wstring_view component);
   // The node at a relative path, or null; creates nothing.
-  std::shared_ptr<CHashNode> FindNode(const std::wstring& relative);
+  std::shared_ptr<CHashNode> FindNode(const std::wstring& relative) SIGNDB_REQUIRES_SHARED(tree_lock_);
   // The node at a relative path, with missing directories made on the way; a file on the way is
   // replaced by a directory. Throws CBadObjNameError for an illegal name.
   std::shared_ptr<CHashNode> CreateOrGetNode(std::wstring_view relative);
@@ -125,28 +124,33 @@ class CHashDBImpl : public CClassCounter,
   // FindNode, and when that finds nothing, CreateOrGetNode, in one walk: existing directories are
   // followed, a missing or file component on the way is made a directory, and the last component
   // is made only when missing. Throws CBadObjNameError.
-  std::shared_ptr<CHashNode> FindOrCreateNode(std::wstring_view relative);
+  std::shared_ptr<CHashNode> FindOrCreateNode(std::wstring_view relative) SIGNDB_REQUIRES(tree_lock_);
   // The child "component" of "parent", made as a directory when missing (a file there is
   // replaced); "path" names the position in messages. Throws CBadObjNameError.
   std::shared_ptr<CHashNode> CreateOrGetChild(const std::shared_ptr<CHashNode>& parent,
                                               std::wstring_view component, std::wstring_view path);
   // Takes a node out of its parent's children (not the root); with "from_index", out of the index
   // too. The caller holds tree_lock_ exclusively.
-  void DetachNode(const std::shared_ptr<CHashNode>& node, bool from_index);
+  void DetachNode(const std::shared_ptr<CHashNode>& node, bool from_index) SIGNDB_REQUIRES(tree_lock_);
   // Whether the node is still in its parent's children.
-  bool IsAttached(const std::shared_ptr<CHashNode>& node);
+  bool IsAttached(const std::shared_ptr<CHashNode>& node) SIGNDB_REQUIRES_SHARED(tree_lock_);
+  // A walk's visitor runs on the pool's threads while the thread that started the walk holds the
+  // tree lock for it: the visitor says so to the lock analysis by calling this.
+  void TreeLockHeldForWalk() const SIGNDB_ASSERT_SHARED_CAPABILITY(tree_lock_) {}
   // Visits every node from "start" on the worker pool; returns when all have been visited.
   void TreeWalk(const std::string& prefix, bool take_tree_lock,
                 const std::shared_ptr<CHashNode>& start,
                 const std::shared_ptr<CNodeVisitor>& visitor);
   // The database touch time becomes now.
-  void TouchDatabase();
+  void TouchDatabase() SIGNDB_EXCLUDES(db_touch_lock_);
   // Gives a node a new name in its parent's children; the index is untouched. Throws
   // CBadObjNameError for an illegal name. The caller holds tree_lock_ exclusively.
-  void RenameInPlace(const std::shared_ptr<CHashNode>& node, const std::wstring& new_name);
+  void RenameInPlace(const std::shared_ptr<CHashNode>& node, const std::wstring& new_name)
+      SIGNDB_REQUIRES(tree_lock_);
   // Hangs a node, under its own name, into the directory that is the new relative path's parent;
   // an object there under the same key is dropped. The caller holds tree_lock_ exclusively.
-  void MoveNode(const std::shared_ptr<CHashNode>& node, const std::wstring& new_relative);
+  void MoveNode(const std::shared_ptr<CHashNode>& node, const std::wstring& new_relative)
+      SIGNDB_REQUIRES(tree_lock_);
 
  private:
   std::string Narrow(const std::wstring& wide);
@@ -179,7 +183,7 @@ class CHashDBImpl : public CClassCounter,
   // The old-node search: nodes not changed since "threshold" that lie at or below "relative".
   void SearchOldNodes(int64_t threshold, const std::wstring& relative,
                       const std::shared_ptr<CPathEntryList>& entries,
-                      const std::shared_ptr<CNodeList>& nodes);
+                      const std::shared_ptr<CNodeList>& nodes) SIGNDB_REQUIRES_SHARED(tree_lock_);
   // The attribute part of the object check; "skip_time_2" leaves the second time value out.
   uint32_t CompareAttributes(const std::shared_ptr<CObjInfo>& info,
                              const std::shared_ptr<CHashNode>& node, bool skip_time_2);
@@ -207,14 +211,14 @@ class CHashDBImpl : public CClassCounter,
   bool fold_case_ = false;
   uint64_t restore_time_limit_ms_ = 0;
 
-  mutable boost::shared_mutex tree_lock_;
+  mutable CSharedMutex tree_lock_;
   std::atomic<bool> loaded_{false};
   std::shared_ptr<CHashNode> root_;                 // guarded by tree_lock_
   std::atomic<uint64_t> change_counter_{0};
   std::atomic<uint64_t> revision_;
   std::shared_ptr<CMapHashDB> index_;
-  boost::shared_mutex db_touch_lock_;
-  std::shared_ptr<int64_t> db_touch_time_;          // guarded by db_touch_lock_
+  CSharedMutex db_touch_lock_ SIGNDB_ACQUIRED_AFTER(tree_lock_);
+  std::shared_ptr<int64_t> db_touch_time_ SIGNDB_GUARDED_BY(db_touch_lock_);
   std::atomic<bool> platform_flag_{true};
   std::atomic<bool> second_flag_{true};
   std::mutex enumeration_mutex_;

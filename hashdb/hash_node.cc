@@ -2,6 +2,7 @@
 
 #include <stdexcept>
 
+#include "hashdb/annotated_locks.h"
 #include "hashdb/monotonic_clock.h"
 #include "host/utility_service.h"
 
@@ -14,25 +15,25 @@ CHashNode::CHashNode(const std::weak_ptr<CHashNode>& parent_node) : parent(paren
 }
 
 void CHashNode::StampChange() {
-  std::lock_guard<CNodeLock> guard(lock);
+  CExclusiveGuard<CNodeLock> guard(lock);
   change_time = MonotonicNowNs();
 }
 
 bool CHashNode::ChangedBefore(int64_t t) {
-  std::lock_guard<CNodeLock> guard(lock);
+  CExclusiveGuard<CNodeLock> guard(lock);
   return change_time < t;
 }
 
 void CHashNode::Touch() {
   if (is_dir) return;
-  std::lock_guard<CNodeLock> guard(lock);
+  CExclusiveGuard<CNodeLock> guard(lock);
   if (!touch_time) touch_time = std::make_shared<int64_t>();
   *touch_time = MonotonicNowNs();
 }
 
 bool CHashNode::TouchedWithin(uint64_t seconds) {
   if (is_dir) return false;
-  std::lock_guard<CNodeLock> guard(lock);
+  CExclusiveGuard<CNodeLock> guard(lock);
   if (!touch_time) return false;
   int64_t elapsed = (MonotonicNowNs() - *touch_time) / kNanosecondsPerSecond;
   return elapsed <= static_cast<int64_t>(seconds);

@@ -41,8 +41,8 @@ class CHashNode {
   std::weak_ptr<CHashNode> parent;          // empty for the root
   std::shared_ptr<ChildMap> children;       // guarded by lock; null for files and empty dirs
   std::shared_ptr<CObjInfo> pending_info;   // details of a deferred insert, not yet copied
-  int64_t change_time = 0;                  // guarded by lock; newest change at or below
-  std::shared_ptr<int64_t> touch_time;      // guarded by lock; files only, made on first touch
+  int64_t change_time SIGNDB_GUARDED_BY(lock) = 0;  // newest change at or below
+  std::shared_ptr<int64_t> touch_time SIGNDB_GUARDED_BY(lock);  // files only, made on first touch
   uint32_t attributes = 0xFFFFFFFFu;        // all bits set: unknown
   CNodeLock lock;
   bool is_dir = false;
@@ -52,13 +52,13 @@ class CHashNode {
   std::atomic<bool> flag_2{false};
 
   // change_time = now.
-  void StampChange();
+  void StampChange() SIGNDB_EXCLUDES(lock);
   // change_time < t.
-  bool ChangedBefore(int64_t t);
+  bool ChangedBefore(int64_t t) SIGNDB_EXCLUDES(lock);
   // Files only: touch_time = now.
-  void Touch();
+  void Touch() SIGNDB_EXCLUDES(lock);
   // Files only: whether whole seconds since the last touch are at most "seconds".
-  bool TouchedWithin(uint64_t seconds);
+  bool TouchedWithin(uint64_t seconds) SIGNDB_EXCLUDES(lock);
 };
 
 // Whether two nodes record the same object state (kind, size, target, times, attributes,

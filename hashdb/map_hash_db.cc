@@ -1,8 +1,6 @@
 #include "hashdb/map_hash_db.h"
 
 #include <algorithm>
-#include <mutex>
-#include <shared_mutex>
 #include <stdexcept>
 
 #include "hashdb/hash_node.h"
@@ -20,7 +18,7 @@ CMapHashDB::CMapHashDB(bool enabled) : enabled_(enabled) {}
 std::shared_ptr<CNodeList> CMapHashDB::Find(const std::string& hash) const {
   auto result = std::make_shared<CNodeList>();
   if (!enabled_ || hash.empty()) return result;
-  std::shared_lock<boost::shared_mutex> guard(lock_);
+  CSharedGuard guard(lock_);
   const CEntry* entry = entries_.Find(CTextKey(hash));
   if (entry == nullptr) return result;
   if (!entry->more) {
@@ -36,7 +34,7 @@ std::shared_ptr<CNodeList> CMapHashDB::Find(const std::string& hash) const {
 // The node's hash is read under the lock: while loading, it may be assigned meanwhile.
 void CMapHashDB::Add(const std::shared_ptr<CHashNode>& node) {
   if (!enabled_ || !node) return;
-  std::unique_lock<boost::shared_mutex> guard(lock_);
+  CExclusiveGuard<CSharedMutex> guard(lock_);
   if (node->hash && !node->hash->empty()) AddLocked(node);
 }
 
@@ -103,7 +101,7 @@ CMapHashDB::CEntryList::iterator CMapHashDB::EraseLocked(CMore& more, CEntryList
 
 void CMapHashDB::Remove(const std::shared_ptr<CHashNode>& node) {
   if (!enabled_ || !node) return;
-  std::unique_lock<boost::shared_mutex> guard(lock_);
+  CExclusiveGuard<CSharedMutex> guard(lock_);
   if (node->hash && !node->hash->empty()) RemoveLocked(node);
 }
 
@@ -167,7 +165,7 @@ void CMapHashDB::AddLoaded(std::vector<CTreeBuilder::CPiece>& pieces) {
     std::shared_ptr<CHashNode> node = item.node.lock();
     return node && node->hash == item.hash;
   };
-  std::unique_lock<boost::shared_mutex> guard(lock_);
+  CExclusiveGuard<CSharedMutex> guard(lock_);
   if (!entries_.empty()) {
     for (CTreeBuilder::CPiece& piece : pieces) {
       for (CTreeBuilder::CAssignment& item : piece.assignments) {
@@ -207,18 +205,18 @@ void CMapHashDB::AddLoaded(std::vector<CTreeBuilder::CPiece>& pieces) {
 }
 
 void CMapHashDB::Clear() {
-  std::unique_lock<boost::shared_mutex> guard(lock_);
+  CExclusiveGuard<CSharedMutex> guard(lock_);
   entries_.clear();
 }
 
 size_t CMapHashDB::HashCount() const {
-  std::shared_lock<boost::shared_mutex> guard(lock_);
+  CSharedGuard guard(lock_);
   return entries_.size();
 }
 
 std::vector<std::pair<std::string, std::shared_ptr<CHashNode>>> CMapHashDB::Snapshot() const {
   std::vector<std::pair<std::string, std::shared_ptr<CHashNode>>> result;
-  std::shared_lock<boost::shared_mutex> guard(lock_);
+  CSharedGuard guard(lock_);
   for (const CEntry& entry : entries_) {
     if (!entry.more) {
       if (std::shared_ptr<CHashNode> node = entry.single.lock()) result.emplace_back(*entry.text, node);

@@ -9,9 +9,8 @@
 #include <utility>
 #include <vector>
 
-#include <boost/thread/shared_mutex.hpp>
-
 #include "hashdb/hash_db.h"
+#include "hashdb/annotated_locks.h"
 #include "hashdb/block_tree.h"
 #include "hashdb/text_key.h"
 #include "hashdb/tree_builder.h"
@@ -82,8 +81,8 @@ class CMapHashDB {
   using CEntries = CBlockTree<CEntry, CEntryTraits>;
 
   // Add and Remove with lock_ held exclusively and a node that has a non-empty hash.
-  void AddLocked(const std::shared_ptr<CHashNode>& node);
-  void RemoveLocked(const std::shared_ptr<CHashNode>& node);
+  void AddLocked(const std::shared_ptr<CHashNode>& node) SIGNDB_REQUIRES(lock_);
+  void RemoveLocked(const std::shared_ptr<CHashNode>& node) SIGNDB_REQUIRES(lock_);
   // Adds a node to an existing entry of its hash text: dead entries at the front are swept, the
   // first live one lends its string, the node goes last.
   static void JoinEntryLocked(CEntry& entry, const std::shared_ptr<CHashNode>& node);
@@ -93,6 +92,6 @@ class CMapHashDB {
   static CEntryList::iterator EraseLocked(CMore& more, CEntryList::iterator element);
 
   const bool enabled_;
-  mutable boost::shared_mutex lock_;
-  CEntries entries_;  // guarded by lock_
+  mutable CSharedMutex lock_;
+  CEntries entries_ SIGNDB_GUARDED_BY(lock_);
 };

@@ -31,7 +31,7 @@ void FlagDifference(const std::shared_ptr<CHashNode>& node, const std::shared_pt
 
 uint32_t CHashDBImpl::CheckObject(const std::shared_ptr<CObjInfo>& info) {
   std::wstring relative = info->RelativePath();
-  std::shared_lock<boost::shared_mutex> tree(tree_lock_);
+  CSharedGuard tree(tree_lock_);
   bool gone = info->IsGone();
   bool is_dir = info->IsDirectory();
   std::shared_ptr<CHashNode> node = FindNode(relative);

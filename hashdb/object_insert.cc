@@ -15,11 +15,11 @@ std::shared_ptr<CHashNode> CHashDBImpl::InsertObject(std::shared_ptr<CObjInfo>& 
   std::wstring relative = info->RelativePath();
   bool is_dir = info->IsDirectory();
 
-  std::unique_lock<boost::shared_mutex> tree(tree_lock_);
+  CExclusiveGuard<CSharedMutex> tree(tree_lock_);
   std::shared_ptr<CHashNode> node = FindOrCreateNode(relative);
   node->is_dir = is_dir;
   if (!is_dir) {
-    std::lock_guard<CNodeLock> guard(node->lock);
+    CExclusiveGuard<CNodeLock> guard(node->lock);
     node->children.reset();
   }
 
@@ -46,7 +46,7 @@ std::shared_ptr<CHashNode> CHashDBImpl::InsertObject(std::shared_ptr<CObjInfo>& 
   node->target_path = info->TargetPath();
   if (is_dir) {
     node->size = 0;
-    std::lock_guard<CNodeLock> guard(node->lock);
+    CExclusiveGuard<CNodeLock> guard(node->lock);
     if (node->children && node->children->empty()) node->children.reset();  // no empty maps
   } else {
     node->size = info->Size();
@@ -62,11 +62,11 @@ std::shared_ptr<CHashNode> CHashDBImpl::InsertObject(std::shared_ptr<CObjInfo>& 
 bool CHashDBImpl::Mark(bool set, const std::wstring& path, bool value) {
   std::wstring relative = RelativeOf(path);
   if (!set) {
-    std::shared_lock<boost::shared_mutex> tree(tree_lock_);
+    CSharedGuard tree(tree_lock_);
     std::shared_ptr<CHashNode> node = FindNode(relative);
     return node && node->mark;
   }
-  std::unique_lock<boost::shared_mutex> tree(tree_lock_);
+  CExclusiveGuard<CSharedMutex> tree(tree_lock_);
   std::shared_ptr<CHashNode> node = FindNode(relative);
   if (node) {
     node->mark = value;
@@ -83,11 +83,11 @@ bool CHashDBImpl::Mark(bool set, const std::wstring& path, bool value) {
 bool CHashDBImpl::Flag2(bool set, const std::wstring& path, bool value) {
   std::wstring relative = RelativeOf(path);
   if (!set) {
-    std::shared_lock<boost::shared_mutex> tree(tree_lock_);
+    CSharedGuard tree(tree_lock_);
     std::shared_ptr<CHashNode> node = FindNode(relative);
     return node && node->flag_2;
   }
-  std::unique_lock<boost::shared_mutex> tree(tree_lock_);
+  CExclusiveGuard<CSharedMutex> tree(tree_lock_);
   std::shared_ptr<CHashNode> node = FindNode(relative);
   if (node) {
     node->flag_2 = value;

@@ -27,7 +27,7 @@ void CHashDBImpl::RenameObject(std::shared_ptr<CObjInfo>& info, const std::wstri
   bool same_parent = cfg_->SamePath(std::wstring(ParentPath(old_relative)),
                                     std::wstring(ParentPath(new_relative)));
 
-  std::unique_lock<boost::shared_mutex> tree(tree_lock_);
+  CExclusiveGuard<CSharedMutex> tree(tree_lock_);
   std::shared_ptr<CHashNode> node = FindNode(old_relative);
   if (!node) {
     throw std::runtime_error(Compose(*this, "[hdbi,ro] NOT Found! [Old Path]=", Narrow(old_path),
@@ -53,7 +53,7 @@ int CHashDBImpl::RemoveObject(std::shared_ptr<CObjInfo>& info, const std::wstrin
     throw std::runtime_error(
         Compose(*this, "[hdbi,ro]Can NOT be root dir here! root dir=", root_path_text_));
   }
-  std::unique_lock<boost::shared_mutex> tree(tree_lock_);
+  CExclusiveGuard<CSharedMutex> tree(tree_lock_);
   ++change_counter_;  // counted before the lookup, also when nothing is found
   std::shared_ptr<CHashNode> node = FindNode(relative);
   if (!node) return 0;
@@ -78,7 +78,7 @@ void CHashDBImpl::RenameInPlace(const std::shared_ptr<CHashNode>& node,
   }
   std::string old_key = KeyOf(node->name);
   std::string new_key = KeyOf(name);
-  std::lock_guard<CNodeLock> guard(parent->lock);
+  CExclusiveGuard<CNodeLock> guard(parent->lock);
   if (!parent->children) {
     parent->children = std::make_shared<CHashNode::ChildMap>();
   } else {
@@ -103,7 +103,7 @@ void CHashDBImpl::MoveNode(const std::shared_ptr<CHashNode>& node,
         *this, "[hdbi,mn]new relative parent path is NOT Dir! Path=", Narrow(new_relative)));
   }
   std::string key = KeyOf(node->name);
-  std::lock_guard<CNodeLock> guard(new_parent->lock);
+  CExclusiveGuard<CNodeLock> guard(new_parent->lock);
   if (!new_parent->children) {
     new_parent->children = std::make_shared<CHashNode::ChildMap>();
   } else if (auto it = new_parent->children->find(key); it != new_parent->children->end()) {

@@ -36,8 +36,9 @@ void CHashDBImpl::CompareWithPrevious(const std::shared_ptr<CHashDB>& previous,
     CLockedList changed_list{changed, {}};
     CLockedList added_list{added, {}};
     CLockedList removed_list{removed, {}};
-    std::shared_lock<boost::shared_mutex> tree(tree_lock_);
+    CSharedGuard tree(tree_lock_);
     auto visitor = std::make_shared<CNodeVisitor>([&](const std::shared_ptr<CHashNode>& old_node) {
+      TreeLockHeldForWalk();
       std::wstring path = RelativePathOfNode(old_node);
       std::shared_ptr<CHashNode> current = FindNode(path);
       if (!current) {

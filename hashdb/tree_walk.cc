@@ -23,7 +23,7 @@ constexpr uint64_t kWaitingMessageEveryMs = 10000;
 void CHashDBImpl::TreeWalk(const std::string& prefix, bool take_tree_lock,
                            const std::shared_ptr<CHashNode>& start,
                            const std::shared_ptr<CNodeVisitor>& visitor) {
-  std::shared_lock<boost::shared_mutex> tree(tree_lock_, std::defer_lock);
+  std::shared_lock<CSharedMutex> tree(tree_lock_, std::defer_lock);
   if (take_tree_lock) tree.lock();
   std::lock_guard<std::mutex> walk(enumeration_mutex_);
 
@@ -78,7 +78,7 @@ bool CHashDBImpl::Enumerate(const std::string& prefix, bool take_tree_lock,
                             const std::shared_ptr<CNodeVisitor>& visitor) {
   std::shared_ptr<CHashNode> start;
   {
-    std::shared_lock<boost::shared_mutex> tree(tree_lock_, std::defer_lock);
+    std::shared_lock<CSharedMutex> tree(tree_lock_, std::defer_lock);
     if (take_tree_lock) tree.lock();
     start = root_;
   }
@@ -92,7 +92,7 @@ std::shared_ptr<CPathEntryList> CHashDBImpl::SubNodes(const std::wstring& relati
     throw std::runtime_error("[hdbi,gsn] It MUST be relative path, but current obj path=" +
                              Narrow(relative_path));
   }
-  std::shared_lock<boost::shared_mutex> tree(tree_lock_);
+  CSharedGuard tree(tree_lock_);
   std::shared_ptr<CHashNode> node = FindNode(relative_path);
   if (!node) {
     throw std::runtime_error("[hdbi,gsn] Parent dir NOT found, current dir path=" +
@@ -146,7 +146,7 @@ std::shared_ptr<CPathEntryList> CHashDBImpl::ChangedSince(
     const std::shared_ptr<CPathEntryList>& result, int64_t threshold,
     const std::wstring& relative_path) {
   std::shared_ptr<CPathEntryList> entries = result ? result : std::make_shared<CPathEntryList>();
-  std::shared_lock<boost::shared_mutex> tree(tree_lock_);
+  CSharedGuard tree(tree_lock_);
   SearchOldNodes(threshold, relative_path, entries, nullptr);
   return entries;
 }
@@ -169,11 +169,11 @@ uint64_t CHashDBImpl::Shrink(int64_t threshold, const std::wstring& relative_pat
   auto old_nodes = std::make_shared<CNodeList>();
   CNodeList emptied;
   {
-    std::shared_lock<boost::shared_mutex> tree(tree_lock_);
+    CSharedGuard tree(tree_lock_);
     SearchOldNodes(threshold, relative_path, nullptr, old_nodes);
   }
   {
-    std::unique_lock<boost::shared_mutex> tree(tree_lock_);
+    CExclusiveGuard<CSharedMutex> tree(tree_lock_);
     for (const std::shared_ptr<CHashNode>& node : *old_nodes) {
       DetachNode(node, true);
       // Ancestors emptied by the removal go too, while they are old themselves.

@@ -10,6 +10,7 @@
 #include <boost/system/system_error.hpp>
 #include <Poco/Exception.h>
 
+#include "hashdb/annotated_locks.h"
 #include "hashdb/bad_obj_name_error.h"
 #include "hashdb/hash_node.h"
 #include "hashdb/text_key.h"
@@ -240,7 +241,7 @@ void CHdbLoader::RestoreRecord(const CHdbRecordView& view, CPieceState& piece) {
     node->is_dir = record.directory != 0;
   }
   {
-    std::lock_guard<CNodeLock> guard(node->lock);
+    CExclusiveGuard<CNodeLock> guard(node->lock);
     if (node->hash) piece.read.reassigned = true;
     node->hash = hash;
     node->time_2 = record.time_2;

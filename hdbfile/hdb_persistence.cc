@@ -57,7 +57,7 @@ bool CHashDBImpl::Load(const std::atomic<bool>* exit_flag, bool verify_signature
   }
 
   // Held while the restore tasks build the tree; they rely on the nodes' own locks.
-  std::unique_lock<boost::shared_mutex> tree(tree_lock_);
+  CExclusiveGuard<CSharedMutex> tree(tree_lock_);
   auto loader = std::make_shared<CHdbLoader>(
       FileContext(), std::shared_ptr<CTreeBuilder>(shared_from_this(), static_cast<CTreeBuilder*>(this)));
   CHdbHeader header;
@@ -98,7 +98,7 @@ void CHashDBImpl::Save() {
   std::lock_guard<std::mutex> load_save(load_save_mutex_);
   LogInformation(*log_, Compose(*this, "Saving HDB,path=", hdb_path_text_));
   std::shared_ptr<CStopwatch> stopwatch = utility_->StartStopwatch();
-  std::shared_lock<boost::shared_mutex> tree(tree_lock_);
+  CSharedGuard tree(tree_lock_);
 
   uint64_t stamp = 0;
   do {

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Builds from scratch and runs every test: once under AddressSanitizer + UndefinedBehaviorSanitizer
-# (all tests), once under ThreadSanitizer (the tests labelled "concurrency").
+# (all tests), once under ThreadSanitizer (the tests labelled "concurrency"); checks the lock
+# annotations with clang and fuzzes the parsers.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -18,6 +19,12 @@ cmake -S . -B build/tsan -G Ninja "${sanitizer_flags[@]}" -DSIGNDB_SANITIZE=thre
 cmake --build build/tsan -j "$jobs" --target signdb_concurrency_tests signdb_module signdb_tool_tests
 (cd build/tsan && TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" \
   ctest -j "$jobs" -L concurrency --output-on-failure --timeout 600)
+
+# The lock annotations, checked by clang: a field read without the lock that guards it, or a
+# helper called without the lock it needs, fails the build.
+CC=clang CXX=clang++ cmake -S . -B build/clang-tsa -G Ninja -DCMAKE_BUILD_TYPE=Debug -DSIGNDB_TESTS=OFF \
+  -DSIGNDB_BENCH=OFF -DSIGNDB_THREAD_SAFETY=ON
+cmake --build build/clang-tsa -j "$jobs" --target signdb_core
 
 # The HDB parsers read files that come from outside: fuzz them for a bounded time.
 SIGNDB_FUZZ_SECONDS="${SIGNDB_FUZZ_SECONDS:-60}" bash scripts/fuzz.sh

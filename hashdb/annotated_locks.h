@@ -1,0 +1,58 @@
+#pragma once
+
+#include <mutex>
+
+#include <boost/thread/shared_mutex.hpp>
+
+#include "hashdb/thread_annotations.h"
+
+// Locks and guards that Clang's thread-safety analysis understands: the library's own mutexes and
+// guards carry no annotations, so a field marked as guarded by them could not be checked.
+
+// A reader/writer mutex (the threading library's shared mutex).
+class SIGNDB_CAPABILITY("shared_mutex") CSharedMutex {
+ public:
+  void lock() SIGNDB_ACQUIRE() { mutex_.lock(); }
+  void unlock() SIGNDB_RELEASE() { mutex_.unlock(); }
+  void lock_shared() SIGNDB_ACQUIRE_SHARED() { mutex_.lock_shared(); }
+  void unlock_shared() SIGNDB_RELEASE_SHARED() { mutex_.unlock_shared(); }
+
+ private:
+  boost::shared_mutex mutex_;
+};
+
+// A plain mutex.
+class SIGNDB_CAPABILITY("mutex") CMutex {
+ public:
+  void lock() SIGNDB_ACQUIRE() { mutex_.lock(); }
+  void unlock() SIGNDB_RELEASE() { mutex_.unlock(); }
+  std::mutex& native() { return mutex_; }  // for a condition variable's wait
+
+ private:
+  std::mutex mutex_;
+};
+
+// Holds a lock exclusively for its scope.
+template <class Mutex>
+class SIGNDB_SCOPED_CAPABILITY CExclusiveGuard {
+ public:
+  explicit CExclusiveGuard(Mutex& mutex) SIGNDB_ACQUIRE(mutex) : mutex_(mutex) { mutex_.lock(); }
+  ~CExclusiveGuard() SIGNDB_RELEASE() { mutex_.unlock(); }
+  CExclusiveGuard(const CExclusiveGuard&) = delete;
+  CExclusiveGuard& operator=(const CExclusiveGuard&) = delete;
+
+ private:
+  Mutex& mutex_;
+};
+
+// Holds a reader/writer lock shared for its scope.
+class SIGNDB_SCOPED_CAPABILITY CSharedGuard {
+ public:
+  explicit CSharedGuard(CSharedMutex& mutex) SIGNDB_ACQUIRE_SHARED(mutex) : mutex_(mutex) { mutex_.lock_shared(); }
+  ~CSharedGuard() SIGNDB_RELEASE() { mutex_.unlock_shared(); }
+  CSharedGuard(const CSharedGuard&) = delete;
+  CSharedGuard& operator=(const CSharedGuard&) = delete;
+
+ private:
+  CSharedMutex& mutex_;
+};
