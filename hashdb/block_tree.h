@@ -21,9 +21,13 @@
 // prefix first. A key may refer into its element (a text it owns): inner nodes keep copies of
 // their children's first keys and refresh them whenever a first element changes or moves.
 //
+// "kReserveLeaves": leaves are made with room for a full block at once (large containers, where
+// growing a block step by step would cost more than the room), or grow as they fill (many small
+// containers, most of which never fill one block).
+//
 // Positions stay valid until the next insertion or erasure. Not thread-safe: the owner
 // serialises access.
-template <class T, class Traits>
+template <class T, class Traits, bool kReserveLeaves = true>
 class CBlockTree {
  public:
   using Key = typename Traits::Key;
@@ -40,8 +44,10 @@ class CBlockTree {
   };
   struct CLeaf : CNode {
     CLeaf() : CNode(true) {
-      prefixes.reserve(kLeafCapacity + 1);
-      items.reserve(kLeafCapacity + 1);
+      if (kReserveLeaves) {
+        prefixes.reserve(kLeafCapacity + 1);
+        items.reserve(kLeafCapacity + 1);
+      }
     }
     std::vector<uint64_t> prefixes;  // the prefix of each element's key
     std::vector<T> items;
@@ -119,6 +125,15 @@ class CBlockTree {
   // Leaves are never empty, so the end is the null leaf.
   const_iterator begin() const { return const_iterator(first_leaf_, 0); }
   const_iterator end() const { return const_iterator(nullptr, 0); }
+
+  // An iterator's position, and the other way round.
+  CPosition PositionOf(const_iterator it) const { return CPosition{const_cast<CLeaf*>(it.leaf_), it.index_}; }
+  const_iterator IteratorAt(CPosition position) const {
+    if (position.leaf != nullptr && position.index == position.leaf->items.size()) {
+      return const_iterator(position.leaf->next, 0);
+    }
+    return const_iterator(position.leaf, position.index);
+  }
 
   // The first position whose element is not less than "key".
   CPosition LowerBound(const Key& key) const {

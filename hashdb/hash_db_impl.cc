@@ -146,7 +146,7 @@ std::shared_ptr<CHashNode> CHashDBImpl::CreateOrGetChildOf(const std::shared_ptr
   }
   std::string key = KeyOf(name);
   CExclusiveGuard<CNodeLock> guard(parent->lock);
-  if (!parent->children) parent->children = std::make_shared<CHashNode::ChildMap>();
+  if (!parent->children) parent->children = std::make_unique<CHashNode::ChildMap>();
   auto it = parent->children->find(key);
   if (it != parent->children->end()) {
     if (it->second->is_dir) return it->second;
@@ -155,9 +155,9 @@ std::shared_ptr<CHashNode> CHashDBImpl::CreateOrGetChildOf(const std::shared_ptr
     parent->children->erase(it);
   }
   auto node = std::make_shared<CHashNode>(parent);
-  node->name = std::move(name);
+  node->SetName(std::move(name), key);
   node->is_dir = true;
-  parent->children->emplace(std::move(key), node);
+  parent->children->insert(node);
   return node;
 }
 

@@ -27,7 +27,7 @@ bool CHashNode::ChangedBefore(int64_t t) {
 void CHashNode::Touch() {
   if (is_dir) return;
   CExclusiveGuard<CNodeLock> guard(lock);
-  if (!touch_time) touch_time = std::make_shared<int64_t>();
+  if (!touch_time) touch_time = std::make_unique<int64_t>();
   *touch_time = MonotonicNowNs();
 }
 

@@ -39,7 +39,7 @@ void CMapHashDB::Add(const std::shared_ptr<CHashNode>& node) {
 }
 
 void CMapHashDB::AddLocked(const std::shared_ptr<CHashNode>& node) {
-  CTextKey key(*node->hash);
+  CTextKey key(node->hash.view());
   CEntries::CPosition position = entries_.LowerBound(key);
   CEntry* entry = entries_.At(position);
   if (entry != nullptr && !(key < CEntryTraits::KeyOf(*entry))) {
@@ -106,7 +106,7 @@ void CMapHashDB::Remove(const std::shared_ptr<CHashNode>& node) {
 }
 
 void CMapHashDB::RemoveLocked(const std::shared_ptr<CHashNode>& node) {
-  CTextKey key(*node->hash);
+  CTextKey key(node->hash.view());
   CEntries::CPosition position = entries_.LowerBound(key);
   CEntry* entry = entries_.At(position);
   if (entry == nullptr || key < CEntryTraits::KeyOf(*entry)) return;
@@ -150,7 +150,7 @@ void CMapHashDB::SortPiece(CTreeBuilder::CPiece& piece) {
   // keeps equal texts in the order of their records.
   std::stable_sort(piece.assignments.begin(), piece.assignments.end(), [](const auto& a, const auto& b) {
     if (a.prefix != b.prefix) return a.prefix < b.prefix;
-    return *a.hash < *b.hash;
+    return a.hash.view() < b.hash.view();
   });
 }
 
@@ -179,7 +179,7 @@ void CMapHashDB::AddLoaded(std::vector<CTreeBuilder::CPiece>& pieces) {
   std::vector<size_t> next(pieces.size(), 0);
   auto before = [](const CTreeBuilder::CAssignment& a, const CTreeBuilder::CAssignment& b) {
     if (a.prefix != b.prefix) return a.prefix < b.prefix;
-    return *a.hash < *b.hash;
+    return a.hash.view() < b.hash.view();
   };
   for (;;) {
     size_t best = pieces.size();
@@ -192,7 +192,7 @@ void CMapHashDB::AddLoaded(std::vector<CTreeBuilder::CPiece>& pieces) {
     if (best == pieces.size()) break;
     CTreeBuilder::CAssignment& item = pieces[best].assignments[next[best]++];
     CEntry* last = entries_.Last();
-    if (last != nullptr && last->prefix == item.prefix && *last->text == *item.hash) {
+    if (last != nullptr && last->prefix == item.prefix && last->text.view() == item.hash.view()) {
       if (std::shared_ptr<CHashNode> node = item.node.lock()) JoinEntryLocked(*last, node);
       continue;
     }
@@ -219,11 +219,11 @@ std::vector<std::pair<std::string, std::shared_ptr<CHashNode>>> CMapHashDB::Snap
   CSharedGuard guard(lock_);
   for (const CEntry& entry : entries_) {
     if (!entry.more) {
-      if (std::shared_ptr<CHashNode> node = entry.single.lock()) result.emplace_back(*entry.text, node);
+      if (std::shared_ptr<CHashNode> node = entry.single.lock()) result.emplace_back(std::string(entry.text.view()), node);
       continue;
     }
     for (const std::weak_ptr<CHashNode>& element : entry.more->nodes) {
-      if (std::shared_ptr<CHashNode> node = element.lock()) result.emplace_back(*entry.text, node);
+      if (std::shared_ptr<CHashNode> node = element.lock()) result.emplace_back(std::string(entry.text.view()), node);
     }
   }
   return result;

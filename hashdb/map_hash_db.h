@@ -43,7 +43,7 @@ class CMapHashDB {
   // null; a second file moves both into "more".
   struct CEntry {
     uint64_t prefix = 0;
-    std::shared_ptr<std::string> text;
+    CSharedText text;
     std::weak_ptr<CHashNode> single;
     std::unique_ptr<CMore> more;
   };
@@ -75,7 +75,7 @@ class CMapHashDB {
  private:
   struct CEntryTraits {
     using Key = CTextKey;
-    static Key KeyOf(const CEntry& entry) { return CTextKey(entry.prefix, entry.text.get()); }
+    static Key KeyOf(const CEntry& entry) { return CTextKey(entry.prefix, entry.text.view()); }
     static bool Less(const Key& a, const Key& b) { return a < b; }
   };
   using CEntries = CBlockTree<CEntry, CEntryTraits>;

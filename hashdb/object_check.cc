@@ -17,7 +17,7 @@ constexpr uint64_t kUnknown64 = 0xFFFFFFFFFFFFFFFFull;
 
 // Hands the node's recorded hash to the caller's information source, for files that have one.
 void HandOverHash(const std::shared_ptr<CHashNode>& node, const std::shared_ptr<CObjInfo>& info) {
-  if (!node->is_dir && node->hash) info->TakeRecordedHash(node->hash);
+  if (!node->is_dir && node->hash) info->TakeRecordedHash(std::make_shared<std::string>(node->hash.view()));
 }
 
 // A difference worth following up: flagged, stamped, and the recorded hash handed back.

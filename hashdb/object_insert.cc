@@ -38,7 +38,7 @@ std::shared_ptr<CHashNode> CHashDBImpl::InsertObject(std::shared_ptr<CObjInfo>& 
   ++change_counter_;
 
   node->is_dir = is_dir;
-  node->hash = std::make_shared<std::string>(info->HashText());
+  node->hash = CSharedText::Make(info->HashText());
   node->attributes = info->Attributes();
   node->time_1 = info->Time1();
   node->time_2 = info->Time2();

@@ -76,17 +76,17 @@ void CHashDBImpl::RenameInPlace(const std::shared_ptr<CHashNode>& node,
     throw CBadObjNameError(Compose(*this, "Can NOT rename to bad obj name! [new name]=", name,
                                    " [old-path]=", Narrow(RelativePathOfNode(node))));
   }
-  std::string old_key = KeyOf(node->name);
   std::string new_key = KeyOf(name);
   CExclusiveGuard<CNodeLock> guard(parent->lock);
   if (!parent->children) {
-    parent->children = std::make_shared<CHashNode::ChildMap>();
+    parent->children = std::make_unique<CHashNode::ChildMap>();
   } else {
-    parent->children->erase(old_key);
+    // Out under the old key before the key changes: the map orders children by their own keys.
+    parent->children->erase(node->key());
   }
-  node->name = name;
+  node->SetName(name, new_key);
   // When the new key is taken, the object renamed onto it replaces the one that was there.
-  (*parent->children)[new_key] = node;
+  parent->children->insert_or_replace(node);
 }
 
 void CHashDBImpl::MoveNode(const std::shared_ptr<CHashNode>& node,
@@ -102,10 +102,10 @@ void CHashDBImpl::MoveNode(const std::shared_ptr<CHashNode>& node,
     throw std::runtime_error(Compose(
         *this, "[hdbi,mn]new relative parent path is NOT Dir! Path=", Narrow(new_relative)));
   }
-  std::string key = KeyOf(node->name);
+  const std::string& key = node->key();
   CExclusiveGuard<CNodeLock> guard(new_parent->lock);
   if (!new_parent->children) {
-    new_parent->children = std::make_shared<CHashNode::ChildMap>();
+    new_parent->children = std::make_unique<CHashNode::ChildMap>();
   } else if (auto it = new_parent->children->find(key); it != new_parent->children->end()) {
     std::shared_ptr<CHashNode> replaced = it->second;
     new_parent->children->erase(it);
@@ -114,5 +114,5 @@ void CHashDBImpl::MoveNode(const std::shared_ptr<CHashNode>& node,
   DetachNode(node, false);
   // The node keeps its name: a move does not apply the new path's last component.
   node->parent = new_parent;
-  new_parent->children->emplace(key, node);
+  new_parent->children->insert(node);
 }

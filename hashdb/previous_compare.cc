@@ -11,7 +11,7 @@ namespace {
 
 // The hash that a current file takes over from the previous one of the same path: nothing but a
 // carried-over hash from an empty file, else the hash it had carried over, else its own.
-std::shared_ptr<std::string> CarriedHash(const std::shared_ptr<CHashNode>& old_node) {
+CSharedText CarriedHash(const std::shared_ptr<CHashNode>& old_node) {
   if (IsEmptyFile(old_node)) return old_node->old_hash;
   return old_node->old_hash ? old_node->old_hash : old_node->hash;
 }

@@ -7,6 +7,8 @@
 #include <utility>
 #include <vector>
 
+#include "hashdb/shared_text.h"
+
 class CHashNode;
 
 // What rebuilding a database's tree from saved records needs of the database: the HDB file loader
@@ -20,7 +22,7 @@ class CTreeBuilder {
   struct CAssignment {
     uint64_t prefix = 0;
     std::weak_ptr<CHashNode> node;
-    std::shared_ptr<std::string> hash;
+    CSharedText hash;
   };
   // What one restore task read: its assignments, and whether a record gave a hash to a node that
   // held one already (two records of one path, in a damaged file): then each assignment must be

@@ -154,14 +154,14 @@ std::shared_ptr<CPathEntryList> CHashDBImpl::ChangedSince(
 bool CHashDBImpl::IsAttached(const std::shared_ptr<CHashNode>& node) {
   std::shared_ptr<CHashNode> parent = node->parent.lock();
   if (!parent || !parent->children) return false;
-  auto it = parent->children->find(KeyOf(node->name));
+  auto it = parent->children->find(node->key());
   return it != parent->children->end() && it->second == node;
 }
 
 void CHashDBImpl::DetachNode(const std::shared_ptr<CHashNode>& node, bool from_index) {
   if (!node || node == root_) return;
   std::shared_ptr<CHashNode> parent = node->parent.lock();
-  if (parent && parent->children) parent->children->erase(KeyOf(node->name));
+  if (parent && parent->children) parent->children->erase(node->key());
   if (from_index) index_->Remove(node);
 }
 

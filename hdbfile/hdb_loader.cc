@@ -194,12 +194,12 @@ void CHdbLoader::RestoreRecord(const CHdbRecordView& view, CPieceState& piece) {
   const CHdbRecordHeader& record = view.header;
   CUtilityService& utility = *context_.utility;
   // A file starts with an empty hash text, a directory with none.
-  std::shared_ptr<std::string> hash;
+  CSharedText hash;
   if (record.hash_length > 0) {
-    hash = std::make_shared<std::string>(context_.crypto->BinaryToHashText(
+    hash = CSharedText::Make(context_.crypto->BinaryToHashText(
         reinterpret_cast<const uint8_t*>(view.hash.data()), record.hash_length, 0));
   } else if (record.directory == 0) {
-    hash = std::make_shared<std::string>();
+    hash = CSharedText::Make("");
   }
   std::wstring relative;
   if (record.path_length > 0) relative = utility.ToWide(utility.AdaptPath(std::string(view.path), platform_flag_));
@@ -248,13 +248,13 @@ void CHdbLoader::RestoreRecord(const CHdbRecordView& view, CPieceState& piece) {
     if (platform_matches_) {
       node->time_1 = record.time_1;
       node->attributes = record.attributes;
-      node->security_attributes.assign(view.security);
-      node->target_path.assign(view.target);
+      node->security_attributes = view.security;
+      node->target_path = view.target;
     }
     node->size = record.size;
   }
   if (hash && !hash->empty()) {
-    uint64_t prefix = CTextKey::PrefixOf(*hash);
+    uint64_t prefix = CTextKey::PrefixOf(hash.view());
     piece.read.assignments.push_back(CTreeBuilder::CAssignment{prefix, node, std::move(hash)});
   }
 }

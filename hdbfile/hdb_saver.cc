@@ -132,7 +132,7 @@ void CHdbSaver::WriteNode(CThreadBatch& batch, const std::shared_ptr<CHashNode>&
     path += node->name;
   }
   std::vector<uint8_t> hash;
-  if (node->hash && !node->hash->empty()) hash = context_.crypto->HashTextToBinary(*node->hash);
+  if (node->hash && !node->hash->empty()) hash = context_.crypto->HashTextToBinary(std::string(node->hash.view()));
 
   CHdbRecordHeader record;
   record.directory = node->is_dir ? 1 : 0;
@@ -158,8 +158,8 @@ void CHdbSaver::WriteNode(CThreadBatch& batch, const std::shared_ptr<CHashNode>&
   out.append(reinterpret_cast<const char*>(fixed), kRecordHeaderSize);
   out.append(reinterpret_cast<const char*>(hash.data()), hash.size());
   out.append(path);
-  out.append(node->security_attributes);
-  out.append(node->target_path);
+  out.append(node->security_attributes.view());
+  out.append(node->target_path.view());
   if (out.size() >= kBatchBytes) Drain(batch);
 }
 
