@@ -120,13 +120,13 @@ void CHdbSaver::Drain(CThreadBatch& batch) {
 }
 
 void CHdbSaver::WriteNode(CThreadBatch& batch, const std::shared_ptr<CHashNode>& node) {
-  std::string path;
+  std::string& path = batch.path;
+  path.clear();
   if (!node->parent.expired()) {
     if (!SameNode(batch.directory, node->parent)) {
       batch.directory = node->parent;
       batch.directory_path = RelativeTextOf(node->parent.lock());
     }
-    path.reserve(batch.directory_path.size() + 1 + node->name.size());
     path = batch.directory_path;
     if (!path.empty()) path += static_cast<char>(kPreferredSeparator);
     path += node->name;

@@ -36,6 +36,7 @@ class CHdbSaver {
     std::string records;
     std::weak_ptr<CHashNode> directory;
     std::string directory_path;
+    std::string path;  // the node's path, built here to keep its room from node to node
   };
 
   // One node's record into the calling thread's batch.

@@ -181,7 +181,11 @@ CRefSigner::~CRefSigner() = default;
 
 bool CRefSigner::SignBytes(const uint8_t* bytes, uint64_t length, std::string& result) {
   CBio data(BIO_new_mem_buf(bytes, static_cast<int>(length)));
-  CPkcs7 signature(PKCS7_sign(state_->certificate.get(), state_->key.get(), state_->chain.get(), data.get(),
+  return SignData(data.get(), result);
+}
+
+bool CRefSigner::SignData(BIO* data, std::string& result) {
+  CPkcs7 signature(PKCS7_sign(state_->certificate.get(), state_->key.get(), state_->chain.get(), data,
                               PKCS7_DETACHED | PKCS7_BINARY));
   if (!signature) {
     result = "signing failed: " + OpenSslError();
@@ -201,9 +205,11 @@ bool CRefSigner::SignBytes(const uint8_t* bytes, uint64_t length, std::string& r
 bool CRefSigner::Sign(const std::wstring& path, std::string& result, uint32_t, uint32_t) {
   std::string narrow = WideToUtf8(path);
   try {
-    std::vector<uint8_t> bytes = ReadWholeFile(narrow);
+    // Read as the digest goes: a database file is never held in memory whole to be signed.
+    CBio data(BIO_new_file(narrow.c_str(), "rb"));
+    if (!data) throw std::runtime_error("cannot open " + narrow + " to sign it: " + OpenSslError());
     std::string der;
-    if (!SignBytes(bytes.data(), bytes.size(), der)) {
+    if (!SignData(data.get(), der)) {
       result = der.replace(0, 0, narrow + ": ");
       return false;
     }

@@ -5,6 +5,8 @@
 #include <memory>
 #include <string>
 
+#include <openssl/types.h>
+
 #include "host/crypto_service.h"
 
 // Detached DER PKCS#7 signatures with OpenSSL. The signer signs a file's exact bytes with its
@@ -22,6 +24,8 @@ class CRefSigner : public CSigner {
   bool SignBytes(const uint8_t* bytes, uint64_t length, std::string& result);
 
  private:
+  // The DER signature of what "data" reads, in "result"; false with the reason there instead.
+  bool SignData(BIO* data, std::string& result);
   struct CState;
   std::unique_ptr<CState> state_;
 };
