@@ -3,6 +3,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include <malloc.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -108,6 +109,9 @@ void BM_Insert(benchmark::State& state) {
   double bytes_per_node = 0;
   for (auto _ : state) {
     state.PauseTiming();
+    // Memory that earlier runs freed goes back to the system first: reused, it would hide what
+    // this run takes.
+    malloc_trim(0);
     long before = ResidentBytes();
     auto bench = std::make_unique<CBenchDb>();
     state.ResumeTiming();
