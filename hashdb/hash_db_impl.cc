@@ -27,7 +27,6 @@ namespace {
 constexpr const char* kCounterTag = "HDBI";
 constexpr int64_t kNanosecondsPerSecond = 1000000000;
 
-
 }  // namespace
 
 CHashDBImpl::CHashDBImpl(const std::shared_ptr<CHost>& host, uint32_t policy_number,
@@ -106,11 +105,15 @@ std::shared_ptr<CHashNode> CHashDBImpl::FindNode(const std::wstring& relative) {
 }
 
 std::shared_ptr<CHashNode> CHashDBImpl::CreateOrGetNode(std::wstring_view relative) {
+  return CreateOrGetPath(relative, true);
+}
+
+std::shared_ptr<CHashNode> CHashDBImpl::CreateOrGetPath(std::wstring_view relative, bool unindex_replaced) {
   std::shared_ptr<CHashNode> node = root_;
   // Each level in turn, so that missing ancestors are made first; the message names the path
   // up to the refused component.
   for (const CPathComponent& part : PathComponents(relative)) {
-    node = CreateOrGetChild(node, part.name, relative.substr(0, part.end));
+    node = CreateOrGetChildOf(node, part.name, relative.substr(0, part.end), unindex_replaced);
   }
   return node;
 }
@@ -162,11 +165,7 @@ std::shared_ptr<CHashNode> CHashDBImpl::CreateOrGetChildOf(const std::shared_ptr
 }
 
 std::shared_ptr<CHashNode> CHashDBImpl::MakePath(std::wstring_view relative) {
-  std::shared_ptr<CHashNode> node = root_;
-  for (const CPathComponent& part : PathComponents(relative)) {
-    node = CreateOrGetChildOf(node, part.name, relative.substr(0, part.end), false);
-  }
-  return node;
+  return CreateOrGetPath(relative, false);
 }
 
 std::shared_ptr<CHashNode> CHashDBImpl::MakeChild(const std::shared_ptr<CHashNode>& parent,
@@ -185,22 +184,7 @@ std::wstring CHashDBImpl::RelativePathOfNode(const std::shared_ptr<CHashNode>& n
 }
 
 std::string CHashDBImpl::RelativeTextOfNode(const std::shared_ptr<CHashNode>& node) {
-  std::vector<const std::string*> names;
-  size_t length = 0;
-  for (std::shared_ptr<CHashNode> current = node; current;) {
-    std::shared_ptr<CHashNode> up = current->parent.lock();
-    if (!up) break;  // the root (or a node cut off from it) ends the path
-    names.push_back(&current->name);
-    length += current->name.size() + 1;
-    current = std::move(up);
-  }
-  std::string relative;
-  relative.reserve(length);
-  for (auto it = names.rbegin(); it != names.rend(); ++it) {
-    if (!relative.empty()) relative += static_cast<char>(kPreferredSeparator);
-    relative += **it;
-  }
-  return relative;
+  return RelativeTextOf(node);
 }
 
 std::wstring CHashDBImpl::FullPathOfNode(const std::shared_ptr<CHashNode>& node) {

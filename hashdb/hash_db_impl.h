@@ -170,6 +170,8 @@ class CHashDBImpl : public CClassCounter,
   std::shared_ptr<CHashNode> CreateOrGetChildOf(const std::shared_ptr<CHashNode>& parent,
                                                 std::wstring_view component, std::wstring_view path,
                                                 bool unindex_replaced);
+  // CreateOrGetNode, level by level through CreateOrGetChildOf.
+  std::shared_ptr<CHashNode> CreateOrGetPath(std::wstring_view relative, bool unindex_replaced);
   // "[obj]=" path " [relative path]=" relative " [root path]=" root, after a localised key.
   std::string NotFoundMessage(const char* key, const std::wstring& path,
                               const std::wstring& relative);

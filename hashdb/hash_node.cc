@@ -1,9 +1,11 @@
 #include "hashdb/hash_node.h"
 
 #include <stdexcept>
+#include <vector>
 
 #include "hashdb/annotated_locks.h"
 #include "hashdb/monotonic_clock.h"
+#include "hashdb/wide_path.h"
 #include "host/utility_service.h"
 
 namespace {
@@ -37,6 +39,25 @@ bool CHashNode::TouchedWithin(uint64_t seconds) {
   if (!touch_time) return false;
   int64_t elapsed = (MonotonicNowNs() - *touch_time) / kNanosecondsPerSecond;
   return elapsed <= static_cast<int64_t>(seconds);
+}
+
+std::string RelativeTextOf(const std::shared_ptr<CHashNode>& node) {
+  std::vector<const std::string*> names;
+  size_t length = 0;
+  for (std::shared_ptr<CHashNode> current = node; current;) {
+    std::shared_ptr<CHashNode> up = current->parent.lock();
+    if (!up) break;  // the root (or a node cut off from it) ends the path
+    names.push_back(&current->name);
+    length += current->name.size() + 1;
+    current = std::move(up);
+  }
+  std::string relative;
+  relative.reserve(length);
+  for (auto it = names.rbegin(); it != names.rend(); ++it) {
+    if (!relative.empty()) relative += static_cast<char>(kPreferredSeparator);
+    relative += **it;
+  }
+  return relative;
 }
 
 bool SameAs(const std::shared_ptr<CHashNode>& a, const std::shared_ptr<CHashNode>& b,

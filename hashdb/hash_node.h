@@ -75,6 +75,10 @@ class CHashNode {
   bool TouchedWithin(uint64_t seconds) SIGNDB_EXCLUDES(lock);
 };
 
+// The node's path relative to the root, its names joined from its parent links (empty for the
+// root; a node cut off from the tree ends its path where it was cut off).
+std::string RelativeTextOf(const std::shared_ptr<CHashNode>& node);
+
 // Whether two nodes record the same object state (kind, size, target, times, attributes,
 // security attributes, name and hash). Throws std::runtime_error "[hdbi,itnts]Bad node!" for a
 // null node.

@@ -148,10 +148,12 @@ void CMapHashDB::RemoveLocked(const std::shared_ptr<CHashNode>& node) {
 void CMapHashDB::SortPiece(CTreeBuilder::CPiece& piece) {
   // Most comparisons are decided on the packed prefix without reading either text; a stable sort
   // keeps equal texts in the order of their records.
-  std::stable_sort(piece.assignments.begin(), piece.assignments.end(), [](const auto& a, const auto& b) {
-    if (a.prefix != b.prefix) return a.prefix < b.prefix;
-    return a.hash.view() < b.hash.view();
-  });
+  std::stable_sort(piece.assignments.begin(), piece.assignments.end(), AssignedBefore);
+}
+
+bool CMapHashDB::AssignedBefore(const CTreeBuilder::CAssignment& a, const CTreeBuilder::CAssignment& b) {
+  if (a.prefix != b.prefix) return a.prefix < b.prefix;
+  return a.hash.view() < b.hash.view();
 }
 
 void CMapHashDB::AddLoaded(std::vector<CTreeBuilder::CPiece>& pieces) {
@@ -177,17 +179,15 @@ void CMapHashDB::AddLoaded(std::vector<CTreeBuilder::CPiece>& pieces) {
   }
   // An ordered merge of the sorted pieces, appended at the end of the index as it grows.
   std::vector<size_t> next(pieces.size(), 0);
-  auto before = [](const CTreeBuilder::CAssignment& a, const CTreeBuilder::CAssignment& b) {
-    if (a.prefix != b.prefix) return a.prefix < b.prefix;
-    return a.hash.view() < b.hash.view();
-  };
   for (;;) {
     size_t best = pieces.size();
     for (size_t p = 0; p < pieces.size(); ++p) {
       std::vector<CTreeBuilder::CAssignment>& assignments = pieces[p].assignments;
       while (next[p] < assignments.size() && !current(assignments[next[p]])) ++next[p];
       if (next[p] == assignments.size()) continue;
-      if (best == pieces.size() || before(assignments[next[p]], pieces[best].assignments[next[best]])) best = p;
+      if (best == pieces.size() || AssignedBefore(assignments[next[p]], pieces[best].assignments[next[best]])) {
+        best = p;
+      }
     }
     if (best == pieces.size()) break;
     CTreeBuilder::CAssignment& item = pieces[best].assignments[next[best]++];

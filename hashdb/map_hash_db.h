@@ -57,6 +57,8 @@ class CMapHashDB {
   void Add(const std::shared_ptr<CHashNode>& node);
   // Sorts one restore piece's assignments by hash text, so that AddLoaded can merge the pieces.
   static void SortPiece(CTreeBuilder::CPiece& piece);
+  // The order of SortPiece: by hash text (packed prefix first), nothing else.
+  static bool AssignedBefore(const CTreeBuilder::CAssignment& a, const CTreeBuilder::CAssignment& b);
   // Indexes the nodes of sorted pieces (SortPiece) in one ordered pass. Where a piece says that
   // nodes were reassigned, an assignment whose hash object its node no longer holds (a later
   // record of the same path replaced it) is passed over. Equal texts come to share one string.

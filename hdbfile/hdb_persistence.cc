@@ -58,8 +58,9 @@ bool CHashDBImpl::Load(const std::atomic<bool>* exit_flag, bool verify_signature
 
   // Held while the restore tasks build the tree; they rely on the nodes' own locks.
   CExclusiveGuard<CSharedMutex> tree(tree_lock_);
+  CHdbFileContext context = FileContext();
   auto loader = std::make_shared<CHdbLoader>(
-      FileContext(), std::shared_ptr<CTreeBuilder>(shared_from_this(), static_cast<CTreeBuilder*>(this)));
+      context, std::shared_ptr<CTreeBuilder>(shared_from_this(), static_cast<CTreeBuilder*>(this)));
   CHdbHeader header;
   bool platform_matches = true;
   if (!loader->ReadHeader(*hdb, hdb_path, header, platform_matches)) return false;
@@ -76,7 +77,7 @@ bool CHashDBImpl::Load(const std::atomic<bool>* exit_flag, bool verify_signature
   if (node_count > 0) {
     LogInformation(*log_, Compose(*this, "Loading HDB.Nodes need to restore=", node_count,
                                   LKey{" [HDB]="}, hdb_path));
-    WarnIfLargeCount(FileContext(), node_count);
+    WarnIfLargeCount(context, node_count);
     count = loader->Restore(exit_flag, hdb, hdb_path, header, platform_matches);
   }
   loaded_ = true;

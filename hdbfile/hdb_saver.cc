@@ -70,26 +70,6 @@ class CTemporaryOutput {
 };
 #endif
 
-// The path of a directory relative to the root, from its parent links; empty for the root.
-std::string RelativeTextOf(const std::shared_ptr<CHashNode>& directory) {
-  std::vector<const std::string*> names;
-  size_t length = 0;
-  for (std::shared_ptr<CHashNode> current = directory; current;) {
-    std::shared_ptr<CHashNode> up = current->parent.lock();
-    if (!up) break;  // the root (or a node cut off from it) ends the path
-    names.push_back(&current->name);
-    length += current->name.size() + 1;
-    current = std::move(up);
-  }
-  std::string relative;
-  relative.reserve(length);
-  for (auto it = names.rbegin(); it != names.rend(); ++it) {
-    if (!relative.empty()) relative += static_cast<char>(kPreferredSeparator);
-    relative += **it;
-  }
-  return relative;
-}
-
 bool SameNode(const std::weak_ptr<CHashNode>& a, const std::weak_ptr<CHashNode>& b) {
   return !a.owner_before(b) && !b.owner_before(a);
 }
