@@ -5,8 +5,11 @@
 #include <cstdint>
 #include <iterator>
 #include <memory>
+#include <type_traits>
 #include <utility>
 #include <vector>
+
+#include <boost/container/static_vector.hpp>
 
 // An ordered container for many small elements: a B+tree whose leaves are sorted blocks of up to
 // kLeafCapacity elements and whose inner nodes hold up to kInnerCapacity children. Every key
@@ -21,9 +24,10 @@
 // prefix first. A key may refer into its element (a text it owns): inner nodes keep copies of
 // their children's first keys and refresh them whenever a first element changes or moves.
 //
-// "kReserveLeaves": leaves are made with room for a full block at once (large containers, where
-// growing a block step by step would cost more than the room), or grow as they fill (many small
-// containers, most of which never fill one block).
+// "kReserveLeaves": leaves hold a full block inline, the prefixes right after the leaf's header
+// (large containers, where a search must not pay a cache miss for a separate array, nor growing
+// a block step by step), or arrays that grow as they fill (many small containers, most of which
+// never fill one block). Inner nodes always hold their arrays inline.
 //
 // Positions stay valid until the next insertion or erasure. Not thread-safe: the owner
 // serialises access.
@@ -35,6 +39,11 @@ class CBlockTree {
   static constexpr size_t kInnerCapacity = 64;
 
  private:
+  template <class U, size_t kCapacity>
+  using CInlineArray = boost::container::static_vector<U, kCapacity>;
+  template <class U>
+  using CLeafArray = std::conditional_t<kReserveLeaves, CInlineArray<U, kLeafCapacity + 1>, std::vector<U>>;
+
   struct CInner;
   struct CNode {
     explicit CNode(bool is_leaf) : leaf(is_leaf) {}
@@ -43,26 +52,19 @@ class CBlockTree {
     CInner* parent = nullptr;
   };
   struct CLeaf : CNode {
-    CLeaf() : CNode(true) {
-      if (kReserveLeaves) {
-        prefixes.reserve(kLeafCapacity + 1);
-        items.reserve(kLeafCapacity + 1);
-      }
-    }
-    std::vector<uint64_t> prefixes;  // the prefix of each element's key
-    std::vector<T> items;
+    CLeaf() : CNode(true) {}
     CLeaf* next = nullptr;
     CLeaf* previous = nullptr;
+    // The items before the prefixes: an inline array keeps its size after its elements, so the
+    // items' size shares a cache line with the first prefixes, which a search reads together.
+    CLeafArray<T> items;
+    CLeafArray<uint64_t> prefixes;  // the prefix of each element's key
   };
   struct CInner : CNode {
-    CInner() : CNode(false) {
-      prefixes.reserve(kInnerCapacity + 1);
-      firsts.reserve(kInnerCapacity + 1);
-      children.reserve(kInnerCapacity + 1);
-    }
-    std::vector<uint64_t> prefixes;  // the prefix of each child's first key
-    std::vector<Key> firsts;         // each child's first key, for prefixes that tie
-    std::vector<std::unique_ptr<CNode>> children;
+    CInner() : CNode(false) {}
+    CInlineArray<uint64_t, kInnerCapacity + 1> prefixes;  // the prefix of each child's first key
+    CInlineArray<std::unique_ptr<CNode>, kInnerCapacity + 1> children;
+    CInlineArray<Key, kInnerCapacity + 1> firsts;  // each child's first key, for prefixes that tie
   };
 
  public:
@@ -117,6 +119,7 @@ class CBlockTree {
 
   void clear() {
     root_.reset();
+    height_ = 0;
     first_leaf_ = nullptr;
     last_leaf_ = nullptr;
     size_ = 0;
@@ -138,14 +141,14 @@ class CBlockTree {
   // The first position whose element is not less than "key".
   CPosition LowerBound(const Key& key) const {
     if (!root_) return CPosition{};
+    // Down by the height rather than by each node's kind: a search never reads a leaf's header.
     const CNode* node = root_.get();
-    while (!node->leaf) {
+    for (size_t level = 1; level < height_; ++level) {
       const auto* inner = static_cast<const CInner*>(node);
       node = inner->children[ChildFor(*inner, key)].get();
     }
     auto* leaf = const_cast<CLeaf*>(static_cast<const CLeaf*>(node));
-    size_t index = static_cast<size_t>(
-        std::lower_bound(leaf->prefixes.begin(), leaf->prefixes.end(), key.prefix) - leaf->prefixes.begin());
+    size_t index = CountBelow(leaf->prefixes.data(), leaf->items.size(), key.prefix, false);
     while (index < leaf->items.size() && leaf->prefixes[index] == key.prefix &&
            Traits::Less(Traits::KeyOf(leaf->items[index]), key)) {
       ++index;
@@ -159,10 +162,17 @@ class CBlockTree {
     return &position.leaf->items[position.index];
   }
 
+  // Whether the element at "position" has a key equal to "key" (its prefix decides most).
+  bool Holds(CPosition position, const Key& key) const {
+    if (position.leaf == nullptr || position.index >= position.leaf->items.size()) return false;
+    return position.leaf->prefixes[position.index] == key.prefix &&
+           !Traits::Less(key, Traits::KeyOf(position.leaf->items[position.index]));
+  }
+
   // The element whose key equals "key", or null.
   T* Find(const Key& key) const {
-    T* element = At(LowerBound(key));
-    return element != nullptr && !Traits::Less(key, Traits::KeyOf(*element)) ? element : nullptr;
+    CPosition position = LowerBound(key);
+    return Holds(position, key) ? At(position) : nullptr;
   }
 
   // The largest element, or null when there is none.
@@ -174,6 +184,7 @@ class CBlockTree {
       auto leaf = std::make_unique<CLeaf>();
       first_leaf_ = last_leaf_ = leaf.get();
       root_ = std::move(leaf);
+      height_ = 1;
       position = CPosition{first_leaf_, 0};
     }
     CLeaf& leaf = *position.leaf;
@@ -218,6 +229,20 @@ class CBlockTree {
   }
 
  private:
+  // How many of the sorted "prefixes" are below "prefix" (or equal to it, with "or_equal"): the
+  // lower or upper bound. Counted over the whole block rather than by halving: the loads do not
+  // depend on each other, so the cache lines of a block that is not in the cache arrive together
+  // instead of one miss after another, and there is no branch to mispredict.
+  static size_t CountBelow(const uint64_t* prefixes, size_t count, uint64_t prefix, bool or_equal) {
+    size_t below = 0;
+    if (or_equal) {
+      for (size_t i = 0; i < count; ++i) below += static_cast<size_t>(prefixes[i] <= prefix);
+    } else {
+      for (size_t i = 0; i < count; ++i) below += static_cast<size_t>(prefixes[i] < prefix);
+    }
+    return below;
+  }
+
   static Key FirstKeyOf(const CNode* node) {
     while (!node->leaf) node = static_cast<const CInner*>(node)->children.front().get();
     return Traits::KeyOf(static_cast<const CLeaf*>(node)->items.front());
@@ -225,8 +250,7 @@ class CBlockTree {
 
   // The child of "inner" whose subtree holds "key": the last whose first key is not greater.
   static size_t ChildFor(const CInner& inner, const Key& key) {
-    size_t after = static_cast<size_t>(
-        std::upper_bound(inner.prefixes.begin(), inner.prefixes.end(), key.prefix) - inner.prefixes.begin());
+    size_t after = CountBelow(inner.prefixes.data(), inner.prefixes.size(), key.prefix, true);
     while (after > 0 && inner.prefixes[after - 1] == key.prefix && Traits::Less(key, inner.firsts[after - 1])) {
       --after;
     }
@@ -276,6 +300,7 @@ class CBlockTree {
       root->children.push_back(std::move(root_));
       root->children.push_back(std::move(added));
       root_ = std::move(root);
+      ++height_;
       return;
     }
     auto at = static_cast<std::ptrdiff_t>(IndexInParent(existing)) + 1;
@@ -325,6 +350,7 @@ class CBlockTree {
     CInner* parent = node->parent;
     if (parent == nullptr) {
       root_.reset();
+      height_ = 0;
       return;
     }
     size_t index = IndexInParent(node);
@@ -342,6 +368,7 @@ class CBlockTree {
       std::unique_ptr<CNode> only = std::move(static_cast<CInner*>(root_.get())->children.front());
       only->parent = nullptr;
       root_ = std::move(only);
+      --height_;
     }
   }
 
@@ -359,6 +386,7 @@ class CBlockTree {
   }
 
   std::unique_ptr<CNode> root_;
+  size_t height_ = 0;  // levels from the root down to the leaves, which are all at one depth
   CLeaf* first_leaf_ = nullptr;
   CLeaf* last_leaf_ = nullptr;
   size_t size_ = 0;

@@ -72,7 +72,7 @@ std::shared_ptr<CHashNode> CHashDBImpl::MakeRoot() {
   root->attributes = utility_->PathAttributes(root_path_);
   root->time_1 = utility_->PathTime1(root_path_);
   root->time_2 = utility_->PathTime2(root_path_);
-  root->security_attributes = utility_->PathSecurityAttributes(root_path_, security_setting_);
+  root->security_attributes = security_texts_.Share(utility_->PathSecurityAttributes(root_path_, security_setting_));
   return root;
 }
 

@@ -14,6 +14,7 @@
 #include "hashdb/annotated_locks.h"
 #include "hashdb/hash_db.h"
 #include "hashdb/hash_node.h"
+#include "hashdb/text_pool.h"
 #include "hashdb/tree_builder.h"
 #include "hashdb/tree_source.h"
 #include "host/language.h"
@@ -165,6 +166,7 @@ class CHashDBImpl : public CClassCounter,
                                        std::wstring_view component, std::wstring_view path) override;
   void PreparePiece(CPiece& piece) override;
   void IndexRestored(std::vector<CPiece>& pieces) override;
+  CCompactText SecurityText(std::string_view text) override { return security_texts_.Share(text); }
   // CreateOrGetChild; "unindex_replaced" takes a file that a directory replaces out of the index
   // (a load, whose index is made afterwards, has nothing to take out).
   std::shared_ptr<CHashNode> CreateOrGetChildOf(const std::shared_ptr<CHashNode>& parent,
@@ -219,6 +221,7 @@ class CHashDBImpl : public CClassCounter,
   std::atomic<uint64_t> change_counter_{0};
   std::atomic<uint64_t> revision_;
   std::shared_ptr<CMapHashDB> index_;
+  CTextPool security_texts_;
   CSharedMutex db_touch_lock_ SIGNDB_ACQUIRED_AFTER(tree_lock_);
   std::shared_ptr<int64_t> db_touch_time_ SIGNDB_GUARDED_BY(db_touch_lock_);
   std::atomic<bool> platform_flag_{true};

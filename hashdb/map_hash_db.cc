@@ -41,13 +41,11 @@ void CMapHashDB::Add(const std::shared_ptr<CHashNode>& node) {
 void CMapHashDB::AddLocked(const std::shared_ptr<CHashNode>& node) {
   CTextKey key(node->hash.view());
   CEntries::CPosition position = entries_.LowerBound(key);
-  CEntry* entry = entries_.At(position);
-  if (entry != nullptr && !(key < CEntryTraits::KeyOf(*entry))) {
-    JoinEntryLocked(*entry, node);
+  if (entries_.Holds(position, key)) {
+    JoinEntryLocked(*entries_.At(position), node);
     return;
   }
   CEntry made;
-  made.prefix = key.prefix;
   made.text = node->hash;
   made.single = node;
   entries_.InsertAt(position, std::move(made));
@@ -108,8 +106,8 @@ void CMapHashDB::Remove(const std::shared_ptr<CHashNode>& node) {
 void CMapHashDB::RemoveLocked(const std::shared_ptr<CHashNode>& node) {
   CTextKey key(node->hash.view());
   CEntries::CPosition position = entries_.LowerBound(key);
+  if (!entries_.Holds(position, key)) return;
   CEntry* entry = entries_.At(position);
-  if (entry == nullptr || key < CEntryTraits::KeyOf(*entry)) return;
   if (!entry->more) {
     // The one node goes, or a dead one met on the way.
     if (SameOwner(entry->single, node) || entry->single.expired()) entries_.EraseAt(position);
@@ -192,12 +190,11 @@ void CMapHashDB::AddLoaded(std::vector<CTreeBuilder::CPiece>& pieces) {
     if (best == pieces.size()) break;
     CTreeBuilder::CAssignment& item = pieces[best].assignments[next[best]++];
     CEntry* last = entries_.Last();
-    if (last != nullptr && last->prefix == item.prefix && last->text.view() == item.hash.view()) {
+    if (last != nullptr && last->text.view() == item.hash.view()) {
       if (std::shared_ptr<CHashNode> node = item.node.lock()) JoinEntryLocked(*last, node);
       continue;
     }
     CEntry made;
-    made.prefix = item.prefix;
     made.text = std::move(item.hash);
     made.single = std::move(item.node);
     entries_.PushBack(std::move(made));

@@ -38,11 +38,10 @@ class CMapHashDB {
     std::unique_ptr<CPositions> positions;
   };
   // The nodes of one hash text. "text" is the string object that the nodes share, so the text is
-  // stored once for the index and all its nodes; "prefix" is its first eight bytes packed, which
-  // decide most comparisons. Most hashes have one file: it is held in "single" while "more" is
-  // null; a second file moves both into "more".
+  // stored once for the index and all its nodes (the index keeps its first eight bytes packed,
+  // which decide most comparisons, beside the entries). Most hashes have one file: it is held in
+  // "single" while "more" is null; a second file moves both into "more".
   struct CEntry {
-    uint64_t prefix = 0;
     CSharedText text;
     std::weak_ptr<CHashNode> single;
     std::unique_ptr<CMore> more;
@@ -77,7 +76,7 @@ class CMapHashDB {
  private:
   struct CEntryTraits {
     using Key = CTextKey;
-    static Key KeyOf(const CEntry& entry) { return CTextKey(entry.prefix, entry.text.view()); }
+    static Key KeyOf(const CEntry& entry) { return CTextKey(entry.text.view()); }
     static bool Less(const Key& a, const Key& b) { return a < b; }
   };
   using CEntries = CBlockTree<CEntry, CEntryTraits>;

@@ -42,7 +42,7 @@ std::shared_ptr<CHashNode> CHashDBImpl::InsertObject(std::shared_ptr<CObjInfo>& 
   node->attributes = info->Attributes();
   node->time_1 = info->Time1();
   node->time_2 = info->Time2();
-  node->security_attributes = info->SecurityAttributes();
+  node->security_attributes = security_texts_.Share(info->SecurityAttributes());
   node->target_path = info->TargetPath();
   if (is_dir) {
     node->size = 0;

@@ -48,4 +48,6 @@ class CTreeBuilder {
   virtual void PreparePiece(CPiece& piece) = 0;
   // Indexes the hashes that the records gave, once every piece has been read and prepared.
   virtual void IndexRestored(std::vector<CPiece>& pieces) = 0;
+  // A security text equal to "text", shared with the other nodes that carry it.
+  virtual CCompactText SecurityText(std::string_view text) = 0;
 };

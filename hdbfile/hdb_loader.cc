@@ -240,6 +240,7 @@ void CHdbLoader::RestoreRecord(const CHdbRecordView& view, CPieceState& piece) {
     if (parent) guard = std::unique_lock<CNodeLock>(parent->lock);
     node->is_dir = record.directory != 0;
   }
+  if (platform_matches_ && piece.security.view() != view.security) piece.security = tree_->SecurityText(view.security);
   {
     CExclusiveGuard<CNodeLock> guard(node->lock);
     if (node->hash) piece.read.reassigned = true;
@@ -248,7 +249,7 @@ void CHdbLoader::RestoreRecord(const CHdbRecordView& view, CPieceState& piece) {
     if (platform_matches_) {
       node->time_1 = record.time_1;
       node->attributes = record.attributes;
-      node->security_attributes = view.security;
+      node->security_attributes = piece.security;
       node->target_path = view.target;
     }
     node->size = record.size;

@@ -39,6 +39,7 @@ class CHdbLoader : public std::enable_shared_from_this<CHdbLoader> {
   struct CPieceState {
     std::wstring parent_path;
     std::shared_ptr<CHashNode> parent;
+    CCompactText security;  // the last record's: neighbours mostly carry the same
     CTreeBuilder::CPiece read;
   };
 

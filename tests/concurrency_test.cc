@@ -3,6 +3,7 @@
 #include <atomic>
 #include <chrono>
 #include <memory>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -10,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include "entry/class_counter.h"
+#include "hashdb/text_pool.h"
 #include "host/language.h"
 #include "refhost/catalogue.h"
 #include "refhost/log_service.h"
@@ -96,4 +98,21 @@ TEST(ConcurrencyTest, ThePoolIsIdleOnlyOnceEveryTaskHasBeenReleased) {
   }
   pool.WaitIdle();
   for (const auto& flag : flags) EXPECT_TRUE(flag->load());
+}
+
+// Restore tasks share security texts side by side: each distinct text is still kept once.
+TEST(TextPoolTest, ThreadsSharingTheSameTextsGetOneCopyEach) {
+  CTextPool pool;
+  std::vector<std::vector<CCompactText>> got(4);
+  std::vector<std::thread> threads;
+  for (size_t t = 0; t < got.size(); ++t) {
+    threads.emplace_back([&pool, &got, t] {
+      for (int i = 0; i < 2000; ++i) got[t].push_back(pool.Share("mode=" + std::to_string(i % 10)));
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(10u, pool.size());
+  for (size_t t = 1; t < got.size(); ++t) {
+    for (size_t i = 0; i < got[t].size(); ++i) EXPECT_EQ(got[0][i].data(), got[t][i].data());
+  }
 }

@@ -88,6 +88,17 @@ TEST_F(HdbLoadTest, RecordsBuildTheTreeAndTheIndex) {
   EXPECT_EQ(Full(L"d/f"), db_->PathByHash(*f->hash, false));
 }
 
+TEST_F(HdbLoadTest, RecordsWithTheSameSecurityAttributesShareOneCopyOfTheText) {
+  ASSERT_TRUE(LoadInto(db_, Header(4) + Record("a", false, "\x01", 1, "owner=1") + Record("b", false, "\x02", 1, "owner=2") +
+                                Record("c", false, "\x03", 1, "owner=1") + Record("d", false, "\x04", 1, "")));
+  std::shared_ptr<CHashNode> a = Find(L"a"), b = Find(L"b"), c = Find(L"c"), d = Find(L"d");
+  ASSERT_TRUE(a && b && c && d);
+  EXPECT_EQ("owner=1", c->security_attributes);
+  EXPECT_EQ(a->security_attributes.data(), c->security_attributes.data());  // not neighbours, still one copy
+  EXPECT_EQ("owner=2", b->security_attributes);
+  EXPECT_TRUE(d->security_attributes.empty());
+}
+
 TEST_F(HdbLoadTest, BytesBeforeTheFirstRecordStartAreSkipped) {
   ASSERT_TRUE(LoadInto(db_, Header(1) + "garbage" + Record("f", false, "\x01", 3)));
   EXPECT_NE(nullptr, Find(L"f"));

@@ -119,3 +119,14 @@ TEST_F(ObjectInsertTest, Flag2SetsOnlyItself) {
   EXPECT_FALSE(node->mark);
   EXPECT_NE(nullptr, node->old_hash);
 }
+
+TEST_F(ObjectInsertTest, FilesWithTheSameSecurityAttributesShareOneCopyOfTheText) {
+  std::shared_ptr<CHashNode> a = InsertFile(L"a", "11");
+  std::shared_ptr<CHashNode> b = InsertFile(L"d/b", "22");
+  ASSERT_FALSE(a->security_attributes.empty());
+  EXPECT_EQ(a->security_attributes, b->security_attributes);
+  EXPECT_EQ(a->security_attributes.data(), b->security_attributes.data());
+  std::shared_ptr<CHashNode> dir = Insert(CFakeObjInfo::Directory(L"d"));
+  EXPECT_EQ("owner=0 group=0 mode=0755", dir->security_attributes);
+  EXPECT_NE(a->security_attributes.data(), dir->security_attributes.data());
+}
