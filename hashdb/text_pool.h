@@ -1,6 +1,8 @@
 #pragma once
 
+#include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <string_view>
 #include <unordered_map>
 
@@ -12,24 +14,35 @@
 // nodes share one allocation per distinct text instead of one each.
 //
 // The pool keeps at most kMaxTexts texts: a tree whose texts are all different (an attacker's,
-// or a file system with per-file ACLs) costs no more than it would without the pool, and a text
-// past the bound is simply not shared. Texts stay in the pool until it is destroyed.
+// a file system with per-file ACLs, or texts that name each file's inode) costs no more than it
+// would without the pool, and a text past the bound is simply not shared. Once full, a pool that
+// finds almost none of the texts it is asked for stops looking (kTrialAfterFull asks, fewer than
+// one in kHitsOneIn found): the search would cost every insert and spare nothing. Texts stay in
+// the pool until it is destroyed.
 //
 // Thread safety: Share may be called from any thread (restore tasks share texts side by side).
 class CTextPool {
  public:
   static constexpr size_t kMaxTexts = 4096;
+  static constexpr uint64_t kTrialAfterFull = 65536;
+  static constexpr uint64_t kHitsOneIn = 16;
 
   // A text equal to "text", the pool's copy where it has one (or takes one).
   CCompactText Share(std::string_view text) {
     if (text.empty()) return CCompactText();
+    if (given_up_.load(std::memory_order_relaxed)) return CCompactText(text);
     CExclusiveGuard<CMutex> guard(mutex_);
+    bool full = texts_.size() >= kMaxTexts;
     auto found = texts_.find(text);
+    if (full) Count(found != texts_.end());
     if (found != texts_.end()) return found->second;
     CCompactText made(text);
-    if (texts_.size() < kMaxTexts) texts_.emplace(made.view(), made);  // keyed by its own characters
+    if (!full) texts_.emplace(made.view(), made);  // keyed by its own characters
     return made;
   }
+
+  // Whether the pool stopped looking texts up.
+  bool given_up() const { return given_up_.load(std::memory_order_relaxed); }
 
   size_t size() {
     CExclusiveGuard<CMutex> guard(mutex_);
@@ -37,7 +50,18 @@ class CTextPool {
   }
 
  private:
+  void Count(bool hit) SIGNDB_REQUIRES(mutex_) {
+    ++asked_after_full_;
+    if (hit) ++found_after_full_;
+    if (asked_after_full_ == kTrialAfterFull && found_after_full_ * kHitsOneIn < asked_after_full_) {
+      given_up_.store(true, std::memory_order_relaxed);
+    }
+  }
+
   CMutex mutex_;
+  uint64_t asked_after_full_ SIGNDB_GUARDED_BY(mutex_) = 0;
+  uint64_t found_after_full_ SIGNDB_GUARDED_BY(mutex_) = 0;
+  std::atomic<bool> given_up_{false};
   // The key views the characters of its value, which never move (a copy shares them).
   std::unordered_map<std::string_view, CCompactText> texts_ SIGNDB_GUARDED_BY(mutex_);
 };

@@ -66,7 +66,11 @@ std::string HashOpenFile(int fd, uint32_t policy_number, const std::string& name
 }
 
 std::string HashOpenFilePrefix(int fd, uint64_t length, uint32_t policy_number, const std::string& name) {
-  ::posix_fadvise(fd, 0, static_cast<off_t>(length), POSIX_FADV_SEQUENTIAL);
+  // A file of one block is read in one call: its holes, if any, read as zeros, the same bytes the
+  // digest takes for them, and asking where they are or advising read-ahead would cost more
+  // system calls than the read itself (most files of a system are this small).
+  bool one_block = length <= kReadBlock;
+  if (!one_block) ::posix_fadvise(fd, 0, static_cast<off_t>(length), POSIX_FADV_SEQUENTIAL);
   CDigestContext context = StartDigest(policy_number);
   // One block per thread, kept: hashing many small files should not cost an allocation each.
   thread_local std::unique_ptr<unsigned char[]> block(new unsigned char[kReadBlock]);
@@ -81,6 +85,7 @@ std::string HashOpenFilePrefix(int fd, uint64_t length, uint32_t policy_number, 
   // Where the file system says the next data or hole starts, within [from, length]. A file system
   // that cannot say treats the whole file as data; ENXIO for data means only a hole follows.
   auto seek = [&](uint64_t from, int whence) -> uint64_t {
+    if (one_block) return whence == SEEK_DATA ? from : length;
     off_t found = ::lseek(fd, static_cast<off_t>(from), whence);
     if (found >= 0) return std::clamp<uint64_t>(static_cast<uint64_t>(found), from, length);
     if (whence != SEEK_DATA) return length;

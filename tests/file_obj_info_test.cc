@@ -150,6 +150,19 @@ TEST_F(FileObjInfoTest, TheHolesOfASparseFileAreHashedAsZerosWithoutBeingRead) {
   EXPECT_LT(read, 16u << 20) << "the holes were read";
 }
 
+TEST_F(FileObjInfoTest, ASmallFileWithAHoleIsHashedAsItsBytesWithTheHoleAsZeros) {
+  std::string file = dir_.Write("small-sparse", "head");
+  constexpr off_t kSize = 200 << 10;  // within one read block
+  {
+    CFileDescriptor fd(::open(file.c_str(), O_WRONLY | O_CLOEXEC));
+    ASSERT_EQ(::pwrite(fd.get(), "tail", 4, kSize - 4), 4);
+  }
+  std::string content(static_cast<size_t>(kSize), '\0');
+  content.replace(0, 4, "head");
+  content.replace(content.size() - 4, 4, "tail");
+  EXPECT_EQ(HashBytes(content.data(), content.size(), 256), Read("small-sparse")->HashText());
+}
+
 // A writer keeps appending while the file is read: the read stops at the size the file had when
 // it was opened, and the object is refused as changed meanwhile, never recorded half-way.
 TEST_F(FileObjInfoTest, AFileThatKeepsGrowingIsReadOnlyToItsSizeAtOpeningAndRefusedAsChanged) {

@@ -37,3 +37,25 @@ TEST(TextPoolTest, PastTheBoundTextsAreEqualButNotShared) {
   // What was kept before the bound is still shared.
   EXPECT_EQ(pool.Share("text 7").data(), pool.Share(std::string("text 7")).data());
 }
+
+TEST(TextPoolTest, AFullPoolThatFindsAlmostNothingStopsLookingAndStillGivesEqualTexts) {
+  CTextPool pool;
+  for (size_t i = 0; i < CTextPool::kMaxTexts; ++i) pool.Share("inode=" + std::to_string(i));
+  for (uint64_t i = 0; i + 1 < CTextPool::kTrialAfterFull; ++i) pool.Share("inode=" + std::to_string(1000000 + i));
+  EXPECT_FALSE(pool.given_up());
+  pool.Share("inode=x");
+  EXPECT_TRUE(pool.given_up());
+  EXPECT_EQ("inode=5", pool.Share("inode=5"));
+  EXPECT_NE(pool.Share("inode=5").data(), pool.Share("inode=5").data());
+}
+
+TEST(TextPoolTest, AFullPoolThatFindsItsTextsKeepsSharingThem) {
+  CTextPool pool;
+  for (size_t i = 0; i < CTextPool::kMaxTexts; ++i) pool.Share("mode=" + std::to_string(i));
+  // One in eight asked is new: most are found.
+  for (uint64_t i = 0; i < 2 * CTextPool::kTrialAfterFull; ++i) {
+    pool.Share(i % 8 == 0 ? "new " + std::to_string(i) : "mode=" + std::to_string(i % 100));
+  }
+  EXPECT_FALSE(pool.given_up());
+  EXPECT_EQ(pool.Share("mode=5").data(), pool.Share("mode=5").data());
+}
