@@ -51,18 +51,26 @@ class CWorkStack {
     for (CPendingObject& object : objects) stack_.push_back(std::move(object));
     ready_.notify_all();
   }
-  // Waits for a path; false when everything is done or the walk was stopped.
-  bool Pop(CPendingObject& object) {
+  // Waits for objects and takes up to kBatch of them, never more than half of those waiting (the
+  // other workers get the rest); false when everything is done or the walk was stopped. Taking
+  // them by batches spares a lock round trip per object, which the workers would contend for.
+  bool Pop(std::vector<CPendingObject>& batch) {
+    batch.clear();
     std::unique_lock<std::mutex> guard(lock_);
     ready_.wait(guard, [this] { return !stack_.empty() || outstanding_ == 0 || stopped_; });
     if (stopped_ || stack_.empty()) return false;
-    object = std::move(stack_.back());
-    stack_.pop_back();
+    size_t take = std::min(kBatch, (stack_.size() + 1) / 2);
+    for (size_t i = 0; i < take; ++i) {
+      batch.push_back(std::move(stack_.back()));
+      stack_.pop_back();
+    }
     return true;
   }
-  void Done() {
+  // "count" objects are read and their children pushed.
+  void Done(size_t count) {
     std::lock_guard<std::mutex> guard(lock_);
-    if (--outstanding_ == 0) ready_.notify_all();
+    outstanding_ -= count;
+    if (outstanding_ == 0) ready_.notify_all();
   }
   void Stop(std::exception_ptr error) {
     std::lock_guard<std::mutex> guard(lock_);
@@ -76,6 +84,8 @@ class CWorkStack {
   }
 
  private:
+  static constexpr size_t kBatch = 16;
+
   std::mutex lock_;
   std::condition_variable ready_;
   std::vector<CPendingObject> stack_;  // depth first: bounded by the entries along one path
@@ -200,70 +210,75 @@ void CTreeScanner::Run(const CVisit& visit, const CProblem& problem) {
   CUtilityService& utility = *host_.Utility();
   CCfgService& cfg = *host_.Cfg();
   uint32_t policy_number = host_.settings().policy_number;
-  auto worker = [&] {
-    CPendingObject object;
-    std::vector<CPendingObject> children;
-    while (work.Pop(object)) {
-      const std::string& path = object.path;
-      // Most objects are decided by their path alone; an excluded one is not even examined.
-      CPolicyRules::CVerdict verdict =
-          rules_ == nullptr || object.is_root ? CPolicyRules::CVerdict::kKept : rules_->VerdictBeforeKind(Relative(path));
-      if (verdict == CPolicyRules::CVerdict::kExcluded) {
-        work.Done();
-        continue;
-      }
+  // Reads one object and lists it when it is a directory; false when the walk must stop.
+  auto read = [&](CPendingObject& object, std::vector<CPendingObject>& children) -> bool {
+    const std::string& path = object.path;
+    // Most objects are decided by their path alone; an excluded one is not even examined.
+    CPolicyRules::CVerdict verdict =
+        rules_ == nullptr || object.is_root ? CPolicyRules::CVerdict::kKept : rules_->VerdictBeforeKind(Relative(path));
+    if (verdict == CPolicyRules::CVerdict::kExcluded) return true;
+    try {
+      std::shared_ptr<CRefFileObjInfo> info;
+      std::string reason;
+      CFileDescriptor opened;
       try {
-        std::shared_ptr<CRefFileObjInfo> info;
-        std::string reason;
-        CFileDescriptor opened;
-        try {
-          info = CRefFileObjInfo::AtDirectory(utility, cfg, wide_root_, Utf8ToWide(path), policy_number,
-                                              object.directory->get(), object.name, object.likely_regular,
-                                              &opened);
-        } catch (const std::exception& e) {
-          reason = e.what();
-        }
-        bool mounted_here = info && info->IsDirectory() && !object.is_root &&
-                            info->Device() != object.directory_device;
-        if (!info) {
-          report(path, reason);
-        } else if (info->IsGone()) {
-          // vanished since it was listed: nothing to say
-        } else if (mounted_here && opened.valid() && IsPseudoFileSystem(opened.get())) {
-          // the kernel's state, not files: neither recorded nor entered
-        } else if (mounted_here && (rules_ == nullptr || !rules_->cross_mounts())) {
-          // another file system: the policy stays on its root's unless its rules say otherwise
-        } else if (verdict == CPolicyRules::CVerdict::kByKind &&
-                   rules_->Excluded(Relative(path), KindOf(info->IsDirectory(), info->Attributes(),
-                                                           !info->TargetPath().empty()))) {
-          // excluded by a rule: not recorded, not walked
-        } else {
-          counters_.objects.fetch_add(1, std::memory_order_relaxed);
-          if (!info->IsDirectory() && info->TargetPath().empty()) {
-            counters_.bytes.fetch_add(info->Size(), std::memory_order_relaxed);
-          }
-          visit(info);
-          if (info->IsDirectory()) {
-            children.clear();
-            if (!opened.valid()) {
-              // Examined without being opened (no permission to read it, say): say why it is not listed.
-              CFileDescriptor again(::openat(object.directory->get(), object.name.c_str(),
-                                             O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-              report(path, again.valid() ? "cannot list: it changed while being read"
-                                         : std::string("cannot list: ") + std::strerror(errno));
-            } else {
-              if (before_listing_hook_) before_listing_hook_(path);
-              auto directory = std::make_shared<const CFileDescriptor>(opened.release());
-              if (!ListDirectory(directory, path, info->Device(), excluded_, children, reason)) report(path, reason);
-              work.Push(std::move(children));
-            }
-          }
-        }
-        object.directory.reset();  // the parent closes once its last entry is read
-      } catch (...) {
-        work.Stop(std::current_exception());
+        info = CRefFileObjInfo::AtDirectory(utility, cfg, wide_root_, Utf8ToWide(path), policy_number,
+                                            object.directory->get(), object.name, object.likely_regular,
+                                            &opened);
+      } catch (const std::exception& e) {
+        reason = e.what();
       }
-      work.Done();
+      bool mounted_here = info && info->IsDirectory() && !object.is_root &&
+                          info->Device() != object.directory_device;
+      if (!info) {
+        report(path, reason);
+      } else if (info->IsGone()) {
+        // vanished since it was listed: nothing to say
+      } else if (mounted_here && opened.valid() && IsPseudoFileSystem(opened.get())) {
+        // the kernel's state, not files: neither recorded nor entered
+      } else if (mounted_here && (rules_ == nullptr || !rules_->cross_mounts())) {
+        // another file system: the policy stays on its root's unless its rules say otherwise
+      } else if (verdict == CPolicyRules::CVerdict::kByKind &&
+                 rules_->Excluded(Relative(path), KindOf(info->IsDirectory(), info->Attributes(),
+                                                         !info->TargetPath().empty()))) {
+        // excluded by a rule: not recorded, not walked
+      } else {
+        counters_.objects.fetch_add(1, std::memory_order_relaxed);
+        if (!info->IsDirectory() && info->TargetPath().empty()) {
+          counters_.bytes.fetch_add(info->Size(), std::memory_order_relaxed);
+        }
+        visit(info);
+        if (info->IsDirectory()) {
+          children.clear();
+          if (!opened.valid()) {
+            // Examined without being opened (no permission to read it, say): say why it is not listed.
+            CFileDescriptor again(::openat(object.directory->get(), object.name.c_str(),
+                                           O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+            report(path, again.valid() ? "cannot list: it changed while being read"
+                                       : std::string("cannot list: ") + std::strerror(errno));
+          } else {
+            if (before_listing_hook_) before_listing_hook_(path);
+            auto directory = std::make_shared<const CFileDescriptor>(opened.release());
+            if (!ListDirectory(directory, path, info->Device(), excluded_, children, reason)) report(path, reason);
+            work.Push(std::move(children));
+          }
+        }
+      }
+      object.directory.reset();  // the parent closes once its last entry is read
+    } catch (...) {
+      work.Stop(std::current_exception());
+      return false;
+    }
+    return true;
+  };
+  auto worker = [&] {
+    std::vector<CPendingObject> batch;
+    std::vector<CPendingObject> children;
+    while (work.Pop(batch)) {
+      for (CPendingObject& object : batch) {
+        if (!read(object, children)) break;
+      }
+      work.Done(batch.size());
     }
   };
   std::vector<std::thread> workers;
