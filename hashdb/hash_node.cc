@@ -16,9 +16,11 @@ CHashNode::CHashNode(const std::weak_ptr<CHashNode>& parent_node) : parent(paren
   StampChange();
 }
 
-void CHashNode::StampChange() {
+void CHashNode::StampChange() { StampChange(MonotonicNowNs()); }
+
+void CHashNode::StampChange(int64_t now) {
   CExclusiveGuard<CNodeLock> guard(lock);
-  change_time = MonotonicNowNs();
+  change_time = now;
 }
 
 bool CHashNode::ChangedBefore(int64_t t) {

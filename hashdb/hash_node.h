@@ -67,6 +67,8 @@ class CHashNode {
 
   // change_time = now.
   void StampChange() SIGNDB_EXCLUDES(lock);
+  // The same with a time read once for several nodes (a change and every directory above it).
+  void StampChange(int64_t now) SIGNDB_EXCLUDES(lock);
   // change_time < t.
   bool ChangedBefore(int64_t t) SIGNDB_EXCLUDES(lock);
   // Files only: touch_time = now.

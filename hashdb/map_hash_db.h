@@ -42,6 +42,18 @@ class CMapHashDB {
   // which decide most comparisons, beside the entries). Most hashes have one file: it is held in
   // "single" while "more" is null; a second file moves both into "more".
   struct CEntry {
+    CEntry() = default;
+    CEntry(CEntry&&) noexcept = default;
+    // By exchange: inserting into a block moves every entry after the place by one, and an
+    // exchange of the fields costs no reference counting (the moved-from entry takes the old
+    // value, which is what a shift leaves to be overwritten or destroyed anyway).
+    CEntry& operator=(CEntry&& other) noexcept {
+      text.swap(other.text);
+      single.swap(other.single);
+      more.swap(other.more);
+      return *this;
+    }
+
     CSharedText text;
     std::weak_ptr<CHashNode> single;
     std::unique_ptr<CMore> more;

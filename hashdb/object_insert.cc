@@ -6,6 +6,7 @@
 
 #include "hashdb/hash_db_impl.h"
 #include "hashdb/map_hash_db.h"
+#include "hashdb/monotonic_clock.h"
 #include "hashdb/obj_info.h"
 #include "host/message.h"
 
@@ -53,7 +54,8 @@ std::shared_ptr<CHashNode> CHashDBImpl::InsertObject(std::shared_ptr<CObjInfo>& 
   }
 
   // A directory's change time is the newest change anywhere below it.
-  for (std::shared_ptr<CHashNode> up = node; up; up = up->parent.lock()) up->StampChange();
+  int64_t now = MonotonicNowNs();
+  for (std::shared_ptr<CHashNode> up = node; up; up = up->parent.lock()) up->StampChange(now);
 
   index_->Add(node);
   return node;
