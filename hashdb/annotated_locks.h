@@ -1,6 +1,7 @@
 #pragma once
 
 #include <mutex>
+#include <shared_mutex>
 
 #include <boost/thread/shared_mutex.hpp>
 
@@ -37,6 +38,21 @@ class SIGNDB_CAPABILITY("shared_mutex") CSharedMutex {
   boost::shared_mutex mutex_;
 };
 
+// A reader/writer mutex whose readers never sleep on each other (the system's rwlock: a reader
+// takes it with one atomic operation, where the threading library's shared mutex takes an inner
+// mutex that concurrent readers contend for). For locks that readers take very often and
+// writers rarely: the hash index, the pool of shared texts.
+class SIGNDB_CAPABILITY("shared_mutex") CReaderWriterMutex {
+ public:
+  void lock() SIGNDB_ACQUIRE() { mutex_.lock(); }
+  void unlock() SIGNDB_RELEASE() { mutex_.unlock(); }
+  void lock_shared() SIGNDB_ACQUIRE_SHARED() { mutex_.lock_shared(); }
+  void unlock_shared() SIGNDB_RELEASE_SHARED() { mutex_.unlock_shared(); }
+
+ private:
+  std::shared_mutex mutex_;
+};
+
 // A plain mutex.
 class SIGNDB_CAPABILITY("mutex") CMutex {
  public:
@@ -62,13 +78,14 @@ class SIGNDB_SCOPED_CAPABILITY CExclusiveGuard {
 };
 
 // Holds a reader/writer lock shared for its scope.
+template <class Mutex>
 class SIGNDB_SCOPED_CAPABILITY CSharedGuard {
  public:
-  explicit CSharedGuard(CSharedMutex& mutex) SIGNDB_ACQUIRE_SHARED(mutex) : mutex_(mutex) { mutex_.lock_shared(); }
+  explicit CSharedGuard(Mutex& mutex) SIGNDB_ACQUIRE_SHARED(mutex) : mutex_(mutex) { mutex_.lock_shared(); }
   ~CSharedGuard() SIGNDB_RELEASE() { mutex_.unlock_shared(); }
   CSharedGuard(const CSharedGuard&) = delete;
   CSharedGuard& operator=(const CSharedGuard&) = delete;
 
  private:
-  CSharedMutex& mutex_;
+  Mutex& mutex_;
 };

@@ -34,7 +34,7 @@ std::shared_ptr<CNodeList> CMapHashDB::Find(const std::string& hash) const {
 // The node's hash is read under the lock: while loading, it may be assigned meanwhile.
 void CMapHashDB::Add(const std::shared_ptr<CHashNode>& node) {
   if (!enabled_ || !node) return;
-  CExclusiveGuard<CSharedMutex> guard(lock_);
+  CExclusiveGuard<CReaderWriterMutex> guard(lock_);
   if (node->hash && !node->hash->empty()) AddLocked(node);
 }
 
@@ -99,7 +99,7 @@ CMapHashDB::CEntryList::iterator CMapHashDB::EraseLocked(CMore& more, CEntryList
 
 void CMapHashDB::Remove(const std::shared_ptr<CHashNode>& node) {
   if (!enabled_ || !node) return;
-  CExclusiveGuard<CSharedMutex> guard(lock_);
+  CExclusiveGuard<CReaderWriterMutex> guard(lock_);
   if (node->hash && !node->hash->empty()) RemoveLocked(node);
 }
 
@@ -165,7 +165,7 @@ void CMapHashDB::AddLoaded(std::vector<CTreeBuilder::CPiece>& pieces) {
     std::shared_ptr<CHashNode> node = item.node.lock();
     return node && node->hash == item.hash;
   };
-  CExclusiveGuard<CSharedMutex> guard(lock_);
+  CExclusiveGuard<CReaderWriterMutex> guard(lock_);
   if (!entries_.empty()) {
     for (CTreeBuilder::CPiece& piece : pieces) {
       for (CTreeBuilder::CAssignment& item : piece.assignments) {
@@ -202,7 +202,7 @@ void CMapHashDB::AddLoaded(std::vector<CTreeBuilder::CPiece>& pieces) {
 }
 
 void CMapHashDB::Clear() {
-  CExclusiveGuard<CSharedMutex> guard(lock_);
+  CExclusiveGuard<CReaderWriterMutex> guard(lock_);
   entries_.clear();
 }
 

@@ -105,6 +105,6 @@ class CMapHashDB {
   static CEntryList::iterator EraseLocked(CMore& more, CEntryList::iterator element);
 
   const bool enabled_;
-  mutable CSharedMutex lock_;
+  mutable CReaderWriterMutex lock_;
   CEntries entries_ SIGNDB_GUARDED_BY(lock_);
 };

@@ -31,13 +31,20 @@ class CTextPool {
   CCompactText Share(std::string_view text) {
     if (text.empty()) return CCompactText();
     if (given_up_.load(std::memory_order_relaxed)) return CCompactText(text);
-    CExclusiveGuard<CMutex> guard(mutex_);
-    bool full = texts_.size() >= kMaxTexts;
-    auto found = texts_.find(text);
-    if (full) Count(found != texts_.end());
-    if (found != texts_.end()) return found->second;
+    bool full = false;
+    {
+      CSharedGuard guard(mutex_);  // lookups of several threads do not wait for each other
+      auto found = texts_.find(text);
+      full = texts_.size() >= kMaxTexts;
+      if (full) Count(found != texts_.end());
+      if (found != texts_.end()) return found->second;
+    }
     CCompactText made(text);
-    if (!full) texts_.emplace(made.view(), made);  // keyed by its own characters
+    if (full) return made;
+    CExclusiveGuard<CReaderWriterMutex> guard(mutex_);
+    auto found = texts_.find(text);  // another thread may have taken it meanwhile
+    if (found != texts_.end()) return found->second;
+    if (texts_.size() < kMaxTexts) texts_.emplace(made.view(), made);  // keyed by its own characters
     return made;
   }
 
@@ -45,23 +52,24 @@ class CTextPool {
   bool given_up() const { return given_up_.load(std::memory_order_relaxed); }
 
   size_t size() {
-    CExclusiveGuard<CMutex> guard(mutex_);
+    CSharedGuard guard(mutex_);
     return texts_.size();
   }
 
  private:
-  void Count(bool hit) SIGNDB_REQUIRES(mutex_) {
-    ++asked_after_full_;
-    if (hit) ++found_after_full_;
-    if (asked_after_full_ == kTrialAfterFull && found_after_full_ * kHitsOneIn < asked_after_full_) {
+  // Counts a lookup in a full pool; gives up after kTrialAfterFull of them when too few were found.
+  void Count(bool hit) {
+    if (hit) found_after_full_.fetch_add(1, std::memory_order_relaxed);
+    uint64_t asked = asked_after_full_.fetch_add(1, std::memory_order_relaxed) + 1;
+    if (asked == kTrialAfterFull && found_after_full_.load(std::memory_order_relaxed) * kHitsOneIn < asked) {
       given_up_.store(true, std::memory_order_relaxed);
     }
   }
 
-  CMutex mutex_;
-  uint64_t asked_after_full_ SIGNDB_GUARDED_BY(mutex_) = 0;
-  uint64_t found_after_full_ SIGNDB_GUARDED_BY(mutex_) = 0;
-  std::atomic<bool> given_up_{false};
+  CReaderWriterMutex mutex_;
   // The key views the characters of its value, which never move (a copy shares them).
   std::unordered_map<std::string_view, CCompactText> texts_ SIGNDB_GUARDED_BY(mutex_);
+  std::atomic<uint64_t> asked_after_full_{0};
+  std::atomic<uint64_t> found_after_full_{0};
+  std::atomic<bool> given_up_{false};
 };
