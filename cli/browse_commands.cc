@@ -8,6 +8,7 @@
 #include "cli/commands.h"
 #include "cli/exit_status.h"
 #include "cli/object_state.h"
+#include "cli/recorded_object_json.h"
 #include "cli/session.h"
 #include "cli/text_format.h"
 #include "hashdb/hash_db.h"
@@ -99,19 +100,7 @@ int RunShow(const CCommandLine& line) {
   bool touched = database->TouchedRecently(full);
   security_text::CSecurityItems items = security_text::Parse(state.security);
   if (line.Has("--json")) {
-    std::cout << "{\"path\":" << JsonString(session.Narrow(full)) << ",\"relative\":" << JsonString(relative)
-              << ",\"kind\":" << JsonString(KindWords(state.kind())) << ",\"size\":" << state.size
-              << ",\"hash\":" << JsonString(state.hash) << ",\"attributes\":" << state.attributes
-              << ",\"time_1\":" << state.time_1 << ",\"time_2\":" << state.time_2
-              << ",\"security\":" << JsonString(state.security) << ",\"security_items\":{";
-    bool first = true;
-    for (const auto& [key, value] : items) {
-      std::cout << (first ? "" : ",") << JsonString(key) << ":" << JsonString(value);
-      first = false;
-    }
-    std::cout << "},\"target\":" << JsonString(state.target)
-              << ",\"under_link_target\":" << (under_target ? "true" : "false")
-              << ",\"touched_recently\":" << (touched ? "true" : "false") << "}\n";
+    std::cout << RecordedObjectJson(*database, full, session.Narrow(full), relative) << "\n";
     return kExitOk;
   }
   auto field = [](const std::string& label, const std::string& value) {

@@ -6,9 +6,9 @@ namespace {
 
 // Options that take a value, and their short forms.
 const std::set<std::string> kValueOptions = {"--config", "--module", "--dir", "--policy", "--signature",
-                                             "--passphrase-fd", "--ca-key-out", "--ca-key", "--days", "--except", "--report"};
+                                             "--passphrase-fd", "--ca-key-out", "--ca-key", "--days", "--except", "--report", "--save-period"};
 const std::set<std::string> kFlagOptions = {"--help", "--json", "--quiet", "--verify", "--force",
-                                            "--recursive", "--wait", "--bind", "--protect-key", "--sign-later", "--all", "--packages", "--system", "--interactive"};
+                                            "--recursive", "--wait", "--bind", "--protect-key", "--sign-later", "--all", "--packages", "--system", "--interactive", "--rescan"};
 const std::map<std::string, std::string> kShortForms = {
     {"-h", "--help"}, {"-q", "--quiet"}, {"-R", "--recursive"}, {"-c", "--config"}, {"-i", "--interactive"}};
 

@@ -18,3 +18,5 @@ int RunRenew(const CCommandLine& line);
 int RunSign(const CCommandLine& line);
 int RunAccept(const CCommandLine& line);
 int RunRules(const CCommandLine& line);
+int RunWatch(const CCommandLine& line);
+int RunStatus(const CCommandLine& line);

@@ -34,7 +34,7 @@ int main(int argc, char** argv) {
       {"diff", RunDiff},     {"lookup", RunLookup},   {"ls", RunList},     {"show", RunShow},
       {"verify", RunVerify}, {"dump", RunDump},       {"selftest", RunSelfTest},
       {"version", RunVersion}, {"renew", RunRenew},     {"sign", RunSign},   {"accept", RunAccept},
-      {"rules", RunRules}};
+      {"rules", RunRules},   {"watch", RunWatch},     {"status", RunStatus}};
   try {
     CCommandLine line = ParseCommandLine(std::vector<std::string>(argv + 1, argv + argc));
     if (line.command == "help") {

@@ -12,6 +12,7 @@
 
 #include "cli/check_report.h"
 #include "cli/command_line.h"
+#include "cli/difference_apply.h"
 #include "cli/commands.h"
 #include "cli/exit_status.h"
 #include "cli/report_event.h"
@@ -97,20 +98,7 @@ int UpdatePolicy(CSession& session, const CRefPolicySettings& policy, const CCom
     result.differences.erase(kept, result.differences.end());
   }
   if (line.Has("--interactive")) left += AskEach(result.differences);
-  // Removals first: a path that is gone can only have come back as something new in another place.
-  for (const CDifference& difference : result.differences) {
-    std::shared_ptr<CObjInfo> none;
-    if (difference.change == CChange::kGone) {
-      database->RemoveObject(none, session.WideFullPath(policy, difference.path));
-    } else if (difference.change == CChange::kRenamed) {
-      database->RemoveObject(none, session.WideFullPath(policy, difference.from));
-    }
-  }
-  for (const CDifference& difference : result.differences) {
-    if (difference.change == CChange::kGone || !difference.info) continue;
-    std::shared_ptr<CObjInfo> immediate;
-    database->InsertObject(immediate, difference.info);
-  }
+  ApplyDifferences(session, policy, *database, result.differences);
   std::string saved;
   // --bind saves even an unchanged tree: that is how a database gets its policy binding.
   if (!result.differences.empty() || line.Has("--bind")) saved = session.Save(database, policy);

@@ -1,0 +1,243 @@
+#include "cli/inotify_watcher.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/inotify.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <stdexcept>
+#include <utility>
+
+namespace {
+
+// What a watch reports. IN_MODIFY as well as IN_CLOSE_WRITE: a writer that keeps a file open (a
+// log, a database) must not hide its changes until it closes.
+constexpr uint32_t kMask = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_CLOSE_WRITE | IN_MODIFY |
+                           IN_ATTRIB | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR | IN_DONT_FOLLOW |
+                           IN_EXCL_UNLINK;
+
+std::string Join(const std::string& directory, const char* name) {
+  return directory.empty() ? std::string(name) : directory + "/" + name;
+}
+
+bool IsBelowOrSame(const std::string& path, const std::string& top) {
+  return top.empty() || path == top || (path.size() > top.size() && path.compare(0, top.size(), top) == 0 &&
+                                        path[top.size()] == '/');
+}
+
+}  // namespace
+
+const char* EventKindName(CWatchEvent::CKind kind) {
+  switch (kind) {
+    case CWatchEvent::CKind::kWritten:
+      return "written";
+    case CWatchEvent::CKind::kAttributes:
+      return "attributes";
+    case CWatchEvent::CKind::kCreated:
+      return "created";
+    case CWatchEvent::CKind::kRemoved:
+      return "removed";
+    case CWatchEvent::CKind::kMoved:
+      return "moved";
+    case CWatchEvent::CKind::kLost:
+      return "lost";
+  }
+  return "unknown";
+}
+
+CInotifyWatcher::CInotifyWatcher(std::string root, CExcluded excluded, bool cross_mounts)
+    : root_(std::move(root)), excluded_(std::move(excluded)), cross_mounts_(cross_mounts) {
+  while (root_.size() > 1 && root_.back() == '/') root_.pop_back();
+  struct stat status {};
+  if (::stat(root_.c_str(), &status) != 0) {
+    throw std::runtime_error("cannot watch " + root_ + ": " + std::strerror(errno));
+  }
+  root_device_ = status.st_dev;
+  fd_ = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+  if (fd_ < 0) throw std::runtime_error(std::string("cannot use inotify: ") + std::strerror(errno));
+  if (!WatchDirectory("")) {
+    int error = errno;
+    ::close(fd_);
+    throw std::runtime_error("cannot watch " + root_ + ": " + std::strerror(error));
+  }
+  WatchTree("", nullptr);
+}
+
+CInotifyWatcher::~CInotifyWatcher() {
+  if (fd_ >= 0) ::close(fd_);
+}
+
+std::string CInotifyWatcher::Full(const std::string& relative) const {
+  if (relative.empty()) return root_;
+  return root_ == "/" ? "/" + relative : root_ + "/" + relative;
+}
+
+bool CInotifyWatcher::WatchDirectory(const std::string& relative) {
+  int wd = ::inotify_add_watch(fd_, Full(relative).c_str(), kMask);
+  if (wd < 0) {
+    ++unwatched_;
+    return false;
+  }
+  // The same directory may come back under another name (a watch is of the inode): the new
+  // name holds.
+  auto known = paths_.find(wd);
+  if (known != paths_.end()) watches_.erase(known->second);
+  paths_[wd] = relative;
+  watches_[relative] = wd;
+  return true;
+}
+
+void CInotifyWatcher::WatchTree(const std::string& top, std::vector<CWatchEvent>* report) {
+  std::vector<std::string> pending{top};
+  while (!pending.empty()) {
+    std::string directory = std::move(pending.back());
+    pending.pop_back();
+    if (!directory.empty() && !watches_.count(directory) && !WatchDirectory(directory)) continue;
+    // Listed after its watch is in place: nothing created meanwhile is missed.
+    int fd = ::open(Full(directory).c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0) continue;
+    DIR* listing = ::fdopendir(fd);
+    if (listing == nullptr) {
+      ::close(fd);
+      continue;
+    }
+    while (const struct dirent* entry = ::readdir(listing)) {
+      const char* name = entry->d_name;
+      if (name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'))) continue;
+      std::string child = Join(directory, name);
+      bool is_directory = entry->d_type == DT_DIR;
+      struct stat status {};
+      if (entry->d_type == DT_UNKNOWN || is_directory) {
+        if (::fstatat(::dirfd(listing), name, &status, AT_SYMLINK_NOFOLLOW) != 0) continue;
+        is_directory = S_ISDIR(status.st_mode);
+      }
+      if (excluded_ && excluded_(child, is_directory)) continue;
+      if (is_directory && !cross_mounts_ && status.st_dev != root_device_) continue;  // another file system
+      if (report != nullptr) {
+        CWatchEvent event;
+        event.kind = CWatchEvent::CKind::kCreated;
+        event.path = child;
+        event.directory = is_directory;
+        report->push_back(std::move(event));
+      }
+      if (is_directory) pending.push_back(std::move(child));
+    }
+    ::closedir(listing);
+  }
+}
+
+void CInotifyWatcher::ForgetTree(const std::string& top) {
+  for (auto it = watches_.begin(); it != watches_.end();) {
+    if (!top.empty() && IsBelowOrSame(it->first, top)) {
+      ::inotify_rm_watch(fd_, it->second);
+      paths_.erase(it->second);
+      it = watches_.erase(it);
+    } else {
+      ++it;
+    }
+  }
+}
+
+void CInotifyWatcher::RenameTree(const std::string& from, const std::string& to) {
+  std::vector<std::pair<std::string, int>> moved;
+  for (auto it = watches_.begin(); it != watches_.end();) {
+    if (IsBelowOrSame(it->first, from)) {
+      moved.emplace_back(to + it->first.substr(from.size()), it->second);
+      it = watches_.erase(it);
+    } else {
+      ++it;
+    }
+  }
+  for (auto& [path, wd] : moved) {
+    paths_[wd] = path;
+    watches_[path] = wd;
+  }
+}
+
+void CInotifyWatcher::Read(std::vector<CWatchEvent>& events) {
+  alignas(struct inotify_event) char buffer[64 * 1024];
+  // The first half of a rename, waiting for its second: they come one after the other.
+  bool have_from = false;
+  uint32_t from_cookie = 0;
+  CWatchEvent from;
+  auto settle_from = [&] {
+    // Its other half never came: moved out of the tree.
+    if (!have_from) return;
+    have_from = false;
+    if (from.directory) ForgetTree(from.path);
+    from.kind = CWatchEvent::CKind::kRemoved;
+    events.push_back(std::move(from));
+  };
+  for (;;) {
+    ssize_t length = ::read(fd_, buffer, sizeof buffer);
+    if (length < 0) {
+      if (errno == EINTR) continue;
+      if (errno == EAGAIN) break;
+      throw std::runtime_error(std::string("cannot read the file events: ") + std::strerror(errno));
+    }
+    if (length == 0) break;
+    for (char* at = buffer; at < buffer + length;) {
+      const auto* raw = reinterpret_cast<const struct inotify_event*>(at);
+      at += sizeof(struct inotify_event) + raw->len;
+      if (raw->mask & IN_Q_OVERFLOW) {
+        settle_from();
+        events.push_back(CWatchEvent{CWatchEvent::CKind::kLost, "", "", true});
+        continue;
+      }
+      auto directory = paths_.find(raw->wd);
+      if (directory == paths_.end()) continue;  // a watch already forgotten
+      if (raw->mask & IN_IGNORED) {
+        watches_.erase(directory->second);
+        paths_.erase(directory);
+        continue;
+      }
+      bool is_directory = (raw->mask & IN_ISDIR) != 0;
+      if (raw->len == 0 || raw->name[0] == '\0') {
+        // The watched directory itself: its attributes, or the root gone or moved away.
+        if (raw->mask & IN_ATTRIB) {
+          settle_from();
+          events.push_back(CWatchEvent{CWatchEvent::CKind::kAttributes, directory->second, "", true});
+        } else if ((raw->mask & (IN_DELETE_SELF | IN_MOVE_SELF)) && directory->second.empty()) {
+          settle_from();
+          events.push_back(CWatchEvent{CWatchEvent::CKind::kLost, "", "", true});
+        }
+        continue;
+      }
+      std::string path = Join(directory->second, raw->name);
+      if (excluded_ && excluded_(path, is_directory)) continue;
+      if (raw->mask & IN_MOVED_TO) {
+        if (have_from && from_cookie == raw->cookie) {
+          have_from = false;
+          if (from.directory) RenameTree(from.path, path);
+          events.push_back(CWatchEvent{CWatchEvent::CKind::kMoved, path, std::move(from.path), is_directory});
+          continue;
+        }
+        settle_from();
+        // Moved in from outside the tree: new, with everything below it.
+        events.push_back(CWatchEvent{CWatchEvent::CKind::kCreated, path, "", is_directory});
+        if (is_directory) WatchTree(path, &events);
+        continue;
+      }
+      settle_from();
+      if (raw->mask & IN_MOVED_FROM) {
+        have_from = true;
+        from_cookie = raw->cookie;
+        from = CWatchEvent{CWatchEvent::CKind::kMoved, path, "", is_directory};
+      } else if (raw->mask & IN_CREATE) {
+        events.push_back(CWatchEvent{CWatchEvent::CKind::kCreated, path, "", is_directory});
+        if (is_directory) WatchTree(path, &events);
+      } else if (raw->mask & IN_DELETE) {
+        if (is_directory) ForgetTree(path);
+        events.push_back(CWatchEvent{CWatchEvent::CKind::kRemoved, path, "", is_directory});
+      } else if (raw->mask & (IN_CLOSE_WRITE | IN_MODIFY)) {
+        events.push_back(CWatchEvent{CWatchEvent::CKind::kWritten, path, "", false});
+      } else if (raw->mask & IN_ATTRIB) {
+        events.push_back(CWatchEvent{CWatchEvent::CKind::kAttributes, path, "", is_directory});
+      }
+    }
+  }
+  settle_from();
+}

@@ -1,0 +1,266 @@
+#include "cli/policy_watch.h"
+
+#include <ctime>
+#include <exception>
+#include <iostream>
+#include <utility>
+
+#include "cli/difference_apply.h"
+#include "cli/policy_rules.h"
+#include "cli/session.h"
+#include "cli/text_format.h"
+#include "cli/tree_check.h"
+#include "hashdb/hash_db.h"
+#include "refhost/safe_text.h"
+#include "refhost/file_obj_info.h"
+#include "refhost/ref_host.h"
+
+namespace {
+
+std::string ParentOf(const std::string& path) {
+  size_t slash = path.rfind('/');
+  return slash == std::string::npos ? std::string() : path.substr(0, slash);
+}
+
+std::string NameOf(const std::string& path) {
+  size_t slash = path.rfind('/');
+  return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+std::string Join(const std::string& directory, const std::string& name) {
+  return directory.empty() ? name : directory + "/" + name;
+}
+
+bool IsBelowOrSame(const std::string& path, const std::string& top) {
+  return top.empty() || path == top || (path.size() > top.size() && path.compare(0, top.size(), top) == 0 &&
+                                        path[top.size()] == '/');
+}
+
+std::string UtcNow() {
+  std::time_t now = std::time(nullptr);
+  struct tm parts {};
+  gmtime_r(&now, &parts);
+  char text[32];
+  std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts);
+  return text;
+}
+
+}  // namespace
+
+CPolicyWatch::CPolicyWatch(CSession& session, const CRefPolicySettings& policy, std::shared_ptr<CHashDB> database)
+    : session_(session), policy_(policy), database_(std::move(database)) {
+  std::string data = session_.DataFolder();
+  std::string root = policy_.root;
+  while (root.size() > 1 && root.back() == '/') root.pop_back();
+  if (root == "/" && data.size() > 1) {
+    data_folder_relative_ = data.substr(1);
+  } else if (data.size() > root.size() && data.compare(0, root.size(), root) == 0 && data[root.size()] == '/') {
+    data_folder_relative_ = data.substr(root.size() + 1);
+  }
+  saved_changes_ = database_->ChangeCounter();
+}
+
+CPolicyWatch::~CPolicyWatch() = default;
+
+bool CPolicyWatch::Excluded(const std::string& relative, bool) const {
+  if (!data_folder_relative_.empty() && IsBelowOrSame(relative, data_folder_relative_)) return true;
+  return session_.Rules(policy_).VerdictBeforeKind(relative) == CPolicyRules::CVerdict::kExcluded;
+}
+
+std::wstring CPolicyWatch::Wide(const std::string& relative) { return session_.WideFullPath(policy_, relative); }
+
+void CPolicyWatch::Start() {
+  watcher_ = std::make_unique<CInotifyWatcher>(
+      policy_.root, [this](const std::string& relative, bool directory) { return Excluded(relative, directory); },
+      session_.Rules(policy_).cross_mounts());
+  Reconcile();
+}
+
+int CPolicyWatch::fd() const { return watcher_->fd(); }
+
+void CPolicyWatch::Reconcile() {
+  ++counters_.reconciles;
+  CTreeCheckResult result = CheckTree(session_, policy_, database_, true);
+  ApplyDifferences(session_, policy_, *database_, result.differences);
+  counters_.applied += result.differences.size();
+  counters_.failures += result.unreadable.size();
+}
+
+void CPolicyWatch::OnEvents() {
+  events_.clear();
+  watcher_->Read(events_);
+  counters_.events += events_.size();
+  for (const CWatchEvent& event : events_) {
+    try {
+      Apply(event);
+    } catch (const std::exception& e) {
+      ++counters_.failures;
+      std::cerr << "signdb watch: " << policy_.name << ": " << EventKindName(event.kind) << " "
+                << EscapedText(event.path) << ": " << EscapedText(e.what()) << "\n";
+    }
+  }
+}
+
+void CPolicyWatch::Apply(const CWatchEvent& event) {
+  CClock::time_point now = CClock::now();
+  switch (event.kind) {
+    case CWatchEvent::CKind::kLost:
+      ++counters_.lost;
+      std::cerr << "signdb watch: " << policy_.name << ": the kernel dropped file events; reconciling the tree\n";
+      queued_.clear();
+      Reconcile();
+      return;
+    case CWatchEvent::CKind::kWritten:
+    case CWatchEvent::CKind::kAttributes:
+      Queue(event.path, now);
+      return;
+    case CWatchEvent::CKind::kCreated:
+      // A directory is recorded at once: what appears in it is recorded below it. A file waits
+      // for its writing to settle. Either way its directory's times changed.
+      if (event.directory) {
+        Requeue(event.path, std::nullopt);
+        Record(event.path);
+      } else {
+        Queue(event.path, now);
+      }
+      QueueParent(event.path, now);
+      return;
+    case CWatchEvent::CKind::kRemoved:
+      Requeue(event.path, std::nullopt);
+      Remove(event.path);
+      QueueParent(event.path, now);
+      return;
+    case CWatchEvent::CKind::kMoved:
+      Requeue(event.from, event.path);
+      Move(event.from, event.path, event.directory);
+      QueueParent(event.from, now);
+      QueueParent(event.path, now);
+      return;
+  }
+}
+
+void CPolicyWatch::Queue(const std::string& path, CClock::time_point now) {
+  auto [queued, added] = queued_.try_emplace(path, CQueued{now, now + kSettle});
+  if (!added) queued->second.due = std::min(now + kSettle, queued->second.first + kLongestWait);
+}
+
+void CPolicyWatch::QueueParent(const std::string& path, CClock::time_point now) {
+  if (!path.empty()) Queue(ParentOf(path), now);
+}
+
+void CPolicyWatch::Requeue(const std::string& top, const std::optional<std::string>& to) {
+  std::vector<std::pair<std::string, CQueued>> moved;
+  auto take = [&](std::map<std::string, CQueued>::iterator from, std::map<std::string, CQueued>::iterator end) {
+    while (from != end) {
+      if (to) moved.emplace_back(*to + from->first.substr(top.size()), from->second);
+      from = queued_.erase(from);
+    }
+  };
+  if (top.empty()) {
+    take(queued_.begin(), queued_.end());
+  } else {
+    // The path itself, then what lies below it: "top/" up to "top0" ('0' follows '/'), which
+    // leaves out siblings such as "top-old" that sort between the two.
+    auto self = queued_.find(top);
+    if (self != queued_.end()) take(self, std::next(self));
+    take(queued_.lower_bound(top + "/"), queued_.lower_bound(top + "0"));
+  }
+  for (auto& [path, queued] : moved) queued_.insert_or_assign(std::move(path), queued);
+}
+
+std::optional<CPolicyWatch::CClock::time_point> CPolicyWatch::NextDue() const {
+  std::optional<CClock::time_point> next;
+  for (const auto& [path, queued] : queued_) {
+    if (!next || queued.due < *next) next = queued.due;
+  }
+  return next;
+}
+
+void CPolicyWatch::ApplyDue(CClock::time_point now) {
+  std::vector<std::string> due;
+  for (const auto& [path, queued] : queued_) {
+    if (queued.due <= now) due.push_back(path);
+  }
+  for (const std::string& path : due) {
+    queued_.erase(path);
+    try {
+      Record(path);
+    } catch (const std::exception& e) {
+      ++counters_.failures;
+      std::cerr << "signdb watch: " << policy_.name << ": " << EscapedText(path) << ": " << EscapedText(e.what())
+                << "\n";
+    }
+  }
+}
+
+void CPolicyWatch::Record(const std::string& relative) {
+  CRefHost& host = session_.host();
+  std::shared_ptr<CRefFileObjInfo> info =
+      CRefFileObjInfo::FromDisk(*host.Utility(), *host.Cfg(), Wide(""), Wide(relative),
+                                session_.settings().policy_number);
+  if (info->IsGone()) {
+    if (Recorded(relative)) Remove(relative);
+    return;
+  }
+  std::shared_ptr<CObjInfo> immediate;
+  database_->InsertObject(immediate, info);
+  ++counters_.applied;
+}
+
+void CPolicyWatch::Remove(const std::string& relative) {
+  if (relative.empty()) return;  // the root stays recorded; a reconcile says what became of it
+  std::shared_ptr<CObjInfo> none;
+  database_->RemoveObject(none, Wide(relative));
+  ++counters_.applied;
+}
+
+bool CPolicyWatch::Recorded(const std::string& relative) {
+  std::wstring path = Wide(relative);
+  return database_->ExistsAs(path, false) || database_->ExistsAs(path, true);
+}
+
+void CPolicyWatch::Move(const std::string& from, const std::string& to, bool directory) {
+  if (!Recorded(from)) {
+    // Never recorded (it moved before its writing settled): it is new where it is now.
+    if (directory) {
+      Reconcile();
+    } else {
+      Queue(to, CClock::now());
+    }
+    return;
+  }
+  std::shared_ptr<CObjInfo> none;
+  // Whatever the rename replaced at the destination is gone.
+  if (Recorded(to)) Remove(to);
+  std::string from_parent = ParentOf(from);
+  std::string to_parent = ParentOf(to);
+  std::string from_name = NameOf(from);
+  std::string to_name = NameOf(to);
+  if (from_parent == to_parent || from_name == to_name) {
+    database_->RenameObject(none, Wide(from), Wide(to));
+  } else {
+    // A move keeps the object's name: it moves under a name that is free in both directories,
+    // then takes its new name there.
+    std::string passing = from_name;
+    for (unsigned n = 0; Recorded(Join(to_parent, passing)) || (passing != from_name && Recorded(Join(from_parent, passing)));
+         ++n) {
+      passing = ".signdb-moving-" + std::to_string(n);
+    }
+    if (passing != from_name) database_->RenameObject(none, Wide(from), Wide(Join(from_parent, passing)));
+    database_->RenameObject(none, Wide(Join(from_parent, passing)), Wide(Join(to_parent, passing)));
+    database_->RenameObject(none, Wide(Join(to_parent, passing)), Wide(to));
+  }
+  ++counters_.applied;
+  // A rename changes the object's status change time: read its attributes again.
+  Queue(to, CClock::now());
+}
+
+bool CPolicyWatch::changed_since_save() const { return database_->ChangeCounter() != saved_changes_; }
+
+void CPolicyWatch::Save(bool always) {
+  uint64_t changes = database_->ChangeCounter();
+  if (!always && changes == saved_changes_) return;
+  session_.Save(database_, policy_);
+  saved_changes_ = changes;
+  counters_.last_save = UtcNow();
+}

@@ -1,0 +1,99 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "cli/inotify_watcher.h"
+#include "cli/watch_event.h"
+
+class CHashDB;
+class CSession;
+struct CRefPolicySettings;
+
+// One policy's database kept up to date from its tree's file events, by the operations the
+// database has for it: a new or rewritten object is inserted (once its writing has settled), a
+// rename or move moves the recorded object with everything below it, a removal removes it, and
+// a lost event (the kernel's queue overflowed) reconciles the whole tree with the database.
+//
+// Writes are coalesced: an object written many times within kSettle is read once, and one that
+// keeps being written is read at least every kLongestWait.
+//
+// Not thread-safe: the service's one thread drives it.
+class CPolicyWatch {
+ public:
+  using CClock = std::chrono::steady_clock;
+  static constexpr std::chrono::milliseconds kSettle{50};
+  static constexpr std::chrono::milliseconds kLongestWait{1000};
+
+  // What a status request reports of the policy.
+  struct CCounters {
+    uint64_t events = 0;      // events received
+    uint64_t applied = 0;     // database operations made for them
+    uint64_t reconciles = 0;  // whole-tree reconciles (at start and after lost events)
+    uint64_t lost = 0;        // times the kernel dropped events
+    uint64_t failures = 0;    // objects that could not be read or recorded
+    std::string last_save;    // UTC time of the last save, or empty
+  };
+
+  CPolicyWatch(CSession& session, const CRefPolicySettings& policy, std::shared_ptr<CHashDB> database);
+  ~CPolicyWatch();
+
+  // Starts following the tree's events, then reconciles the database with the tree once, so that
+  // nothing that changed before (or while the watches were being placed) is missed.
+  void Start();
+  // The descriptor that becomes readable when events wait.
+  int fd() const;
+  // Takes the waiting events and applies them (writes are queued until they settle).
+  void OnEvents();
+  // Reads and records the queued writes whose time has come.
+  void ApplyDue(CClock::time_point now);
+  // When the next queued write is due, if any is queued.
+  std::optional<CClock::time_point> NextDue() const;
+  // Compares the whole tree with the database and takes what differs into it.
+  void Reconcile();
+  // Saves the database when it changed since the last save (or when "always").
+  void Save(bool always = false);
+
+  const CRefPolicySettings& policy() const { return policy_; }
+  const std::shared_ptr<CHashDB>& database() const { return database_; }
+  const CCounters& counters() const { return counters_; }
+  size_t queued() const { return queued_.size(); }
+  // Whether the database changed since it was last saved.
+  bool changed_since_save() const;
+  const char* watcher_kind() const { return "inotify"; }
+
+ private:
+  struct CQueued {
+    CClock::time_point first;
+    CClock::time_point due;
+  };
+
+  void Apply(const CWatchEvent& event);
+  void Queue(const std::string& path, CClock::time_point now);
+  // The directory that holds "path": its times changed when an entry came, went or moved.
+  void QueueParent(const std::string& path, CClock::time_point now);
+  // Reads the object at "relative" from disk and records it (or removes it when it is gone).
+  void Record(const std::string& relative);
+  void Remove(const std::string& relative);
+  void Move(const std::string& from, const std::string& to, bool directory);
+  bool Recorded(const std::string& relative);
+  // Queued writes at or below "top" follow a move to "to", or are dropped (to empty).
+  void Requeue(const std::string& top, const std::optional<std::string>& to);
+  bool Excluded(const std::string& relative, bool directory) const;
+  std::wstring Wide(const std::string& relative);
+
+  CSession& session_;
+  const CRefPolicySettings& policy_;
+  std::shared_ptr<CHashDB> database_;
+  std::unique_ptr<CInotifyWatcher> watcher_;
+  std::string data_folder_relative_;  // the tool's own folder when it lies in the tree, else empty
+  std::map<std::string, CQueued> queued_;  // by path: ordered, so a subtree is a range
+  uint64_t saved_changes_ = 0;             // the database's change count at the last save
+  CCounters counters_;
+  std::vector<CWatchEvent> events_;  // reused between reads
+};

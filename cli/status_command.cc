@@ -1,0 +1,100 @@
+// signdb status: what the running watch service says of each policy it follows, or, when none runs,
+// what is saved.
+
+#include <sys/stat.h>
+
+#include <ctime>
+#include <iostream>
+#include <string>
+
+#include <Poco/Dynamic/Var.h>
+#include <Poco/JSON/Array.h>
+#include <Poco/JSON/Object.h>
+#include <Poco/JSON/Parser.h>
+
+#include "cli/command_line.h"
+#include "cli/commands.h"
+#include "cli/exit_status.h"
+#include "cli/query_server.h"
+#include "cli/service_lock.h"
+#include "cli/session.h"
+#include "cli/text_format.h"
+#include "front/sign_db.h"
+#include "refhost/safe_text.h"
+
+namespace {
+
+std::string FileTimeText(const std::string& path) {
+  struct stat status {};
+  if (::stat(path.c_str(), &status) != 0) return std::string();
+  struct tm parts {};
+  gmtime_r(&status.st_mtime, &parts);
+  char text[32];
+  std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts);
+  return text;
+}
+
+int PrintServiceStatus(const std::string& answer, bool json) {
+  if (json) {
+    std::cout << answer << "\n";
+    return kExitOk;
+  }
+  Poco::JSON::Object::Ptr status = Poco::JSON::Parser().parse(answer).extract<Poco::JSON::Object::Ptr>();
+  if (!status->optValue<bool>("ok", false)) {
+    throw CToolError("the watch service answered: " + status->optValue<std::string>("error", answer));
+  }
+  std::cout << "watch service: process " << status->optValue<int>("pid", 0) << "\n";
+  Poco::JSON::Array::Ptr policies = status->getArray("policies");
+  for (size_t i = 0; policies && i < policies->size(); ++i) {
+    Poco::JSON::Object::Ptr policy = policies->getObject(static_cast<unsigned>(i));
+    std::string saved = policy->optValue<std::string>("last_save", "");
+    std::cout << "policy " << EscapedText(policy->optValue<std::string>("name", "")) << " ("
+              << EscapedText(policy->optValue<std::string>("root", "")) << "): watched with "
+              << policy->optValue<std::string>("watcher", "") << "; " << policy->optValue<uint64_t>("events", 0)
+              << " events, " << policy->optValue<uint64_t>("applied", 0) << " applied, "
+              << policy->optValue<uint64_t>("queued", 0) << " queued, " << policy->optValue<uint64_t>("reconciles", 0)
+              << " reconciles, " << policy->optValue<uint64_t>("lost", 0) << " lost, "
+              << policy->optValue<uint64_t>("failures", 0) << " failures; last saved "
+              << (saved.empty() ? std::string("never") : saved) << "\n";
+  }
+  return kExitOk;
+}
+
+}  // namespace
+
+int RunStatus(const CCommandLine& line) {
+  RequireShape(line, {"--json"}, 0, 0);
+  CSession session(line);
+  bool json = line.Has("--json");
+  if (CServiceLock::Holder(session.DataFolder()) != 0) {
+    std::string answer;
+    try {
+      answer = AskService(session.DataFolder() + "/watch.sock", "{\"request\":\"status\"}");
+    } catch (const std::runtime_error& e) {
+      throw CToolError(e.what());
+    }
+    return PrintServiceStatus(answer, json);
+  }
+  if (json) std::cout << "{\"ok\":true,\"pid\":null,\"policies\":[";
+  bool first = true;
+  for (const CRefPolicySettings& policy : session.settings().policies) {
+    bool saved = session.front().HdbFileExists(policy.name);
+    std::string path = session.Narrow(session.front().HdbFilePath(policy.name));
+    std::string when = saved ? FileTimeText(path) : std::string();
+    if (json) {
+      std::cout << (first ? "" : ",") << "{\"name\":" << JsonString(policy.name) << ",\"root\":" << JsonString(policy.root)
+                << ",\"watcher\":null,\"database\":" << (saved ? JsonString(path) : std::string("null"))
+                << ",\"last_save\":" << JsonString(when) << "}";
+    } else {
+      std::cout << "policy " << EscapedText(policy.name) << " (" << EscapedText(policy.root) << "): not watched; "
+                << (saved ? "saved " + when + " in " + EscapedText(path) : std::string("no database yet")) << "\n";
+    }
+    first = false;
+  }
+  if (json) {
+    std::cout << "]}\n";
+  } else {
+    std::cout << "no watch service runs on " << EscapedText(session.DataFolder()) << "\n";
+  }
+  return kExitOk;
+}

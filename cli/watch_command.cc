@@ -1,0 +1,280 @@
+// signdb watch [POLICY...]: keeps the policies' databases up to date from the kernel's file events,
+// answers queries on a local socket while it runs, and saves on a period and when it is stopped.
+
+#include <pthread.h>
+#include <signal.h>
+#include <sys/epoll.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <iostream>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <Poco/Dynamic/Var.h>
+#include <Poco/JSON/Object.h>
+#include <Poco/JSON/Parser.h>
+
+#include "cli/command_line.h"
+#include "cli/commands.h"
+#include "cli/exit_status.h"
+#include "cli/policy_watch.h"
+#include "cli/query_server.h"
+#include "cli/recorded_object_json.h"
+#include "cli/service_lock.h"
+#include "cli/session.h"
+#include "cli/text_format.h"
+#include "cli/tree_check.h"
+#include "front/sign_db.h"
+#include "refhost/safe_text.h"
+#include "hashdb/hash_db.h"
+
+namespace {
+
+using CClock = std::chrono::steady_clock;
+
+constexpr long kDefaultSavePeriodSeconds = 300;
+
+std::string ErrorAnswer(const std::string& reason) { return "{\"ok\":false,\"error\":" + JsonString(reason) + "}"; }
+
+// The service: its policies, its socket, and the loop that waits for all of them.
+class CWatchService {
+ public:
+  CWatchService(CSession& session, std::chrono::seconds save_period) : session_(session), save_period_(save_period) {}
+
+  void Add(const CRefPolicySettings& policy, std::shared_ptr<CHashDB> database) {
+    watches_.push_back(std::make_unique<CPolicyWatch>(session_, policy, std::move(database)));
+  }
+
+  // Follows the events until SIGTERM or SIGINT; saves what changed, then returns.
+  // "stop_signals" must be blocked in every thread of the process (block them before any thread
+  // starts): they are taken from a descriptor, at a point where stopping loses nothing.
+  void Run(const sigset_t& stop_signals) {
+    int signal_fd = ::signalfd(-1, &stop_signals, SFD_CLOEXEC | SFD_NONBLOCK);
+    int epoll_fd = ::epoll_create1(EPOLL_CLOEXEC);
+    if (signal_fd < 0 || epoll_fd < 0) throw CToolError(std::string("cannot wait for events: ") + std::strerror(errno));
+
+    for (auto& watch : watches_) {
+      watch->Start();
+      watch->Save(true);  // what the start-up reconcile found is kept at once
+    }
+    CQueryServer server(session_.DataFolder() + "/watch.sock",
+                        [this](const std::string& request) { return Answer(request); });
+    auto add = [epoll_fd](int fd, uint64_t tag) {
+      epoll_event event {};
+      event.events = EPOLLIN;
+      event.data.u64 = tag;
+      if (::epoll_ctl(epoll_fd, EPOLL_CTL_ADD, fd, &event) != 0) {
+        throw CToolError(std::string("cannot wait for events: ") + std::strerror(errno));
+      }
+    };
+    constexpr uint64_t kSignalTag = ~0ull;
+    constexpr uint64_t kServerTag = ~0ull - 1;
+    add(signal_fd, kSignalTag);
+    add(server.fd(), kServerTag);
+    for (size_t i = 0; i < watches_.size(); ++i) add(watches_[i]->fd(), i);
+    std::cout << "watching " << watches_.size() << (watches_.size() == 1 ? " policy" : " policies")
+              << " with inotify; queries at " << server.path() << std::endl;
+
+    std::optional<CClock::time_point> save_due;
+    for (;;) {
+      // Asleep until something happens: a queued write to read, or unsaved changes to save.
+      std::optional<CClock::time_point> wake = save_due;
+      for (auto& watch : watches_) {
+        std::optional<CClock::time_point> due = watch->NextDue();
+        if (due && (!wake || *due < *wake)) wake = due;
+      }
+      int timeout = -1;
+      if (wake) {
+        auto left = std::chrono::ceil<std::chrono::milliseconds>(*wake - CClock::now()).count();
+        timeout = static_cast<int>(std::clamp<long long>(left, 0, 24LL * 3600 * 1000));
+      }
+      epoll_event ready[16];
+      int count = ::epoll_wait(epoll_fd, ready, 16, timeout);
+      if (count < 0 && errno != EINTR) throw CToolError(std::string("cannot wait for events: ") + std::strerror(errno));
+      bool stop = false;
+      for (int i = 0; i < count; ++i) {
+        uint64_t tag = ready[i].data.u64;
+        if (tag == kSignalTag) {
+          stop = true;
+        } else if (tag == kServerTag) {
+          server.Process();
+        } else {
+          watches_[tag]->OnEvents();
+        }
+      }
+      CClock::time_point now = CClock::now();
+      for (auto& watch : watches_) watch->ApplyDue(now);
+      if (stop) break;
+      bool changed = std::any_of(watches_.begin(), watches_.end(),
+                                 [](const auto& watch) { return watch->changed_since_save(); });
+      if (!changed) {
+        save_due.reset();
+      } else if (!save_due) {
+        save_due = now + save_period_;
+      } else if (*save_due <= now) {
+        SaveAll();
+        save_due.reset();
+      }
+    }
+    // Stopped: what is still queued is read now, and everything saved.
+    for (auto& watch : watches_) watch->ApplyDue(CClock::time_point::max());
+    SaveAll();
+    ::close(epoll_fd);
+    ::close(signal_fd);
+  }
+
+ private:
+  void SaveAll() {
+    for (auto& watch : watches_) {
+      try {
+        watch->Save();
+      } catch (const std::exception& e) {
+        std::cerr << "signdb watch: " << watch->policy().name << ": cannot save: " << EscapedText(e.what()) << "\n";
+      }
+    }
+  }
+
+  CPolicyWatch* Find(const std::string& name) {
+    for (auto& watch : watches_) {
+      if (watch->policy().name == name) return watch.get();
+    }
+    return nullptr;
+  }
+
+  // One query: {"request":"status"}, {"request":"lookup","hash":H}, {"request":"show","policy":P,"path":R}.
+  std::string Answer(const std::string& line) {
+    Poco::JSON::Object::Ptr request;
+    try {
+      Poco::Dynamic::Var parsed = Poco::JSON::Parser().parse(line);
+      request = parsed.extract<Poco::JSON::Object::Ptr>();
+    } catch (const std::exception&) {
+      return ErrorAnswer("not a JSON object: a request is one line like {\"request\":\"status\"}");
+    }
+    if (request.isNull()) return ErrorAnswer("not a JSON object: a request is one line like {\"request\":\"status\"}");
+    std::string kind = request->optValue<std::string>("request", "");
+    try {
+      if (kind == "status") return Status();
+      if (kind == "lookup") return Lookup(request->optValue<std::string>("hash", ""));
+      if (kind == "show") {
+        return Show(request->optValue<std::string>("policy", ""), request->optValue<std::string>("path", ""));
+      }
+    } catch (const std::exception& e) {
+      return ErrorAnswer(e.what());
+    }
+    return ErrorAnswer("unknown request '" + kind + "': status, lookup or show");
+  }
+
+  std::string Status() {
+    std::string answer = "{\"ok\":true,\"pid\":" + std::to_string(::getpid()) + ",\"policies\":[";
+    for (size_t i = 0; i < watches_.size(); ++i) {
+      const CPolicyWatch& watch = *watches_[i];
+      const CPolicyWatch::CCounters& counters = watch.counters();
+      answer += (i == 0 ? "" : ",");
+      answer += "{\"name\":" + JsonString(watch.policy().name) + ",\"root\":" + JsonString(watch.policy().root) +
+                ",\"watcher\":" + JsonString(watch.watcher_kind()) + ",\"events\":" + std::to_string(counters.events) +
+                ",\"applied\":" + std::to_string(counters.applied) + ",\"queued\":" + std::to_string(watch.queued()) +
+                ",\"reconciles\":" + std::to_string(counters.reconciles) + ",\"lost\":" + std::to_string(counters.lost) +
+                ",\"failures\":" + std::to_string(counters.failures) +
+                ",\"changes\":" + std::to_string(watch.database()->ChangeCounter()) +
+                ",\"last_save\":" + JsonString(counters.last_save) + "}";
+    }
+    return answer + "]}";
+  }
+
+  std::string Lookup(const std::string& hash) {
+    if (hash.empty()) return ErrorAnswer("lookup needs a \"hash\"");
+    std::string lowered = hash;
+    std::transform(lowered.begin(), lowered.end(), lowered.begin(), [](unsigned char c) { return std::tolower(c); });
+    for (auto& watch : watches_) {
+      std::wstring path = watch->database()->PathByHash(lowered, false);
+      if (!path.empty()) {
+        return "{\"ok\":true,\"policy\":" + JsonString(watch->policy().name) +
+               ",\"path\":" + JsonString(session_.Narrow(path)) + "}";
+      }
+    }
+    return "{\"ok\":true,\"policy\":null,\"path\":null}";
+  }
+
+  std::string Show(const std::string& policy_name, const std::string& path) {
+    CPolicyWatch* watch = Find(policy_name);
+    if (watch == nullptr) return ErrorAnswer("no policy named '" + policy_name + "' is watched");
+    std::string relative = RelativeToRoot(watch->policy(), path);
+    std::wstring full = session_.WideFullPath(watch->policy(), relative);
+    CHashDB& database = *watch->database();
+    if (!database.ExistsAs(full, database.IsDirectory(full))) {
+      return ErrorAnswer((relative.empty() ? std::string(".") : relative) + " is not recorded in policy '" +
+                         policy_name + "'");
+    }
+    return "{\"ok\":true,\"object\":" + RecordedObjectJson(database, full, session_.Narrow(full), relative) + "}";
+  }
+
+  CSession& session_;
+  std::chrono::seconds save_period_;
+  std::vector<std::unique_ptr<CPolicyWatch>> watches_;
+};
+
+}  // namespace
+
+int RunWatch(const CCommandLine& line) {
+  RequireShape(line, {"--rescan", "--save-period", "--quiet"}, 0, SIZE_MAX);
+  long save_period = kDefaultSavePeriodSeconds;
+  if (!line.Value("--save-period").empty()) {
+    try {
+      size_t used = 0;
+      save_period = std::stol(line.Value("--save-period"), &used);
+      if (used != line.Value("--save-period").size() || save_period < 1) throw std::invalid_argument("");
+    } catch (const std::exception&) {
+      throw CToolError("--save-period takes a number of seconds, 1 or more: '" + line.Value("--save-period") + "'");
+    }
+  }
+  // Before any thread starts (the session's pool): every thread inherits the blocked signals, so
+  // none is stopped by them; the service reads them from a descriptor instead.
+  sigset_t stop_signals;
+  sigemptyset(&stop_signals);
+  sigaddset(&stop_signals, SIGTERM);
+  sigaddset(&stop_signals, SIGINT);
+  if (::pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr) != 0) throw CToolError("cannot block the stop signals");
+  CSession session(line);
+  std::unique_ptr<CServiceLock> service_lock;
+  try {
+    service_lock = std::make_unique<CServiceLock>(session.DataFolder());
+  } catch (const std::runtime_error& e) {
+    throw CToolError(e.what());
+  }
+  std::vector<const CRefPolicySettings*> policies;
+  if (line.arguments.empty()) {
+    for (const CRefPolicySettings& policy : session.settings().policies) policies.push_back(&policy);
+    if (policies.empty()) throw CToolError("the configuration " + session.config_path() + " names no policy");
+  } else {
+    for (const std::string& name : line.arguments) policies.push_back(&session.Policy(name));
+  }
+  session.PrepareSigner();
+  CWatchService service(session, std::chrono::seconds(save_period));
+  for (const CRefPolicySettings* policy : policies) {
+    session.RequireRoot(*policy);
+    session.LockPolicy(*policy, CPolicyLock::CMode::kExclusive);
+    std::shared_ptr<CHashDB> database;
+    if (!session.front().HdbFileExists(policy->name)) {
+      database = session.NewDatabase(*policy);  // recorded afresh by the start-up reconcile
+    } else {
+      try {
+        database = session.LoadDatabase(*policy);
+      } catch (const CToolError& e) {
+        if (!line.Has("--rescan")) throw;
+        std::cerr << "signdb watch: " << EscapedText(e.what()) << "; recording the tree of policy '" << policy->name
+                  << "' afresh (--rescan)\n";
+        database = session.NewDatabase(*policy);
+      }
+    }
+    service.Add(*policy, database);
+  }
+  service.Run(stop_signals);
+  return kExitOk;
+}
