@@ -117,8 +117,9 @@ void CPolicyWatch::Apply(const CWatchEvent& event) {
     case CWatchEvent::CKind::kCreated:
       // A directory is recorded at once: what appears in it is recorded below it. A file waits
       // for its writing to settle. Either way its directory's times changed.
+      // (What is queued below a directory stays queued: the directory is often reported again
+      // when both its listing and its parent's watch saw it appear.)
       if (event.directory) {
-        Requeue(event.path, std::nullopt);
         Record(event.path);
       } else {
         Queue(event.path, now);

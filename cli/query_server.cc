@@ -115,14 +115,14 @@ bool CQueryServer::Serve(int client) {
     if (length == 0) return false;  // the client is done
     pending.append(buffer, static_cast<size_t>(length));
     size_t end;
-    while ((end = pending.find('\n')) != std::string::npos) {
+    while ((end = pending.find('\n')) != std::string::npos && end <= kLongestRequest) {
       std::string request = pending.substr(0, end);
       pending.erase(0, end + 1);
       if (!request.empty() && request.back() == '\r') request.pop_back();
       if (request.empty()) continue;
       if (!Send(client, handler_(request))) return false;
     }
-    if (pending.size() > kLongestRequest) {
+    if (pending.size() > kLongestRequest && (end == std::string::npos || end > kLongestRequest)) {
       Send(client, ErrorAnswer("request too long: at most " + std::to_string(kLongestRequest) + " bytes per line"));
       return false;
     }

@@ -1,0 +1,351 @@
+// The watch service run for real on real folders: every change to the tree reaches the database
+// within a second, as its socket answers, and what it saves when stopped is what a check of the
+// tree expects.
+
+#include <signal.h>
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <functional>
+#include <string>
+#include <thread>
+
+#include <Poco/Dynamic/Var.h>
+#include <Poco/JSON/Object.h>
+#include <Poco/JSON/Parser.h>
+
+#include "cli/query_server.h"
+#include "tests/tool_fixture.h"
+
+extern char** environ;
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr auto kWithin = 1s;  // how soon a change must be visible
+
+Poco::JSON::Object::Ptr Parse(const std::string& line) {
+  return Poco::JSON::Parser().parse(line).extract<Poco::JSON::Object::Ptr>();
+}
+
+}  // namespace
+
+class WatchTest : public ToolTest {
+ protected:
+  ~WatchTest() override { Stop(SIGKILL); }
+
+  std::string Socket() const { return Data("watch.sock"); }
+
+  // Starts "signdb watch ARGS" and waits until it answers.
+  void Start(const std::string& args = "") {
+    std::string command = "exec '" SIGNDB_TOOL_PATH "' --config '" + config_ + "' watch " + args + " >'" +
+                          (dir_ / "watch.out") + "' 2>'" + (dir_ / "watch.err") + "'";
+    const char* argv[] = {"/bin/sh", "-c", command.c_str(), nullptr};
+    ASSERT_EQ(0, ::posix_spawn(&pid_, "/bin/sh", nullptr, nullptr, const_cast<char**>(argv), environ));
+    auto deadline = std::chrono::steady_clock::now() + 30s;
+    while (std::chrono::steady_clock::now() < deadline) {
+      int status = 0;
+      if (::waitpid(pid_, &status, WNOHANG) == pid_) {
+        pid_ = -1;
+        FAIL() << "the service ended: " << CTempDir::Read(dir_ / "watch.err");
+      }
+      try {
+        if (Parse(AskService(Socket(), "{\"request\":\"status\"}"))->optValue<bool>("ok", false)) return;
+      } catch (const std::exception&) {
+      }
+      std::this_thread::sleep_for(20ms);
+    }
+    FAIL() << "the service did not answer: " << CTempDir::Read(dir_ / "watch.err");
+  }
+
+  // Sends "signal" and waits for the service to end; returns its exit status.
+  int Stop(int signal = SIGTERM) {
+    if (pid_ < 0) return -1;
+    ::kill(pid_, signal);
+    int status = 0;
+    ::waitpid(pid_, &status, 0);
+    pid_ = -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  }
+
+  Poco::JSON::Object::Ptr Ask(const std::string& request) { return Parse(AskService(Socket(), request)); }
+
+  // What the running service records at "relative", or null when it records nothing there.
+  Poco::JSON::Object::Ptr Shown(const std::string& relative) {
+    Poco::JSON::Object::Ptr answer = Ask("{\"request\":\"show\",\"policy\":\"t\",\"path\":" + JsonText(relative) + "}");
+    return answer->optValue<bool>("ok", false) ? answer->getObject("object") : nullptr;
+  }
+
+  // Whether "holds" becomes true within "within", asking again and again.
+  bool Eventually(const std::function<bool()>& holds, std::chrono::milliseconds within = kWithin) {
+    auto deadline = std::chrono::steady_clock::now() + within;
+    for (;;) {
+      if (holds()) return true;
+      if (std::chrono::steady_clock::now() > deadline) return false;
+      std::this_thread::sleep_for(10ms);
+    }
+  }
+  bool EventuallyRecorded(const std::string& relative, const std::string& hash,
+                          std::chrono::milliseconds within = kWithin) {
+    return Eventually(
+        [&] {
+          Poco::JSON::Object::Ptr object = Shown(relative);
+          return object && object->optValue<std::string>("hash", "") == hash;
+        },
+        within);
+  }
+  bool EventuallyGone(const std::string& relative) {
+    return Eventually([&] { return Shown(relative).isNull(); });
+  }
+
+  static std::string JsonText(const std::string& text) { return "\"" + text + "\""; }
+
+  pid_t pid_ = -1;
+};
+
+TEST_F(WatchTest, ANewFileIsRecordedWithinASecond) {
+  Init();
+  Start();
+  Write("new.txt", "fresh\n");
+  EXPECT_TRUE(EventuallyRecorded("new.txt", Sha256("fresh\n")));
+  EXPECT_EQ("file", Shown("new.txt")->optValue<std::string>("kind", ""));
+}
+
+TEST_F(WatchTest, AContentChangeIsRecordedWithinASecond) {
+  Write("f.txt", "one\n");
+  Init();
+  Start();
+  ASSERT_TRUE(EventuallyRecorded("f.txt", Sha256("one\n")));
+  Append("f.txt", "two\n");
+  EXPECT_TRUE(EventuallyRecorded("f.txt", Sha256("one\ntwo\n")));
+}
+
+TEST_F(WatchTest, AModeAndAnOwnerChangeAreRecorded) {
+  Write("f.txt", "x");
+  Init();
+  Start();
+  ASSERT_EQ(0, ::chmod(Tree("f.txt").c_str(), 0600));
+  EXPECT_TRUE(Eventually([&] { return (Shown("f.txt")->optValue<uint32_t>("attributes", 0) & 07777) == 0600; }));
+  if (::geteuid() != 0) GTEST_SKIP() << "changing a file's owner needs root";
+  ASSERT_EQ(0, ::chown(Tree("f.txt").c_str(), 65534, 65534));
+  EXPECT_TRUE(Eventually([&] {
+    return Shown("f.txt")->getObject("security_items")->optValue<std::string>("uid", "") == "65534";
+  }));
+}
+
+TEST_F(WatchTest, ARenameWithinADirectoryKeepsTheRecordUnderTheNewName) {
+  Write("d/old.txt", "content");
+  Init();
+  Start();
+  ASSERT_EQ(0, ::rename(Tree("d/old.txt").c_str(), Tree("d/new.txt").c_str()));
+  EXPECT_TRUE(EventuallyRecorded("d/new.txt", Sha256("content")));
+  EXPECT_TRUE(EventuallyGone("d/old.txt"));
+}
+
+TEST_F(WatchTest, AMoveAcrossDirectoriesUnderANewNameLandsWhereTheFileNowIs) {
+  Write("a/x", "moving");
+  Write("b/x", "stays in b");
+  Write("a/y", "stays in a");
+  Init();
+  Start();
+  // Both directories hold other objects under the two names: none of them is taken for the moved one.
+  ASSERT_EQ(0, ::rename(Tree("a/x").c_str(), Tree("b/y").c_str()));
+  EXPECT_TRUE(EventuallyRecorded("b/y", Sha256("moving")));
+  EXPECT_TRUE(EventuallyGone("a/x"));
+  EXPECT_EQ(Sha256("stays in b"), Shown("b/x")->optValue<std::string>("hash", ""));
+  EXPECT_EQ(Sha256("stays in a"), Shown("a/y")->optValue<std::string>("hash", ""));
+}
+
+TEST_F(WatchTest, ARenamedDirectoryCarriesEveryFileBelowIt) {
+  for (int i = 0; i < 200; ++i) Write("big/sub/f" + std::to_string(i), "file " + std::to_string(i));
+  Init();
+  Start();
+  auto applied = [&] {
+    return Ask("{\"request\":\"status\"}")->getArray("policies")->getObject(0)->optValue<uint64_t>("applied", 0);
+  };
+  uint64_t before = applied();
+  ASSERT_EQ(0, ::rename(Tree("big").c_str(), Tree("renamed").c_str()));
+  EXPECT_TRUE(EventuallyRecorded("renamed/sub/f199", Sha256("file 199")));
+  EXPECT_TRUE(EventuallyGone("big"));
+  for (int i = 0; i < 200; i += 37) {
+    EXPECT_EQ(Sha256("file " + std::to_string(i)), Shown("renamed/sub/f" + std::to_string(i))->optValue<std::string>("hash", ""));
+  }
+  // One move (and a new look at the directories involved), not 200 removals and insertions.
+  EXPECT_LT(applied() - before, 10u);
+}
+
+TEST_F(WatchTest, ADeepPathMadeAtOnceIsRecordedWholeWithItsFile) {
+  Init();
+  Start();
+  ASSERT_EQ(0, RunShell("(mkdir -p tree/p/q/r/s/t && echo deep > tree/p/q/r/s/t/leaf)").status);
+  EXPECT_TRUE(EventuallyRecorded("p/q/r/s/t/leaf", Sha256("deep\n")));
+  EXPECT_EQ("directory", Shown("p/q/r/s")->optValue<std::string>("kind", ""));
+}
+
+TEST_F(WatchTest, ADirectoryMadeAndFilledBeforeItsWatchIsInPlaceMissesNothing) {
+  Init();
+  Start();
+  // Made and filled by one shell as fast as it can: most files exist before the watch does.
+  ASSERT_EQ(0, RunShell("mkdir tree/burst && for i in $(seq 1 300); do echo $i > tree/burst/f$i; done").status);
+  EXPECT_TRUE(Eventually([&] {
+    for (int i = 1; i <= 300; ++i) {
+      if (Shown("burst/f" + std::to_string(i)).isNull()) return false;
+    }
+    return true;
+  }, 3s));
+  EXPECT_EQ(Sha256("300\n"), Shown("burst/f300")->optValue<std::string>("hash", ""));
+}
+
+TEST_F(WatchTest, ARemovedSubtreeLeavesTheDatabase) {
+  Write("gone/a/b/c", "c");
+  Write("gone/d", "d");
+  Write("kept", "k");
+  Init();
+  Start();
+  ASSERT_EQ(0, RunShell("rm -rf tree/gone").status);
+  EXPECT_TRUE(EventuallyGone("gone"));
+  EXPECT_TRUE(Shown("gone/a/b/c").isNull());
+  EXPECT_FALSE(Shown("kept").isNull());
+}
+
+TEST_F(WatchTest, ASymbolicLinkMadeAndRetargetedIsRecordedWithItsTarget) {
+  Init();
+  Start();
+  Symlink("first", "link");
+  EXPECT_TRUE(Eventually([&] {
+    Poco::JSON::Object::Ptr link = Shown("link");
+    return link && link->optValue<std::string>("target", "") == "first";
+  }));
+  ASSERT_EQ(0, RunShell("ln -sfn second tree/link").status);
+  EXPECT_TRUE(Eventually([&] {
+    Poco::JSON::Object::Ptr link = Shown("link");
+    return link && link->optValue<std::string>("target", "") == "second";
+  }));
+}
+
+TEST_F(WatchTest, AFileReplacedByADirectoryIsRecordedAsADirectory) {
+  Write("thing", "a file");
+  Init();
+  Start();
+  ASSERT_EQ(0, RunShell("(rm tree/thing && mkdir tree/thing && echo inside > tree/thing/in)").status);
+  EXPECT_TRUE(EventuallyRecorded("thing/in", Sha256("inside\n")));
+  EXPECT_EQ("directory", Shown("thing")->optValue<std::string>("kind", ""));
+}
+
+TEST_F(WatchTest, AFileWrittenThousandsOfTimesIsReadAFewTimes) {
+  Write("busy", "");
+  Init();
+  Start();
+  ASSERT_EQ(0, RunShell("for i in $(seq 1 2000); do echo $i >> tree/busy; done").status);
+  std::string content;
+  for (int i = 1; i <= 2000; ++i) content += std::to_string(i) + "\n";
+  EXPECT_TRUE(EventuallyRecorded("busy", Sha256(content), 3s));
+  Poco::JSON::Object::Ptr policy = Ask("{\"request\":\"status\"}")->getArray("policies")->getObject(0);
+  EXPECT_GT(policy->optValue<uint64_t>("events", 0), 2000u);
+  EXPECT_LT(policy->optValue<uint64_t>("applied", 0), 200u) << "each write read on its own";
+}
+
+TEST_F(WatchTest, AfterSigtermTheSavedDatabaseIsWhatACheckOfTheTreeExpects) {
+  ScanSample();
+  Start();
+  Write("etc/new.conf", "x=1\n");
+  ASSERT_EQ(0, ::rename(Tree("etc/motd").c_str(), Tree("docs/motd").c_str()));
+  ASSERT_EQ(0, ::unlink(Tree("bin/tool").c_str()));
+  ASSERT_EQ(0, ::chmod(Tree("etc/passwd").c_str(), 0600));
+  ASSERT_EQ(0, RunShell("mkdir -p tree/var/lib && echo state > tree/var/lib/s && ln -sfn etc tree/hosts-link").status);
+  ASSERT_TRUE(EventuallyRecorded("var/lib/s", Sha256("state\n")));
+  EXPECT_EQ(0, Stop(SIGTERM));
+  CToolRun check = Tool("check t");
+  EXPECT_EQ(0, check.status) << check.out << check.err;
+  EXPECT_NE(std::string::npos, check.out.find("no differences")) << check.out;
+}
+
+TEST_F(WatchTest, ChangesMadeWhileTheServiceWasKilledAreFoundWhenItStartsAgain) {
+  Write("a", "before");
+  Write("b", "b");
+  Init();
+  Start();
+  ASSERT_EQ(137, Stop(SIGKILL));
+  Write("a", "while down");
+  ASSERT_EQ(0, ::unlink(Tree("b").c_str()));
+  Write("c", "new while down");
+  Start();
+  EXPECT_EQ(Sha256("while down"), Shown("a")->optValue<std::string>("hash", ""));
+  EXPECT_TRUE(Shown("b").isNull());
+  EXPECT_EQ(Sha256("new while down"), Shown("c")->optValue<std::string>("hash", ""));
+}
+
+TEST_F(WatchTest, BadRequestsGetAClearErrorAndTheServiceGoesOn) {
+  Init();
+  Start();
+  EXPECT_EQ("not a JSON object: a request is one line like {\"request\":\"status\"}",
+            Ask("this is not json")->optValue<std::string>("error", ""));
+  EXPECT_EQ("no policy named 'nope' is watched",
+            Ask("{\"request\":\"show\",\"policy\":\"nope\",\"path\":\"x\"}")->optValue<std::string>("error", ""));
+  EXPECT_EQ("unknown request 'drop': status, lookup or show", Ask("{\"request\":\"drop\"}")->optValue<std::string>("error", ""));
+  std::string huge = "{\"request\":\"" + std::string(CQueryServer::kLongestRequest + 10, 'x');
+  EXPECT_EQ("request too long: at most 65536 bytes per line", Parse(AskService(Socket(), huge))->optValue<std::string>("error", ""));
+  EXPECT_TRUE(Ask("{\"request\":\"status\"}")->optValue<bool>("ok", false));
+}
+
+TEST_F(WatchTest, TheSocketIsTheOwnersAlone) {
+  Init();
+  Start();
+  struct stat status {};
+  ASSERT_EQ(0, ::stat(Socket().c_str(), &status));
+  EXPECT_TRUE(S_ISSOCK(status.st_mode));
+  EXPECT_EQ(0u, status.st_mode & 077u);
+}
+
+TEST_F(WatchTest, ASecondServiceOnTheSameDataFolderRefusesAndNamesTheFirst) {
+  Init();
+  Start();
+  CToolRun second = Tool("watch");
+  EXPECT_EQ(2, second.status) << second.err;
+  EXPECT_NE(std::string::npos, second.err.find("signdb watch already runs on")) << second.err;
+  EXPECT_NE(std::string::npos, second.err.find("(process " + std::to_string(pid_) + ")")) << second.err;
+}
+
+TEST_F(WatchTest, ATamperedDatabaseStopsTheServiceUnlessItIsToRecordTheTreeAfresh) {
+  ScanSample();
+  {
+    std::fstream hdb(Data("t.hdb"), std::ios::in | std::ios::out | std::ios::binary);
+    hdb.seekp(-3, std::ios::end);
+    hdb.put('\x7f');
+  }
+  CToolRun refused = Tool("watch");
+  EXPECT_EQ(2, refused.status);
+  EXPECT_NE(std::string::npos, refused.err.find("signature")) << refused.err;
+  Start("--rescan");
+  EXPECT_EQ(Sha256("welcome\n"), Shown("etc/motd")->optValue<std::string>("hash", ""));
+  EXPECT_NE(std::string::npos, CTempDir::Read(dir_ / "watch.err").find("afresh"));
+}
+
+TEST_F(WatchTest, StatusTellsWhetherAServiceRuns) {
+  ScanSample();
+  CToolRun idle = Tool("status");
+  EXPECT_EQ(0, idle.status) << idle.err;
+  EXPECT_NE(std::string::npos, idle.out.find("no watch service runs")) << idle.out;
+  Start();
+  CToolRun running = Tool("status");
+  EXPECT_EQ(0, running.status) << running.err;
+  EXPECT_NE(std::string::npos, running.out.find("watched with inotify")) << running.out;
+  CToolRun json = Tool("status --json");
+  EXPECT_EQ(pid_, Parse(json.out)->optValue<int>("pid", 0));
+}
+
+TEST_F(WatchTest, LookupThroughTheServiceFindsANewFileByItsHash) {
+  Init();
+  Start();
+  Write("found/me", "look me up");
+  ASSERT_TRUE(EventuallyRecorded("found/me", Sha256("look me up")));
+  Poco::JSON::Object::Ptr answer = Ask("{\"request\":\"lookup\",\"hash\":\"" + Sha256("look me up") + "\"}");
+  EXPECT_EQ(Tree("found/me"), answer->optValue<std::string>("path", ""));
+  EXPECT_EQ("t", answer->optValue<std::string>("policy", ""));
+}
