@@ -177,6 +177,33 @@ const std::map<std::string, std::string>& CommandHelp() {
        "\n"
        "examples:\n"
        "  signdb rules var log/syslog\n"},
+      {"watch",
+       "usage: signdb watch [POLICY...] [--save-period SECONDS] [--rescan] [--passphrase-fd N]\n"
+       "\n"
+       "Runs until SIGTERM or SIGINT, keeping the policies' databases (all of them when none is\n"
+       "named) up to date from the kernel's file events (inotify: a watch per directory). At start\n"
+       "each database is loaded with its signature checked (a refused one stops the service, or,\n"
+       "with --rescan, the tree is recorded afresh), then reconciled with the tree, so that nothing\n"
+       "changed while no service ran is missed. A file is read once its writing settles; a rename or\n"
+       "move keeps the records (a directory with everything below it); events the kernel dropped\n"
+       "lead to a reconcile. Changes are saved SECONDS after the first unsaved one (300 by default)\n"
+       "and when the service stops (exit 0). Nothing runs while nothing changes.\n"
+       "\n"
+       "Queries: one JSON request per line on the owner-only socket DATA/watch.sock:\n"
+       "  {\"request\":\"status\"}  {\"request\":\"lookup\",\"hash\":H}\n"
+       "  {\"request\":\"show\",\"policy\":P,\"path\":PATH}\n"
+       "One service per data folder: a second one names the process that runs.\n"
+       "\n"
+       "examples:\n"
+       "  signdb watch etc home --save-period 60\n"},
+      {"status",
+       "usage: signdb status [--json]\n"
+       "\n"
+       "What the running watch service says of each policy (events received and applied, writes\n"
+       "waiting, reconciles, events lost, last save), or, when none runs, when each database was saved.\n"
+       "\n"
+       "examples:\n"
+       "  signdb status --json\n"},
       {"renew",
        "usage: signdb renew --ca-key PATH [--days N] [--passphrase-fd N]\n"
        "\n"
@@ -213,6 +240,8 @@ void PrintUsage(std::ostream& out) {
          "  sign FILE.candidate      sign a candidate on the host that holds the signer key\n"
          "  accept POLICY            put a candidate signed elsewhere in place\n"
          "  rules POLICY PATH        which rule applies to a path, and why\n"
+         "  watch [POLICY...]        keep the databases up to date from file events, answer queries\n"
+         "  status                   what the running watch service does, or when each was saved\n"
          "  renew --ca-key PATH      issue a new signer certificate with the offline CA key\n"
          "  selftest                 exercise the module through the reference host\n"
          "  version                  print the tool's version\n"

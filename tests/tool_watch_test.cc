@@ -281,6 +281,26 @@ TEST_F(WatchTest, ChangesMadeWhileTheServiceWasKilledAreFoundWhenItStartsAgain) 
   EXPECT_EQ(Sha256("new while down"), Shown("c")->optValue<std::string>("hash", ""));
 }
 
+TEST_F(WatchTest, EventsTheKernelDroppedLeadToAReconcileThatFindsWhatWasMissed) {
+  Write("many/seed", "s");
+  Init();
+  Start();
+  // Stopped, the service reads nothing while more events than the kernel keeps are queued.
+  long most = std::stol(CTempDir::Read("/proc/sys/fs/inotify/max_queued_events"));
+  long files = most / 2 + 1000;
+  ASSERT_EQ(0, ::kill(pid_, SIGSTOP));
+  CToolRun made = RunShell("(cd tree/many && seq -f 'f%.0f' 1 " + std::to_string(files) + " | xargs touch && echo last > f1)");
+  ::kill(pid_, SIGCONT);
+  ASSERT_EQ(0, made.status) << made.err;
+  EXPECT_TRUE(Eventually([&] {
+    Poco::JSON::Object::Ptr policy = Ask("{\"request\":\"status\"}")->getArray("policies")->getObject(0);
+    return policy->optValue<uint64_t>("lost", 0) >= 1 && policy->optValue<uint64_t>("reconciles", 0) >= 2;
+  }, 10s));
+  EXPECT_TRUE(EventuallyRecorded("many/f1", Sha256("last\n"), 10s));
+  EXPECT_FALSE(Shown("many/f" + std::to_string(files)).isNull());
+  EXPECT_FALSE(Shown("many/f" + std::to_string(files / 2)).isNull());
+}
+
 TEST_F(WatchTest, BadRequestsGetAClearErrorAndTheServiceGoesOn) {
   Init();
   Start();
