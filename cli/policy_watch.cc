@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "cli/difference_apply.h"
+#include "cli/object_state.h"
 #include "cli/policy_rules.h"
 #include "cli/session.h"
 #include "cli/text_format.h"
@@ -111,8 +112,10 @@ void CPolicyWatch::Apply(const CWatchEvent& event) {
       Reconcile();
       return;
     case CWatchEvent::CKind::kWritten:
+      Queue(event.path, now, true);
+      return;
     case CWatchEvent::CKind::kAttributes:
-      Queue(event.path, now);
+      Queue(event.path, now, false);
       return;
     case CWatchEvent::CKind::kCreated:
       // A directory is recorded at once: what appears in it is recorded below it. A file waits
@@ -122,7 +125,7 @@ void CPolicyWatch::Apply(const CWatchEvent& event) {
       if (event.directory) {
         Record(event.path);
       } else {
-        Queue(event.path, now);
+        Queue(event.path, now, true);
       }
       QueueParent(event.path, now);
       return;
@@ -140,13 +143,15 @@ void CPolicyWatch::Apply(const CWatchEvent& event) {
   }
 }
 
-void CPolicyWatch::Queue(const std::string& path, CClock::time_point now) {
-  auto [queued, added] = queued_.try_emplace(path, CQueued{now, now + kSettle});
-  if (!added) queued->second.due = std::min(now + kSettle, queued->second.first + kLongestWait);
+void CPolicyWatch::Queue(const std::string& path, CClock::time_point now, bool content) {
+  auto [queued, added] = queued_.try_emplace(path, CQueued{now, now + kSettle, content});
+  if (added) return;
+  queued->second.due = std::min(now + kSettle, queued->second.first + kLongestWait);
+  queued->second.content = queued->second.content || content;
 }
 
 void CPolicyWatch::QueueParent(const std::string& path, CClock::time_point now) {
-  if (!path.empty()) Queue(ParentOf(path), now);
+  if (!path.empty()) Queue(ParentOf(path), now, false);
 }
 
 void CPolicyWatch::Requeue(const std::string& top, const std::optional<std::string>& to) {
@@ -178,14 +183,14 @@ std::optional<CPolicyWatch::CClock::time_point> CPolicyWatch::NextDue() const {
 }
 
 void CPolicyWatch::ApplyDue(CClock::time_point now) {
-  std::vector<std::string> due;
+  std::vector<std::pair<std::string, bool>> due;
   for (const auto& [path, queued] : queued_) {
-    if (queued.due <= now) due.push_back(path);
+    if (queued.due <= now) due.emplace_back(path, queued.content);
   }
-  for (const std::string& path : due) {
+  for (const auto& [path, content] : due) {
     queued_.erase(path);
     try {
-      Record(path);
+      Record(path, content);
     } catch (const std::exception& e) {
       ++counters_.failures;
       std::cerr << "signdb watch: " << policy_.name << ": " << EscapedText(path) << ": " << EscapedText(e.what())
@@ -194,11 +199,19 @@ void CPolicyWatch::ApplyDue(CClock::time_point now) {
   }
 }
 
-void CPolicyWatch::Record(const std::string& relative) {
+void CPolicyWatch::Record(const std::string& relative, bool content) {
   CRefHost& host = session_.host();
+  std::optional<CKnownContent> known;
+  if (!content) {
+    std::wstring full = Wide(relative);
+    if (database_->ExistsAs(full, false)) {
+      CObjectState recorded = RecordedState(*database_, full);
+      known = CKnownContent{recorded.size, recorded.time_2, recorded.hash};
+    }
+  }
   std::shared_ptr<CRefFileObjInfo> info =
       CRefFileObjInfo::FromDisk(*host.Utility(), *host.Cfg(), Wide(""), Wide(relative),
-                                session_.settings().policy_number);
+                                session_.settings().policy_number, false, known ? &*known : nullptr);
   if (info->IsGone()) {
     if (Recorded(relative)) Remove(relative);
     return;
@@ -226,7 +239,7 @@ void CPolicyWatch::Move(const std::string& from, const std::string& to, bool dir
     if (directory) {
       Reconcile();
     } else {
-      Queue(to, CClock::now());
+      Queue(to, CClock::now(), true);
     }
     return;
   }
@@ -253,7 +266,7 @@ void CPolicyWatch::Move(const std::string& from, const std::string& to, bool dir
   }
   ++counters_.applied;
   // A rename changes the object's status change time: read its attributes again.
-  Queue(to, CClock::now());
+  Queue(to, CClock::now(), false);
 }
 
 bool CPolicyWatch::changed_since_save() const { return database_->ChangeCounter() != saved_changes_; }

@@ -71,14 +71,18 @@ class CPolicyWatch {
   struct CQueued {
     CClock::time_point first;
     CClock::time_point due;
+    // Written (or new) since it was last recorded: read its content. Otherwise only attributes
+    // changed, and a file whose size and modification time are what the database records keeps
+    // its recorded hash. Once set, it stays set until the object is read.
+    bool content = false;
   };
 
   void Apply(const CWatchEvent& event);
-  void Queue(const std::string& path, CClock::time_point now);
+  void Queue(const std::string& path, CClock::time_point now, bool content);
   // The directory that holds "path": its times changed when an entry came, went or moved.
   void QueueParent(const std::string& path, CClock::time_point now);
   // Reads the object at "relative" from disk and records it (or removes it when it is gone).
-  void Record(const std::string& relative);
+  void Record(const std::string& relative, bool content = true);
   void Remove(const std::string& relative);
   void Move(const std::string& from, const std::string& to, bool directory);
   bool Recorded(const std::string& relative);

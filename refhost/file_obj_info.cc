@@ -76,7 +76,8 @@ std::shared_ptr<CRefFileObjInfo> CRefFileObjInfo::AtDirectory(CUtilityService& u
                                                               const std::wstring& root, const std::wstring& path,
                                                               uint32_t policy_number, int directory_fd,
                                                               const std::string& name, bool likely_regular,
-                                                              CFileDescriptor* opened_directory) {
+                                                              CFileDescriptor* opened_directory,
+                                                              const CKnownContent* known) {
   auto info = std::make_shared<CRefFileObjInfo>();
   info->path_ = path;
   info->relative_ = cfg.RelativePath(root, path);
@@ -128,6 +129,10 @@ std::shared_ptr<CRefFileObjInfo> CRefFileObjInfo::AtDirectory(CUtilityService& u
     if (length < 0) Fail("cannot read link", narrow, errno);
     info->target_.assign(target.data(), static_cast<size_t>(length));
     info->target_wide_ = utility.ToWide(info->target_);
+  } else if (S_ISREG(status.st_mode) && known != nullptr && !known->hash.empty() &&
+             known->size == static_cast<uint64_t>(status.st_size) &&
+             known->modified == static_cast<uint64_t>(StatTimeNs(status.st_mtim))) {
+    info->hash_ = known->hash;  // the content was not written since it was hashed
   } else if (S_ISREG(status.st_mode)) {
     // At most the bytes it had when opened: a file that keeps growing is not followed.
     info->hash_ = HashOpenFilePrefix(fd.get(), static_cast<uint64_t>(status.st_size), policy_number, narrow);
@@ -146,7 +151,8 @@ std::shared_ptr<CRefFileObjInfo> CRefFileObjInfo::AtDirectory(CUtilityService& u
 
 std::shared_ptr<CRefFileObjInfo> CRefFileObjInfo::FromDisk(CUtilityService& utility, CCfgService& cfg,
                                                            const std::wstring& root, const std::wstring& path,
-                                                           uint32_t policy_number, bool likely_regular) {
+                                                           uint32_t policy_number, bool likely_regular,
+                                                           const CKnownContent* known) {
   std::string narrow_root = utility.ToNarrow(root);
   while (narrow_root.size() > 1 && narrow_root.back() == '/') narrow_root.pop_back();
   std::string narrow = utility.ToNarrow(path);
@@ -186,5 +192,5 @@ std::shared_ptr<CRefFileObjInfo> CRefFileObjInfo::FromDisk(CUtilityService& util
     }
     name = below.substr(start);
   }
-  return AtDirectory(utility, cfg, root, path, policy_number, directory.get(), name, likely_regular, nullptr);
+  return AtDirectory(utility, cfg, root, path, policy_number, directory.get(), name, likely_regular, nullptr, known);
 }

@@ -25,6 +25,15 @@ int OpenParentOfRoot(const std::string& root, std::string& name);
 // it is never followed. A device, FIFO or socket is a file object without hash or size, never
 // opened: its kind, device number and security attributes are what is compared. An object that
 // does not exist is "gone".
+// What a database already records of a regular file's content: when the file still has this
+// size and modification time, its recorded hash is taken instead of reading it again (an
+// attribute change: a chmod does not rewrite the content).
+struct CKnownContent {
+  uint64_t size = 0;
+  uint64_t modified = 0;  // nanoseconds, as time 2
+  std::string hash;
+};
+
 class CRefFileObjInfo : public CObjInfo {
  public:
   // Throws std::runtime_error when the object exists but cannot be read (its hash included).
@@ -38,7 +47,8 @@ class CRefFileObjInfo : public CObjInfo {
   // hashed for at most the size it had when opened; one that changed while being read throws.
   static std::shared_ptr<CRefFileObjInfo> FromDisk(CUtilityService& utility, CCfgService& cfg,
                                                    const std::wstring& root, const std::wstring& path,
-                                                   uint32_t policy_number, bool likely_regular = false);
+                                                   uint32_t policy_number, bool likely_regular = false,
+                                                   const CKnownContent* known = nullptr);
 
   // The same for the object "name" of the open directory "directory_fd" (its full path is "path",
   // named in messages only: no call goes by it, so it may be longer than PATH_MAX). When it is a
@@ -48,7 +58,8 @@ class CRefFileObjInfo : public CObjInfo {
                                                       const std::wstring& root, const std::wstring& path,
                                                       uint32_t policy_number, int directory_fd,
                                                       const std::string& name, bool likely_regular,
-                                                      CFileDescriptor* opened_directory);
+                                                      CFileDescriptor* opened_directory,
+                                                      const CKnownContent* known = nullptr);
 
   bool IsDirectory() override { return is_dir_; }
   std::wstring RelativePath() override { return relative_; }

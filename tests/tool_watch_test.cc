@@ -139,6 +139,33 @@ TEST_F(WatchTest, AModeAndAnOwnerChangeAreRecorded) {
   }));
 }
 
+// Bytes the service has read so far (its /proc io counter).
+static uint64_t BytesRead(pid_t pid) {
+  std::istringstream io(CTempDir::Read("/proc/" + std::to_string(pid) + "/io"));
+  for (std::string key, value; io >> key >> value;) {
+    if (key == "rchar:") return std::stoull(value);
+  }
+  return 0;
+}
+
+TEST_F(WatchTest, AnAttributeChangeOfALargeFileIsRecordedWithoutReadingItAgain) {
+  std::string big(32 << 20, 'b');
+  Write("big", big);
+  Init();
+  Start();
+  ASSERT_FALSE(Shown("big").isNull());
+  uint64_t before = BytesRead(pid_);
+  ASSERT_EQ(0, ::chmod(Tree("big").c_str(), 0640));
+  EXPECT_TRUE(Eventually([&] { return (Shown("big")->optValue<uint32_t>("attributes", 0) & 07777) == 0640; }));
+  EXPECT_LT(BytesRead(pid_) - before, 4u << 20) << "the content was read again";
+  EXPECT_EQ(Sha256(big), Shown("big")->optValue<std::string>("hash", ""));
+  // Written in place (same size), it is read again, whatever time the writer gives it afterwards.
+  ASSERT_EQ(0, RunShell("(printf c | dd of=tree/big bs=1 seek=5 conv=notrunc status=none && touch -d @1 tree/big)").status);
+  std::string changed = big;
+  changed[5] = 'c';
+  EXPECT_TRUE(EventuallyRecorded("big", Sha256(changed), 3s));
+}
+
 TEST_F(WatchTest, ARenameWithinADirectoryKeepsTheRecordUnderTheNewName) {
   Write("d/old.txt", "content");
   Init();
