@@ -5,9 +5,12 @@
 #include <iostream>
 #include <utility>
 
+#include "cli/change_log.h"
+#include "cli/difference.h"
 #include "cli/difference_apply.h"
 #include "cli/object_state.h"
 #include "cli/policy_rules.h"
+#include "cli/report_event.h"
 #include "cli/session.h"
 #include "cli/text_format.h"
 #include "cli/tree_check.h"
@@ -48,8 +51,9 @@ std::string UtcNow() {
 
 }  // namespace
 
-CPolicyWatch::CPolicyWatch(CSession& session, const CRefPolicySettings& policy, std::shared_ptr<CHashDB> database)
-    : session_(session), policy_(policy), database_(std::move(database)) {
+CPolicyWatch::CPolicyWatch(CSession& session, const CRefPolicySettings& policy, std::shared_ptr<CHashDB> database,
+                           CChangeLog* log)
+    : session_(session), policy_(policy), database_(std::move(database)), log_(log) {
   std::string data = session_.DataFolder();
   std::string root = policy_.root;
   while (root.size() > 1 && root.back() == '/') root.pop_back();
@@ -83,6 +87,7 @@ void CPolicyWatch::Reconcile() {
   ++counters_.reconciles;
   CTreeCheckResult result = CheckTree(session_, policy_, database_, true);
   ApplyDifferences(session_, policy_, *database_, result.differences);
+  for (const CDifference& difference : result.differences) Log(difference, "reconcile");
   counters_.applied += result.differences.size();
   counters_.failures += result.unreadable.size();
 }
@@ -123,15 +128,15 @@ void CPolicyWatch::Apply(const CWatchEvent& event) {
       // (What is queued below a directory stays queued: the directory is often reported again
       // when both its listing and its parent's watch saw it appear.)
       if (event.directory) {
-        Record(event.path);
+        Record(event.path, true, "created");
       } else {
-        Queue(event.path, now, true);
+        Queue(event.path, now, true, true);
       }
       QueueParent(event.path, now);
       return;
     case CWatchEvent::CKind::kRemoved:
       Requeue(event.path, std::nullopt);
-      Remove(event.path);
+      Remove(event.path, "removed");
       QueueParent(event.path, now);
       return;
     case CWatchEvent::CKind::kMoved:
@@ -143,11 +148,12 @@ void CPolicyWatch::Apply(const CWatchEvent& event) {
   }
 }
 
-void CPolicyWatch::Queue(const std::string& path, CClock::time_point now, bool content) {
-  auto [queued, added] = queued_.try_emplace(path, CQueued{now, now + kSettle, content});
+void CPolicyWatch::Queue(const std::string& path, CClock::time_point now, bool content, bool created) {
+  auto [queued, added] = queued_.try_emplace(path, CQueued{now, now + kSettle, content, created});
   if (added) return;
   queued->second.due = std::min(now + kSettle, queued->second.first + kLongestWait);
   queued->second.content = queued->second.content || content;
+  queued->second.created = queued->second.created || created;
 }
 
 void CPolicyWatch::QueueParent(const std::string& path, CClock::time_point now) {
@@ -183,14 +189,14 @@ std::optional<CPolicyWatch::CClock::time_point> CPolicyWatch::NextDue() const {
 }
 
 void CPolicyWatch::ApplyDue(CClock::time_point now) {
-  std::vector<std::pair<std::string, bool>> due;
+  std::vector<std::pair<std::string, CQueued>> due;
   for (const auto& [path, queued] : queued_) {
-    if (queued.due <= now) due.emplace_back(path, queued.content);
+    if (queued.due <= now) due.emplace_back(path, queued);
   }
-  for (const auto& [path, content] : due) {
+  for (const auto& [path, queued] : due) {
     queued_.erase(path);
     try {
-      Record(path, content);
+      Record(path, queued.content, queued.created ? "created" : queued.content ? "written" : "attributes");
     } catch (const std::exception& e) {
       ++counters_.failures;
       std::cerr << "signdb watch: " << policy_.name << ": " << EscapedText(path) << ": " << EscapedText(e.what())
@@ -199,33 +205,51 @@ void CPolicyWatch::ApplyDue(CClock::time_point now) {
   }
 }
 
-void CPolicyWatch::Record(const std::string& relative, bool content) {
+void CPolicyWatch::Record(const std::string& relative, bool content, const char* event) {
   CRefHost& host = session_.host();
+  std::wstring full = Wide(relative);
+  std::optional<CObjectState> recorded;
+  if (database_->ExistsAs(full, false) || database_->ExistsAs(full, true)) recorded = RecordedState(*database_, full);
   std::optional<CKnownContent> known;
-  if (!content) {
-    std::wstring full = Wide(relative);
-    if (database_->ExistsAs(full, false)) {
-      CObjectState recorded = RecordedState(*database_, full);
-      known = CKnownContent{recorded.size, recorded.time_2, recorded.hash};
-    }
-  }
+  if (!content && recorded && !recorded->is_dir) known = CKnownContent{recorded->size, recorded->time_2, recorded->hash};
   std::shared_ptr<CRefFileObjInfo> info =
-      CRefFileObjInfo::FromDisk(*host.Utility(), *host.Cfg(), Wide(""), Wide(relative),
-                                session_.settings().policy_number, false, known ? &*known : nullptr);
+      CRefFileObjInfo::FromDisk(*host.Utility(), *host.Cfg(), Wide(""), full, session_.settings().policy_number,
+                                false, known ? &*known : nullptr);
   if (info->IsGone()) {
-    if (Recorded(relative)) Remove(relative);
+    if (recorded) Remove(relative, "removed");
     return;
   }
   std::shared_ptr<CObjInfo> immediate;
   database_->InsertObject(immediate, info);
   ++counters_.applied;
+  CObjectState current = StateOfObject(*info);
+  if (!recorded) {
+    Log(DescribeRecorded(CChange::kNew, relative, nullptr, &current), event);
+    return;
+  }
+  CDifference difference = DescribeRecorded(CChange::kChanged, relative, &*recorded, &current);
+  if (!difference.changes.empty()) Log(difference, event);
 }
 
-void CPolicyWatch::Remove(const std::string& relative) {
+void CPolicyWatch::Remove(const std::string& relative, const char* event) {
   if (relative.empty()) return;  // the root stays recorded; a reconcile says what became of it
+  std::wstring full = Wide(relative);
+  std::optional<CObjectState> recorded;
+  if (database_->ExistsAs(full, false) || database_->ExistsAs(full, true)) recorded = RecordedState(*database_, full);
   std::shared_ptr<CObjInfo> none;
-  database_->RemoveObject(none, Wide(relative));
+  database_->RemoveObject(none, full);
   ++counters_.applied;
+  if (recorded) Log(DescribeRecorded(CChange::kGone, relative, &*recorded, nullptr), event);
+}
+
+void CPolicyWatch::Log(const CDifference& difference, const char* event) {
+  if (log_ == nullptr) return;
+  CReportContext context =
+      CReportContext::Make(policy_.name, policy_.root, "watch", session_.settings().policy_number);
+  std::string line = DifferenceJson(difference, context);
+  line.pop_back();  // the object's closing brace: the event that led to the change goes in too
+  line += ",\"watch\":{\"event\":" + JsonString(event) + "}}";
+  log_->Write(line);
 }
 
 bool CPolicyWatch::Recorded(const std::string& relative) {
@@ -245,7 +269,7 @@ void CPolicyWatch::Move(const std::string& from, const std::string& to, bool dir
   }
   std::shared_ptr<CObjInfo> none;
   // Whatever the rename replaced at the destination is gone.
-  if (Recorded(to)) Remove(to);
+  if (Recorded(to)) Remove(to, "moved");
   std::string from_parent = ParentOf(from);
   std::string to_parent = ParentOf(to);
   std::string from_name = NameOf(from);
@@ -265,6 +289,11 @@ void CPolicyWatch::Move(const std::string& from, const std::string& to, bool dir
     database_->RenameObject(none, Wide(Join(to_parent, passing)), Wide(to));
   }
   ++counters_.applied;
+  CObjectState state = RecordedState(*database_, Wide(to));
+  CDifference renamed = DescribeRecorded(CChange::kRenamed, to, &state, &state);
+  renamed.words = "renamed";
+  renamed.from = from;
+  Log(renamed, "moved");
   // A rename changes the object's status change time: read its attributes again.
   Queue(to, CClock::now(), false);
 }

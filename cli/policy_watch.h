@@ -11,8 +11,10 @@
 #include "cli/inotify_watcher.h"
 #include "cli/watch_event.h"
 
+class CChangeLog;
 class CHashDB;
 class CSession;
+struct CDifference;
 struct CRefPolicySettings;
 
 // One policy's database kept up to date from its tree's file events, by the operations the
@@ -40,7 +42,9 @@ class CPolicyWatch {
     std::string last_save;    // UTC time of the last save, or empty
   };
 
-  CPolicyWatch(CSession& session, const CRefPolicySettings& policy, std::shared_ptr<CHashDB> database);
+  // Every change applied is written to "log" (when given) as one JSON line.
+  CPolicyWatch(CSession& session, const CRefPolicySettings& policy, std::shared_ptr<CHashDB> database,
+               CChangeLog* log = nullptr);
   ~CPolicyWatch();
 
   // Starts following the tree's events, then reconciles the database with the tree once, so that
@@ -75,15 +79,18 @@ class CPolicyWatch {
     // changed, and a file whose size and modification time are what the database records keeps
     // its recorded hash. Once set, it stays set until the object is read.
     bool content = false;
+    bool created = false;  // it appeared meanwhile: the change log names the event so
   };
 
   void Apply(const CWatchEvent& event);
-  void Queue(const std::string& path, CClock::time_point now, bool content);
+  void Queue(const std::string& path, CClock::time_point now, bool content, bool created = false);
   // The directory that holds "path": its times changed when an entry came, went or moved.
   void QueueParent(const std::string& path, CClock::time_point now);
   // Reads the object at "relative" from disk and records it (or removes it when it is gone).
-  void Record(const std::string& relative, bool content = true);
-  void Remove(const std::string& relative);
+  void Record(const std::string& relative, bool content, const char* event);
+  void Remove(const std::string& relative, const char* event);
+  // Writes a change applied to the change log, with the event that led to it.
+  void Log(const CDifference& difference, const char* event);
   void Move(const std::string& from, const std::string& to, bool directory);
   bool Recorded(const std::string& relative);
   // Queued writes at or below "top" follow a move to "to", or are dropped (to empty).
@@ -94,6 +101,7 @@ class CPolicyWatch {
   CSession& session_;
   const CRefPolicySettings& policy_;
   std::shared_ptr<CHashDB> database_;
+  CChangeLog* log_;
   std::unique_ptr<CInotifyWatcher> watcher_;
   std::string data_folder_relative_;  // the tool's own folder when it lies in the tree, else empty
   std::map<std::string, CQueued> queued_;  // by path: ordered, so a subtree is a range

@@ -21,6 +21,7 @@
 #include <Poco/JSON/Object.h>
 #include <Poco/JSON/Parser.h>
 
+#include "cli/change_log.h"
 #include "cli/command_line.h"
 #include "cli/commands.h"
 #include "cli/exit_status.h"
@@ -46,10 +47,11 @@ std::string ErrorAnswer(const std::string& reason) { return "{\"ok\":false,\"err
 // The service: its policies, its socket, and the loop that waits for all of them.
 class CWatchService {
  public:
-  CWatchService(CSession& session, std::chrono::seconds save_period) : session_(session), save_period_(save_period) {}
+  CWatchService(CSession& session, std::chrono::seconds save_period)
+      : session_(session), save_period_(save_period), log_(session.DataFolder() + "/watch-changes.ndjson") {}
 
   void Add(const CRefPolicySettings& policy, std::shared_ptr<CHashDB> database) {
-    watches_.push_back(std::make_unique<CPolicyWatch>(session_, policy, std::move(database)));
+    watches_.push_back(std::make_unique<CPolicyWatch>(session_, policy, std::move(database), &log_));
   }
 
   // Follows the events until SIGTERM or SIGINT; saves what changed, then returns.
@@ -217,6 +219,7 @@ class CWatchService {
 
   CSession& session_;
   std::chrono::seconds save_period_;
+  CChangeLog log_;
   std::vector<std::unique_ptr<CPolicyWatch>> watches_;
 };
 

@@ -8,6 +8,7 @@
 #include <sstream>
 
 #include "cli/account_names.h"
+#include "cli/change_log.h"
 #include "cli/command_line.h"
 #include "cli/difference.h"
 #include "cli/exit_status.h"
@@ -380,3 +381,25 @@ TEST(ToolText, JsonStaysValidAndPlainAsciiForAnyName) {
 }
 
 }  // namespace
+
+TEST(ChangeLog, LinesAreAppendedAndTheFileRotatesKeepingThreeOld) {
+  CTempDir dir;
+  std::string path = dir / "changes.ndjson";
+  {
+    CChangeLog log(path, 100);
+    for (int i = 0; i < 20; ++i) log.Write("{\"line\":" + std::to_string(i) + ",\"pad\":\"xxxxxxxxxxxxxxxxxxxxxx\"}");
+  }
+  // 20 lines of 39 bytes, at most 100 bytes a file: two lines each, the newest last.
+  EXPECT_EQ("{\"line\":18,\"pad\":\"xxxxxxxxxxxxxxxxxxxxxx\"}\n{\"line\":19,\"pad\":\"xxxxxxxxxxxxxxxxxxxxxx\"}\n",
+            CTempDir::Read(path));
+  EXPECT_NE(std::string::npos, CTempDir::Read(path + ".1").find("\"line\":17,"));
+  EXPECT_NE(std::string::npos, CTempDir::Read(path + ".3").find("\"line\":13,"));
+  EXPECT_FALSE(boost::filesystem::exists(path + ".4"));
+  struct stat status {};
+  ASSERT_EQ(0, ::stat(path.c_str(), &status));
+  EXPECT_EQ(0600u, status.st_mode & 0777u);
+  // Opened again, it appends.
+  CChangeLog(path, 1000).Write("{}");
+  EXPECT_EQ('}', CTempDir::Read(path)[CTempDir::Read(path).size() - 2]);
+  EXPECT_NE(std::string::npos, CTempDir::Read(path).find("\"line\":19,"));
+}

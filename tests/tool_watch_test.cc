@@ -328,6 +328,36 @@ TEST_F(WatchTest, EventsTheKernelDroppedLeadToAReconcileThatFindsWhatWasMissed) 
   EXPECT_FALSE(Shown("many/f" + std::to_string(files / 2)).isNull());
 }
 
+TEST_F(WatchTest, EveryChangeAppliedIsWrittenToTheChangeLogAsItHappens) {
+  Write("d/old", "content");
+  Init();
+  Start();
+  Write("fresh", "new file");
+  ASSERT_EQ(0, ::rename(Tree("d/old").c_str(), Tree("moved").c_str()));
+  std::vector<Poco::JSON::Object::Ptr> lines;
+  auto find = [&](const std::string& path, const std::string& change) -> Poco::JSON::Object::Ptr {
+    std::istringstream in(CTempDir::Read(Data("watch-changes.ndjson")));
+    for (std::string line; std::getline(in, line);) {
+      Poco::JSON::Object::Ptr event = Parse(line);
+      Poco::JSON::Object::Ptr signdb = event->getObject("signdb");
+      if (signdb->optValue<std::string>("relative_path", "") == path && signdb->optValue<std::string>("change", "") == change) {
+        return event;
+      }
+    }
+    return nullptr;
+  };
+  EXPECT_TRUE(Eventually([&] { return !find("fresh", "new").isNull() && !find("moved", "renamed").isNull(); }));
+  Poco::JSON::Object::Ptr created = find("fresh", "new");
+  ASSERT_FALSE(created.isNull());
+  EXPECT_EQ("created", created->getObject("watch")->optValue<std::string>("event", ""));
+  EXPECT_EQ(Sha256("new file"), created->getObject("file")->getObject("hash")->optValue<std::string>("sha256", ""));
+  EXPECT_FALSE(created->optValue<std::string>("@timestamp", "").empty());
+  Poco::JSON::Object::Ptr moved = find("moved", "renamed");
+  ASSERT_FALSE(moved.isNull());
+  EXPECT_EQ("d/old", moved->getObject("signdb")->optValue<std::string>("from", ""));
+  EXPECT_EQ("moved", moved->getObject("watch")->optValue<std::string>("event", ""));
+}
+
 TEST_F(WatchTest, BadRequestsGetAClearErrorAndTheServiceGoesOn) {
   Init();
   Start();
