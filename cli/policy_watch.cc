@@ -298,6 +298,20 @@ void CPolicyWatch::Move(const std::string& from, const std::string& to, bool dir
   Queue(to, CClock::now(), false);
 }
 
+std::chrono::seconds CPolicyWatch::shrink_period() const {
+  return std::chrono::seconds(static_cast<long long>(policy_.touch_period_s));
+}
+
+uint64_t CPolicyWatch::Shrink() {
+  // The database stamps what it is told of with the monotonic clock that steady_clock reads.
+  int64_t before = std::chrono::duration_cast<std::chrono::nanoseconds>(CClock::now().time_since_epoch()).count();
+  queued_.clear();
+  Reconcile();
+  uint64_t dropped = database_->Shrink(before, L"");
+  counters_.shrunk += dropped;
+  return dropped;
+}
+
 bool CPolicyWatch::changed_since_save() const { return database_->ChangeCounter() != saved_changes_; }
 
 void CPolicyWatch::Save(bool always) {

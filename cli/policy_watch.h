@@ -39,6 +39,7 @@ class CPolicyWatch {
     uint64_t reconciles = 0;  // whole-tree reconciles (at start and after lost events)
     uint64_t lost = 0;        // times the kernel dropped events
     uint64_t failures = 0;    // objects that could not be read or recorded
+    uint64_t shrunk = 0;      // records dropped by shrinks
     std::string last_save;    // UTC time of the last save, or empty
   };
 
@@ -60,6 +61,12 @@ class CPolicyWatch {
   std::optional<CClock::time_point> NextDue() const;
   // Compares the whole tree with the database and takes what differs into it.
   void Reconcile();
+  // Sees every object again (a reconcile stamps each one it meets), then drops from the database
+  // what was not seen: records that no event and no reconcile can reach any more (below a path
+  // the rules now exclude, say). Returns how many records were dropped.
+  uint64_t Shrink();
+  // How often to shrink (the policy's touch period), or zero for never.
+  std::chrono::seconds shrink_period() const;
   // Saves the database when it changed since the last save (or when "always").
   void Save(bool always = false);
 

@@ -85,9 +85,17 @@ class CWatchService {
               << " with inotify; queries at " << server.path() << std::endl;
 
     std::optional<CClock::time_point> save_due;
+    std::vector<std::optional<CClock::time_point>> shrink_due(watches_.size());
+    for (size_t i = 0; i < watches_.size(); ++i) {
+      if (watches_[i]->shrink_period().count() > 0) shrink_due[i] = CClock::now() + watches_[i]->shrink_period();
+    }
     for (;;) {
-      // Asleep until something happens: a queued write to read, or unsaved changes to save.
+      // Asleep until something happens: a queued write to read, unsaved changes to save, or a
+      // policy's shrink (only for policies with a touch period).
       std::optional<CClock::time_point> wake = save_due;
+      for (const auto& due : shrink_due) {
+        if (due && (!wake || *due < *wake)) wake = due;
+      }
       for (auto& watch : watches_) {
         std::optional<CClock::time_point> due = watch->NextDue();
         if (due && (!wake || *due < *wake)) wake = due;
@@ -114,6 +122,16 @@ class CWatchService {
       CClock::time_point now = CClock::now();
       for (auto& watch : watches_) watch->ApplyDue(now);
       if (stop) break;
+      for (size_t i = 0; i < watches_.size(); ++i) {
+        if (!shrink_due[i] || *shrink_due[i] > now) continue;
+        try {
+          watches_[i]->Shrink();
+        } catch (const std::exception& e) {
+          std::cerr << "signdb watch: " << watches_[i]->policy().name << ": cannot shrink: " << EscapedText(e.what())
+                    << "\n";
+        }
+        shrink_due[i] = CClock::now() + watches_[i]->shrink_period();
+      }
       bool changed = std::any_of(watches_.begin(), watches_.end(),
                                  [](const auto& watch) { return watch->changed_since_save(); });
       if (!changed) {
@@ -184,6 +202,7 @@ class CWatchService {
                 ",\"applied\":" + std::to_string(counters.applied) + ",\"queued\":" + std::to_string(watch.queued()) +
                 ",\"reconciles\":" + std::to_string(counters.reconciles) + ",\"lost\":" + std::to_string(counters.lost) +
                 ",\"failures\":" + std::to_string(counters.failures) +
+                ",\"shrunk\":" + std::to_string(counters.shrunk) +
                 ",\"changes\":" + std::to_string(watch.database()->ChangeCounter()) +
                 ",\"last_save\":" + JsonString(counters.last_save) + "}";
     }

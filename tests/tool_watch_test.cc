@@ -21,6 +21,7 @@
 
 #include "cli/query_server.h"
 #include "tests/tool_fixture.h"
+#include "tests/tool_json.h"
 
 extern char** environ;
 
@@ -30,9 +31,7 @@ using namespace std::chrono_literals;
 
 constexpr auto kWithin = 1s;  // how soon a change must be visible
 
-Poco::JSON::Object::Ptr Parse(const std::string& line) {
-  return Poco::JSON::Parser().parse(line).extract<Poco::JSON::Object::Ptr>();
-}
+Poco::JSON::Object::Ptr Parse(const std::string& line) { return ParseJson(line); }
 
 }  // namespace
 
@@ -356,6 +355,28 @@ TEST_F(WatchTest, EveryChangeAppliedIsWrittenToTheChangeLogAsItHappens) {
   ASSERT_FALSE(moved.isNull());
   EXPECT_EQ("d/old", moved->getObject("signdb")->optValue<std::string>("from", ""));
   EXPECT_EQ("moved", moved->getObject("watch")->optValue<std::string>("event", ""));
+}
+
+TEST_F(WatchTest, WithATouchPeriodRecordsThatNothingSeesAnyMoreAreShrunkAway) {
+  Write("cache/a", "a");
+  Write("kept", "k");
+  Init();
+  ASSERT_EQ(0, Tool("scan t").status);
+  // Recorded before the rules left it out: no event and no reconcile reaches it any more.
+  EditFirstPolicy(config_, [](Poco::JSON::Object::Ptr policy) {
+    Poco::JSON::Array::Ptr rules = new Poco::JSON::Array;
+    Poco::JSON::Object::Ptr rule = new Poco::JSON::Object;
+    rule->set("path", "cache");
+    rule->set("exclude", true);
+    rules->add(rule);
+    policy->set("rules", rules);
+    policy->set("touch_period", 1);
+  });
+  Start();
+  EXPECT_FALSE(Shown("cache/a").isNull());
+  EXPECT_TRUE(Eventually([&] { return Shown("cache/a").isNull(); }, 5s));
+  EXPECT_FALSE(Shown("kept").isNull());
+  EXPECT_GE(Ask("{\"request\":\"status\"}")->getArray("policies")->getObject(0)->optValue<uint64_t>("shrunk", 0), 1u);
 }
 
 TEST_F(WatchTest, BadRequestsGetAClearErrorAndTheServiceGoesOn) {
