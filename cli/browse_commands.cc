@@ -2,12 +2,18 @@
 // touching the disk.
 
 #include <iostream>
+#include <optional>
+
+#include <Poco/JSON/Object.h>
+#include <Poco/JSON/Parser.h>
 
 #include "cli/attribute_changes.h"
 #include "cli/command_line.h"
 #include "cli/commands.h"
 #include "cli/exit_status.h"
 #include "cli/object_state.h"
+#include "cli/query_server.h"
+#include "cli/service_lock.h"
 #include "cli/recorded_object_json.h"
 #include "cli/session.h"
 #include "cli/text_format.h"
@@ -82,33 +88,17 @@ int RunList(const CCommandLine& line) {
   return kExitOk;
 }
 
-int RunShow(const CCommandLine& line) {
-  RequireShape(line, {"--json"}, 2, 2);
-  CSession session(line);
-  const CRefPolicySettings& policy = session.Policy(line.arguments[0]);
-  std::string relative = RelativeArgument(policy, line.arguments[1]);
-  std::shared_ptr<CHashDB> database = session.LoadDatabase(policy);
-  std::wstring full = session.WideFullPath(policy, relative);
-  bool is_dir = database->IsDirectory(full);
-  if (!database->ExistsAs(full, is_dir)) {
-    std::cerr << "signdb: " << (relative.empty() ? std::string(".") : SafePath(relative)) << " is not recorded in policy '" << policy.name
-              << "'\n";
-    return kExitDifferences;
-  }
-  CObjectState state = RecordedState(*database, full);
-  bool under_target = database->IsUnderTarget(full);
-  bool touched = database->TouchedRecently(full);
+namespace {
+
+// Everything recorded for one object, a field a line, owners and modes in words.
+void PrintRecordedObject(const std::string& full_text, const CObjectState& state, bool under_target, bool touched) {
   security_text::CSecurityItems items = security_text::Parse(state.security);
-  if (line.Has("--json")) {
-    std::cout << RecordedObjectJson(*database, full, session.Narrow(full), relative) << "\n";
-    return kExitOk;
-  }
   auto field = [](const std::string& label, const std::string& value) {
     char padded[64];
     std::snprintf(padded, sizeof padded, "%-21s", (label + ":").c_str());
     std::cout << padded << value << "\n";
   };
-  field("path", SafePath(session.Narrow(full)));
+  field("path", SafePath(full_text));
   field("kind", KindWords(state.kind()));
   if (!state.is_dir) {
     field("size", GroupedNumber(state.size) + " bytes");
@@ -117,7 +107,6 @@ int RunShow(const CCommandLine& line) {
   field("mode", state.attributes == kUnknownAttributes ? "unknown" : ModeText(state.attributes));
   field("status changed", TimeText(state.time_1));
   field("modified", TimeText(state.time_2));
-  // Each security attribute on a line of its own, owners and modes in words.
   for (const auto& [key, value] : items) {
     if (key == security_text::kMode && state.attributes != kUnknownAttributes) continue;
     std::string shown = key == security_text::kUid   ? OwnerText(value)
@@ -131,5 +120,68 @@ int RunShow(const CCommandLine& line) {
   if (!state.target.empty()) field("link target", SafePath(state.target));
   field("below a link target", under_target ? "yes" : "no");
   field("touched recently", touched ? "yes" : "no");
+}
+
+int NotRecorded(const CRefPolicySettings& policy, const std::string& relative) {
+  std::cerr << "signdb: " << (relative.empty() ? std::string(".") : SafePath(relative)) << " is not recorded in policy '"
+            << policy.name << "'\n";
+  return kExitDifferences;
+}
+
+// The running watch service's answer for a policy it watches; nullopt when it does not watch it.
+std::optional<int> ShowThroughService(CSession& session, const CRefPolicySettings& policy, const std::string& relative,
+                                      bool json) {
+  if (CServiceLock::Holder(session.DataFolder()) == 0) return std::nullopt;
+  std::string answer;
+  try {
+    answer = AskService(session.DataFolder() + "/watch.sock", "{\"request\":\"show\",\"policy\":" +
+                                                                  JsonString(policy.name) + ",\"path\":" +
+                                                                  JsonString(relative) + "}");
+  } catch (const std::exception& e) {
+    throw CToolError(std::string("the watch service did not answer: ") + e.what());
+  }
+  Poco::JSON::Object::Ptr parsed = Poco::JSON::Parser().parse(answer).extract<Poco::JSON::Object::Ptr>();
+  if (!parsed->optValue<bool>("ok", false)) {
+    std::string error = parsed->optValue<std::string>("error", answer);
+    if (error.rfind("no policy named", 0) == 0) return std::nullopt;  // not watched: its saved file
+    return NotRecorded(policy, relative);
+  }
+  Poco::JSON::Object::Ptr object = parsed->getObject("object");
+  if (json) {
+    const std::string head = "{\"ok\":true,\"object\":";  // the object as the service wrote it
+    std::cout << answer.substr(head.size(), answer.size() - head.size() - 1) << "\n";
+    return kExitOk;
+  }
+  CObjectState state;
+  state.is_dir = object->optValue<std::string>("kind", "") == "directory";
+  state.hash = object->optValue<std::string>("hash", "");
+  state.size = object->optValue<uint64_t>("size", 0);
+  state.attributes = object->optValue<uint32_t>("attributes", kUnknownAttributes);
+  state.time_1 = object->optValue<uint64_t>("time_1", kUnknownTime);
+  state.time_2 = object->optValue<uint64_t>("time_2", kUnknownTime);
+  state.security = object->optValue<std::string>("security", "");
+  state.target = object->optValue<std::string>("target", "");
+  PrintRecordedObject(object->optValue<std::string>("path", ""), state,
+                      object->optValue<bool>("under_link_target", false), object->optValue<bool>("touched_recently", false));
+  return kExitOk;
+}
+
+}  // namespace
+
+int RunShow(const CCommandLine& line) {
+  RequireShape(line, {"--json"}, 2, 2);
+  CSession session(line);
+  const CRefPolicySettings& policy = session.Policy(line.arguments[0]);
+  std::string relative = RelativeArgument(policy, line.arguments[1]);
+  if (std::optional<int> status = ShowThroughService(session, policy, relative, line.Has("--json"))) return *status;
+  std::shared_ptr<CHashDB> database = session.LoadDatabase(policy);
+  std::wstring full = session.WideFullPath(policy, relative);
+  if (!database->ExistsAs(full, database->IsDirectory(full))) return NotRecorded(policy, relative);
+  if (line.Has("--json")) {
+    std::cout << RecordedObjectJson(*database, full, session.Narrow(full), relative) << "\n";
+    return kExitOk;
+  }
+  PrintRecordedObject(session.Narrow(full), RecordedState(*database, full), database->IsUnderTarget(full),
+                      database->TouchedRecently(full));
   return kExitOk;
 }

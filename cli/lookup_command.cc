@@ -2,12 +2,19 @@
 
 #include <algorithm>
 #include <boost/algorithm/string/predicate.hpp>
+#include <Poco/JSON/Array.h>
+#include <Poco/JSON/Object.h>
+#include <Poco/JSON/Parser.h>
 #include <iostream>
+#include <set>
 #include <vector>
 
 #include "cli/command_line.h"
 #include "cli/commands.h"
 #include "cli/exit_status.h"
+#include "cli/hash_holders.h"
+#include "cli/query_server.h"
+#include "cli/service_lock.h"
 #include "cli/session.h"
 #include "cli/text_format.h"
 #include "front/sign_db.h"
@@ -38,19 +45,11 @@ struct CHolder {
   std::string verdict;  // with --verify: "verified", or why not
 };
 
-// Every unmarked file of the database that carries "hash": the module answers one at a time, so
-// each answer is marked until none is left. The database is this run's own copy, never saved.
-std::vector<std::string> HoldersIn(CSession& session, CHashDB& database, const std::string& hash) {
-  std::vector<std::string> paths;
-  for (;;) {
-    std::wstring path = database.PathByHash(hash, false);
-    if (path.empty()) break;
-    std::string narrow = session.Narrow(path);
-    if (std::find(paths.begin(), paths.end(), narrow) != paths.end()) break;  // could not be marked
-    paths.push_back(narrow);
-    database.Mark(true, path, true);
-  }
-  return paths;
+// A service's answer, refused unless it says ok.
+Poco::JSON::Object::Ptr ParseAnswer(const std::string& line) {
+  Poco::JSON::Object::Ptr answer = Poco::JSON::Parser().parse(line).extract<Poco::JSON::Object::Ptr>();
+  if (!answer->optValue<bool>("ok", false)) throw std::runtime_error(answer->optValue<std::string>("error", line));
+  return answer;
 }
 
 }  // namespace
@@ -63,7 +62,31 @@ int RunLookup(const CCommandLine& line) {
   std::vector<CHolder> holders;
   bool refused = false;
   bool any_database = false;
+  // The running watch service answers for the policies it watches (it holds their databases).
+  std::set<std::string> watched;
+  if (CServiceLock::Holder(session.DataFolder()) != 0) {
+    try {
+      std::string socket = session.DataFolder() + "/watch.sock";
+      Poco::JSON::Object::Ptr status = ParseAnswer(AskService(socket, "{\"request\":\"status\"}"));
+      Poco::JSON::Array::Ptr policies = status->getArray("policies");
+      for (size_t i = 0; policies && i < policies->size(); ++i) {
+        watched.insert(policies->getObject(static_cast<unsigned>(i))->optValue<std::string>("name", ""));
+      }
+      Poco::JSON::Object::Ptr answer =
+          ParseAnswer(AskService(socket, "{\"request\":\"lookup\",\"hash\":" + JsonString(hash) + "}"));
+      Poco::JSON::Array::Ptr found = answer->getArray("holders");
+      for (size_t i = 0; found && i < found->size(); ++i) {
+        Poco::JSON::Object::Ptr holder = found->getObject(static_cast<unsigned>(i));
+        holders.push_back(CHolder{holder->optValue<std::string>("policy", ""), holder->optValue<std::string>("path", ""),
+                                  std::string()});
+      }
+      any_database = !watched.empty();
+    } catch (const std::exception& e) {
+      throw CToolError(std::string("the watch service did not answer: ") + e.what());
+    }
+  }
   for (const CRefPolicySettings& policy : session.settings().policies) {
+    if (watched.count(policy.name) != 0) continue;
     if (!session.front().HdbFileExists(policy.name)) continue;
     std::shared_ptr<CHashDB> database;
     try {
@@ -74,18 +97,18 @@ int RunLookup(const CCommandLine& line) {
       continue;
     }
     any_database = true;
-    for (std::string& path : HoldersIn(session, *database, hash)) {
-      CHolder holder{policy.name, std::move(path), std::string()};
-      if (verify) {
-        // The check that the module's own verified look-up makes: the file still carries the hash.
-        try {
-          std::string now = session.host().Crypto()->HashFile(session.Wide(holder.path), session.settings().policy_number);
-          holder.verdict = boost::algorithm::iequals(now, hash) ? "verified" : "content changed since it was recorded";
-        } catch (const std::exception& e) {
-          holder.verdict = e.what();
-        }
-      }
-      holders.push_back(std::move(holder));
+    for (const std::wstring& path : HoldersOf(*database, hash, false)) {
+      holders.push_back(CHolder{policy.name, session.Narrow(path), std::string()});
+    }
+  }
+  // The check that the module's own verified look-up makes: the file still carries the hash.
+  for (CHolder& holder : holders) {
+    if (!verify) break;
+    try {
+      std::string now = session.host().Crypto()->HashFile(session.Wide(holder.path), session.settings().policy_number);
+      holder.verdict = boost::algorithm::iequals(now, hash) ? "verified" : "content changed since it was recorded";
+    } catch (const std::exception& e) {
+      holder.verdict = e.what();
     }
   }
   if (!any_database && !refused) {

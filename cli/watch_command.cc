@@ -25,6 +25,7 @@
 #include "cli/command_line.h"
 #include "cli/commands.h"
 #include "cli/exit_status.h"
+#include "cli/hash_holders.h"
 #include "cli/policy_watch.h"
 #include "cli/query_server.h"
 #include "cli/recorded_object_json.h"
@@ -209,18 +210,21 @@ class CWatchService {
     return answer + "]}";
   }
 
+  // Every file of the watched policies that carries the hash.
   std::string Lookup(const std::string& hash) {
     if (hash.empty()) return ErrorAnswer("lookup needs a \"hash\"");
     std::string lowered = hash;
     std::transform(lowered.begin(), lowered.end(), lowered.begin(), [](unsigned char c) { return std::tolower(c); });
+    std::string answer = "{\"ok\":true,\"holders\":[";
+    bool first = true;
     for (auto& watch : watches_) {
-      std::wstring path = watch->database()->PathByHash(lowered, false);
-      if (!path.empty()) {
-        return "{\"ok\":true,\"policy\":" + JsonString(watch->policy().name) +
-               ",\"path\":" + JsonString(session_.Narrow(path)) + "}";
+      for (const std::wstring& path : HoldersOf(*watch->database(), lowered, true)) {
+        answer += (first ? "" : ",");
+        answer += "{\"policy\":" + JsonString(watch->policy().name) + ",\"path\":" + JsonString(session_.Narrow(path)) + "}";
+        first = false;
       }
     }
-    return "{\"ok\":true,\"policy\":null,\"path\":null}";
+    return answer + "]}";
   }
 
   std::string Show(const std::string& policy_name, const std::string& path) {

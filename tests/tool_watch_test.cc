@@ -379,6 +379,33 @@ TEST_F(WatchTest, WithATouchPeriodRecordsThatNothingSeesAnyMoreAreShrunkAway) {
   EXPECT_GE(Ask("{\"request\":\"status\"}")->getArray("policies")->getObject(0)->optValue<uint64_t>("shrunk", 0), 1u);
 }
 
+TEST_F(WatchTest, ShowAndLookupAskTheRunningServiceForWhatItWatches) {
+  Write("one", "same content");
+  Init();
+  Start();
+  Write("two", "same content");
+  ASSERT_TRUE(EventuallyRecorded("two", Sha256("same content")));
+  // The service holds the database; the tool asks it rather than the saved file (which lacks "two").
+  CToolRun shown = Tool("show t two");
+  EXPECT_EQ(0, shown.status) << shown.err;
+  EXPECT_NE(std::string::npos, shown.out.find(Sha256("same content"))) << shown.out;
+  CToolRun json = Tool("show t two --json");
+  EXPECT_EQ(0, json.status) << json.err;
+  EXPECT_EQ("two", ParseJson(json.out)->optValue<std::string>("relative", ""));
+  CToolRun missing = Tool("show t nothing-here");
+  EXPECT_EQ(1, missing.status);
+  EXPECT_NE(std::string::npos, missing.err.find("nothing-here is not recorded in policy 't'")) << missing.err;
+  CToolRun found = Tool("lookup " + Sha256("same content"));
+  EXPECT_EQ(0, found.status) << found.err;
+  EXPECT_NE(std::string::npos, found.out.find(Tree("one"))) << found.out;
+  EXPECT_NE(std::string::npos, found.out.find(Tree("two"))) << found.out;
+  // Asked twice, the service still finds both (its look-up leaves no marks behind).
+  CToolRun again = Tool("lookup --verify " + Sha256("same content"));
+  EXPECT_EQ(0, again.status) << again.err;
+  EXPECT_NE(std::string::npos, again.out.find(Tree("one"))) << again.out;
+  EXPECT_NE(std::string::npos, again.out.find(Tree("two"))) << again.out;
+}
+
 TEST_F(WatchTest, BadRequestsGetAClearErrorAndTheServiceGoesOn) {
   Init();
   Start();
@@ -444,6 +471,8 @@ TEST_F(WatchTest, LookupThroughTheServiceFindsANewFileByItsHash) {
   Write("found/me", "look me up");
   ASSERT_TRUE(EventuallyRecorded("found/me", Sha256("look me up")));
   Poco::JSON::Object::Ptr answer = Ask("{\"request\":\"lookup\",\"hash\":\"" + Sha256("look me up") + "\"}");
-  EXPECT_EQ(Tree("found/me"), answer->optValue<std::string>("path", ""));
-  EXPECT_EQ("t", answer->optValue<std::string>("policy", ""));
+  Poco::JSON::Array::Ptr holders = answer->getArray("holders");
+  ASSERT_EQ(1u, holders->size());
+  EXPECT_EQ(Tree("found/me"), holders->getObject(0)->optValue<std::string>("path", ""));
+  EXPECT_EQ("t", holders->getObject(0)->optValue<std::string>("policy", ""));
 }

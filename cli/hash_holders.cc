@@ -1,0 +1,20 @@
+#include "cli/hash_holders.h"
+
+#include <algorithm>
+
+#include "hashdb/hash_db.h"
+
+std::vector<std::wstring> HoldersOf(CHashDB& database, const std::string& hash, bool unmark) {
+  std::vector<std::wstring> paths;
+  for (;;) {
+    std::wstring path = database.PathByHash(hash, false);
+    if (path.empty()) break;
+    if (std::find(paths.begin(), paths.end(), path) != paths.end()) break;  // could not be marked
+    paths.push_back(path);
+    database.Mark(true, path, true);
+  }
+  if (unmark) {
+    for (const std::wstring& path : paths) database.Mark(true, path, false);
+  }
+  return paths;
+}
