@@ -110,7 +110,9 @@ CReportContext CReportContext::Make(const std::string& policy, const std::string
                                     const std::string& dataset, uint32_t policy_number) {
   CReportContext context;
   context.timestamp = Poco::DateTimeFormatter::format(Poco::Timestamp(), "%Y-%m-%dT%H:%M:%S.%iZ");
-  context.host_name = Poco::Environment::nodeName();
+  // Asked once a run: a long-running service makes a context for every change it logs.
+  static const std::string host_name = Poco::Environment::nodeName();
+  context.host_name = host_name;
   context.policy = policy;
   context.root = root;
   context.dataset = dataset;
