@@ -78,10 +78,17 @@ void CPolicyWatch::Start() {
   watcher_ = std::make_unique<CInotifyWatcher>(
       policy_.root, [this](const std::string& relative, bool directory) { return Excluded(relative, directory); },
       session_.Rules(policy_).cross_mounts());
+  if (watcher_->unwatched() > 0) {
+    std::cerr << "signdb watch: " << policy_.name << ": " << watcher_->unwatched()
+              << " directories could not be watched (see fs.inotify.max_user_watches): their changes are found "
+                 "only when the tree is reconciled\n";
+  }
   Reconcile();
 }
 
 int CPolicyWatch::fd() const { return watcher_->fd(); }
+
+uint64_t CPolicyWatch::unwatched() const { return watcher_ ? watcher_->unwatched() : 0; }
 
 void CPolicyWatch::Reconcile() {
   ++counters_.reconciles;

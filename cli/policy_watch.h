@@ -77,6 +77,9 @@ class CPolicyWatch {
   // Whether the database changed since it was last saved.
   bool changed_since_save() const;
   const char* watcher_kind() const { return "inotify"; }
+  // Directories the watcher could not watch (the per-user limit of watches reached, say): their
+  // changes are found by reconciles only.
+  uint64_t unwatched() const;
 
  private:
   struct CQueued {

@@ -204,6 +204,7 @@ class CWatchService {
                 ",\"reconciles\":" + std::to_string(counters.reconciles) + ",\"lost\":" + std::to_string(counters.lost) +
                 ",\"failures\":" + std::to_string(counters.failures) +
                 ",\"shrunk\":" + std::to_string(counters.shrunk) +
+                ",\"unwatched\":" + std::to_string(watch.unwatched()) +
                 ",\"changes\":" + std::to_string(watch.database()->ChangeCounter()) +
                 ",\"last_save\":" + JsonString(counters.last_save) + "}";
     }
