@@ -11,6 +11,8 @@
 #include <stdexcept>
 #include <utility>
 
+#include "cli/relative_path.h"
+
 namespace {
 
 // What a watch reports. IN_MODIFY as well as IN_CLOSE_WRITE: a writer that keeps a file open (a
@@ -18,15 +20,6 @@ namespace {
 constexpr uint32_t kMask = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_CLOSE_WRITE | IN_MODIFY |
                            IN_ATTRIB | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR | IN_DONT_FOLLOW |
                            IN_EXCL_UNLINK;
-
-std::string Join(const std::string& directory, const char* name) {
-  return directory.empty() ? std::string(name) : directory + "/" + name;
-}
-
-bool IsBelowOrSame(const std::string& path, const std::string& top) {
-  return top.empty() || path == top || (path.size() > top.size() && path.compare(0, top.size(), top) == 0 &&
-                                        path[top.size()] == '/');
-}
 
 }  // namespace
 
@@ -107,7 +100,7 @@ void CInotifyWatcher::WatchTree(const std::string& top, std::vector<CWatchEvent>
     while (const struct dirent* entry = ::readdir(listing)) {
       const char* name = entry->d_name;
       if (name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'))) continue;
-      std::string child = Join(directory, name);
+      std::string child = JoinRelative(directory, name);
       bool is_directory = entry->d_type == DT_DIR;
       struct stat status {};
       if (entry->d_type == DT_UNKNOWN || is_directory) {
@@ -206,7 +199,7 @@ void CInotifyWatcher::Read(std::vector<CWatchEvent>& events) {
         }
         continue;
       }
-      std::string path = Join(directory->second, raw->name);
+      std::string path = JoinRelative(directory->second, raw->name);
       if (excluded_ && excluded_(path, is_directory)) continue;
       if (raw->mask & IN_MOVED_TO) {
         if (have_from && from_cookie == raw->cookie) {

@@ -10,6 +10,7 @@
 #include "cli/difference_apply.h"
 #include "cli/object_state.h"
 #include "cli/policy_rules.h"
+#include "cli/relative_path.h"
 #include "cli/report_event.h"
 #include "cli/session.h"
 #include "cli/text_format.h"
@@ -20,25 +21,6 @@
 #include "refhost/ref_host.h"
 
 namespace {
-
-std::string ParentOf(const std::string& path) {
-  size_t slash = path.rfind('/');
-  return slash == std::string::npos ? std::string() : path.substr(0, slash);
-}
-
-std::string NameOf(const std::string& path) {
-  size_t slash = path.rfind('/');
-  return slash == std::string::npos ? path : path.substr(slash + 1);
-}
-
-std::string Join(const std::string& directory, const std::string& name) {
-  return directory.empty() ? name : directory + "/" + name;
-}
-
-bool IsBelowOrSame(const std::string& path, const std::string& top) {
-  return top.empty() || path == top || (path.size() > top.size() && path.compare(0, top.size(), top) == 0 &&
-                                        path[top.size()] == '/');
-}
 
 std::string UtcNow() {
   std::time_t now = std::time(nullptr);
@@ -287,13 +269,13 @@ void CPolicyWatch::Move(const std::string& from, const std::string& to, bool dir
     // A move keeps the object's name: it moves under a name that is free in both directories,
     // then takes its new name there.
     std::string passing = from_name;
-    for (unsigned n = 0; Recorded(Join(to_parent, passing)) || (passing != from_name && Recorded(Join(from_parent, passing)));
+    for (unsigned n = 0; Recorded(JoinRelative(to_parent, passing)) || (passing != from_name && Recorded(JoinRelative(from_parent, passing)));
          ++n) {
       passing = ".signdb-moving-" + std::to_string(n);
     }
-    if (passing != from_name) database_->RenameObject(none, Wide(from), Wide(Join(from_parent, passing)));
-    database_->RenameObject(none, Wide(Join(from_parent, passing)), Wide(Join(to_parent, passing)));
-    database_->RenameObject(none, Wide(Join(to_parent, passing)), Wide(to));
+    if (passing != from_name) database_->RenameObject(none, Wide(from), Wide(JoinRelative(from_parent, passing)));
+    database_->RenameObject(none, Wide(JoinRelative(from_parent, passing)), Wide(JoinRelative(to_parent, passing)));
+    database_->RenameObject(none, Wide(JoinRelative(to_parent, passing)), Wide(to));
   }
   ++counters_.applied;
   CObjectState state = RecordedState(*database_, Wide(to));

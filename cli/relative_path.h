@@ -1,0 +1,29 @@
+#pragma once
+
+#include <string>
+
+// Paths relative to a policy's root, "/" between components, "" for the root itself.
+
+// Whether "path" is "top" or lies below it ("a/b" is below "a", "a-b" is not); everything is
+// below the root.
+inline bool IsBelowOrSame(const std::string& path, const std::string& top) {
+  return top.empty() || path == top ||
+         (path.size() > top.size() && path.compare(0, top.size(), top) == 0 && path[top.size()] == '/');
+}
+
+// The directory that holds "path" ("" for an entry of the root).
+inline std::string ParentOf(const std::string& path) {
+  size_t slash = path.rfind('/');
+  return slash == std::string::npos ? std::string() : path.substr(0, slash);
+}
+
+// The last component of "path".
+inline std::string NameOf(const std::string& path) {
+  size_t slash = path.rfind('/');
+  return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+// "name" in "directory".
+inline std::string JoinRelative(const std::string& directory, const std::string& name) {
+  return directory.empty() ? name : directory + "/" + name;
+}
