@@ -8,7 +8,7 @@ namespace {
 const std::set<std::string> kValueOptions = {"--config", "--module", "--dir", "--policy", "--signature",
                                              "--passphrase-fd", "--ca-key-out", "--ca-key", "--days", "--except", "--report", "--save-period"};
 const std::set<std::string> kFlagOptions = {"--help", "--json", "--quiet", "--verify", "--force",
-                                            "--recursive", "--wait", "--bind", "--protect-key", "--sign-later", "--all", "--packages", "--system", "--interactive", "--rescan"};
+                                            "--recursive", "--wait", "--bind", "--protect-key", "--sign-later", "--all", "--packages", "--system", "--interactive", "--rescan", "--inotify"};
 const std::map<std::string, std::string> kShortForms = {
     {"-h", "--help"}, {"-q", "--quiet"}, {"-R", "--recursive"}, {"-c", "--config"}, {"-i", "--interactive"}};
 

@@ -178,10 +178,11 @@ const std::map<std::string, std::string>& CommandHelp() {
        "examples:\n"
        "  signdb rules var log/syslog\n"},
       {"watch",
-       "usage: signdb watch [POLICY...] [--save-period SECONDS] [--rescan] [--passphrase-fd N]\n"
+       "usage: signdb watch [POLICY...] [--save-period SECONDS] [--rescan] [--inotify] [--passphrase-fd N]\n"
        "\n"
        "Runs until SIGTERM or SIGINT, keeping the policies' databases (all of them when none is\n"
-       "named) up to date from the kernel's file events (inotify: a watch per directory). At start\n"
+       "named) up to date from the kernel's file events: fanotify (one mark on the file system) where\n"
+       "the process may use it, inotify (a watch per directory) otherwise or with --inotify. At start\n"
        "each database is loaded with its signature checked (a refused one stops the service, or,\n"
        "with --rescan, the tree is recorded afresh), then reconciled with the tree, so that nothing\n"
        "changed while no service ran is missed. A file is read once its writing settles; a rename or\n"

@@ -6,6 +6,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "cli/tree_watcher.h"
 #include "cli/watch_event.h"
 
 // Follows one policy's tree through inotify: one watch per directory, added as directories appear.
@@ -19,26 +20,22 @@
 // whose other half is outside is a removal or a creation.
 //
 // Not thread-safe: one thread reads the events.
-class CInotifyWatcher {
+class CInotifyWatcher : public CTreeWatcher {
  public:
-  // Whether a path (relative to the root) is left out: not watched, nothing reported below it.
-  using CExcluded = std::function<bool(const std::string& relative, bool directory)>;
-
   // Watches "root" and every directory below it on the same file system (all of them with
   // "cross_mounts"). Throws std::runtime_error when inotify cannot be used or the root not watched.
   CInotifyWatcher(std::string root, CExcluded excluded, bool cross_mounts);
-  ~CInotifyWatcher();
+  ~CInotifyWatcher() override;
   CInotifyWatcher(const CInotifyWatcher&) = delete;
   CInotifyWatcher& operator=(const CInotifyWatcher&) = delete;
 
-  // The descriptor to wait on (readable when events are queued).
-  int fd() const { return fd_; }
-  // Takes every event the kernel has queued, without waiting, and appends them to "events".
-  void Read(std::vector<CWatchEvent>& events);
+  int fd() const override { return fd_; }
+  void Read(std::vector<CWatchEvent>& events) override;
+  const char* kind() const override { return "inotify"; }
+  // Directories that could not be watched (the per-user limit reached, say) since the start.
+  uint64_t unwatched() const override { return unwatched_; }
   // Directories watched now.
   size_t watched() const { return paths_.size(); }
-  // Directories that could not be watched (the per-user limit reached, say) since the start.
-  uint64_t unwatched() const { return unwatched_; }
 
  private:
   // Watches the directory at "relative" and every directory below it. With "report", every object

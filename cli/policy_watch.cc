@@ -56,10 +56,10 @@ bool CPolicyWatch::Excluded(const std::string& relative, bool) const {
 
 std::wstring CPolicyWatch::Wide(const std::string& relative) { return session_.WideFullPath(policy_, relative); }
 
-void CPolicyWatch::Start() {
-  watcher_ = std::make_unique<CInotifyWatcher>(
+void CPolicyWatch::Start(bool force_inotify) {
+  watcher_ = MakeTreeWatcher(
       policy_.root, [this](const std::string& relative, bool directory) { return Excluded(relative, directory); },
-      session_.Rules(policy_).cross_mounts());
+      session_.Rules(policy_).cross_mounts(), force_inotify);
   if (watcher_->unwatched() > 0) {
     std::cerr << "signdb watch: " << policy_.name << ": " << watcher_->unwatched()
               << " directories could not be watched (see fs.inotify.max_user_watches): their changes are found "

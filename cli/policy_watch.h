@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "cli/inotify_watcher.h"
+#include "cli/tree_watcher.h"
 #include "cli/watch_event.h"
 
 class CChangeLog;
@@ -48,9 +48,10 @@ class CPolicyWatch {
                CChangeLog* log = nullptr);
   ~CPolicyWatch();
 
-  // Starts following the tree's events, then reconciles the database with the tree once, so that
-  // nothing that changed before (or while the watches were being placed) is missed.
-  void Start();
+  // Starts following the tree's events (fanotify where it may, inotify otherwise or with
+  // "force_inotify"), then reconciles the database with the tree once, so that nothing that
+  // changed before (or while the watches were being placed) is missed.
+  void Start(bool force_inotify);
   // The descriptor that becomes readable when events wait.
   int fd() const;
   // Takes the waiting events and applies them (writes are queued until they settle).
@@ -76,7 +77,7 @@ class CPolicyWatch {
   size_t queued() const { return queued_.size(); }
   // Whether the database changed since it was last saved.
   bool changed_since_save() const;
-  const char* watcher_kind() const { return "inotify"; }
+  const char* watcher_kind() const { return watcher_ ? watcher_->kind() : "none"; }
   // Directories the watcher could not watch (the per-user limit of watches reached, say): their
   // changes are found by reconciles only.
   uint64_t unwatched() const;
@@ -112,7 +113,7 @@ class CPolicyWatch {
   const CRefPolicySettings& policy_;
   std::shared_ptr<CHashDB> database_;
   CChangeLog* log_;
-  std::unique_ptr<CInotifyWatcher> watcher_;
+  std::unique_ptr<CTreeWatcher> watcher_;
   std::string data_folder_relative_;  // the tool's own folder when it lies in the tree, else empty
   std::map<std::string, CQueued> queued_;  // by path: ordered, so a subtree is a range
   uint64_t saved_changes_ = 0;             // the database's change count at the last save

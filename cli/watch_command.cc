@@ -48,8 +48,11 @@ std::string ErrorAnswer(const std::string& reason) { return "{\"ok\":false,\"err
 // The service: its policies, its socket, and the loop that waits for all of them.
 class CWatchService {
  public:
-  CWatchService(CSession& session, std::chrono::seconds save_period)
-      : session_(session), save_period_(save_period), log_(session.DataFolder() + "/watch-changes.ndjson") {}
+  CWatchService(CSession& session, std::chrono::seconds save_period, bool force_inotify)
+      : session_(session),
+        save_period_(save_period),
+        force_inotify_(force_inotify),
+        log_(session.DataFolder() + "/watch-changes.ndjson") {}
 
   void Add(const CRefPolicySettings& policy, std::shared_ptr<CHashDB> database) {
     watches_.push_back(std::make_unique<CPolicyWatch>(session_, policy, std::move(database), &log_));
@@ -64,7 +67,7 @@ class CWatchService {
     if (signal_fd < 0 || epoll_fd < 0) throw CToolError(std::string("cannot wait for events: ") + std::strerror(errno));
 
     for (auto& watch : watches_) {
-      watch->Start();
+      watch->Start(force_inotify_);
       watch->Save(true);  // what the start-up reconcile found is kept at once
     }
     CQueryServer server(session_.DataFolder() + "/watch.sock",
@@ -82,8 +85,11 @@ class CWatchService {
     add(signal_fd, kSignalTag);
     add(server.fd(), kServerTag);
     for (size_t i = 0; i < watches_.size(); ++i) add(watches_[i]->fd(), i);
-    std::cout << "watching " << watches_.size() << (watches_.size() == 1 ? " policy" : " policies")
-              << " with inotify; queries at " << server.path() << std::endl;
+    for (auto& watch : watches_) {
+      std::cout << "watching policy " << watch->policy().name << " (" << EscapedText(watch->policy().root) << ") with "
+                << watch->watcher_kind() << "\n";
+    }
+    std::cout << "queries at " << server.path() << std::endl;
 
     std::optional<CClock::time_point> save_due;
     std::vector<std::optional<CClock::time_point>> shrink_due(watches_.size());
@@ -243,6 +249,7 @@ class CWatchService {
 
   CSession& session_;
   std::chrono::seconds save_period_;
+  bool force_inotify_;
   CChangeLog log_;
   std::vector<std::unique_ptr<CPolicyWatch>> watches_;
 };
@@ -250,7 +257,7 @@ class CWatchService {
 }  // namespace
 
 int RunWatch(const CCommandLine& line) {
-  RequireShape(line, {"--rescan", "--save-period", "--quiet"}, 0, SIZE_MAX);
+  RequireShape(line, {"--rescan", "--save-period", "--quiet", "--inotify"}, 0, SIZE_MAX);
   long save_period = kDefaultSavePeriodSeconds;
   if (!line.Value("--save-period").empty()) {
     try {
@@ -283,7 +290,7 @@ int RunWatch(const CCommandLine& line) {
     for (const std::string& name : line.arguments) policies.push_back(&session.Policy(name));
   }
   session.PrepareSigner();
-  CWatchService service(session, std::chrono::seconds(save_period));
+  CWatchService service(session, std::chrono::seconds(save_period), line.Has("--inotify"));
   for (const CRefPolicySettings* policy : policies) {
     session.RequireRoot(*policy);
     session.LockPolicy(*policy, CPolicyLock::CMode::kExclusive);

@@ -35,7 +35,8 @@ Poco::JSON::Object::Ptr Parse(const std::string& line) { return ParseJson(line);
 
 }  // namespace
 
-class WatchTest : public ToolTest {
+// Run with each watcher: the default (fanotify where the process may use it) and inotify.
+class WatchTest : public ToolTest, public ::testing::WithParamInterface<std::string> {
  protected:
   ~WatchTest() override { Stop(SIGKILL); }
 
@@ -43,7 +44,7 @@ class WatchTest : public ToolTest {
 
   // Starts "signdb watch ARGS" and waits until it answers.
   void Start(const std::string& args = "") {
-    std::string command = "exec '" SIGNDB_TOOL_PATH "' --config '" + config_ + "' watch " + args + " >'" +
+    std::string command = "exec '" SIGNDB_TOOL_PATH "' --config '" + config_ + "' watch " + GetParam() + " " + args + " >'" +
                           (dir_ / "watch.out") + "' 2>'" + (dir_ / "watch.err") + "'";
     const char* argv[] = {"/bin/sh", "-c", command.c_str(), nullptr};
     ASSERT_EQ(0, ::posix_spawn(&pid_, "/bin/sh", nullptr, nullptr, const_cast<char**>(argv), environ));
@@ -85,7 +86,11 @@ class WatchTest : public ToolTest {
   bool Eventually(const std::function<bool()>& holds, std::chrono::milliseconds within = kWithin) {
     auto deadline = std::chrono::steady_clock::now() + within;
     for (;;) {
-      if (holds()) return true;
+      try {
+        if (holds()) return true;
+      } catch (const std::exception&) {
+        // busy (a reconcile of a large tree answers nothing meanwhile): asked again
+      }
       if (std::chrono::steady_clock::now() > deadline) return false;
       std::this_thread::sleep_for(10ms);
     }
@@ -108,7 +113,7 @@ class WatchTest : public ToolTest {
   pid_t pid_ = -1;
 };
 
-TEST_F(WatchTest, ANewFileIsRecordedWithinASecond) {
+TEST_P(WatchTest, ANewFileIsRecordedWithinASecond) {
   Init();
   Start();
   Write("new.txt", "fresh\n");
@@ -116,7 +121,7 @@ TEST_F(WatchTest, ANewFileIsRecordedWithinASecond) {
   EXPECT_EQ("file", Shown("new.txt")->optValue<std::string>("kind", ""));
 }
 
-TEST_F(WatchTest, AContentChangeIsRecordedWithinASecond) {
+TEST_P(WatchTest, AContentChangeIsRecordedWithinASecond) {
   Write("f.txt", "one\n");
   Init();
   Start();
@@ -125,7 +130,7 @@ TEST_F(WatchTest, AContentChangeIsRecordedWithinASecond) {
   EXPECT_TRUE(EventuallyRecorded("f.txt", Sha256("one\ntwo\n")));
 }
 
-TEST_F(WatchTest, AModeAndAnOwnerChangeAreRecorded) {
+TEST_P(WatchTest, AModeAndAnOwnerChangeAreRecorded) {
   Write("f.txt", "x");
   Init();
   Start();
@@ -147,7 +152,7 @@ static uint64_t BytesRead(pid_t pid) {
   return 0;
 }
 
-TEST_F(WatchTest, AnAttributeChangeOfALargeFileIsRecordedWithoutReadingItAgain) {
+TEST_P(WatchTest, AnAttributeChangeOfALargeFileIsRecordedWithoutReadingItAgain) {
   std::string big(32 << 20, 'b');
   Write("big", big);
   Init();
@@ -165,7 +170,7 @@ TEST_F(WatchTest, AnAttributeChangeOfALargeFileIsRecordedWithoutReadingItAgain) 
   EXPECT_TRUE(EventuallyRecorded("big", Sha256(changed), 3s));
 }
 
-TEST_F(WatchTest, ARenameWithinADirectoryKeepsTheRecordUnderTheNewName) {
+TEST_P(WatchTest, ARenameWithinADirectoryKeepsTheRecordUnderTheNewName) {
   Write("d/old.txt", "content");
   Init();
   Start();
@@ -174,7 +179,7 @@ TEST_F(WatchTest, ARenameWithinADirectoryKeepsTheRecordUnderTheNewName) {
   EXPECT_TRUE(EventuallyGone("d/old.txt"));
 }
 
-TEST_F(WatchTest, AMoveAcrossDirectoriesUnderANewNameLandsWhereTheFileNowIs) {
+TEST_P(WatchTest, AMoveAcrossDirectoriesUnderANewNameLandsWhereTheFileNowIs) {
   Write("a/x", "moving");
   Write("b/x", "stays in b");
   Write("a/y", "stays in a");
@@ -188,7 +193,7 @@ TEST_F(WatchTest, AMoveAcrossDirectoriesUnderANewNameLandsWhereTheFileNowIs) {
   EXPECT_EQ(Sha256("stays in a"), Shown("a/y")->optValue<std::string>("hash", ""));
 }
 
-TEST_F(WatchTest, ARenamedDirectoryCarriesEveryFileBelowIt) {
+TEST_P(WatchTest, ARenamedDirectoryCarriesEveryFileBelowIt) {
   for (int i = 0; i < 200; ++i) Write("big/sub/f" + std::to_string(i), "file " + std::to_string(i));
   Init();
   Start();
@@ -206,7 +211,7 @@ TEST_F(WatchTest, ARenamedDirectoryCarriesEveryFileBelowIt) {
   EXPECT_LT(applied() - before, 10u);
 }
 
-TEST_F(WatchTest, ADeepPathMadeAtOnceIsRecordedWholeWithItsFile) {
+TEST_P(WatchTest, ADeepPathMadeAtOnceIsRecordedWholeWithItsFile) {
   Init();
   Start();
   ASSERT_EQ(0, RunShell("(mkdir -p tree/p/q/r/s/t && echo deep > tree/p/q/r/s/t/leaf)").status);
@@ -214,7 +219,7 @@ TEST_F(WatchTest, ADeepPathMadeAtOnceIsRecordedWholeWithItsFile) {
   EXPECT_EQ("directory", Shown("p/q/r/s")->optValue<std::string>("kind", ""));
 }
 
-TEST_F(WatchTest, ADirectoryMadeAndFilledBeforeItsWatchIsInPlaceMissesNothing) {
+TEST_P(WatchTest, ADirectoryMadeAndFilledBeforeItsWatchIsInPlaceMissesNothing) {
   Init();
   Start();
   // Made and filled by one shell as fast as it can: most files exist before the watch does.
@@ -228,7 +233,7 @@ TEST_F(WatchTest, ADirectoryMadeAndFilledBeforeItsWatchIsInPlaceMissesNothing) {
   EXPECT_EQ(Sha256("300\n"), Shown("burst/f300")->optValue<std::string>("hash", ""));
 }
 
-TEST_F(WatchTest, ARemovedSubtreeLeavesTheDatabase) {
+TEST_P(WatchTest, ARemovedSubtreeLeavesTheDatabase) {
   Write("gone/a/b/c", "c");
   Write("gone/d", "d");
   Write("kept", "k");
@@ -240,7 +245,7 @@ TEST_F(WatchTest, ARemovedSubtreeLeavesTheDatabase) {
   EXPECT_FALSE(Shown("kept").isNull());
 }
 
-TEST_F(WatchTest, ASymbolicLinkMadeAndRetargetedIsRecordedWithItsTarget) {
+TEST_P(WatchTest, ASymbolicLinkMadeAndRetargetedIsRecordedWithItsTarget) {
   Init();
   Start();
   Symlink("first", "link");
@@ -255,7 +260,7 @@ TEST_F(WatchTest, ASymbolicLinkMadeAndRetargetedIsRecordedWithItsTarget) {
   }));
 }
 
-TEST_F(WatchTest, AFileReplacedByADirectoryIsRecordedAsADirectory) {
+TEST_P(WatchTest, AFileReplacedByADirectoryIsRecordedAsADirectory) {
   Write("thing", "a file");
   Init();
   Start();
@@ -264,7 +269,7 @@ TEST_F(WatchTest, AFileReplacedByADirectoryIsRecordedAsADirectory) {
   EXPECT_EQ("directory", Shown("thing")->optValue<std::string>("kind", ""));
 }
 
-TEST_F(WatchTest, AFileWrittenThousandsOfTimesIsReadAFewTimes) {
+TEST_P(WatchTest, AFileWrittenThousandsOfTimesIsReadAFewTimes) {
   Write("busy", "");
   Init();
   Start();
@@ -273,11 +278,10 @@ TEST_F(WatchTest, AFileWrittenThousandsOfTimesIsReadAFewTimes) {
   for (int i = 1; i <= 2000; ++i) content += std::to_string(i) + "\n";
   EXPECT_TRUE(EventuallyRecorded("busy", Sha256(content), 3s));
   Poco::JSON::Object::Ptr policy = Ask("{\"request\":\"status\"}")->getArray("policies")->getObject(0);
-  EXPECT_GT(policy->optValue<uint64_t>("events", 0), 2000u);
   EXPECT_LT(policy->optValue<uint64_t>("applied", 0), 200u) << "each write read on its own";
 }
 
-TEST_F(WatchTest, AfterSigtermTheSavedDatabaseIsWhatACheckOfTheTreeExpects) {
+TEST_P(WatchTest, AfterSigtermTheSavedDatabaseIsWhatACheckOfTheTreeExpects) {
   ScanSample();
   Start();
   Write("etc/new.conf", "x=1\n");
@@ -292,7 +296,7 @@ TEST_F(WatchTest, AfterSigtermTheSavedDatabaseIsWhatACheckOfTheTreeExpects) {
   EXPECT_NE(std::string::npos, check.out.find("no differences")) << check.out;
 }
 
-TEST_F(WatchTest, ChangesMadeWhileTheServiceWasKilledAreFoundWhenItStartsAgain) {
+TEST_P(WatchTest, ChangesMadeWhileTheServiceWasKilledAreFoundWhenItStartsAgain) {
   Write("a", "before");
   Write("b", "b");
   Init();
@@ -307,13 +311,16 @@ TEST_F(WatchTest, ChangesMadeWhileTheServiceWasKilledAreFoundWhenItStartsAgain) 
   EXPECT_EQ(Sha256("new while down"), Shown("c")->optValue<std::string>("hash", ""));
 }
 
-TEST_F(WatchTest, EventsTheKernelDroppedLeadToAReconcileThatFindsWhatWasMissed) {
+TEST_P(WatchTest, EventsTheKernelDroppedLeadToAReconcileThatFindsWhatWasMissed) {
   Write("many/seed", "s");
   Init();
   Start();
   // Stopped, the service reads nothing while more events than the kernel keeps are queued.
-  long most = std::stol(CTempDir::Read("/proc/sys/fs/inotify/max_queued_events"));
-  long files = most / 2 + 1000;
+  // inotify queues an event per change, fanotify merges the changes of one file into one event.
+  long most = std::stol(CTempDir::Read("/proc/sys/fs/inotify/max_queued_events")) / 2;
+  std::string fanotify_most = CTempDir::Read("/proc/sys/fs/fanotify/max_queued_events");
+  if (!fanotify_most.empty()) most = std::max(most, std::stol(fanotify_most));
+  long files = most + 1000;
   ASSERT_EQ(0, ::kill(pid_, SIGSTOP));
   CToolRun made = RunShell("(cd tree/many && seq -f 'f%.0f' 1 " + std::to_string(files) + " | xargs touch && echo last > f1)");
   ::kill(pid_, SIGCONT);
@@ -321,13 +328,13 @@ TEST_F(WatchTest, EventsTheKernelDroppedLeadToAReconcileThatFindsWhatWasMissed) 
   EXPECT_TRUE(Eventually([&] {
     Poco::JSON::Object::Ptr policy = Ask("{\"request\":\"status\"}")->getArray("policies")->getObject(0);
     return policy->optValue<uint64_t>("lost", 0) >= 1 && policy->optValue<uint64_t>("reconciles", 0) >= 2;
-  }, 10s));
-  EXPECT_TRUE(EventuallyRecorded("many/f1", Sha256("last\n"), 10s));
+  }, 60s));
+  EXPECT_TRUE(EventuallyRecorded("many/f1", Sha256("last\n"), 30s));
   EXPECT_FALSE(Shown("many/f" + std::to_string(files)).isNull());
   EXPECT_FALSE(Shown("many/f" + std::to_string(files / 2)).isNull());
 }
 
-TEST_F(WatchTest, EveryChangeAppliedIsWrittenToTheChangeLogAsItHappens) {
+TEST_P(WatchTest, EveryChangeAppliedIsWrittenToTheChangeLogAsItHappens) {
   Write("d/old", "content");
   Init();
   Start();
@@ -357,7 +364,7 @@ TEST_F(WatchTest, EveryChangeAppliedIsWrittenToTheChangeLogAsItHappens) {
   EXPECT_EQ("moved", moved->getObject("watch")->optValue<std::string>("event", ""));
 }
 
-TEST_F(WatchTest, WithATouchPeriodRecordsThatNothingSeesAnyMoreAreShrunkAway) {
+TEST_P(WatchTest, WithATouchPeriodRecordsThatNothingSeesAnyMoreAreShrunkAway) {
   Write("cache/a", "a");
   Write("kept", "k");
   Init();
@@ -379,7 +386,7 @@ TEST_F(WatchTest, WithATouchPeriodRecordsThatNothingSeesAnyMoreAreShrunkAway) {
   EXPECT_GE(Ask("{\"request\":\"status\"}")->getArray("policies")->getObject(0)->optValue<uint64_t>("shrunk", 0), 1u);
 }
 
-TEST_F(WatchTest, ShowAndLookupAskTheRunningServiceForWhatItWatches) {
+TEST_P(WatchTest, ShowAndLookupAskTheRunningServiceForWhatItWatches) {
   Write("one", "same content");
   Init();
   Start();
@@ -406,7 +413,7 @@ TEST_F(WatchTest, ShowAndLookupAskTheRunningServiceForWhatItWatches) {
   EXPECT_NE(std::string::npos, again.out.find(Tree("two"))) << again.out;
 }
 
-TEST_F(WatchTest, BadRequestsGetAClearErrorAndTheServiceGoesOn) {
+TEST_P(WatchTest, BadRequestsGetAClearErrorAndTheServiceGoesOn) {
   Init();
   Start();
   EXPECT_EQ("not a JSON object: a request is one line like {\"request\":\"status\"}",
@@ -419,7 +426,7 @@ TEST_F(WatchTest, BadRequestsGetAClearErrorAndTheServiceGoesOn) {
   EXPECT_TRUE(Ask("{\"request\":\"status\"}")->optValue<bool>("ok", false));
 }
 
-TEST_F(WatchTest, TheSocketIsTheOwnersAlone) {
+TEST_P(WatchTest, TheSocketIsTheOwnersAlone) {
   Init();
   Start();
   struct stat status {};
@@ -428,7 +435,7 @@ TEST_F(WatchTest, TheSocketIsTheOwnersAlone) {
   EXPECT_EQ(0u, status.st_mode & 077u);
 }
 
-TEST_F(WatchTest, ASecondServiceOnTheSameDataFolderRefusesAndNamesTheFirst) {
+TEST_P(WatchTest, ASecondServiceOnTheSameDataFolderRefusesAndNamesTheFirst) {
   Init();
   Start();
   CToolRun second = Tool("watch");
@@ -437,7 +444,7 @@ TEST_F(WatchTest, ASecondServiceOnTheSameDataFolderRefusesAndNamesTheFirst) {
   EXPECT_NE(std::string::npos, second.err.find("(process " + std::to_string(pid_) + ")")) << second.err;
 }
 
-TEST_F(WatchTest, ATamperedDatabaseStopsTheServiceUnlessItIsToRecordTheTreeAfresh) {
+TEST_P(WatchTest, ATamperedDatabaseStopsTheServiceUnlessItIsToRecordTheTreeAfresh) {
   ScanSample();
   {
     std::fstream hdb(Data("t.hdb"), std::ios::in | std::ios::out | std::ios::binary);
@@ -452,7 +459,7 @@ TEST_F(WatchTest, ATamperedDatabaseStopsTheServiceUnlessItIsToRecordTheTreeAfres
   EXPECT_NE(std::string::npos, CTempDir::Read(dir_ / "watch.err").find("afresh"));
 }
 
-TEST_F(WatchTest, StatusTellsWhetherAServiceRuns) {
+TEST_P(WatchTest, StatusTellsWhetherAServiceRuns) {
   ScanSample();
   CToolRun idle = Tool("status");
   EXPECT_EQ(0, idle.status) << idle.err;
@@ -460,12 +467,12 @@ TEST_F(WatchTest, StatusTellsWhetherAServiceRuns) {
   Start();
   CToolRun running = Tool("status");
   EXPECT_EQ(0, running.status) << running.err;
-  EXPECT_NE(std::string::npos, running.out.find("watched with inotify")) << running.out;
+  EXPECT_NE(std::string::npos, running.out.find("watched with ")) << running.out;
   CToolRun json = Tool("status --json");
   EXPECT_EQ(pid_, Parse(json.out)->optValue<int>("pid", 0));
 }
 
-TEST_F(WatchTest, LookupThroughTheServiceFindsANewFileByItsHash) {
+TEST_P(WatchTest, LookupThroughTheServiceFindsANewFileByItsHash) {
   Init();
   Start();
   Write("found/me", "look me up");
@@ -476,3 +483,20 @@ TEST_F(WatchTest, LookupThroughTheServiceFindsANewFileByItsHash) {
   EXPECT_EQ(Tree("found/me"), holders->getObject(0)->optValue<std::string>("path", ""));
   EXPECT_EQ("t", holders->getObject(0)->optValue<std::string>("policy", ""));
 }
+
+TEST_P(WatchTest, TheWatcherInUseIsSaidAtStartAndInTheStatus) {
+  Init();
+  Start();
+  std::string watcher = Ask("{\"request\":\"status\"}")->getArray("policies")->getObject(0)->optValue<std::string>("watcher", "");
+  if (GetParam() == "--inotify") {
+    EXPECT_EQ("inotify", watcher);
+  } else {
+    EXPECT_TRUE(watcher == "fanotify" || watcher == "inotify") << watcher;
+  }
+  EXPECT_NE(std::string::npos, CTempDir::Read(dir_ / "watch.out").find("with " + watcher)) << CTempDir::Read(dir_ / "watch.out");
+}
+
+INSTANTIATE_TEST_SUITE_P(Watchers, WatchTest, ::testing::Values(std::string(), std::string("--inotify")),
+                         [](const ::testing::TestParamInfo<std::string>& info) {
+                           return info.param.empty() ? std::string("Default") : std::string("Inotify");
+                         });
