@@ -177,9 +177,10 @@ std::optional<CPolicyWatch::CClock::time_point> CPolicyWatch::NextDue() const {
   return next;
 }
 
-void CPolicyWatch::ApplyDue(CClock::time_point now) {
+void CPolicyWatch::ApplyDue(CClock::time_point now, size_t most) {
   std::vector<std::pair<std::string, CQueued>> due;
   for (const auto& [path, queued] : queued_) {
+    if (due.size() >= most) break;
     if (queued.due <= now) due.emplace_back(path, queued);
   }
   for (const auto& [path, queued] : due) {

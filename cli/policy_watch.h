@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -56,8 +57,10 @@ class CPolicyWatch {
   int fd() const;
   // Takes the waiting events and applies them (writes are queued until they settle).
   void OnEvents();
-  // Reads and records the queued writes whose time has come.
-  void ApplyDue(CClock::time_point now);
+  // Reads and records the queued writes whose time has come, at most "most" of them (the service
+  // goes back to the kernel's events in between, so that its queue does not overflow while a burst
+  // of writes is taken in).
+  void ApplyDue(CClock::time_point now, size_t most = SIZE_MAX);
   // When the next queued write is due, if any is queued.
   std::optional<CClock::time_point> NextDue() const;
   // Compares the whole tree with the database and takes what differs into it.

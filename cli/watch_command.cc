@@ -42,6 +42,8 @@ namespace {
 using CClock = std::chrono::steady_clock;
 
 constexpr long kDefaultSavePeriodSeconds = 300;
+// Objects read between two looks at the kernel's events: a few milliseconds of work.
+constexpr size_t kMostReadsPerTurn = 128;
 
 std::string ErrorAnswer(const std::string& reason) { return "{\"ok\":false,\"error\":" + JsonString(reason) + "}"; }
 
@@ -127,7 +129,7 @@ class CWatchService {
         }
       }
       CClock::time_point now = CClock::now();
-      for (auto& watch : watches_) watch->ApplyDue(now);
+      for (auto& watch : watches_) watch->ApplyDue(now, kMostReadsPerTurn);
       if (stop) break;
       for (size_t i = 0; i < watches_.size(); ++i) {
         if (!shrink_due[i] || *shrink_due[i] > now) continue;
