@@ -98,19 +98,12 @@ bool CFanotifyWatcher::DirectoryOf(const void* handle_bytes, std::string& relati
 
 void CFanotifyWatcher::Read(std::vector<CWatchEvent>& events) {
   alignas(struct fanotify_event_metadata) char buffer[64 * 1024];
-  for (;;) {
-    ssize_t length = ::read(fd_, buffer, sizeof buffer);
-    if (length < 0) {
-      if (errno == EINTR) continue;
-      if (errno == EAGAIN) break;
-      throw std::runtime_error(std::string("cannot read the file events: ") + std::strerror(errno));
-    }
-    if (length == 0) break;
+  for (size_t length; (length = ReadQueued(fd_, buffer, sizeof buffer)) > 0;) {
     // Events follow each other at lengths that keep no alignment: each part is copied out.
-    for (size_t offset = 0; offset + sizeof(struct fanotify_event_metadata) <= static_cast<size_t>(length);) {
+    for (size_t offset = 0; offset + sizeof(struct fanotify_event_metadata) <= length;) {
       struct fanotify_event_metadata metadata {};
       std::memcpy(&metadata, buffer + offset, sizeof metadata);
-      if (metadata.event_len < sizeof metadata || offset + metadata.event_len > static_cast<size_t>(length)) break;
+      if (metadata.event_len < sizeof metadata || offset + metadata.event_len > length) break;
       const struct fanotify_event_metadata* event = &metadata;
       const char* info = buffer + offset + metadata.metadata_len;
       const char* end = buffer + offset + metadata.event_len;

@@ -1,7 +1,5 @@
 #include "cli/inotify_watcher.h"
 
-#include <dirent.h>
-#include <fcntl.h>
 #include <sys/inotify.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -12,6 +10,7 @@
 #include <utility>
 
 #include "cli/relative_path.h"
+#include "cli/report_event.h"
 
 namespace {
 
@@ -63,13 +62,8 @@ CInotifyWatcher::~CInotifyWatcher() {
   if (fd_ >= 0) ::close(fd_);
 }
 
-std::string CInotifyWatcher::Full(const std::string& relative) const {
-  if (relative.empty()) return root_;
-  return root_ == "/" ? "/" + relative : root_ + "/" + relative;
-}
-
 bool CInotifyWatcher::WatchDirectory(const std::string& relative) {
-  int wd = ::inotify_add_watch(fd_, Full(relative).c_str(), kMask);
+  int wd = ::inotify_add_watch(fd_, JoinedPath(root_, relative).c_str(), kMask);
   if (wd < 0) {
     ++unwatched_;
     return false;
@@ -84,42 +78,15 @@ bool CInotifyWatcher::WatchDirectory(const std::string& relative) {
 }
 
 void CInotifyWatcher::WatchTree(const std::string& top, std::vector<CWatchEvent>* report) {
-  std::vector<std::string> pending{top};
-  while (!pending.empty()) {
-    std::string directory = std::move(pending.back());
-    pending.pop_back();
-    if (!directory.empty() && !watches_.count(directory) && !WatchDirectory(directory)) continue;
-    // Listed after its watch is in place: nothing created meanwhile is missed.
-    int fd = ::open(Full(directory).c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-    if (fd < 0) continue;
-    DIR* listing = ::fdopendir(fd);
-    if (listing == nullptr) {
-      ::close(fd);
-      continue;
-    }
-    while (const struct dirent* entry = ::readdir(listing)) {
-      const char* name = entry->d_name;
-      if (name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'))) continue;
-      std::string child = JoinRelative(directory, name);
-      bool is_directory = entry->d_type == DT_DIR;
-      struct stat status {};
-      if (entry->d_type == DT_UNKNOWN || is_directory) {
-        if (::fstatat(::dirfd(listing), name, &status, AT_SYMLINK_NOFOLLOW) != 0) continue;
-        is_directory = S_ISDIR(status.st_mode);
-      }
-      if (excluded_ && excluded_(child, is_directory)) continue;
-      if (is_directory && !cross_mounts_ && status.st_dev != root_device_) continue;  // another file system
-      if (report != nullptr) {
-        CWatchEvent event;
-        event.kind = CWatchEvent::CKind::kCreated;
-        event.path = child;
-        event.directory = is_directory;
-        report->push_back(std::move(event));
-      }
-      if (is_directory) pending.push_back(std::move(child));
-    }
-    ::closedir(listing);
-  }
+  // Each directory is listed after its watch is in place: nothing created meanwhile is missed.
+  WalkBelow(
+      root_, top, root_device_, cross_mounts_, excluded_,
+      [this](const std::string& directory) {
+        return directory.empty() || watches_.count(directory) != 0 || WatchDirectory(directory);
+      },
+      [report](const std::string& child, bool directory) {
+        if (report != nullptr) report->push_back(CWatchEvent{CWatchEvent::CKind::kCreated, child, "", directory});
+      });
 }
 
 void CInotifyWatcher::ForgetTree(const std::string& top) {
@@ -164,14 +131,7 @@ void CInotifyWatcher::Read(std::vector<CWatchEvent>& events) {
     from.kind = CWatchEvent::CKind::kRemoved;
     events.push_back(std::move(from));
   };
-  for (;;) {
-    ssize_t length = ::read(fd_, buffer, sizeof buffer);
-    if (length < 0) {
-      if (errno == EINTR) continue;
-      if (errno == EAGAIN) break;
-      throw std::runtime_error(std::string("cannot read the file events: ") + std::strerror(errno));
-    }
-    if (length == 0) break;
+  for (size_t length; (length = ReadQueued(fd_, buffer, sizeof buffer)) > 0;) {
     for (char* at = buffer; at < buffer + length;) {
       const auto* raw = reinterpret_cast<const struct inotify_event*>(at);
       at += sizeof(struct inotify_event) + raw->len;

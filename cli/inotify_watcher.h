@@ -44,7 +44,6 @@ class CInotifyWatcher : public CTreeWatcher {
   bool WatchDirectory(const std::string& relative);
   void ForgetTree(const std::string& relative);
   void RenameTree(const std::string& from, const std::string& to);
-  std::string Full(const std::string& relative) const;
 
   std::string root_;
   CExcluded excluded_;

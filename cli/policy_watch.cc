@@ -20,22 +20,9 @@
 #include "refhost/file_obj_info.h"
 #include "refhost/ref_host.h"
 
-namespace {
-
-std::string UtcNow() {
-  std::time_t now = std::time(nullptr);
-  struct tm parts {};
-  gmtime_r(&now, &parts);
-  char text[32];
-  std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts);
-  return text;
-}
-
-}  // namespace
-
 CPolicyWatch::CPolicyWatch(CSession& session, const CRefPolicySettings& policy, std::shared_ptr<CHashDB> database,
                            CChangeLog* log)
-    : session_(session), policy_(policy), database_(std::move(database)), log_(log) {
+    : session_(session), policy_(policy), database_(std::move(database)), log_(log), wide_root_(Wide("")) {
   std::string data = session_.DataFolder();
   std::string root = policy_.root;
   while (root.size() > 1 && root.back() == '/') root.pop_back();
@@ -199,11 +186,11 @@ void CPolicyWatch::Record(const std::string& relative, bool content, const char*
   CRefHost& host = session_.host();
   std::wstring full = Wide(relative);
   std::optional<CObjectState> recorded;
-  if (database_->ExistsAs(full, false) || database_->ExistsAs(full, true)) recorded = RecordedState(*database_, full);
+  if (IsRecorded(full)) recorded = RecordedState(*database_, full);
   std::optional<CKnownContent> known;
   if (!content && recorded && !recorded->is_dir) known = CKnownContent{recorded->size, recorded->time_2, recorded->hash};
   std::shared_ptr<CRefFileObjInfo> info =
-      CRefFileObjInfo::FromDisk(*host.Utility(), *host.Cfg(), Wide(""), full, session_.settings().policy_number,
+      CRefFileObjInfo::FromDisk(*host.Utility(), *host.Cfg(), wide_root_, full, session_.settings().policy_number,
                                 false, known ? &*known : nullptr);
   if (info->IsGone()) {
     if (recorded) Remove(relative, "removed");
@@ -225,7 +212,7 @@ void CPolicyWatch::Remove(const std::string& relative, const char* event) {
   if (relative.empty()) return;  // the root stays recorded; a reconcile says what became of it
   std::wstring full = Wide(relative);
   std::optional<CObjectState> recorded;
-  if (database_->ExistsAs(full, false) || database_->ExistsAs(full, true)) recorded = RecordedState(*database_, full);
+  if (IsRecorded(full)) recorded = RecordedState(*database_, full);
   std::shared_ptr<CObjInfo> none;
   database_->RemoveObject(none, full);
   ++counters_.applied;
@@ -242,9 +229,10 @@ void CPolicyWatch::Log(const CDifference& difference, const char* event) {
   log_->Write(line);
 }
 
-bool CPolicyWatch::Recorded(const std::string& relative) {
-  std::wstring path = Wide(relative);
-  return database_->ExistsAs(path, false) || database_->ExistsAs(path, true);
+bool CPolicyWatch::Recorded(const std::string& relative) { return IsRecorded(Wide(relative)); }
+
+bool CPolicyWatch::IsRecorded(const std::wstring& full) {
+  return database_->ExistsAs(full, false) || database_->ExistsAs(full, true);
 }
 
 void CPolicyWatch::Move(const std::string& from, const std::string& to, bool directory) {
@@ -309,5 +297,5 @@ void CPolicyWatch::Save(bool always) {
   if (!always && changes == saved_changes_) return;
   session_.Save(database_, policy_);
   saved_changes_ = changes;
-  counters_.last_save = UtcNow();
+  counters_.last_save = IsoSecondsText(std::time(nullptr));
 }

@@ -107,6 +107,7 @@ class CPolicyWatch {
   void Log(const CDifference& difference, const char* event);
   void Move(const std::string& from, const std::string& to, bool directory);
   bool Recorded(const std::string& relative);
+  bool IsRecorded(const std::wstring& full);
   // Queued writes at or below "top" follow a move to "to", or are dropped (to empty).
   void Requeue(const std::string& top, const std::optional<std::string>& to);
   bool Excluded(const std::string& relative, bool directory) const;
@@ -116,6 +117,7 @@ class CPolicyWatch {
   const CRefPolicySettings& policy_;
   std::shared_ptr<CHashDB> database_;
   CChangeLog* log_;
+  std::wstring wide_root_;  // the root in the module's form, as every object read names it
   std::unique_ptr<CTreeWatcher> watcher_;
   std::string data_folder_relative_;  // the tool's own folder when it lies in the tree, else empty
   std::map<std::string, CQueued> queued_;  // by path: ordered, so a subtree is a range

@@ -27,9 +27,9 @@ sockaddr_un AddressOf(const std::string& path) {
   return address;
 }
 
-std::string ErrorAnswer(const std::string& reason) { return "{\"ok\":false,\"error\":" + JsonString(reason) + "}"; }
-
 }  // namespace
+
+std::string ErrorAnswer(const std::string& reason) { return "{\"ok\":false,\"error\":" + JsonString(reason) + "}"; }
 
 CQueryServer::CQueryServer(std::string socket_path, CHandler handler)
     : path_(std::move(socket_path)), handler_(std::move(handler)) {

@@ -3,7 +3,6 @@
 
 #include <sys/stat.h>
 
-#include <ctime>
 #include <iostream>
 #include <string>
 
@@ -24,14 +23,11 @@
 
 namespace {
 
+// When the file was last written, or "" when it cannot be examined.
 std::string FileTimeText(const std::string& path) {
   struct stat status {};
   if (::stat(path.c_str(), &status) != 0) return std::string();
-  struct tm parts {};
-  gmtime_r(&status.st_mtime, &parts);
-  char text[32];
-  std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts);
-  return text;
+  return IsoSecondsText(status.st_mtime);
 }
 
 int PrintServiceStatus(const std::string& answer, bool json) {

@@ -1,6 +1,7 @@
 #include "cli/text_format.h"
 
 #include <cstdio>
+#include <ctime>
 #include <sstream>
 
 #include <Poco/DateTimeFormatter.h>
@@ -51,6 +52,11 @@ std::string IsoTimeText(uint64_t nanoseconds) {
   char fraction[16];
   std::snprintf(fraction, sizeof fraction, ".%09lluZ", static_cast<unsigned long long>(nanoseconds % 1000000000ull));
   return Poco::DateTimeFormatter::format(time, "%Y-%m-%dT%H:%M:%S") + fraction;
+}
+
+std::string IsoSecondsText(int64_t seconds) {
+  return Poco::DateTimeFormatter::format(Poco::Timestamp::fromEpochTime(static_cast<std::time_t>(seconds)),
+                                         "%Y-%m-%dT%H:%M:%SZ");
 }
 
 std::string ValidUtf8(const std::string& text) {

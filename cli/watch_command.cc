@@ -45,8 +45,6 @@ constexpr long kDefaultSavePeriodSeconds = 300;
 // Objects read between two looks at the kernel's events: a few milliseconds of work.
 constexpr size_t kMostReadsPerTurn = 128;
 
-std::string ErrorAnswer(const std::string& reason) { return "{\"ok\":false,\"error\":" + JsonString(reason) + "}"; }
-
 // The service: its policies, its socket, and the loop that waits for all of them.
 class CWatchService {
  public:
