@@ -31,27 +31,35 @@ CChangeLog::CChangeLog(std::string path, uint64_t rotate_at) : path_(std::move(p
 }
 
 CChangeLog::~CChangeLog() {
+  Flush();
   if (fd_ >= 0) ::close(fd_);
   if (system_log_) ::closelog();
 }
 
 void CChangeLog::Write(const std::string& line) {
-  std::string whole = line + "\n";
-  if (size_ > 0 && size_ + whole.size() > rotate_at_) Rotate();
+  if (size_ > 0 && size_ + line.size() + 1 > rotate_at_) Rotate();
+  pending_ += line;
+  pending_ += '\n';
+  size_ += line.size() + 1;
+  if (system_log_) ::syslog(LOG_NOTICE, "%s", line.c_str());
+  if (pending_.size() >= kBuffer) Flush();
+}
+
+void CChangeLog::Flush() {
   size_t written = 0;
-  while (fd_ >= 0 && written < whole.size()) {
-    ssize_t length = ::write(fd_, whole.data() + written, whole.size() - written);
+  while (fd_ >= 0 && written < pending_.size()) {
+    ssize_t length = ::write(fd_, pending_.data() + written, pending_.size() - written);
     if (length < 0) {
       if (errno == EINTR) continue;
       break;  // a full disk loses log lines, never the service
     }
     written += static_cast<size_t>(length);
   }
-  size_ += fd_ >= 0 ? written : whole.size();
-  if (system_log_) ::syslog(LOG_NOTICE, "%s", line.c_str());
+  pending_.clear();
 }
 
 void CChangeLog::Rotate() {
+  Flush();
   ::close(fd_);
   for (int i = kKept - 1; i >= 1; --i) {
     std::rename((path_ + "." + std::to_string(i)).c_str(), (path_ + "." + std::to_string(i + 1)).c_str());

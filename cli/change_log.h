@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
@@ -13,6 +14,7 @@ class CChangeLog {
  public:
   static constexpr uint64_t kRotateAt = 16ull << 20;
   static constexpr int kKept = 3;
+  static constexpr size_t kBuffer = 64u << 10;
 
   // Opens (or creates, owner-only) "path" for appending. Throws std::runtime_error when it cannot.
   explicit CChangeLog(std::string path, uint64_t rotate_at = kRotateAt);
@@ -20,8 +22,11 @@ class CChangeLog {
   CChangeLog(const CChangeLog&) = delete;
   CChangeLog& operator=(const CChangeLog&) = delete;
 
-  // Appends one line (without its newline) and hands it to the system log.
+  // Appends one line (without its newline) and hands it to the system log. Lines are gathered and
+  // written together by Flush (the service flushes before it waits for events again, and a full
+  // buffer is flushed at once): a burst of changes costs a write per kBuffer bytes, not per line.
   void Write(const std::string& line);
+  void Flush();
   const std::string& path() const { return path_; }
 
  private:
@@ -30,6 +35,7 @@ class CChangeLog {
   std::string path_;
   uint64_t rotate_at_;
   int fd_ = -1;
-  uint64_t size_ = 0;
+  uint64_t size_ = 0;     // of the file, with what is still buffered
+  std::string pending_;  // lines not written yet
   bool system_log_ = false;
 };

@@ -22,7 +22,8 @@
 
 CPolicyWatch::CPolicyWatch(CSession& session, const CRefPolicySettings& policy, std::shared_ptr<CHashDB> database,
                            CChangeLog* log)
-    : session_(session), policy_(policy), database_(std::move(database)), log_(log), wide_root_(Wide("")) {
+    : session_(session), policy_(policy), database_(std::move(database)), log_(log), wide_root_(Wide("")),
+      directories_(policy.root) {
   std::string data = session_.DataFolder();
   std::string root = policy_.root;
   while (root.size() > 1 && root.back() == '/') root.pop_back();
@@ -69,6 +70,7 @@ void CPolicyWatch::Reconcile() {
 }
 
 void CPolicyWatch::OnEvents() {
+  directories_.Clear();
   events_.clear();
   watcher_->Read(events_);
   counters_.events += events_.size();
@@ -93,10 +95,10 @@ void CPolicyWatch::Apply(const CWatchEvent& event) {
       Reconcile();
       return;
     case CWatchEvent::CKind::kWritten:
-      Queue(event.path, now, true);
+      queued_.Add(event.path, now, true);
       return;
     case CWatchEvent::CKind::kAttributes:
-      Queue(event.path, now, false);
+      queued_.Add(event.path, now, false);
       return;
     case CWatchEvent::CKind::kCreated:
       // A directory is recorded at once: what appears in it is recorded below it. A file waits
@@ -106,17 +108,19 @@ void CPolicyWatch::Apply(const CWatchEvent& event) {
       if (event.directory) {
         Record(event.path, true, "created");
       } else {
-        Queue(event.path, now, true, true);
+        queued_.Add(event.path, now, true, true);
       }
       QueueParent(event.path, now);
       return;
     case CWatchEvent::CKind::kRemoved:
-      Requeue(event.path, std::nullopt);
+      directories_.Clear();  // none is reached through a descriptor opened before the change
+      queued_.Move(event.path, std::nullopt);
       Remove(event.path, "removed");
       QueueParent(event.path, now);
       return;
     case CWatchEvent::CKind::kMoved:
-      Requeue(event.from, event.path);
+      directories_.Clear();
+      queued_.Move(event.from, event.path);
       Move(event.from, event.path, event.directory);
       QueueParent(event.from, now);
       QueueParent(event.path, now);
@@ -124,74 +128,48 @@ void CPolicyWatch::Apply(const CWatchEvent& event) {
   }
 }
 
-void CPolicyWatch::Queue(const std::string& path, CClock::time_point now, bool content, bool created) {
-  auto [queued, added] = queued_.try_emplace(path, CQueued{now, now + kSettle, content, created});
-  if (added) return;
-  queued->second.due = std::min(now + kSettle, queued->second.first + kLongestWait);
-  queued->second.content = queued->second.content || content;
-  queued->second.created = queued->second.created || created;
-}
-
 void CPolicyWatch::QueueParent(const std::string& path, CClock::time_point now) {
-  if (!path.empty()) Queue(ParentOf(path), now, false);
-}
-
-void CPolicyWatch::Requeue(const std::string& top, const std::optional<std::string>& to) {
-  std::vector<std::pair<std::string, CQueued>> moved;
-  auto take = [&](std::map<std::string, CQueued>::iterator from, std::map<std::string, CQueued>::iterator end) {
-    while (from != end) {
-      if (to) moved.emplace_back(*to + from->first.substr(top.size()), from->second);
-      from = queued_.erase(from);
-    }
-  };
-  if (top.empty()) {
-    take(queued_.begin(), queued_.end());
-  } else {
-    // The path itself, then what lies below it: "top/" up to "top0" ('0' follows '/'), which
-    // leaves out siblings such as "top-old" that sort between the two.
-    auto self = queued_.find(top);
-    if (self != queued_.end()) take(self, std::next(self));
-    take(queued_.lower_bound(top + "/"), queued_.lower_bound(top + "0"));
-  }
-  for (auto& [path, queued] : moved) queued_.insert_or_assign(std::move(path), queued);
+  if (!path.empty()) queued_.Add(ParentOf(path), now, false);
 }
 
 std::optional<CPolicyWatch::CClock::time_point> CPolicyWatch::NextDue() const {
-  std::optional<CClock::time_point> next;
-  for (const auto& [path, queued] : queued_) {
-    if (!next || queued.due < *next) next = queued.due;
-  }
-  return next;
+  return queued_.NextDue();
 }
 
 void CPolicyWatch::ApplyDue(CClock::time_point now, size_t most) {
-  std::vector<std::pair<std::string, CQueued>> due;
-  for (const auto& [path, queued] : queued_) {
-    if (due.size() >= most) break;
-    if (queued.due <= now) due.emplace_back(path, queued);
-  }
-  for (const auto& [path, queued] : due) {
-    queued_.erase(path);
+  for (const CWriteQueue::CEntry& queued : queued_.TakeDue(now, most)) {
+    const std::string& path = queued.path;
     try {
-      Record(path, queued.content, queued.created ? "created" : queued.content ? "written" : "attributes");
+      // What was written is most likely a regular file still: opened first, examined through
+      // that descriptor.
+      Record(path, queued.content, queued.created ? "created" : queued.content ? "written" : "attributes",
+             queued.content);
     } catch (const std::exception& e) {
       ++counters_.failures;
       std::cerr << "signdb watch: " << policy_.name << ": " << EscapedText(path) << ": " << EscapedText(e.what())
                 << "\n";
     }
   }
+  directories_.Clear();
 }
 
-void CPolicyWatch::Record(const std::string& relative, bool content, const char* event) {
+void CPolicyWatch::Record(const std::string& relative, bool content, const char* event, bool likely_regular) {
   CRefHost& host = session_.host();
   std::wstring full = Wide(relative);
   std::optional<CObjectState> recorded;
   if (IsRecorded(full)) recorded = RecordedState(*database_, full);
   std::optional<CKnownContent> known;
   if (!content && recorded && !recorded->is_dir) known = CKnownContent{recorded->size, recorded->time_2, recorded->hash};
-  std::shared_ptr<CRefFileObjInfo> info =
-      CRefFileObjInfo::FromDisk(*host.Utility(), *host.Cfg(), wide_root_, full, session_.settings().policy_number,
-                                false, known ? &*known : nullptr);
+  std::shared_ptr<CRefFileObjInfo> info;
+  int directory = relative.empty() ? -1 : directories_.Open(ParentOf(relative));
+  if (directory >= 0) {
+    info = CRefFileObjInfo::AtDirectory(*host.Utility(), *host.Cfg(), wide_root_, full,
+                                        session_.settings().policy_number, directory, NameOf(relative),
+                                        likely_regular, nullptr, known ? &*known : nullptr);
+  } else {  // the root itself, or a directory on the way is gone: FromDisk tells which
+    info = CRefFileObjInfo::FromDisk(*host.Utility(), *host.Cfg(), wide_root_, full,
+                                     session_.settings().policy_number, likely_regular, known ? &*known : nullptr);
+  }
   if (info->IsGone()) {
     if (recorded) Remove(relative, "removed");
     return;
@@ -241,7 +219,7 @@ void CPolicyWatch::Move(const std::string& from, const std::string& to, bool dir
     if (directory) {
       Reconcile();
     } else {
-      Queue(to, CClock::now(), true);
+      queued_.Add(to, CClock::now(), true);
     }
     return;
   }
@@ -273,7 +251,7 @@ void CPolicyWatch::Move(const std::string& from, const std::string& to, bool dir
   renamed.from = from;
   Log(renamed, "moved");
   // A rename changes the object's status change time: read its attributes again.
-  Queue(to, CClock::now(), false);
+  queued_.Add(to, CClock::now(), false);
 }
 
 std::chrono::seconds CPolicyWatch::shrink_period() const {

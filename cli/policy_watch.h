@@ -3,14 +3,15 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
-#include <map>
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "cli/batch_directories.h"
 #include "cli/tree_watcher.h"
 #include "cli/watch_event.h"
+#include "cli/write_queue.h"
 
 class CChangeLog;
 class CHashDB;
@@ -23,15 +24,12 @@ struct CRefPolicySettings;
 // rename or move moves the recorded object with everything below it, a removal removes it, and
 // a lost event (the kernel's queue overflowed) reconciles the whole tree with the database.
 //
-// Writes are coalesced: an object written many times within kSettle is read once, and one that
-// keeps being written is read at least every kLongestWait.
+// Writes are coalesced (CWriteQueue): an object written many times in a row is read once.
 //
 // Not thread-safe: the service's one thread drives it.
 class CPolicyWatch {
  public:
-  using CClock = std::chrono::steady_clock;
-  static constexpr std::chrono::milliseconds kSettle{50};
-  static constexpr std::chrono::milliseconds kLongestWait{1000};
+  using CClock = CWriteQueue::CClock;
 
   // What a status request reports of the policy.
   struct CCounters {
@@ -86,30 +84,18 @@ class CPolicyWatch {
   uint64_t unwatched() const;
 
  private:
-  struct CQueued {
-    CClock::time_point first;
-    CClock::time_point due;
-    // Written (or new) since it was last recorded: read its content. Otherwise only attributes
-    // changed, and a file whose size and modification time are what the database records keeps
-    // its recorded hash. Once set, it stays set until the object is read.
-    bool content = false;
-    bool created = false;  // it appeared meanwhile: the change log names the event so
-  };
-
   void Apply(const CWatchEvent& event);
-  void Queue(const std::string& path, CClock::time_point now, bool content, bool created = false);
   // The directory that holds "path": its times changed when an entry came, went or moved.
   void QueueParent(const std::string& path, CClock::time_point now);
   // Reads the object at "relative" from disk and records it (or removes it when it is gone).
-  void Record(const std::string& relative, bool content, const char* event);
+  // "likely_regular": open it first as a regular file (see CRefFileObjInfo::FromDisk).
+  void Record(const std::string& relative, bool content, const char* event, bool likely_regular = false);
   void Remove(const std::string& relative, const char* event);
   // Writes a change applied to the change log, with the event that led to it.
   void Log(const CDifference& difference, const char* event);
   void Move(const std::string& from, const std::string& to, bool directory);
   bool Recorded(const std::string& relative);
   bool IsRecorded(const std::wstring& full);
-  // Queued writes at or below "top" follow a move to "to", or are dropped (to empty).
-  void Requeue(const std::string& top, const std::optional<std::string>& to);
   bool Excluded(const std::string& relative, bool directory) const;
   std::wstring Wide(const std::string& relative);
 
@@ -120,7 +106,11 @@ class CPolicyWatch {
   std::wstring wide_root_;  // the root in the module's form, as every object read names it
   std::unique_ptr<CTreeWatcher> watcher_;
   std::string data_folder_relative_;  // the tool's own folder when it lies in the tree, else empty
-  std::map<std::string, CQueued> queued_;  // by path: ordered, so a subtree is a range
+  // Objects to read again once their writing settles. Without "content", a file whose size and
+  // modification time are what the database records keeps its recorded hash.
+  CWriteQueue queued_;
+  // Directories kept open while a batch of queued objects is read (see CBatchDirectories).
+  CBatchDirectories directories_;
   uint64_t saved_changes_ = 0;             // the database's change count at the last save
   CCounters counters_;
   std::vector<CWatchEvent> events_;  // reused between reads

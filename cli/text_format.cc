@@ -2,12 +2,9 @@
 
 #include <cstdio>
 #include <ctime>
-#include <sstream>
 
-#include <Poco/DateTimeFormatter.h>
-#include <Poco/JSON/Stringifier.h>
-#include <Poco/Timestamp.h>
 
+#include "cli/json_line.h"
 #include "refhost/text_conversion.h"
 
 std::string GroupedNumber(uint64_t value) {
@@ -39,24 +36,43 @@ std::string AttributesText(uint32_t attributes) {
   return text;
 }
 
+namespace {
+
+// "seconds" since the epoch as UTC civil time in strftime's "format".
+std::string UtcText(int64_t seconds, const char* format) {
+  std::time_t time = static_cast<std::time_t>(seconds);
+  std::tm civil{};
+  if (::gmtime_r(&time, &civil) == nullptr) return "unknown";
+  char text[64];
+  size_t length = std::strftime(text, sizeof text, format, &civil);
+  return std::string(text, length);
+}
+
+std::string Nanoseconds(uint64_t nanoseconds, const char* suffix) {
+  char fraction[24];
+  std::snprintf(fraction, sizeof fraction, ".%09llu%s", static_cast<unsigned long long>(nanoseconds % 1000000000ull),
+                suffix);
+  return fraction;
+}
+
+}  // namespace
+
 std::string TimeText(uint64_t nanoseconds) {
   if (nanoseconds == ~0ull) return "unknown";
-  Poco::Timestamp time(static_cast<Poco::Timestamp::TimeVal>(nanoseconds / 1000));
-  char fraction[16];
-  std::snprintf(fraction, sizeof fraction, ".%09llu", static_cast<unsigned long long>(nanoseconds % 1000000000ull));
-  return Poco::DateTimeFormatter::format(time, "%Y-%m-%d %H:%M:%S") + fraction + " UTC";
+  return UtcText(static_cast<int64_t>(nanoseconds / 1000000000ull), "%Y-%m-%d %H:%M:%S") +
+         Nanoseconds(nanoseconds, " UTC");
 }
 
 std::string IsoTimeText(uint64_t nanoseconds) {
-  Poco::Timestamp time(static_cast<Poco::Timestamp::TimeVal>(nanoseconds / 1000));
-  char fraction[16];
-  std::snprintf(fraction, sizeof fraction, ".%09lluZ", static_cast<unsigned long long>(nanoseconds % 1000000000ull));
-  return Poco::DateTimeFormatter::format(time, "%Y-%m-%dT%H:%M:%S") + fraction;
+  return UtcText(static_cast<int64_t>(nanoseconds / 1000000000ull), "%Y-%m-%dT%H:%M:%S") + Nanoseconds(nanoseconds, "Z");
 }
 
-std::string IsoSecondsText(int64_t seconds) {
-  return Poco::DateTimeFormatter::format(Poco::Timestamp::fromEpochTime(static_cast<std::time_t>(seconds)),
-                                         "%Y-%m-%dT%H:%M:%SZ");
+std::string IsoSecondsText(int64_t seconds) { return UtcText(seconds, "%Y-%m-%dT%H:%M:%SZ"); }
+
+std::string IsoMillisecondsText(uint64_t nanoseconds) {
+  char fraction[8];
+  std::snprintf(fraction, sizeof fraction, ".%03lluZ", static_cast<unsigned long long>(nanoseconds / 1000000ull % 1000ull));
+  return UtcText(static_cast<int64_t>(nanoseconds / 1000000000ull), "%Y-%m-%dT%H:%M:%S") + fraction;
 }
 
 std::string ValidUtf8(const std::string& text) {
@@ -75,9 +91,10 @@ std::string ValidUtf8(const std::string& text) {
 }
 
 std::string JsonString(const std::string& text) {
-  std::ostringstream out;
-  Poco::JSON::Stringifier::formatString(ValidUtf8(text), out);
-  return AsciiJson(out.str());
+  std::string literal;
+  literal.reserve(text.size() + 2);
+  AppendJsonString(literal, text);
+  return literal;
 }
 
 std::string AsciiJson(const std::string& json) {

@@ -11,6 +11,8 @@ std::string AttributesText(uint32_t attributes);  // the whole st_mode, six octa
 std::string TimeText(uint64_t nanoseconds);
 // The same in ISO 8601 with nanoseconds, as event logs take it: "2026-11-23T02:10:44.527702313Z".
 std::string IsoTimeText(uint64_t nanoseconds);
+// The same with milliseconds, as a report's own time: "2026-11-23T02:10:44.527Z".
+std::string IsoMillisecondsText(uint64_t nanoseconds);
 // A time in whole seconds since the epoch, in ISO 8601 UTC: "2026-11-23T02:10:44Z".
 std::string IsoSecondsText(int64_t seconds);
 // The text with every byte that is not part of a valid UTF-8 sequence replaced by U+FFFD.

@@ -112,6 +112,8 @@ class CWatchService {
         auto left = std::chrono::ceil<std::chrono::milliseconds>(*wake - CClock::now()).count();
         timeout = static_cast<int>(std::clamp<long long>(left, 0, 24LL * 3600 * 1000));
       }
+      // Changes are logged as they happen: what is gathered goes out before the service sleeps.
+      if (timeout != 0) log_.Flush();
       epoll_event ready[16];
       int count = ::epoll_wait(epoll_fd, ready, 16, timeout);
       if (count < 0 && errno != EINTR) throw CToolError(std::string("cannot wait for events: ") + std::strerror(errno));
@@ -121,6 +123,7 @@ class CWatchService {
         if (tag == kSignalTag) {
           stop = true;
         } else if (tag == kServerTag) {
+          log_.Flush();  // an answer never runs ahead of the change log
           server.Process();
         } else {
           watches_[tag]->OnEvents();

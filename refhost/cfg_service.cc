@@ -1,5 +1,7 @@
 #include "refhost/cfg_service.h"
 
+#include <optional>
+#include <string_view>
 #include <vector>
 
 #include <Poco/UTF8String.h>
@@ -40,6 +42,29 @@ bool IsPrefix(const CComponents& base, const CComponents& path) {
   return true;
 }
 
+// The usual case, without taking both paths apart: "full" is "root", a separator, then plain
+// names (none empty, "." or "..") joined by the preferred separator. Empty when it is not.
+std::optional<std::wstring> PlainRelative(const std::wstring& root, const std::wstring& full) {
+  size_t base = root.size();
+  while (base > 1 && IsPathSeparator(root[base - 1])) --base;
+  if (base == 0 || full.size() <= base || full.compare(0, base, root, 0, base) != 0) return std::nullopt;
+  size_t start = base;
+  if (!IsPathSeparator(root[base - 1])) {  // the root is not "/" itself: a separator must follow it
+    if (full[base] != kPreferredSeparator) return std::nullopt;
+    ++start;
+  }
+  std::wstring_view rest = std::wstring_view(full).substr(start);
+  size_t name_start = 0;
+  for (size_t i = 0; i <= rest.size(); ++i) {
+    if (i < rest.size() && !IsPathSeparator(rest[i])) continue;
+    std::wstring_view name = rest.substr(name_start, i - name_start);
+    if (name.empty() || name == L"." || name == L"..") return std::nullopt;
+    if (i < rest.size() && rest[i] != kPreferredSeparator) return std::nullopt;
+    name_start = i + 1;
+  }
+  return std::wstring(rest);
+}
+
 }  // namespace
 
 CRefCfgService::CRefCfgService(const CRefSettings& settings)
@@ -57,6 +82,7 @@ std::string CRefCfgService::NormaliseName(const std::string& name, bool fold_cas
 }
 
 std::wstring CRefCfgService::RelativePath(const std::wstring& root, const std::wstring& full) {
+  if (std::optional<std::wstring> plain = PlainRelative(root, full)) return *plain;
   CComponents base = Split(root);
   CComponents path = Split(full);
   if (!IsPrefix(base, path)) return full;

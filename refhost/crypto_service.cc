@@ -24,13 +24,22 @@ namespace {
 
 constexpr size_t kReadBlock = 1 << 20;
 
+// Each digest is fetched from the providers once and kept for the life of the process: a handle
+// from EVP_sha256() and the like makes every EVP_DigestInit_ex fetch it again, which costs as much
+// as hashing a small file.
+const EVP_MD* Fetched(const char* name) {
+  const EVP_MD* digest = EVP_MD_fetch(nullptr, name, nullptr);
+  if (digest == nullptr) throw std::runtime_error(std::string("the digest ") + name + " is not available");
+  return digest;
+}
+
 const EVP_MD* DigestOf(uint32_t policy_number) {
   switch (policy_number) {
-    case 160: return EVP_sha1();
-    case 224: return EVP_sha224();
-    case 256: return EVP_sha256();
-    case 384: return EVP_sha384();
-    case 512: return EVP_sha512();
+    case 160: { static const EVP_MD* const digest = Fetched("SHA1"); return digest; }
+    case 224: { static const EVP_MD* const digest = Fetched("SHA2-224"); return digest; }
+    case 256: { static const EVP_MD* const digest = Fetched("SHA2-256"); return digest; }
+    case 384: { static const EVP_MD* const digest = Fetched("SHA2-384"); return digest; }
+    case 512: { static const EVP_MD* const digest = Fetched("SHA2-512"); return digest; }
     default:
       throw std::runtime_error("unsupported policy number " + std::to_string(policy_number) +
                                " (use 160, 224, 256, 384 or 512)");

@@ -149,6 +149,24 @@ std::shared_ptr<CRefFileObjInfo> CRefFileObjInfo::AtDirectory(CUtilityService& u
   return info;
 }
 
+int CRefFileObjInfo::OpenDirectoryBelow(int from, const std::string& relative) {
+  CFileDescriptor directory;
+  size_t start = 0;
+  while (start < relative.size()) {
+    size_t slash = relative.find('/', start);
+    if (slash == std::string::npos) slash = relative.size();
+    std::string component = relative.substr(start, slash - start);
+    start = slash + 1;
+    if (component.empty()) continue;
+    int next = ::openat(directory.valid() ? directory.get() : from, component.c_str(),
+                        O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (next < 0) return -1;
+    directory.Reset(next);
+  }
+  if (!directory.valid()) return ::fcntl(from, F_DUPFD_CLOEXEC, 0);
+  return directory.release();
+}
+
 std::shared_ptr<CRefFileObjInfo> CRefFileObjInfo::FromDisk(CUtilityService& utility, CCfgService& cfg,
                                                            const std::wstring& root, const std::wstring& path,
                                                            uint32_t policy_number, bool likely_regular,
@@ -169,28 +187,22 @@ std::shared_ptr<CRefFileObjInfo> CRefFileObjInfo::FromDisk(CUtilityService& util
   if (below.empty()) {
     directory.Reset(OpenParentOfRoot(narrow_root, name));
   } else {
-    directory.Reset(::open(narrow_root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-    if (!directory.valid()) Fail("cannot examine", narrow_root, errno);
-    size_t start = 0;
-    for (size_t slash = below.find('/'); slash != std::string::npos; slash = below.find('/', start)) {
-      std::string component = below.substr(start, slash - start);
-      start = slash + 1;
-      if (component.empty()) continue;
-      int next = ::openat(directory.get(), component.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-      if (next < 0) {
-        if (IsGoneError(errno) || errno == ELOOP) {  // a directory on the way is gone, or now a link
-          auto gone = std::make_shared<CRefFileObjInfo>();
-          gone->path_ = path;
-          gone->relative_ = cfg.RelativePath(root, path);
-          gone->description_ = narrow;
-          gone->gone_ = true;
-          return gone;
-        }
-        Fail("cannot examine", narrow, errno);
+    CFileDescriptor root_directory(::open(narrow_root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    if (!root_directory.valid()) Fail("cannot examine", narrow_root, errno);
+    size_t slash = below.rfind('/');
+    name = slash == std::string::npos ? below : below.substr(slash + 1);
+    directory.Reset(OpenDirectoryBelow(root_directory.get(), slash == std::string::npos ? std::string() : below.substr(0, slash)));
+    if (!directory.valid()) {
+      if (IsGoneError(errno) || errno == ELOOP) {  // a directory on the way is gone, or now a link
+        auto gone = std::make_shared<CRefFileObjInfo>();
+        gone->path_ = path;
+        gone->relative_ = cfg.RelativePath(root, path);
+        gone->description_ = narrow;
+        gone->gone_ = true;
+        return gone;
       }
-      directory.Reset(next);
+      Fail("cannot examine", narrow, errno);
     }
-    name = below.substr(start);
   }
   return AtDirectory(utility, cfg, root, path, policy_number, directory.get(), name, likely_regular, nullptr, known);
 }

@@ -50,6 +50,12 @@ class CRefFileObjInfo : public CObjInfo {
                                                    uint32_t policy_number, bool likely_regular = false,
                                                    const CKnownContent* known = nullptr);
 
+  // Opens (O_PATH) the directory "relative" below the open directory "from" ("" for "from"
+  // itself), one component at a time, following no symbolic link. -1 with errno set when it
+  // cannot: ENOENT for a component that is gone, ENOTDIR for one that is no directory (a symbolic
+  // link among them).
+  static int OpenDirectoryBelow(int from, const std::string& relative);
+
   // The same for the object "name" of the open directory "directory_fd" (its full path is "path",
   // named in messages only: no call goes by it, so it may be longer than PATH_MAX). When it is a
   // directory that could be opened and "opened_directory" is given, that descriptor is handed

@@ -197,6 +197,17 @@ TEST(RefCfgTest, RelativePathsAreLexical) {
   EXPECT_EQ(L"a/b.txt", cfg.RelativePath(L"/data/root", L"/data/root/a/b.txt"));
   EXPECT_EQ(L"a/b.txt", cfg.RelativePath(L"/data/root", L"/data//root/./a/x/../b.txt"));
   EXPECT_EQ(L"/data/rootless/a", cfg.RelativePath(L"/data/root", L"/data/rootless/a"));
+  // Paths that start with the root as it is written, and those that only reach it.
+  EXPECT_EQ(L"etc/hosts", cfg.RelativePath(L"/", L"/etc/hosts"));
+  EXPECT_EQ(L"a", cfg.RelativePath(L"/data/root/", L"/data/root/a"));
+  EXPECT_EQ(L"a", cfg.RelativePath(L"/data/root", L"/data/root/a/"));
+  EXPECT_EQ(L"a/b", cfg.RelativePath(L"/data/root", L"/data/root/a/./b"));
+  EXPECT_EQ(L"a/b", cfg.RelativePath(L"/data/root", L"/data/root/a//b"));
+  EXPECT_EQ(L"b", cfg.RelativePath(L"/data/root", L"/data/root/a/../b"));
+  EXPECT_EQ(L"x", cfg.RelativePath(L"/data/root/..", L"/data/root/../x"));
+  EXPECT_EQ(L"/data/root/../x", cfg.RelativePath(L"/data/root", L"/data/root/../x"));  // not below: as given
+  EXPECT_EQ(L"b", cfg.RelativePath(L"a", L"a/b"));
+  EXPECT_EQ(L"/a/b", cfg.RelativePath(L"a", L"/a/b"));
   EXPECT_TRUE(cfg.SamePath(L"/a/b/", L"/a/./b"));
   EXPECT_FALSE(cfg.SamePath(L"a/b", L"/a/b"));
   EXPECT_TRUE(cfg.PathAtOrBelow(L"a", L"a/b"));

@@ -5,16 +5,23 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
 #include <sstream>
 
 #include "cli/account_names.h"
+#include "cli/batch_directories.h"
 #include "cli/change_log.h"
 #include "cli/command_line.h"
 #include "cli/difference.h"
 #include "cli/exit_status.h"
 #include "cli/hdb_dump.h"
+#include "cli/json_line.h"
 #include "cli/report_event.h"
 #include "cli/text_format.h"
+#include "cli/write_queue.h"
 #include "hdbfile/hdb_header.h"
 #include "refhost/safe_text.h"
 #include "refhost/security_text.h"
@@ -403,3 +410,127 @@ TEST(ChangeLog, LinesAreAppendedAndTheFileRotatesKeepingThreeOld) {
   EXPECT_EQ('}', CTempDir::Read(path)[CTempDir::Read(path).size() - 2]);
   EXPECT_NE(std::string::npos, CTempDir::Read(path).find("\"line\":19,"));
 }
+
+namespace {
+
+TEST(ToolJsonLine, MembersKeepTheirOrderAndEveryTextIsEscapedPlainAscii) {
+  CJsonLine line;
+  line.Open().String("b", "quote \" backslash \\ slash /").Number("a", 18446744073709551615ull).Null("n");
+  line.OpenArray("list").Item("x").Open().Close().OpenArray().Close().Close();
+  line.Open("empty").Close().String("ctl", std::string("\b\t\n\f\r\x01\x1f\x7f", 8)).Close();
+  EXPECT_EQ(line.text(),
+            "{\"b\":\"quote \\\" backslash \\\\ slash /\",\"a\":18446744073709551615,\"n\":null,"
+            "\"list\":[\"x\",{},[]],\"empty\":{},\"ctl\":\"\\b\\t\\n\\f\\r\\u0001\\u001F\\u007F\"}");
+  Poco::JSON::Parser().parse(line.text());  // strict JSON
+}
+
+TEST(ToolJsonLine, CharactersPastAsciiAreEscapedAndBytesThatAreNotUtf8BecomeTheReplacementCharacter) {
+  std::string out;
+  AppendJsonString(out, "\xc3\xa9\xe2\x82\xac\xf0\x9f\x98\x80|\xff|\xc3|\xed\xa0\x80");
+  // é, €, 😀 as a surrogate pair; a stray byte, a sequence cut short, an encoded surrogate.
+  EXPECT_EQ(out, "\"\\u00E9\\u20AC\\uD83D\\uDE00|\\uFFFD|\\uFFFD|\\uFFFD\\uFFFD\\uFFFD\"");
+}
+
+TEST(ToolWriteQueue, AnObjectWrittenAgainAndAgainIsDueOnceItSettlesAndNeverLaterThanTheLongestWait) {
+  using namespace std::chrono_literals;
+  CWriteQueue queue;
+  CWriteQueue::CClock::time_point start{};
+  queue.Add("f", start, false);
+  EXPECT_EQ(start + CWriteQueue::kSettle, queue.NextDue());
+  queue.Add("f", start + 30ms, true);
+  EXPECT_EQ(1u, queue.size());
+  EXPECT_EQ(start + 30ms + CWriteQueue::kSettle, queue.NextDue());
+  EXPECT_TRUE(queue.TakeDue(start + 60ms, 10).empty());
+  for (auto now = start + 40ms; now < start + 2s; now += 40ms) queue.Add("f", now, false);
+  EXPECT_EQ(start + CWriteQueue::kLongestWait, queue.NextDue());
+  std::vector<CWriteQueue::CEntry> due = queue.TakeDue(start + CWriteQueue::kLongestWait, 10);
+  ASSERT_EQ(1u, due.size());
+  EXPECT_TRUE(due[0].content);  // one content write among the attribute changes: read it all
+  EXPECT_EQ(0u, queue.size());
+  EXPECT_EQ(std::nullopt, queue.NextDue());
+}
+
+TEST(ToolWriteQueue, TheEarliestDueIsTakenFirstAndNoMoreThanAsked) {
+  using namespace std::chrono_literals;
+  CWriteQueue queue;
+  CWriteQueue::CClock::time_point start{};
+  queue.Add("a", start + 20ms, true);
+  queue.Add("b", start + 10ms, true);
+  queue.Add("c", start, true, true);
+  queue.Add("d", start + 500ms, true);
+  EXPECT_EQ(start + CWriteQueue::kSettle, queue.NextDue());
+  std::vector<CWriteQueue::CEntry> due = queue.TakeDue(start + 1s, 2);
+  ASSERT_EQ(2u, due.size());
+  EXPECT_EQ("c", due[0].path);
+  EXPECT_TRUE(due[0].created);
+  EXPECT_EQ("b", due[1].path);
+  due = queue.TakeDue(start + 1s, 10);
+  ASSERT_EQ(2u, due.size());
+  EXPECT_EQ("a", due[0].path);
+  EXPECT_EQ("d", due[1].path);
+}
+
+TEST(ToolWriteQueue, AMoveTakesWhatWaitsBelowTheDirectoryButNotASiblingThatSharesItsName) {
+  CWriteQueue queue;
+  CWriteQueue::CClock::time_point start{};
+  for (const char* path : {"top", "top/a", "top/sub/b", "top-old/c", "top0", "topx"}) queue.Add(path, start, true);
+  queue.Add("moved/a", start, false);  // waits at the destination already: replaced
+  queue.Move("top", std::string("moved"));
+  std::vector<std::string> paths;
+  for (const CWriteQueue::CEntry& entry : queue.TakeDue(start + CWriteQueue::kSettle, 100)) {
+    paths.push_back(entry.path);
+    if (entry.path == "moved/a") {
+      EXPECT_TRUE(entry.content);
+    }
+  }
+  std::sort(paths.begin(), paths.end());
+  EXPECT_THAT(paths, ElementsAre("moved", "moved/a", "moved/sub/b", "top-old/c", "top0", "topx"));
+  queue.Add("gone/x", start, true);
+  queue.Add("gone", start, true);
+  queue.Move("gone", std::nullopt);
+  EXPECT_EQ(0u, queue.size());
+}
+
+TEST(ToolBatchDirectories, ADirectoryIsOpenedOnceInABatchAndALinkOnTheWayIsNotFollowed) {
+  CTempDir dir;
+  dir.Write("tree/a/b/file", "x");
+  dir.Write("elsewhere/file", "y");
+  ASSERT_EQ(0, ::symlink((dir / "elsewhere").c_str(), (dir / "tree/link").c_str()));
+  CBatchDirectories directories(dir / "tree");
+  int first = directories.Open("a/b");
+  ASSERT_GE(first, 0);
+  EXPECT_EQ(first, directories.Open("a/b"));
+  struct stat opened {};
+  struct stat named {};
+  ASSERT_EQ(0, ::fstat(first, &opened));
+  ASSERT_EQ(0, ::stat((dir / "tree/a/b").c_str(), &named));
+  EXPECT_EQ(named.st_ino, opened.st_ino);
+  EXPECT_EQ(-1, directories.Open("link"));  // a link is no directory
+  EXPECT_EQ(ENOTDIR, errno);
+  EXPECT_EQ(-1, directories.Open("a/missing"));
+  EXPECT_EQ(ENOENT, errno);
+  EXPECT_EQ(-1, directories.Open("a/b/file"));
+  EXPECT_EQ(ENOTDIR, errno);
+  // Renamed meanwhile: once the batch ends, the old name no longer reaches it.
+  ASSERT_GE(directories.Open("a"), 0);
+  ASSERT_EQ(0, ::rename((dir / "tree/a").c_str(), (dir / "tree/c").c_str()));
+  EXPECT_GE(directories.Open("a"), 0);  // the same batch: still the descriptor opened before
+  directories.Clear();
+  EXPECT_EQ(-1, directories.Open("a"));
+  EXPECT_GE(directories.Open("c/b"), 0);
+}
+
+TEST(ChangeLog, LinesGatheredAreWrittenByFlushAndWhenTheLogCloses) {
+  CTempDir dir;
+  std::string path = dir / "changes.ndjson";
+  {
+    CChangeLog log(path);
+    log.Write("{\"one\":1}");
+    log.Flush();
+    EXPECT_EQ("{\"one\":1}\n", CTempDir::Read(path));
+    log.Write("{\"two\":2}");
+  }
+  EXPECT_EQ("{\"one\":1}\n{\"two\":2}\n", CTempDir::Read(path));
+}
+
+}  // namespace
