@@ -19,9 +19,18 @@ void AppendJsonString(std::string& out, std::string_view text) {
   out += '"';
   const auto* bytes = reinterpret_cast<const unsigned char*>(text.data());
   for (size_t i = 0; i < text.size();) {
+    // A run of characters that stand as they are goes in at once.
+    size_t plain = i;
+    while (plain < text.size() && bytes[plain] >= 0x20 && bytes[plain] < 0x7F && bytes[plain] != '"' &&
+           bytes[plain] != '\\') {
+      ++plain;
+    }
+    out.append(text.data() + i, plain - i);
+    i = plain;
+    if (i == text.size()) break;
     unsigned char byte = bytes[i];
-    if (byte >= 0x20 && byte < 0x7F) {
-      if (byte == '"' || byte == '\\') out += '\\';
+    if (byte == '"' || byte == '\\') {
+      out += '\\';
       out += static_cast<char>(byte);
       ++i;
       continue;

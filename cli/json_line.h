@@ -22,6 +22,7 @@ void AppendJsonString(std::string& out, std::string_view text);
 // one) start an element of the array that is open, or the outermost value.
 class CJsonLine {
  public:
+  CJsonLine() { text_.reserve(1024); }  // a report line's usual length: grown once at most
   CJsonLine& Open(std::string_view key = {});
   CJsonLine& OpenArray(std::string_view key = {});
   CJsonLine& Close();  // the innermost open object or array

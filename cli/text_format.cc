@@ -1,5 +1,6 @@
 #include "cli/text_format.h"
 
+#include <chrono>
 #include <cstdio>
 #include <ctime>
 
@@ -38,41 +39,61 @@ std::string AttributesText(uint32_t attributes) {
 
 namespace {
 
-// "seconds" since the epoch as UTC civil time in strftime's "format".
-std::string UtcText(int64_t seconds, const char* format) {
-  std::time_t time = static_cast<std::time_t>(seconds);
-  std::tm civil{};
-  if (::gmtime_r(&time, &civil) == nullptr) return "unknown";
-  char text[64];
-  size_t length = std::strftime(text, sizeof text, format, &civil);
-  return std::string(text, length);
+// "seconds" since the epoch as UTC civil time: "YYYY-MM-DD" + "separator" + "hh:mm:ss". Written
+// digit by digit: a report line carries two times, and the watch service writes one per change.
+std::string UtcText(int64_t seconds, char separator) {
+  using namespace std::chrono;
+  sys_seconds time{std::chrono::seconds(seconds)};
+  sys_days day = floor<days>(time);
+  year_month_day date{day};
+  hh_mm_ss<std::chrono::seconds> clock{time - day};
+  int year = static_cast<int>(date.year());
+  if (year < 0 || year > 9999) return "unknown";
+  char text[20];
+  auto two = [&text](int at, unsigned value) {
+    text[at] = static_cast<char>('0' + value / 10);
+    text[at + 1] = static_cast<char>('0' + value % 10);
+  };
+  two(0, static_cast<unsigned>(year / 100));
+  two(2, static_cast<unsigned>(year % 100));
+  text[4] = '-';
+  two(5, static_cast<unsigned>(date.month()));
+  text[7] = '-';
+  two(8, static_cast<unsigned>(date.day()));
+  text[10] = separator;
+  two(11, static_cast<unsigned>(clock.hours().count()));
+  text[13] = ':';
+  two(14, static_cast<unsigned>(clock.minutes().count()));
+  text[16] = ':';
+  two(17, static_cast<unsigned>(clock.seconds().count()));
+  return std::string(text, 19);
 }
 
-std::string Nanoseconds(uint64_t nanoseconds, const char* suffix) {
-  char fraction[24];
-  std::snprintf(fraction, sizeof fraction, ".%09llu%s", static_cast<unsigned long long>(nanoseconds % 1000000000ull),
-                suffix);
-  return fraction;
+// ".NNNNNNNNN" (nine digits) or ".NNN" (three) of the fraction of a second in "nanoseconds".
+std::string Fraction(uint64_t nanoseconds, int digits) {
+  uint64_t part = nanoseconds % 1000000000ull;
+  for (int i = digits; i < 9; ++i) part /= 10;
+  std::string text(static_cast<size_t>(digits) + 1, '0');
+  text[0] = '.';
+  for (int i = digits; i >= 1; --i, part /= 10) text[static_cast<size_t>(i)] = static_cast<char>('0' + part % 10);
+  return text;
 }
 
 }  // namespace
 
 std::string TimeText(uint64_t nanoseconds) {
   if (nanoseconds == ~0ull) return "unknown";
-  return UtcText(static_cast<int64_t>(nanoseconds / 1000000000ull), "%Y-%m-%d %H:%M:%S") +
-         Nanoseconds(nanoseconds, " UTC");
+  return UtcText(static_cast<int64_t>(nanoseconds / 1000000000ull), ' ') + Fraction(nanoseconds, 9) + " UTC";
 }
 
 std::string IsoTimeText(uint64_t nanoseconds) {
-  return UtcText(static_cast<int64_t>(nanoseconds / 1000000000ull), "%Y-%m-%dT%H:%M:%S") + Nanoseconds(nanoseconds, "Z");
+  return UtcText(static_cast<int64_t>(nanoseconds / 1000000000ull), 'T') + Fraction(nanoseconds, 9) + "Z";
 }
 
-std::string IsoSecondsText(int64_t seconds) { return UtcText(seconds, "%Y-%m-%dT%H:%M:%SZ"); }
+std::string IsoSecondsText(int64_t seconds) { return UtcText(seconds, 'T') + "Z"; }
 
 std::string IsoMillisecondsText(uint64_t nanoseconds) {
-  char fraction[8];
-  std::snprintf(fraction, sizeof fraction, ".%03lluZ", static_cast<unsigned long long>(nanoseconds / 1000000ull % 1000ull));
-  return UtcText(static_cast<int64_t>(nanoseconds / 1000000000ull), "%Y-%m-%dT%H:%M:%S") + fraction;
+  return UtcText(static_cast<int64_t>(nanoseconds / 1000000000ull), 'T') + Fraction(nanoseconds, 3) + "Z";
 }
 
 std::string ValidUtf8(const std::string& text) {

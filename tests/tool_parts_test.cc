@@ -312,6 +312,11 @@ TEST(ToolText, NumbersSizesAndTimesReadWell) {
   EXPECT_EQ(ByteSize(3u << 20), "3.0 MiB");
   EXPECT_EQ(TimeText(1000000001ull), "1970-01-01 00:00:01.000000001 UTC");
   EXPECT_EQ(TimeText(~0ull), "unknown");
+  // A leap day, the last second of a year, a time before the epoch.
+  EXPECT_EQ(IsoTimeText(951782400123456789ull), "2000-02-29T00:00:00.123456789Z");
+  EXPECT_EQ(IsoMillisecondsText(1798761599999999999ull), "2026-12-31T23:59:59.999Z");
+  EXPECT_EQ(IsoSecondsText(-1), "1969-12-31T23:59:59Z");
+  EXPECT_EQ(IsoSecondsText(0), "1970-01-01T00:00:00Z");
 }
 
 std::string HeaderBytes(uint64_t nodes) {
