@@ -270,10 +270,20 @@ uint64_t CPolicyWatch::Shrink() {
 
 bool CPolicyWatch::changed_since_save() const { return database_->ChangeCounter() != saved_changes_; }
 
-void CPolicyWatch::Save(bool always) {
+bool CPolicyWatch::Save(bool always, bool wait) {
   uint64_t changes = database_->ChangeCounter();
-  if (!always && changes == saved_changes_) return;
-  session_.Save(database_, policy_);
+  if (!always && changes == saved_changes_) return true;
+  // The policy's lock is shared between saves, so that readers of the saved files may run, and
+  // exclusive while the files are written.
+  if (!session_.ChangePolicyLock(policy_, CPolicyLock::CMode::kExclusive, wait)) return false;
+  try {
+    session_.Save(database_, policy_);
+  } catch (...) {
+    session_.ChangePolicyLock(policy_, CPolicyLock::CMode::kShared, true);
+    throw;
+  }
+  session_.ChangePolicyLock(policy_, CPolicyLock::CMode::kShared, true);
   saved_changes_ = changes;
   counters_.last_save = IsoSecondsText(std::time(nullptr));
+  return true;
 }

@@ -69,8 +69,9 @@ class CPolicyWatch {
   uint64_t Shrink();
   // How often to shrink (the policy's touch period), or zero for never.
   std::chrono::seconds shrink_period() const;
-  // Saves the database when it changed since the last save (or when "always").
-  void Save(bool always = false);
+  // Saves the database when it changed since the last save (or when "always"). Without "wait",
+  // returns false when a reader of the saved files holds them (try again later).
+  bool Save(bool always = false, bool wait = true);
 
   const CRefPolicySettings& policy() const { return policy_; }
   const std::shared_ptr<CHashDB>& database() const { return database_; }

@@ -20,6 +20,7 @@
 #include "cli/passphrase.h"
 #include "cli/policy_binding.h"
 #include "cli/policy_rules.h"
+#include "cli/service_lock.h"
 #include "cli/text_format.h"
 #include "front/sign_db.h"
 #include "hashdb/hash_db.h"
@@ -164,9 +165,38 @@ void CSession::LockPolicy(const CRefPolicySettings& policy, CPolicyLock::CMode m
     if (held->second->mode() == CPolicyLock::CMode::kExclusive || mode == CPolicyLock::CMode::kShared) return;
     throw std::logic_error("a writer must lock its policy before reading it");
   }
+  std::string hdb = Narrow(front_->HdbFilePath(policy.name));
   try {
-    locks_[policy.name] =
-        std::make_unique<CPolicyLock>(Narrow(front_->HdbFilePath(policy.name)), policy.name, mode, wait_for_locks_);
+    locks_[policy.name] = std::make_unique<CPolicyLock>(hdb, policy.name, mode, false);
+  } catch (const CPolicyLockBusy& busy) {
+    // A watch service keeps the policy's lock shared while it runs (and exclusive while it saves):
+    // it never finishes, so a writer is told so at once, --wait or not, and a reader waits for the
+    // save to end.
+    int service = busy.holder() != 0 ? CServiceLock::Holder(DataFolder()) : 0;
+    bool by_service = service != 0 && service == busy.holder();
+    if (by_service && mode == CPolicyLock::CMode::kExclusive) {
+      throw CToolError("policy '" + policy.name + "' is kept up to date by signdb watch (process " +
+                       std::to_string(service) + "), which takes in every change as it happens; stop the service to " +
+                       "scan or update the policy ('signdb status' shows what it watches)");
+    }
+    if (!by_service && !wait_for_locks_) throw CToolError(busy.what());
+    try {
+      locks_[policy.name] = std::make_unique<CPolicyLock>(hdb, policy.name, mode, true);
+    } catch (const std::runtime_error& e) {
+      throw CToolError(e.what());
+    }
+  } catch (const CToolError&) {
+    throw;
+  } catch (const std::runtime_error& e) {
+    throw CToolError(e.what());
+  }
+}
+
+bool CSession::ChangePolicyLock(const CRefPolicySettings& policy, CPolicyLock::CMode mode, bool wait) {
+  auto held = locks_.find(policy.name);
+  if (held == locks_.end()) throw std::logic_error("a lock is changed only once it is held");
+  try {
+    return held->second->Change(mode, wait);
   } catch (const std::runtime_error& e) {
     throw CToolError(e.what());
   }

@@ -48,7 +48,12 @@ class CSession {
   // Takes the policy's lock for the rest of the session: exclusive before a run writes the
   // database, shared (which LoadDatabase takes by itself) when it only reads it. With --wait a
   // lock held elsewhere is waited for; without it, CToolError names the holder.
+  // While a watch service keeps the policy, a writer is refused at once (it would wait forever)
+  // and a reader waits for the service's save to end.
   void LockPolicy(const CRefPolicySettings& policy, CPolicyLock::CMode mode);
+  // Turns the policy's lock, which the session holds, into "mode"; without "wait", false when
+  // another process's lock stands in the way (see CPolicyLock::Change).
+  bool ChangePolicyLock(const CRefPolicySettings& policy, CPolicyLock::CMode mode, bool wait);
 
   // The shared lock of the policy whose database "hdb_path" is, if it is one (verify, dump).
   void LockIfPolicyFile(const std::string& hdb_path);

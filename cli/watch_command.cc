@@ -44,6 +44,8 @@ using CClock = std::chrono::steady_clock;
 constexpr long kDefaultSavePeriodSeconds = 300;
 // Objects read between two looks at the kernel's events: a few milliseconds of work.
 constexpr size_t kMostReadsPerTurn = 128;
+// A save that found the saved files being read is tried again this much later.
+constexpr std::chrono::milliseconds kSaveRetry{200};
 
 // The service: its policies, its socket, and the loop that waits for all of them.
 class CWatchService {
@@ -149,26 +151,30 @@ class CWatchService {
       } else if (!save_due) {
         save_due = now + save_period_;
       } else if (*save_due <= now) {
-        SaveAll();
-        save_due.reset();
+        // A reader of the saved files holds them: the loop goes on, and tries again shortly.
+        save_due = SaveAll(false) ? std::nullopt : std::optional(now + kSaveRetry);
       }
     }
     // Stopped: what is still queued is read now, and everything saved.
     for (auto& watch : watches_) watch->ApplyDue(CClock::time_point::max());
-    SaveAll();
+    SaveAll(true);
     ::close(epoll_fd);
     ::close(signal_fd);
   }
 
  private:
-  void SaveAll() {
+  // Saves every policy that changed; without "wait", one whose saved files are being read is left
+  // for later (returns false).
+  bool SaveAll(bool wait) {
+    bool all = true;
     for (auto& watch : watches_) {
       try {
-        watch->Save();
+        all = watch->Save(false, wait) && all;
       } catch (const std::exception& e) {
         std::cerr << "signdb watch: " << watch->policy().name << ": cannot save: " << EscapedText(e.what()) << "\n";
       }
     }
+    return all;
   }
 
   CPolicyWatch* Find(const std::string& name) {

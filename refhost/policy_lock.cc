@@ -51,14 +51,28 @@ CPolicyLock::CPolicyLock(const std::string& hdb_path, const std::string& policy_
       bool writer = holder.l_type == F_WRLCK;
       ::close(fd_);
       fd_ = -1;
-      throw std::runtime_error("policy '" + policy_name + "' is being " +
-                               (writer ? "written" : "read") + " by " + who +
-                               "; try again when it has finished, or add --wait");
+      throw CPolicyLockBusy("policy '" + policy_name + "' is being " + (writer ? "written" : "read") + " by " + who +
+                                "; try again when it has finished, or add --wait",
+                            holder.l_type != F_UNLCK ? holder.l_pid : 0);
     }
     ::close(fd_);
     fd_ = -1;
     throw std::runtime_error("cannot lock " + path + ": " + std::strerror(error));
   }
+}
+
+bool CPolicyLock::Change(CMode mode, bool wait) {
+  if (fd_ < 0) throw std::runtime_error("no lock is held to change");
+  if (mode == mode_) return true;
+  struct flock region = WholeFile(mode == CMode::kShared ? F_RDLCK : F_WRLCK);
+  // A conversion that cannot be granted leaves the lock held as it was.
+  while (::fcntl(fd_, wait ? F_SETLKW : F_SETLK, &region) != 0) {
+    if (errno == EINTR) continue;
+    if (!wait && (errno == EACCES || errno == EAGAIN)) return false;
+    throw std::runtime_error(std::string("cannot change the policy lock: ") + std::strerror(errno));
+  }
+  mode_ = mode;
+  return true;
 }
 
 CPolicyLock::~CPolicyLock() {

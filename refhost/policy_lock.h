@@ -1,5 +1,6 @@
 #pragma once
 
+#include <stdexcept>
 #include <string>
 
 // An advisory lock on one policy's files in the data folder, held for as long as the object
@@ -10,11 +11,21 @@
 // never followed when it is a symbolic link. A lock that is held elsewhere is reported with the
 // holder's process id, or waited for. The kernel releases the lock when its process ends, however
 // it ends, so a killed run never leaves a stale lock behind.
+// The lock is held elsewhere: who holds it, for the caller to say more than the message does.
+class CPolicyLockBusy : public std::runtime_error {
+ public:
+  CPolicyLockBusy(const std::string& message, int holder) : std::runtime_error(message), holder_(holder) {}
+  int holder() const { return holder_; }  // the holder's process id, or 0 when unknown
+
+ private:
+  int holder_;
+};
+
 class CPolicyLock {
  public:
   enum class CMode { kShared, kExclusive };
 
-  // Takes the lock for the database at "hdb_path". Without "wait", throws std::runtime_error
+  // Takes the lock for the database at "hdb_path". Without "wait", throws CPolicyLockBusy
   // naming the holder when another process holds a conflicting lock. A shared lock on a data
   // folder where the lock file cannot be created (a read-only medium) is not taken: nobody can
   // write the database there.
@@ -24,6 +35,11 @@ class CPolicyLock {
   CPolicyLock& operator=(const CPolicyLock&) = delete;
 
   CMode mode() const { return mode_; }
+  // Turns the lock held into the other mode: a long-running writer that lets readers in between
+  // its saves holds it shared and makes it exclusive while it saves. Without "wait", returns false
+  // when another process holds a conflicting lock (the lock held stays as it was); with it, waits.
+  // Throws std::runtime_error when there is no lock to change (see the constructor).
+  bool Change(CMode mode, bool wait);
 
  private:
   int fd_ = -1;

@@ -2,6 +2,7 @@
 // within a second, as its socket answers, and what it saves when stopped is what a check of the
 // tree expects.
 
+#include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/socket.h>
@@ -11,6 +12,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstring>
 #include <functional>
 #include <string>
 #include <thread>
@@ -442,6 +444,56 @@ TEST_P(WatchTest, ASecondServiceOnTheSameDataFolderRefusesAndNamesTheFirst) {
   EXPECT_EQ(2, second.status) << second.err;
   EXPECT_NE(std::string::npos, second.err.find("signdb watch already runs on")) << second.err;
   EXPECT_NE(std::string::npos, second.err.find("(process " + std::to_string(pid_) + ")")) << second.err;
+}
+
+TEST_P(WatchTest, WhileItRunsAWriterIsToldAtOnceAndAReaderReadsTheSavedDatabase) {
+  ScanSample();
+  Start();
+  std::string service = "signdb watch (process " + std::to_string(pid_) + ")";
+  // A writer would wait for ever: refused at once, --wait or not.
+  for (const char* command : {"update t", "update t --wait", "scan t --wait"}) {
+    CToolRun writer = RunShell("timeout 60 '" SIGNDB_TOOL_PATH "' --config '" + config_ + "' " + command);
+    EXPECT_EQ(2, writer.status) << command << ": " << writer.err;
+    EXPECT_NE(std::string::npos, writer.err.find("is kept up to date by " + service)) << command << ": " << writer.err;
+  }
+  CToolRun check = Tool("check t");
+  EXPECT_EQ(0, check.status) << check.out << check.err;
+  CToolRun list = Tool("ls t etc");
+  EXPECT_EQ(0, list.status) << list.err;
+  EXPECT_NE(std::string::npos, list.out.find("motd")) << list.out;
+}
+
+TEST_P(WatchTest, ASaveWaitsWhileTheSavedFilesAreReadAndTheServiceKeepsAnsweringMeanwhile) {
+  ScanSample();
+  Start("--save-period 1");
+  struct stat before {};
+  ASSERT_EQ(0, ::stat(Data("t.hdb").c_str(), &before));
+  // A reader of the saved files, as "signdb ls" would be.
+  int lock_fd = ::open(Data("t.hdb.lock").c_str(), O_RDONLY | O_CLOEXEC);
+  ASSERT_GE(lock_fd, 0);
+  struct flock shared {};
+  shared.l_type = F_RDLCK;
+  shared.l_whence = SEEK_SET;
+  ASSERT_EQ(0, ::fcntl(lock_fd, F_SETLK, &shared)) << "the service keeps readers out: " << std::strerror(errno);
+  Write("new.txt", "during the read\n");
+  ASSERT_TRUE(EventuallyRecorded("new.txt", Sha256("during the read\n")));
+  std::this_thread::sleep_for(2500ms);  // the save was due after 1 s
+  EXPECT_TRUE(Ask("{\"request\":\"status\"}")->optValue<bool>("ok", false));
+  struct stat during {};
+  ASSERT_EQ(0, ::stat(Data("t.hdb").c_str(), &during));
+  EXPECT_EQ(before.st_ino, during.st_ino);
+  EXPECT_EQ(before.st_mtim.tv_nsec, during.st_mtim.tv_nsec);
+  ::close(lock_fd);  // the read ends: the save follows
+  EXPECT_TRUE(Eventually(
+      [&] {
+        struct stat after {};
+        return ::stat(Data("t.hdb").c_str(), &after) == 0 &&
+               (after.st_ino != before.st_ino || after.st_mtim.tv_nsec != before.st_mtim.tv_nsec);
+      },
+      3s));
+  EXPECT_EQ(0, Stop());
+  CToolRun check = Tool("check t");
+  EXPECT_EQ(0, check.status) << check.out << check.err;
 }
 
 TEST_P(WatchTest, ATamperedDatabaseStopsTheServiceUnlessItIsToRecordTheTreeAfresh) {
