@@ -193,7 +193,8 @@ const std::map<std::string, std::string>& CommandHelp() {
        "Queries: one JSON request per line on the owner-only socket DATA/watch.sock:\n"
        "  {\"request\":\"status\"}  {\"request\":\"lookup\",\"hash\":H}\n"
        "  {\"request\":\"show\",\"policy\":P,\"path\":PATH}\n"
-       "One service per data folder: a second one names the process that runs.\n"
+       "One service per data folder: a second one names the process that runs. While it runs, check,\n"
+       "ls, diff and verify of its policies read the files it saved last; scan and update are refused.\n"
        "\n"
        "examples:\n"
        "  signdb watch etc home --save-period 60\n"},

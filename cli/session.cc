@@ -180,6 +180,11 @@ void CSession::LockPolicy(const CRefPolicySettings& policy, CPolicyLock::CMode m
                        "scan or update the policy ('signdb status' shows what it watches)");
     }
     if (!by_service && !wait_for_locks_) throw CToolError(busy.what());
+    if (!by_service) {
+      std::cerr << "signdb: policy '" << policy.name << "' is being " << (busy.writer() ? "written" : "read") << " by "
+                << (busy.holder() != 0 ? "process " + std::to_string(busy.holder()) : std::string("another process"))
+                << "; waiting for it to finish\n";
+    }
     try {
       locks_[policy.name] = std::make_unique<CPolicyLock>(hdb, policy.name, mode, true);
     } catch (const std::runtime_error& e) {

@@ -54,6 +54,8 @@ class CSession {
   // Turns the policy's lock, which the session holds, into "mode"; without "wait", false when
   // another process's lock stands in the way (see CPolicyLock::Change).
   bool ChangePolicyLock(const CRefPolicySettings& policy, CPolicyLock::CMode mode, bool wait);
+  // Policy locks held elsewhere are waited for from now on, as with --wait.
+  void WaitForLocks() { wait_for_locks_ = true; }
 
   // The shared lock of the policy whose database "hdb_path" is, if it is one (verify, dump).
   void LockIfPolicyFile(const std::string& hdb_path);

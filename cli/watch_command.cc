@@ -299,6 +299,9 @@ int RunWatch(const CCommandLine& line) {
     for (const std::string& name : line.arguments) policies.push_back(&session.Policy(name));
   }
   session.PrepareSigner();
+  // A check or scan that runs as the service starts (a daily timer, say) is waited for: a service
+  // that gave up would not be started again.
+  session.WaitForLocks();
   CWatchService service(session, std::chrono::seconds(save_period), line.Has("--inotify"));
   for (const CRefPolicySettings* policy : policies) {
     session.RequireRoot(*policy);

@@ -53,7 +53,7 @@ CPolicyLock::CPolicyLock(const std::string& hdb_path, const std::string& policy_
       fd_ = -1;
       throw CPolicyLockBusy("policy '" + policy_name + "' is being " + (writer ? "written" : "read") + " by " + who +
                                 "; try again when it has finished, or add --wait",
-                            holder.l_type != F_UNLCK ? holder.l_pid : 0);
+                            holder.l_type != F_UNLCK ? holder.l_pid : 0, writer);
     }
     ::close(fd_);
     fd_ = -1;

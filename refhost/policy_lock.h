@@ -14,11 +14,14 @@
 // The lock is held elsewhere: who holds it, for the caller to say more than the message does.
 class CPolicyLockBusy : public std::runtime_error {
  public:
-  CPolicyLockBusy(const std::string& message, int holder) : std::runtime_error(message), holder_(holder) {}
+  CPolicyLockBusy(const std::string& message, int holder, bool writer)
+      : std::runtime_error(message), holder_(holder), writer_(writer) {}
   int holder() const { return holder_; }  // the holder's process id, or 0 when unknown
+  bool writer() const { return writer_; }  // whether it holds the lock to write
 
  private:
   int holder_;
+  bool writer_;
 };
 
 class CPolicyLock {

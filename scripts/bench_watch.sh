@@ -11,7 +11,8 @@
 #
 #   scripts/bench_watch.sh            (SIGNDB_BENCH_BIN names another signdb binary,
 #                                      SIGNDB_BENCH_DIR the folder, on the file system to measure,
-#                                      SIGNDB_BENCH_IDLE the seconds of idleness, 60)
+#                                      SIGNDB_BENCH_IDLE the seconds of idleness, 60,
+#                                      SIGNDB_BENCH_WATCH_ARGS options for the service: --inotify)
 # On ext4, leave a minute between two runs: the unpacking is slower for a while after the last
 # run's files were deleted.
 set -euo pipefail
@@ -61,7 +62,8 @@ sync
 
 config="$work/cfg/signdb.json"
 "$signdb" init --config "$config" --policy "w=$work/tree" >/dev/null
-"$signdb" --config "$config" watch --quiet >"$work/watch.out" 2>"$work/watch.err" &
+# shellcheck disable=SC2086  # SIGNDB_BENCH_WATCH_ARGS: options for the service, "--inotify" say
+"$signdb" --config "$config" watch --quiet ${SIGNDB_BENCH_WATCH_ARGS:-} >"$work/watch.out" 2>"$work/watch.err" &
 pid=$!
 trap 'kill $pid 2>/dev/null || true' EXIT
 socket="$work/cfg/data/watch.sock"

@@ -463,6 +463,27 @@ TEST_P(WatchTest, WhileItRunsAWriterIsToldAtOnceAndAReaderReadsTheSavedDatabase)
   EXPECT_NE(std::string::npos, list.out.find("motd")) << list.out;
 }
 
+TEST_P(WatchTest, AtStartItWaitsForAReaderOfTheDatabaseInsteadOfGivingUp) {
+  ScanSample();
+  int lock_fd = ::open(Data("t.hdb.lock").c_str(), O_RDONLY | O_CLOEXEC);
+  ASSERT_GE(lock_fd, 0);
+  struct flock shared {};
+  shared.l_type = F_RDLCK;
+  shared.l_whence = SEEK_SET;
+  ASSERT_EQ(0, ::fcntl(lock_fd, F_SETLK, &shared));
+  // A daily check that reads the database as the service starts: it ends after a while.
+  std::thread reader([lock_fd] {
+    std::this_thread::sleep_for(1500ms);
+    ::close(lock_fd);
+  });
+  Start();
+  reader.join();
+  EXPECT_NE(std::string::npos, CTempDir::Read(dir_ / "watch.err").find("is being read by process " +
+                                                                          std::to_string(::getpid()) +
+                                                                          "; waiting for it to finish"));
+  EXPECT_EQ(Sha256("welcome\n"), Shown("etc/motd")->optValue<std::string>("hash", ""));
+}
+
 TEST_P(WatchTest, ASaveWaitsWhileTheSavedFilesAreReadAndTheServiceKeepsAnsweringMeanwhile) {
   ScanSample();
   Start("--save-period 1");
