@@ -65,6 +65,7 @@ void RequireOwnerOnly(const std::string& path, const std::string& what, bool sec
 
 CSession::CSession(const CCommandLine& line) {
   wait_for_locks_ = line.Has("--wait");
+  say_when_waiting_ = ::isatty(STDERR_FILENO) != 0;  // a person waits; a script's log stays quiet
   accept_unbound_ = line.Has("--bind");
   passphrase_fd_ = line.Value("--passphrase-fd");
   sign_later_ = line.Has("--sign-later");
@@ -180,7 +181,7 @@ void CSession::LockPolicy(const CRefPolicySettings& policy, CPolicyLock::CMode m
                        "scan or update the policy ('signdb status' shows what it watches)");
     }
     if (!by_service && !wait_for_locks_) throw CToolError(busy.what());
-    if (!by_service) {
+    if (!by_service && say_when_waiting_) {
       std::cerr << "signdb: policy '" << policy.name << "' is being " << (busy.writer() ? "written" : "read") << " by "
                 << (busy.holder() != 0 ? "process " + std::to_string(busy.holder()) : std::string("another process"))
                 << "; waiting for it to finish\n";

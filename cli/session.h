@@ -54,8 +54,12 @@ class CSession {
   // Turns the policy's lock, which the session holds, into "mode"; without "wait", false when
   // another process's lock stands in the way (see CPolicyLock::Change).
   bool ChangePolicyLock(const CRefPolicySettings& policy, CPolicyLock::CMode mode, bool wait);
-  // Policy locks held elsewhere are waited for from now on, as with --wait.
-  void WaitForLocks() { wait_for_locks_ = true; }
+  // Policy locks held elsewhere are waited for from now on, as with --wait, and each wait is
+  // said on stderr (a service's log tells why its start took long).
+  void WaitForLocks() {
+    wait_for_locks_ = true;
+    say_when_waiting_ = true;
+  }
 
   // The shared lock of the policy whose database "hdb_path" is, if it is one (verify, dump).
   void LockIfPolicyFile(const std::string& hdb_path);
@@ -121,6 +125,7 @@ class CSession {
   std::unique_ptr<CModuleLoader> loader_;
   std::shared_ptr<CSignDB> front_;
   bool wait_for_locks_ = false;
+  bool say_when_waiting_ = false;  // a lock waited for is said on stderr
   bool accept_unbound_ = false;  // --bind: a database without a policy binding is loaded
   std::string passphrase_fd_;    // --passphrase-fd N: where a protected signer key's passphrase comes from
   std::string passphrase_;       // read once, when the first save needs it
