@@ -305,7 +305,13 @@ int RunWatch(const CCommandLine& line) {
   CWatchService service(session, std::chrono::seconds(save_period), line.Has("--inotify"));
   for (const CRefPolicySettings* policy : policies) {
     session.RequireRoot(*policy);
-    session.LockPolicy(*policy, CPolicyLock::CMode::kExclusive);
+    {
+      // Nothing is loaded or changed yet: a stop while another run's lock is waited for ends the
+      // process at once.
+      ::pthread_sigmask(SIG_UNBLOCK, &stop_signals, nullptr);
+      session.LockPolicy(*policy, CPolicyLock::CMode::kExclusive);
+      ::pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
+    }
     std::shared_ptr<CHashDB> database;
     if (!session.front().HdbFileExists(policy->name)) {
       database = session.NewDatabase(*policy);  // recorded afresh by the start-up reconcile

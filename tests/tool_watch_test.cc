@@ -484,6 +484,30 @@ TEST_P(WatchTest, AtStartItWaitsForAReaderOfTheDatabaseInsteadOfGivingUp) {
   EXPECT_EQ(Sha256("welcome\n"), Shown("etc/motd")->optValue<std::string>("hash", ""));
 }
 
+TEST_P(WatchTest, AStopWhileItWaitsAtStartForALockEndsItAtOnce) {
+  ScanSample();
+  int lock_fd = ::open(Data("t.hdb.lock").c_str(), O_RDONLY | O_CLOEXEC);
+  ASSERT_GE(lock_fd, 0);
+  struct flock shared {};
+  shared.l_type = F_RDLCK;
+  shared.l_whence = SEEK_SET;
+  ASSERT_EQ(0, ::fcntl(lock_fd, F_SETLK, &shared));
+  std::string command = "exec '" SIGNDB_TOOL_PATH "' --config '" + config_ + "' watch " + GetParam() + " 2>'" +
+                        (dir_ / "watch.err") + "'";
+  const char* argv[] = {"/bin/sh", "-c", command.c_str(), nullptr};
+  ASSERT_EQ(0, ::posix_spawn(&pid_, "/bin/sh", nullptr, nullptr, const_cast<char**>(argv), environ));
+  ASSERT_TRUE(Eventually([&] { return CTempDir::Read(dir_ / "watch.err").find("waiting") != std::string::npos; },
+                         10s));
+  auto stopped = std::chrono::steady_clock::now();
+  ::kill(pid_, SIGTERM);
+  int status = 0;
+  bool ended = Eventually([&] { return ::waitpid(pid_, &status, WNOHANG) == pid_; }, 5s);
+  EXPECT_TRUE(ended) << "still waiting for the lock";
+  if (ended) pid_ = -1;  // else the fixture kills it
+  EXPECT_LT(std::chrono::steady_clock::now() - stopped, 2s);
+  ::close(lock_fd);
+}
+
 TEST_P(WatchTest, ASaveWaitsWhileTheSavedFilesAreReadAndTheServiceKeepsAnsweringMeanwhile) {
   ScanSample();
   Start("--save-period 1");
