@@ -112,6 +112,22 @@ class WatchTest : public ToolTest, public ::testing::WithParamInterface<std::str
 
   static std::string JsonText(const std::string& text) { return "\"" + text + "\""; }
 
+  // Takes policy t's lock shared, as a run that reads its saved files does; closing the
+  // descriptor returned lets it go. -1 when it is held exclusively elsewhere.
+  int HoldReadLock() const {
+    int fd = ::open(Data("t.hdb.lock").c_str(), O_RDONLY | O_CLOEXEC);
+    struct flock shared {};
+    shared.l_type = F_RDLCK;
+    shared.l_whence = SEEK_SET;
+    if (fd >= 0 && ::fcntl(fd, F_SETLK, &shared) != 0) {
+      int error = errno;
+      ::close(fd);
+      errno = error;
+      return -1;
+    }
+    return fd;
+  }
+
   pid_t pid_ = -1;
 };
 
@@ -465,12 +481,8 @@ TEST_P(WatchTest, WhileItRunsAWriterIsToldAtOnceAndAReaderReadsTheSavedDatabase)
 
 TEST_P(WatchTest, AtStartItWaitsForAReaderOfTheDatabaseInsteadOfGivingUp) {
   ScanSample();
-  int lock_fd = ::open(Data("t.hdb.lock").c_str(), O_RDONLY | O_CLOEXEC);
+  int lock_fd = HoldReadLock();
   ASSERT_GE(lock_fd, 0);
-  struct flock shared {};
-  shared.l_type = F_RDLCK;
-  shared.l_whence = SEEK_SET;
-  ASSERT_EQ(0, ::fcntl(lock_fd, F_SETLK, &shared));
   // A daily check that reads the database as the service starts: it ends after a while.
   std::thread reader([lock_fd] {
     std::this_thread::sleep_for(1500ms);
@@ -486,12 +498,8 @@ TEST_P(WatchTest, AtStartItWaitsForAReaderOfTheDatabaseInsteadOfGivingUp) {
 
 TEST_P(WatchTest, AStopWhileItWaitsAtStartForALockEndsItAtOnce) {
   ScanSample();
-  int lock_fd = ::open(Data("t.hdb.lock").c_str(), O_RDONLY | O_CLOEXEC);
+  int lock_fd = HoldReadLock();
   ASSERT_GE(lock_fd, 0);
-  struct flock shared {};
-  shared.l_type = F_RDLCK;
-  shared.l_whence = SEEK_SET;
-  ASSERT_EQ(0, ::fcntl(lock_fd, F_SETLK, &shared));
   std::string command = "exec '" SIGNDB_TOOL_PATH "' --config '" + config_ + "' watch " + GetParam() + " 2>'" +
                         (dir_ / "watch.err") + "'";
   const char* argv[] = {"/bin/sh", "-c", command.c_str(), nullptr};
@@ -514,12 +522,8 @@ TEST_P(WatchTest, ASaveWaitsWhileTheSavedFilesAreReadAndTheServiceKeepsAnswering
   struct stat before {};
   ASSERT_EQ(0, ::stat(Data("t.hdb").c_str(), &before));
   // A reader of the saved files, as "signdb ls" would be.
-  int lock_fd = ::open(Data("t.hdb.lock").c_str(), O_RDONLY | O_CLOEXEC);
-  ASSERT_GE(lock_fd, 0);
-  struct flock shared {};
-  shared.l_type = F_RDLCK;
-  shared.l_whence = SEEK_SET;
-  ASSERT_EQ(0, ::fcntl(lock_fd, F_SETLK, &shared)) << "the service keeps readers out: " << std::strerror(errno);
+  int lock_fd = HoldReadLock();
+  ASSERT_GE(lock_fd, 0) << "the service keeps readers out: " << std::strerror(errno);
   Write("new.txt", "during the read\n");
   ASSERT_TRUE(EventuallyRecorded("new.txt", Sha256("during the read\n")));
   std::this_thread::sleep_for(2500ms);  // the save was due after 1 s
