@@ -4,22 +4,32 @@
 #include <pwd.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <map>
 #include <mutex>
 #include <vector>
 
 namespace {
 
+// Names are kept for a minute: a long-running service sees accounts made or renamed after it
+// started, and a burst of changes asks the system's account database once per owner.
+constexpr std::chrono::seconds kKeepName{60};
+
+struct CKnownName {
+  std::string name;  // empty: no such account
+  std::chrono::steady_clock::time_point asked;
+};
+
 std::mutex names_lock;
-std::map<uint32_t, std::string> user_names;   // guarded by names_lock
-std::map<uint32_t, std::string> group_names;  // guarded by names_lock
+std::map<uint32_t, CKnownName> user_names;   // guarded by names_lock
+std::map<uint32_t, CKnownName> group_names;  // guarded by names_lock
 
 template <typename Entry, typename Lookup>
-std::string LookUp(uint32_t id, std::map<uint32_t, std::string>& cache, Lookup lookup,
-                   char* Entry::*name_field) {
+std::string LookUp(uint32_t id, std::map<uint32_t, CKnownName>& cache, Lookup lookup, char* Entry::*name_field) {
   std::lock_guard<std::mutex> guard(names_lock);
+  auto now = std::chrono::steady_clock::now();
   auto known = cache.find(id);
-  if (known != cache.end()) return known->second;
+  if (known != cache.end() && now - known->second.asked < kKeepName) return known->second.name;
   std::vector<char> buffer(16384);
   Entry entry{};
   Entry* found = nullptr;
@@ -27,7 +37,7 @@ std::string LookUp(uint32_t id, std::map<uint32_t, std::string>& cache, Lookup l
   if (lookup(id, &entry, buffer.data(), buffer.size(), &found) == 0 && found != nullptr) {
     name = found->*name_field;
   }
-  cache.emplace(id, name);
+  cache.insert_or_assign(id, CKnownName{name, now});
   return name;
 }
 

@@ -71,12 +71,19 @@ CObjectState StateOfObject(CRefFileObjInfo& info) {
 }
 
 CObjectState RecordedState(CHashDB& database, const std::wstring& full_path) {
+  std::optional<CObjectState> state = RecordedStateIfAny(database, full_path);
+  return state ? *state : CObjectState{};
+}
+
+std::optional<CObjectState> RecordedStateIfAny(CHashDB& database, const std::wstring& full_path) {
   CObjectState state;
+  // Asked first: nothing recorded there (a new object, the usual case) costs one look-up.
+  if (!database.AttributesOfObject(full_path, state.attributes, state.time_1, state.time_2, state.security)) {
+    return std::nullopt;
+  }
   state.is_dir = database.IsDirectory(full_path);
   state.hash = database.HashOfObject(full_path);
   state.size = database.SizeOfObject(full_path);
-  database.AttributesOfObject(full_path, state.attributes, state.time_1, state.time_2,
-                              state.security);
   bool target_is_dir = false;
   state.target = WideToUtf8(database.TargetOfObject(full_path, target_is_dir));
   return state;

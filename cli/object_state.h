@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 
 class CHashDB;
@@ -41,3 +42,5 @@ struct CObjectState {
 CObjectState StateOfObject(CRefFileObjInfo& info);
 // The object as "database" recorded it at this full path (which must be recorded).
 CObjectState RecordedState(CHashDB& database, const std::wstring& full_path);
+// The same, or nothing when nothing is recorded at that path.
+std::optional<CObjectState> RecordedStateIfAny(CHashDB& database, const std::wstring& full_path);

@@ -156,8 +156,7 @@ void CPolicyWatch::ApplyDue(CClock::time_point now, size_t most) {
 void CPolicyWatch::Record(const std::string& relative, bool content, const char* event, bool likely_regular) {
   CRefHost& host = session_.host();
   std::wstring full = Wide(relative);
-  std::optional<CObjectState> recorded;
-  if (IsRecorded(full)) recorded = RecordedState(*database_, full);
+  std::optional<CObjectState> recorded = RecordedStateIfAny(*database_, full);
   std::optional<CKnownContent> known;
   if (!content && recorded && !recorded->is_dir) known = CKnownContent{recorded->size, recorded->time_2, recorded->hash};
   std::shared_ptr<CRefFileObjInfo> info;
@@ -189,8 +188,7 @@ void CPolicyWatch::Record(const std::string& relative, bool content, const char*
 void CPolicyWatch::Remove(const std::string& relative, const char* event) {
   if (relative.empty()) return;  // the root stays recorded; a reconcile says what became of it
   std::wstring full = Wide(relative);
-  std::optional<CObjectState> recorded;
-  if (IsRecorded(full)) recorded = RecordedState(*database_, full);
+  std::optional<CObjectState> recorded = RecordedStateIfAny(*database_, full);
   std::shared_ptr<CObjInfo> none;
   database_->RemoveObject(none, full);
   ++counters_.applied;
