@@ -201,8 +201,9 @@ const std::map<std::string, std::string>& CommandHelp() {
       {"status",
        "usage: signdb status [--json]\n"
        "\n"
-       "What the running watch service says of each policy (events received and applied, writes\n"
-       "waiting, reconciles, events lost, last save), or, when none runs, when each database was saved.\n"
+       "What the running watch service says of each policy (objects recorded, events received and\n"
+       "applied, writes waiting, reconciles, events lost, last save), or, when none runs, when each\n"
+       "database was saved.\n"
        "\n"
        "examples:\n"
        "  signdb status --json\n"},

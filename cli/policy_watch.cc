@@ -1,6 +1,8 @@
 #include "cli/policy_watch.h"
 
+#include <atomic>
 #include <ctime>
+#include <memory>
 #include <exception>
 #include <iostream>
 #include <utility>
@@ -264,6 +266,16 @@ uint64_t CPolicyWatch::Shrink() {
   uint64_t dropped = database_->Shrink(before, L"");
   counters_.shrunk += dropped;
   return dropped;
+}
+
+uint64_t CPolicyWatch::nodes() const {
+  auto count = std::make_shared<std::atomic<uint64_t>>(0);
+  // The walk runs on the worker pool: the visitor counts from several threads.
+  database_->Enumerate("", true, std::make_shared<CNodeVisitor>([count](const std::shared_ptr<CHashNode>&) {
+    count->fetch_add(1, std::memory_order_relaxed);
+    return true;
+  }));
+  return count->load();
 }
 
 bool CPolicyWatch::changed_since_save() const { return database_->ChangeCounter() != saved_changes_; }

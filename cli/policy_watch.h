@@ -77,6 +77,8 @@ class CPolicyWatch {
   const std::shared_ptr<CHashDB>& database() const { return database_; }
   const CCounters& counters() const { return counters_; }
   size_t queued() const { return queued_.size(); }
+  // How many objects the database records (the root included): a walk of the whole tree.
+  uint64_t nodes() const;
   // Whether the database changed since it was last saved.
   bool changed_since_save() const;
   const char* watcher_kind() const { return watcher_ ? watcher_->kind() : "none"; }

@@ -45,7 +45,8 @@ int PrintServiceStatus(const std::string& answer, bool json) {
     Poco::JSON::Object::Ptr policy = policies->getObject(static_cast<unsigned>(i));
     std::string saved = policy->optValue<std::string>("last_save", "");
     std::cout << "policy " << EscapedText(policy->optValue<std::string>("name", "")) << " ("
-              << EscapedText(policy->optValue<std::string>("root", "")) << "): watched with "
+              << EscapedText(policy->optValue<std::string>("root", "")) << "): "
+              << GroupedNumber(policy->optValue<uint64_t>("nodes", 0)) << " objects recorded, watched with "
               << policy->optValue<std::string>("watcher", "") << "; " << policy->optValue<uint64_t>("events", 0)
               << " events, " << policy->optValue<uint64_t>("applied", 0) << " applied, "
               << policy->optValue<uint64_t>("queued", 0) << " queued, " << policy->optValue<uint64_t>("reconciles", 0)

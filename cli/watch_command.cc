@@ -214,7 +214,8 @@ class CWatchService {
       const CPolicyWatch::CCounters& counters = watch.counters();
       answer += (i == 0 ? "" : ",");
       answer += "{\"name\":" + JsonString(watch.policy().name) + ",\"root\":" + JsonString(watch.policy().root) +
-                ",\"watcher\":" + JsonString(watch.watcher_kind()) + ",\"events\":" + std::to_string(counters.events) +
+                ",\"watcher\":" + JsonString(watch.watcher_kind()) + ",\"nodes\":" + std::to_string(watch.nodes()) +
+                ",\"events\":" + std::to_string(counters.events) +
                 ",\"applied\":" + std::to_string(counters.applied) + ",\"queued\":" + std::to_string(watch.queued()) +
                 ",\"reconciles\":" + std::to_string(counters.reconciles) + ",\"lost\":" + std::to_string(counters.lost) +
                 ",\"failures\":" + std::to_string(counters.failures) +

@@ -571,6 +571,12 @@ TEST_P(WatchTest, StatusTellsWhetherAServiceRuns) {
   EXPECT_NE(std::string::npos, running.out.find("watched with ")) << running.out;
   CToolRun json = Tool("status --json");
   EXPECT_EQ(pid_, Parse(json.out)->optValue<int>("pid", 0));
+  // The root, etc, bin, docs, three files in etc, the tool, the document and the link.
+  auto nodes = [&] { return Ask("{\"request\":\"status\"}")->getArray("policies")->getObject(0)->optValue<uint64_t>("nodes", 0); };
+  EXPECT_EQ(10u, nodes());
+  EXPECT_NE(std::string::npos, running.out.find(": 10 objects recorded, watched with ")) << running.out;
+  Write("etc/new", "x");
+  EXPECT_TRUE(Eventually([&] { return nodes() == 11u; }));
 }
 
 TEST_P(WatchTest, LookupThroughTheServiceFindsANewFileByItsHash) {
