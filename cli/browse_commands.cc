@@ -3,7 +3,9 @@
 
 #include <iostream>
 #include <optional>
+#include <vector>
 
+#include <Poco/JSON/Array.h>
 #include <Poco/JSON/Object.h>
 #include <Poco/JSON/Parser.h>
 
@@ -14,6 +16,7 @@
 #include "cli/object_state.h"
 #include "cli/query_server.h"
 #include "cli/service_lock.h"
+#include "cli/recorded_listing.h"
 #include "cli/recorded_object_json.h"
 #include "cli/session.h"
 #include "cli/text_format.h"
@@ -44,9 +47,35 @@ std::string RelativeArgument(const CRefPolicySettings& policy, std::string path)
   return path == "." ? "" : path;
 }
 
-std::string Parent(const std::string& relative) {
-  size_t slash = relative.rfind('/');
-  return slash == std::string::npos ? std::string() : relative.substr(0, slash);
+}  // namespace
+
+namespace {
+
+// The running watch service's listing for a policy it watches; nullopt when it does not watch it.
+std::optional<std::vector<CListedObject>> ListThroughService(CSession& session, const CRefPolicySettings& policy,
+                                                             const std::string& directory, bool recursive) {
+  if (CServiceLock::Holder(session.DataFolder()) == 0) return std::nullopt;
+  std::string answer;
+  try {
+    answer = AskService(session.DataFolder() + "/watch.sock",
+                        "{\"request\":\"list\",\"policy\":" + JsonString(policy.name) + ",\"path\":" +
+                            JsonString(directory) + ",\"recursive\":" + (recursive ? "true" : "false") + "}",
+                        60000);
+  } catch (const std::exception& e) {
+    throw CToolError(std::string("the watch service did not answer: ") + e.what());
+  }
+  Poco::JSON::Object::Ptr parsed = Poco::JSON::Parser().parse(answer).extract<Poco::JSON::Object::Ptr>();
+  if (!parsed->optValue<bool>("ok", false)) {
+    std::string error = parsed->optValue<std::string>("error", answer);
+    if (error.rfind("no policy named", 0) == 0) return std::nullopt;  // not watched: its saved file
+    throw CToolError(error);
+  }
+  std::vector<CListedObject> listed;
+  Poco::JSON::Array::Ptr entries = parsed->getArray("entries");
+  for (size_t i = 0; entries && i < entries->size(); ++i) {
+    listed.push_back(ListedFromJson(entries->getObject(static_cast<unsigned>(i))));
+  }
+  return listed;
 }
 
 }  // namespace
@@ -56,34 +85,13 @@ int RunList(const CCommandLine& line) {
   CSession session(line);
   const CRefPolicySettings& policy = session.Policy(line.arguments[0]);
   std::string directory = RelativeArgument(policy, line.arguments.size() > 1 ? line.arguments[1] : "");
-  std::shared_ptr<CHashDB> database = session.LoadDatabase(policy);
-  if (!database->ExistsAs(session.WideFullPath(policy, directory), true)) {
-    throw CToolError("no directory " + (directory.empty() ? std::string(".") : directory) +
-                     " is recorded in policy '" + policy.name + "'");
-  }
-  std::shared_ptr<CPathEntryList> entries = database->SubNodes(session.Wide(directory));
-  entries->sort([](const CPathEntry& a, const CPathEntry& b) { return a.second < b.second; });
   bool recursive = line.Has("--recursive");
-  bool json = line.Has("--json");
-  for (const CPathEntry& entry : *entries) {
-    std::string relative = WideToUtf8(entry.second);
-    if (relative == directory || (!recursive && Parent(relative) != directory)) continue;
-    CObjectState state = RecordedState(*database, session.WideFullPath(policy, relative));
-    if (json) {
-      std::cout << "{\"path\":" << JsonString(relative) << ",\"kind\":" << JsonString(KindWords(state.kind()))
-                << ",\"size\":" << state.size << ",\"hash\":" << JsonString(state.hash);
-      if (state.attributes != kUnknownAttributes) std::cout << ",\"attributes\":" << state.attributes;
-      if (!state.target.empty()) std::cout << ",\"target\":" << JsonString(state.target);
-      std::cout << "}\n";
-      continue;
-    }
-    std::string mode = state.attributes == kUnknownAttributes ? std::string(1, KindLetter(state.kind())) + "?????????"
-                                                              : ModeText(state.attributes).substr(0, 10);
-    char prefix[48];
-    std::snprintf(prefix, sizeof prefix, "%s %14s  ", mode.c_str(), state.is_dir ? "-" : GroupedNumber(state.size).c_str());
-    std::cout << prefix << (state.hash.empty() ? std::string(session.settings().policy_number / 4, ' ') : state.hash)
-              << "  " << SafePath(relative) << (state.is_dir ? "/" : "")
-              << (state.target.empty() ? "" : " -> " + SafePath(state.target)) << "\n";
+  // A watched policy is listed as the service records it now; the saved file may be older.
+  std::optional<std::vector<CListedObject>> listed = ListThroughService(session, policy, directory, recursive);
+  if (!listed) listed = ListRecorded(session, policy, *session.LoadDatabase(policy), directory, recursive);
+  for (const CListedObject& object : *listed) {
+    std::cout << (line.Has("--json") ? ListedJson(object) : ListedText(object, session.settings().policy_number / 4))
+              << "\n";
   }
   return kExitOk;
 }

@@ -1,15 +1,16 @@
 #include "cli/hash_holders.h"
 
-#include <algorithm>
+#include <unordered_set>
 
 #include "hashdb/hash_db.h"
 
 std::vector<std::wstring> HoldersOf(CHashDB& database, const std::string& hash, bool unmark) {
   std::vector<std::wstring> paths;
+  std::unordered_set<std::wstring> seen;
   for (;;) {
     std::wstring path = database.PathByHash(hash, false);
     if (path.empty()) break;
-    if (std::find(paths.begin(), paths.end(), path) != paths.end()) break;  // could not be marked
+    if (!seen.insert(path).second) break;  // could not be marked
     paths.push_back(path);
     database.Mark(true, path, true);
   }

@@ -60,7 +60,7 @@ CQueryServer::CQueryServer(std::string socket_path, CHandler handler)
 }
 
 CQueryServer::~CQueryServer() {
-  for (auto& [client, pending] : clients_) ::close(client);
+  for (auto& [client, state] : clients_) ::close(client);
   ::close(epoll_fd_);
   ::close(listen_fd_);
   ::unlink(path_.c_str());
@@ -87,7 +87,8 @@ void CQueryServer::Accept() {
     int client = ::accept4(listen_fd_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
     if (client < 0) return;
     if (clients_.size() >= kMostClients) {
-      Send(client, ErrorAnswer("too many connections to the service; try again"));
+      std::string refusal = ErrorAnswer("too many connections to the service; try again") + "\n";
+      (void)::send(client, refusal.data(), refusal.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
       ::close(client);
       continue;
     }
@@ -103,49 +104,56 @@ void CQueryServer::Accept() {
 }
 
 bool CQueryServer::Serve(int client) {
-  std::string& pending = clients_[client];
+  CClient& state = clients_[client];
+  if (!Send(client, state)) return false;
   char buffer[16 * 1024];
-  for (;;) {
+  // A client is read from only while it has taken every answer: one that sends without reading
+  // waits in its own socket, and the service sends long answers as they are read.
+  while (state.unsent.empty()) {
+    size_t end = state.received.find('\n');
+    if (end != std::string::npos && end <= kLongestRequest) {
+      std::string request = state.received.substr(0, end);
+      state.received.erase(0, end + 1);
+      if (!request.empty() && request.back() == '\r') request.pop_back();
+      if (request.empty()) continue;
+      state.unsent = handler_(request) + "\n";
+      if (!Send(client, state)) return false;
+      continue;
+    }
+    if (state.received.size() > kLongestRequest) {
+      state.unsent = ErrorAnswer("request too long: at most " + std::to_string(kLongestRequest) + " bytes per line") + "\n";
+      Send(client, state);
+      return false;
+    }
     ssize_t length = ::recv(client, buffer, sizeof buffer, 0);
     if (length < 0) {
       if (errno == EINTR) continue;
-      if (errno == EAGAIN || errno == EWOULDBLOCK) break;
-      return false;
+      return errno == EAGAIN || errno == EWOULDBLOCK;
     }
     if (length == 0) return false;  // the client is done
-    pending.append(buffer, static_cast<size_t>(length));
-    size_t end;
-    while ((end = pending.find('\n')) != std::string::npos && end <= kLongestRequest) {
-      std::string request = pending.substr(0, end);
-      pending.erase(0, end + 1);
-      if (!request.empty() && request.back() == '\r') request.pop_back();
-      if (request.empty()) continue;
-      if (!Send(client, handler_(request))) return false;
-    }
-    if (pending.size() > kLongestRequest && (end == std::string::npos || end > kLongestRequest)) {
-      Send(client, ErrorAnswer("request too long: at most " + std::to_string(kLongestRequest) + " bytes per line"));
-      return false;
-    }
+    state.received.append(buffer, static_cast<size_t>(length));
   }
   return true;
 }
 
-bool CQueryServer::Send(int client, const std::string& answer) {
-  std::string line = answer + "\n";
-  size_t sent = 0;
-  int stalls = 0;
-  while (sent < line.size()) {
-    ssize_t length = ::send(client, line.data() + sent, line.size() - sent, MSG_NOSIGNAL);
+bool CQueryServer::Send(int client, CClient& state) {
+  while (!state.unsent.empty()) {
+    ssize_t length = ::send(client, state.unsent.data(), state.unsent.size(), MSG_NOSIGNAL);
     if (length < 0) {
       if (errno == EINTR) continue;
-      // A client that does not read its answers is dropped rather than waited for.
-      if ((errno == EAGAIN || errno == EWOULDBLOCK) && ++stalls < 100) {
-        ::usleep(10000);
-        continue;
-      }
-      return false;
+      if (errno != EAGAIN && errno != EWOULDBLOCK) return false;
+      break;
     }
-    sent += static_cast<size_t>(length);
+    state.unsent.erase(0, static_cast<size_t>(length));
+  }
+  // Waits for the client to take the rest, or for its next request.
+  bool sending = !state.unsent.empty();
+  if (sending != state.sending) {
+    epoll_event event {};
+    event.events = sending ? EPOLLOUT : EPOLLIN;
+    event.data.fd = client;
+    if (::epoll_ctl(epoll_fd_, EPOLL_CTL_MOD, client, &event) != 0) return false;
+    state.sending = sending;
   }
   return true;
 }
@@ -174,12 +182,13 @@ std::string AskService(const std::string& socket_path, const std::string& reques
     throw std::runtime_error("cannot send to the service at " + socket_path);
   }
   std::string answer;
-  char buffer[4096];
+  char buffer[64 * 1024];
   for (;;) {
     ssize_t length = ::recv(fd, buffer, sizeof buffer, 0);
     if (length <= 0) break;
+    size_t searched = answer.size();  // a long answer is searched once, not again per piece
     answer.append(buffer, static_cast<size_t>(length));
-    size_t end = answer.find('\n');
+    size_t end = answer.find('\n', searched);
     if (end != std::string::npos) {
       answer.resize(end);
       ::close(fd);

@@ -9,9 +9,11 @@
 // service's query interface. The socket is made owner-only (the data folder's owner may ask; a
 // query reveals what the databases record).
 //
-// Requests are read without blocking and answered whole; a line longer than kLongestRequest is
-// refused and its connection closed, and at most kMostClients are connected at once. The server
-// waits on its own epoll descriptor, which the service waits on in turn.
+// Requests are read without blocking and answers sent without blocking: a long answer goes out as
+// the client reads it, and a client's next request is read once it has taken the last answer. A
+// line longer than kLongestRequest is refused and its connection closed, and at most kMostClients
+// are connected at once. The server waits on its own epoll descriptor, which the service waits on
+// in turn.
 //
 // Not thread-safe: the service's one thread drives it.
 class CQueryServer {
@@ -28,7 +30,7 @@ class CQueryServer {
   CQueryServer(const CQueryServer&) = delete;
   CQueryServer& operator=(const CQueryServer&) = delete;
 
-  // Readable when a client connects or sends.
+  // Readable when a client connects, sends, or can take more of its answer.
   int fd() const { return epoll_fd_; }
   // Accepts and answers whatever is waiting, without blocking.
   void Process();
@@ -36,16 +38,24 @@ class CQueryServer {
 
  private:
   void Accept();
-  // Reads from one client and answers its complete lines; false when it is to be closed.
+  struct CClient {
+    std::string received;  // what it sent that is not answered yet
+    std::string unsent;    // the rest of its answer
+    bool sending = false;  // waits for room to send (else for its next request)
+  };
+  // Sends the rest of one client's answer, then reads and answers its complete lines while it
+  // takes them; false when it is to be closed.
   bool Serve(int client);
   void Close(int client);
-  bool Send(int client, const std::string& line);
+  // Sends what the client takes now of its answer and waits for what fits its state (more room
+  // to send, or its next request); false when it is gone.
+  bool Send(int client, CClient& state);
 
   std::string path_;
   CHandler handler_;
   int listen_fd_ = -1;
   int epoll_fd_ = -1;
-  std::map<int, std::string> clients_;  // descriptor -> what it sent that has no line end yet
+  std::map<int, CClient> clients_;  // by descriptor
 };
 
 // The answer to a request that cannot be answered: {"ok":false,"error":REASON}.

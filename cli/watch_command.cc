@@ -28,6 +28,7 @@
 #include "cli/hash_holders.h"
 #include "cli/policy_watch.h"
 #include "cli/query_server.h"
+#include "cli/recorded_listing.h"
 #include "cli/recorded_object_json.h"
 #include "cli/service_lock.h"
 #include "cli/session.h"
@@ -201,10 +202,14 @@ class CWatchService {
       if (kind == "show") {
         return Show(request->optValue<std::string>("policy", ""), request->optValue<std::string>("path", ""));
       }
+      if (kind == "list") {
+        return List(request->optValue<std::string>("policy", ""), request->optValue<std::string>("path", ""),
+                    request->optValue<bool>("recursive", false));
+      }
     } catch (const std::exception& e) {
       return ErrorAnswer(e.what());
     }
-    return ErrorAnswer("unknown request '" + kind + "': status, lookup or show");
+    return ErrorAnswer("unknown request '" + kind + "': status, lookup, show or list");
   }
 
   std::string Status() {
@@ -244,6 +249,18 @@ class CWatchService {
     return answer + "]}";
   }
 
+  std::string List(const std::string& policy_name, const std::string& path, bool recursive) {
+    CPolicyWatch* watch = Find(policy_name);
+    if (watch == nullptr) return ErrorAnswer("no policy named '" + policy_name + "' is watched");
+    std::string answer = "{\"ok\":true,\"entries\":[";
+    bool first = true;
+    for (const CListedObject& object :
+         ListRecorded(session_, watch->policy(), *watch->database(), RelativeToRoot(watch->policy(), path), recursive)) {
+      answer += (first ? "" : ",") + ListedJson(object);
+      first = false;
+    }
+    return answer + "]}";
+  }
   std::string Show(const std::string& policy_name, const std::string& path) {
     CPolicyWatch* watch = Find(policy_name);
     if (watch == nullptr) return ErrorAnswer("no policy named '" + policy_name + "' is watched");

@@ -431,6 +431,57 @@ TEST_P(WatchTest, ShowAndLookupAskTheRunningServiceForWhatItWatches) {
   EXPECT_NE(std::string::npos, again.out.find(Tree("two"))) << again.out;
 }
 
+TEST_P(WatchTest, LsListsWhatTheServiceRecordsNowAndTheSavedFileAgreesOnceItStops) {
+  ScanSample();
+  Start();
+  Write("etc/fresh", "new\n");
+  ASSERT_TRUE(EventuallyRecorded("etc/fresh", Sha256("new\n")));
+  CToolRun listed = Tool("ls t etc");
+  EXPECT_EQ(0, listed.status) << listed.err;
+  EXPECT_NE(std::string::npos, listed.out.find(Sha256("new\n") + "  etc/fresh\n")) << listed.out;
+  CToolRun live = Tool("ls t --recursive --json");
+  EXPECT_EQ(0, live.status) << live.err;
+  CToolRun missing = Tool("ls t nowhere");
+  EXPECT_EQ(2, missing.status);
+  EXPECT_NE(std::string::npos, missing.err.find("no directory nowhere is recorded in policy 't'")) << missing.err;
+  ASSERT_EQ(0, Stop());
+  CToolRun saved = Tool("ls t --recursive --json");
+  EXPECT_EQ(0, saved.status) << saved.err;
+  EXPECT_EQ(saved.out, live.out);
+}
+
+TEST_P(WatchTest, ALongAnswerGoesOutAsItsClientReadsItAndOthersAreAnsweredMeanwhile) {
+  // A listing of 4,000 files is a long answer (~700 KB).
+  for (int i = 0; i < 4000; ++i) Write("many/a-rather-long-name-for-file-" + std::to_string(i), std::to_string(i));
+  Init();
+  Start();
+  int slow = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  ASSERT_GE(slow, 0);
+  sockaddr_un address {};
+  address.sun_family = AF_UNIX;
+  std::strncpy(address.sun_path, Socket().c_str(), sizeof address.sun_path - 1);
+  ASSERT_EQ(0, ::connect(slow, reinterpret_cast<sockaddr*>(&address), sizeof address));
+  std::string request = "{\"request\":\"list\",\"policy\":\"t\",\"path\":\"many\"}\n";
+  ASSERT_EQ(static_cast<ssize_t>(request.size()), ::send(slow, request.data(), request.size(), MSG_NOSIGNAL));
+  std::this_thread::sleep_for(200ms);  // the client reads nothing yet
+  auto asked = std::chrono::steady_clock::now();
+  EXPECT_TRUE(Ask("{\"request\":\"status\"}")->optValue<bool>("ok", false));
+  EXPECT_LT(std::chrono::steady_clock::now() - asked, 300ms) << "the service waited for the slow client";
+  std::this_thread::sleep_for(1500ms);
+  std::string answer;
+  char buffer[65536];
+  while (answer.empty() || answer.back() != '\n') {
+    ssize_t length = ::recv(slow, buffer, sizeof buffer, 0);
+    if (length <= 0) break;
+    answer.append(buffer, static_cast<size_t>(length));
+  }
+  ::close(slow);
+  ASSERT_FALSE(answer.empty());
+  Poco::JSON::Object::Ptr parsed = Parse(answer);
+  ASSERT_TRUE(parsed->optValue<bool>("ok", false)) << answer.substr(0, 200);
+  EXPECT_EQ(4000u, parsed->getArray("entries")->size());
+}
+
 TEST_P(WatchTest, BadRequestsGetAClearErrorAndTheServiceGoesOn) {
   Init();
   Start();
@@ -438,7 +489,7 @@ TEST_P(WatchTest, BadRequestsGetAClearErrorAndTheServiceGoesOn) {
             Ask("this is not json")->optValue<std::string>("error", ""));
   EXPECT_EQ("no policy named 'nope' is watched",
             Ask("{\"request\":\"show\",\"policy\":\"nope\",\"path\":\"x\"}")->optValue<std::string>("error", ""));
-  EXPECT_EQ("unknown request 'drop': status, lookup or show", Ask("{\"request\":\"drop\"}")->optValue<std::string>("error", ""));
+  EXPECT_EQ("unknown request 'drop': status, lookup, show or list", Ask("{\"request\":\"drop\"}")->optValue<std::string>("error", ""));
   std::string huge = "{\"request\":\"" + std::string(CQueryServer::kLongestRequest + 10, 'x');
   EXPECT_EQ("request too long: at most 65536 bytes per line", Parse(AskService(Socket(), huge))->optValue<std::string>("error", ""));
   EXPECT_TRUE(Ask("{\"request\":\"status\"}")->optValue<bool>("ok", false));
