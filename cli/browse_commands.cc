@@ -52,26 +52,43 @@ std::string RelativeArgument(const CRefPolicySettings& policy, std::string path)
 namespace {
 
 // The running watch service's listing for a policy it watches; nullopt when it does not watch it.
-std::optional<std::vector<CListedObject>> ListThroughService(CSession& session, const CRefPolicySettings& policy,
-                                                             const std::string& directory, bool recursive) {
+// What the running watch service answers to "request" about a policy it watches: its answer line
+// and that line parsed; nullopt when no service runs or it does not watch the policy (the saved
+// files tell then).
+struct CServiceAnswer {
+  std::string line;
+  Poco::JSON::Object::Ptr parsed;
+};
+std::optional<CServiceAnswer> AskAboutWatchedPolicy(CSession& session, const std::string& request, int timeout_ms) {
   if (CServiceLock::Holder(session.DataFolder()) == 0) return std::nullopt;
-  std::string answer;
+  CServiceAnswer answer;
   try {
-    answer = AskService(session.DataFolder() + "/watch.sock",
-                        "{\"request\":\"list\",\"policy\":" + JsonString(policy.name) + ",\"path\":" +
-                            JsonString(directory) + ",\"recursive\":" + (recursive ? "true" : "false") + "}",
-                        60000);
+    answer.line = AskService(session.DataFolder() + "/watch.sock", request, timeout_ms);
   } catch (const std::exception& e) {
     throw CToolError(std::string("the watch service did not answer: ") + e.what());
   }
-  Poco::JSON::Object::Ptr parsed = Poco::JSON::Parser().parse(answer).extract<Poco::JSON::Object::Ptr>();
-  if (!parsed->optValue<bool>("ok", false)) {
-    std::string error = parsed->optValue<std::string>("error", answer);
-    if (error.rfind("no policy named", 0) == 0) return std::nullopt;  // not watched: its saved file
-    throw CToolError(error);
+  answer.parsed = Poco::JSON::Parser().parse(answer.line).extract<Poco::JSON::Object::Ptr>();
+  if (!answer.parsed->optValue<bool>("ok", false) &&
+      answer.parsed->optValue<std::string>("error", "").rfind("no policy named", 0) == 0) {
+    return std::nullopt;
+  }
+  return answer;
+}
+
+// The running watch service's listing for a policy it watches; nullopt when it does not watch it.
+std::optional<std::vector<CListedObject>> ListThroughService(CSession& session, const CRefPolicySettings& policy,
+                                                             const std::string& directory, bool recursive) {
+  std::optional<CServiceAnswer> answer = AskAboutWatchedPolicy(
+      session,
+      "{\"request\":\"list\",\"policy\":" + JsonString(policy.name) + ",\"path\":" + JsonString(directory) +
+          ",\"recursive\":" + (recursive ? "true" : "false") + "}",
+      60000);
+  if (!answer) return std::nullopt;
+  if (!answer->parsed->optValue<bool>("ok", false)) {
+    throw CToolError(answer->parsed->optValue<std::string>("error", answer->line));
   }
   std::vector<CListedObject> listed;
-  Poco::JSON::Array::Ptr entries = parsed->getArray("entries");
+  Poco::JSON::Array::Ptr entries = answer->parsed->getArray("entries");
   for (size_t i = 0; entries && i < entries->size(); ++i) {
     listed.push_back(ListedFromJson(entries->getObject(static_cast<unsigned>(i))));
   }
@@ -139,21 +156,14 @@ int NotRecorded(const CRefPolicySettings& policy, const std::string& relative) {
 // The running watch service's answer for a policy it watches; nullopt when it does not watch it.
 std::optional<int> ShowThroughService(CSession& session, const CRefPolicySettings& policy, const std::string& relative,
                                       bool json) {
-  if (CServiceLock::Holder(session.DataFolder()) == 0) return std::nullopt;
-  std::string answer;
-  try {
-    answer = AskService(session.DataFolder() + "/watch.sock", "{\"request\":\"show\",\"policy\":" +
-                                                                  JsonString(policy.name) + ",\"path\":" +
-                                                                  JsonString(relative) + "}");
-  } catch (const std::exception& e) {
-    throw CToolError(std::string("the watch service did not answer: ") + e.what());
-  }
-  Poco::JSON::Object::Ptr parsed = Poco::JSON::Parser().parse(answer).extract<Poco::JSON::Object::Ptr>();
-  if (!parsed->optValue<bool>("ok", false)) {
-    std::string error = parsed->optValue<std::string>("error", answer);
-    if (error.rfind("no policy named", 0) == 0) return std::nullopt;  // not watched: its saved file
-    return NotRecorded(policy, relative);
-  }
+  std::optional<CServiceAnswer> asked = AskAboutWatchedPolicy(
+      session,
+      "{\"request\":\"show\",\"policy\":" + JsonString(policy.name) + ",\"path\":" + JsonString(relative) + "}",
+      5000);
+  if (!asked) return std::nullopt;
+  if (!asked->parsed->optValue<bool>("ok", false)) return NotRecorded(policy, relative);
+  const std::string& answer = asked->line;
+  Poco::JSON::Object::Ptr parsed = asked->parsed;
   Poco::JSON::Object::Ptr object = parsed->getObject("object");
   if (json) {
     const std::string head = "{\"ok\":true,\"object\":";  // the object as the service wrote it
