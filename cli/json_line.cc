@@ -75,18 +75,14 @@ void CJsonLine::Begin(std::string_view key) {
   }
 }
 
-CJsonLine& CJsonLine::Open(std::string_view key) {
-  Begin(key);
-  text_ += '{';
-  closers_.push_back('}');
-  first_ = true;
-  return *this;
-}
+CJsonLine& CJsonLine::Open(std::string_view key) { return OpenWith(key, '{', '}'); }
 
-CJsonLine& CJsonLine::OpenArray(std::string_view key) {
+CJsonLine& CJsonLine::OpenArray(std::string_view key) { return OpenWith(key, '[', ']'); }
+
+CJsonLine& CJsonLine::OpenWith(std::string_view key, char opener, char closer) {
   Begin(key);
-  text_ += '[';
-  closers_.push_back(']');
+  text_ += opener;
+  closers_.push_back(closer);
   first_ = true;
   return *this;
 }
@@ -114,9 +110,13 @@ CJsonLine& CJsonLine::Number(std::string_view key, uint64_t value) {
   return *this;
 }
 
-CJsonLine& CJsonLine::Null(std::string_view key) {
+CJsonLine& CJsonLine::Null(std::string_view key) { return Raw(key, "null"); }
+
+CJsonLine& CJsonLine::Bool(std::string_view key, bool value) { return Raw(key, value ? "true" : "false"); }
+
+CJsonLine& CJsonLine::Raw(std::string_view key, std::string_view json) {
   Begin(key);
-  text_ += "null";
+  text_ += json;
   return *this;
 }
 

@@ -29,6 +29,8 @@ class CJsonLine {
   CJsonLine& String(std::string_view key, std::string_view value);
   CJsonLine& Number(std::string_view key, uint64_t value);
   CJsonLine& Null(std::string_view key);
+  CJsonLine& Bool(std::string_view key, bool value);
+  CJsonLine& Raw(std::string_view key, std::string_view json);  // a value written as JSON already
   CJsonLine& Item(std::string_view value);  // a string element of the open array
 
   // The text so far; whole once everything opened is closed.
@@ -38,6 +40,7 @@ class CJsonLine {
  private:
   // The comma before every member or element but the first, then the key when there is one.
   void Begin(std::string_view key);
+  CJsonLine& OpenWith(std::string_view key, char opener, char closer);
 
   std::string text_;
   std::vector<char> closers_;  // '}' or ']' for each value still open

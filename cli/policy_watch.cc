@@ -2,9 +2,9 @@
 
 #include <atomic>
 #include <ctime>
-#include <memory>
 #include <exception>
 #include <iostream>
+#include <memory>
 #include <utility>
 
 #include "cli/change_log.h"
@@ -207,9 +207,8 @@ void CPolicyWatch::Log(const CDifference& difference, const char* event) {
   log_->Write(line);
 }
 
-bool CPolicyWatch::Recorded(const std::string& relative) { return IsRecorded(Wide(relative)); }
-
-bool CPolicyWatch::IsRecorded(const std::wstring& full) {
+bool CPolicyWatch::Recorded(const std::string& relative) {
+  std::wstring full = Wide(relative);
   return database_->ExistsAs(full, false) || database_->ExistsAs(full, true);
 }
 

@@ -98,7 +98,6 @@ class CPolicyWatch {
   void Log(const CDifference& difference, const char* event);
   void Move(const std::string& from, const std::string& to, bool directory);
   bool Recorded(const std::string& relative);
-  bool IsRecorded(const std::wstring& full);
   bool Excluded(const std::string& relative, bool directory) const;
   std::wstring Wide(const std::string& relative);
 

@@ -4,20 +4,13 @@
 
 #include "cli/attribute_changes.h"
 #include "cli/exit_status.h"
+#include "cli/json_line.h"
+#include "cli/relative_path.h"
 #include "cli/session.h"
 #include "cli/text_format.h"
 #include "hashdb/hash_db.h"
 #include "refhost/safe_text.h"
 #include "refhost/text_conversion.h"
-
-namespace {
-
-std::string ParentOf(const std::string& relative) {
-  size_t slash = relative.rfind('/');
-  return slash == std::string::npos ? std::string() : relative.substr(0, slash);
-}
-
-}  // namespace
 
 std::vector<CListedObject> ListRecorded(CSession& session, const CRefPolicySettings& policy, CHashDB& database,
                                         const std::string& directory, bool recursive) {
@@ -38,11 +31,12 @@ std::vector<CListedObject> ListRecorded(CSession& session, const CRefPolicySetti
 
 std::string ListedJson(const CListedObject& object) {
   const CObjectState& state = object.state;
-  std::string line = "{\"path\":" + JsonString(object.relative) + ",\"kind\":" + JsonString(KindWords(state.kind())) +
-                     ",\"size\":" + std::to_string(state.size) + ",\"hash\":" + JsonString(state.hash);
-  if (state.attributes != kUnknownAttributes) line += ",\"attributes\":" + std::to_string(state.attributes);
-  if (!state.target.empty()) line += ",\"target\":" + JsonString(state.target);
-  return line + "}";
+  CJsonLine line;
+  line.Open().String("path", object.relative).String("kind", KindWords(state.kind()));
+  line.Number("size", state.size).String("hash", state.hash);
+  if (state.attributes != kUnknownAttributes) line.Number("attributes", state.attributes);
+  if (!state.target.empty()) line.String("target", state.target);
+  return line.Close().Take();
 }
 
 CListedObject ListedFromJson(const Poco::JSON::Object::Ptr& line) {

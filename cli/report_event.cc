@@ -14,15 +14,6 @@
 
 namespace {
 
-bool IsValidUtf8(std::string_view text) {
-  for (size_t i = 0; i < text.size();) {
-    size_t length = Utf8SequenceAt(text.substr(i));
-    if (length == 0) return false;
-    i += length;
-  }
-  return true;
-}
-
 // A name (a path, a link target) under "key", readable; when it is not valid UTF-8, its exact
 // bytes in hexadecimal under "key_hex" as well, so that two names that differ only in such bytes
 // stay apart and a reader can get the name back. Every strict JSON parser takes both.

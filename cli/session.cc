@@ -168,28 +168,22 @@ void CSession::LockPolicy(const CRefPolicySettings& policy, CPolicyLock::CMode m
   }
   std::string hdb = Narrow(front_->HdbFilePath(policy.name));
   try {
-    locks_[policy.name] = std::make_unique<CPolicyLock>(hdb, policy.name, mode, false);
-  } catch (const CPolicyLockBusy& busy) {
-    // A watch service keeps the policy's lock shared while it runs (and exclusive while it saves):
-    // it never finishes, so a writer is told so at once, --wait or not, and a reader waits for the
-    // save to end.
-    int service = busy.holder() != 0 ? CServiceLock::Holder(DataFolder()) : 0;
-    bool by_service = service != 0 && service == busy.holder();
-    if (by_service && mode == CPolicyLock::CMode::kExclusive) {
-      throw CToolError("policy '" + policy.name + "' is kept up to date by signdb watch (process " +
-                       std::to_string(service) + "), which takes in every change as it happens; stop the service to " +
-                       "scan or update the policy ('signdb status' shows what it watches)");
-    }
-    if (!by_service && !wait_for_locks_) throw CToolError(busy.what());
-    if (!by_service && say_when_waiting_) {
-      std::cerr << "signdb: policy '" << policy.name << "' is being " << (busy.writer() ? "written" : "read") << " by "
-                << (busy.holder() != 0 ? "process " + std::to_string(busy.holder()) : std::string("another process"))
-                << "; waiting for it to finish\n";
-    }
     try {
+      locks_[policy.name] = std::make_unique<CPolicyLock>(hdb, policy.name, mode, false);
+    } catch (const CPolicyLockBusy& busy) {
+      // A watch service keeps the policy's lock shared while it runs (and exclusive while it
+      // saves): it never finishes, so a writer is told so at once, --wait or not, and a reader
+      // waits for the save to end.
+      int service = busy.holder() != 0 ? CServiceLock::Holder(DataFolder()) : 0;
+      bool by_service = service != 0 && service == busy.holder();
+      if (by_service && mode == CPolicyLock::CMode::kExclusive) {
+        throw CToolError("policy '" + policy.name + "' is kept up to date by signdb watch (process " +
+                         std::to_string(service) + "), which takes in every change as it happens; stop the service " +
+                         "to scan or update the policy ('signdb status' shows what it watches)");
+      }
+      if (!by_service && !wait_for_locks_) throw CToolError(busy.what());
+      if (!by_service && say_when_waiting_) std::cerr << "signdb: " << busy.holding() << "; waiting for it to finish\n";
       locks_[policy.name] = std::make_unique<CPolicyLock>(hdb, policy.name, mode, true);
-    } catch (const std::runtime_error& e) {
-      throw CToolError(e.what());
     }
   } catch (const CToolError&) {
     throw;

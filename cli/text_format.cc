@@ -4,7 +4,6 @@
 #include <cstdio>
 #include <ctime>
 
-
 #include "cli/json_line.h"
 #include "refhost/text_conversion.h"
 
@@ -96,6 +95,15 @@ std::string IsoMillisecondsText(uint64_t nanoseconds) {
   return UtcText(static_cast<int64_t>(nanoseconds / 1000000000ull), 'T') + Fraction(nanoseconds, 3) + "Z";
 }
 
+bool IsValidUtf8(std::string_view text) {
+  for (size_t i = 0; i < text.size();) {
+    size_t length = Utf8SequenceAt(text.substr(i));
+    if (length == 0) return false;
+    i += length;
+  }
+  return true;
+}
+
 std::string ValidUtf8(const std::string& text) {
   std::string valid;
   valid.reserve(text.size());
@@ -116,33 +124,4 @@ std::string JsonString(const std::string& text) {
   literal.reserve(text.size() + 2);
   AppendJsonString(literal, text);
   return literal;
-}
-
-std::string AsciiJson(const std::string& json) {
-  std::string ascii;
-  ascii.reserve(json.size());
-  const auto* bytes = reinterpret_cast<const unsigned char*>(json.data());
-  auto escape = [&ascii](unsigned code) {
-    char unit[16];
-    std::snprintf(unit, sizeof unit, "\\u%04X", code);
-    ascii += unit;
-  };
-  for (size_t i = 0; i < json.size();) {
-    if (bytes[i] < 0x7F) {
-      ascii += json[i++];
-      continue;
-    }
-    int code = 0xFFFD;  // for a byte that is not valid UTF-8, which ValidUtf8 never gives
-    size_t length = Utf8SequenceAt(std::string_view(json).substr(i), &code);
-    if (length == 0) length = 1;
-    if (code >= 0x10000) {  // a surrogate pair
-      code -= 0x10000;
-      escape(0xD800 + (static_cast<unsigned>(code) >> 10));
-      escape(0xDC00 + (static_cast<unsigned>(code) & 0x3FF));
-    } else {
-      escape(static_cast<unsigned>(code));
-    }
-    i += length;
-  }
-  return ascii;
 }

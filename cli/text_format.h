@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 // Texts for people: "1,234,567", "1.2 GiB", "100644", "2026-11-22 10:00:00.123456789".
 std::string GroupedNumber(uint64_t value);
@@ -15,13 +16,10 @@ std::string IsoTimeText(uint64_t nanoseconds);
 std::string IsoMillisecondsText(uint64_t nanoseconds);
 // A time in whole seconds since the epoch, in ISO 8601 UTC: "2026-11-23T02:10:44Z".
 std::string IsoSecondsText(int64_t seconds);
+// Whether every byte of "text" is part of a valid UTF-8 sequence.
+bool IsValidUtf8(std::string_view text);
 // The text with every byte that is not part of a valid UTF-8 sequence replaced by U+FFFD.
 std::string ValidUtf8(const std::string& text);
-// A JSON string literal (quotes included) of UTF-8 text, in plain ASCII (see AsciiJson); bytes
-// that are not valid UTF-8 become U+FFFD.
+// A JSON string literal (quotes included) of UTF-8 text, in plain ASCII (see AppendJsonString);
+// bytes that are not valid UTF-8 become U+FFFD.
 std::string JsonString(const std::string& text);
-// JSON text of valid UTF-8 with every character past ASCII, and DEL, written as \uXXXX (a
-// surrogate pair past U+FFFF): a line that no terminal or log viewer can take for a control
-// sequence, which every JSON reader decodes back to the same text. Outside strings JSON holds
-// only ASCII, so only string contents change.
-std::string AsciiJson(const std::string& json);

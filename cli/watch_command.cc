@@ -26,6 +26,7 @@
 #include "cli/commands.h"
 #include "cli/exit_status.h"
 #include "cli/hash_holders.h"
+#include "cli/json_line.h"
 #include "cli/policy_watch.h"
 #include "cli/query_server.h"
 #include "cli/recorded_listing.h"
@@ -213,53 +214,47 @@ class CWatchService {
   }
 
   std::string Status() {
-    std::string answer = "{\"ok\":true,\"pid\":" + std::to_string(::getpid()) + ",\"policies\":[";
-    for (size_t i = 0; i < watches_.size(); ++i) {
-      const CPolicyWatch& watch = *watches_[i];
-      const CPolicyWatch::CCounters& counters = watch.counters();
-      answer += (i == 0 ? "" : ",");
-      answer += "{\"name\":" + JsonString(watch.policy().name) + ",\"root\":" + JsonString(watch.policy().root) +
-                ",\"watcher\":" + JsonString(watch.watcher_kind()) + ",\"nodes\":" + std::to_string(watch.nodes()) +
-                ",\"events\":" + std::to_string(counters.events) +
-                ",\"applied\":" + std::to_string(counters.applied) + ",\"queued\":" + std::to_string(watch.queued()) +
-                ",\"reconciles\":" + std::to_string(counters.reconciles) + ",\"lost\":" + std::to_string(counters.lost) +
-                ",\"failures\":" + std::to_string(counters.failures) +
-                ",\"shrunk\":" + std::to_string(counters.shrunk) +
-                ",\"unwatched\":" + std::to_string(watch.unwatched()) +
-                ",\"changes\":" + std::to_string(watch.database()->ChangeCounter()) +
-                ",\"last_save\":" + JsonString(counters.last_save) + "}";
+    CJsonLine answer;
+    answer.Open().Bool("ok", true).Number("pid", static_cast<uint64_t>(::getpid())).OpenArray("policies");
+    for (const auto& watch : watches_) {
+      const CPolicyWatch::CCounters& counters = watch->counters();
+      answer.Open().String("name", watch->policy().name).String("root", watch->policy().root);
+      answer.String("watcher", watch->watcher_kind()).Number("nodes", watch->nodes());
+      answer.Number("events", counters.events).Number("applied", counters.applied).Number("queued", watch->queued());
+      answer.Number("reconciles", counters.reconciles).Number("lost", counters.lost);
+      answer.Number("failures", counters.failures).Number("shrunk", counters.shrunk);
+      answer.Number("unwatched", watch->unwatched()).Number("changes", watch->database()->ChangeCounter());
+      answer.String("last_save", counters.last_save).Close();
     }
-    return answer + "]}";
+    return answer.Close().Close().Take();
   }
+
 
   // Every file of the watched policies that carries the hash.
   std::string Lookup(const std::string& hash) {
     if (hash.empty()) return ErrorAnswer("lookup needs a \"hash\"");
     std::string lowered = hash;
     std::transform(lowered.begin(), lowered.end(), lowered.begin(), [](unsigned char c) { return std::tolower(c); });
-    std::string answer = "{\"ok\":true,\"holders\":[";
-    bool first = true;
+    CJsonLine answer;
+    answer.Open().Bool("ok", true).OpenArray("holders");
     for (auto& watch : watches_) {
       for (const std::wstring& path : HoldersOf(*watch->database(), lowered, true)) {
-        answer += (first ? "" : ",");
-        answer += "{\"policy\":" + JsonString(watch->policy().name) + ",\"path\":" + JsonString(session_.Narrow(path)) + "}";
-        first = false;
+        answer.Open().String("policy", watch->policy().name).String("path", session_.Narrow(path)).Close();
       }
     }
-    return answer + "]}";
+    return answer.Close().Close().Take();
   }
 
   std::string List(const std::string& policy_name, const std::string& path, bool recursive) {
     CPolicyWatch* watch = Find(policy_name);
     if (watch == nullptr) return ErrorAnswer("no policy named '" + policy_name + "' is watched");
-    std::string answer = "{\"ok\":true,\"entries\":[";
-    bool first = true;
+    CJsonLine answer;
+    answer.Open().Bool("ok", true).OpenArray("entries");
     for (const CListedObject& object :
          ListRecorded(session_, watch->policy(), *watch->database(), RelativeToRoot(watch->policy(), path), recursive)) {
-      answer += (first ? "" : ",") + ListedJson(object);
-      first = false;
+      answer.Raw({}, ListedJson(object));
     }
-    return answer + "]}";
+    return answer.Close().Close().Take();
   }
   std::string Show(const std::string& policy_name, const std::string& path) {
     CPolicyWatch* watch = Find(policy_name);

@@ -191,7 +191,8 @@ std::shared_ptr<CRefFileObjInfo> CRefFileObjInfo::FromDisk(CUtilityService& util
     if (!root_directory.valid()) Fail("cannot examine", narrow_root, errno);
     size_t slash = below.rfind('/');
     name = slash == std::string::npos ? below : below.substr(slash + 1);
-    directory.Reset(OpenDirectoryBelow(root_directory.get(), slash == std::string::npos ? std::string() : below.substr(0, slash)));
+    directory.Reset(slash == std::string::npos ? root_directory.release()
+                                               : OpenDirectoryBelow(root_directory.get(), below.substr(0, slash)));
     if (!directory.valid()) {
       if (IsGoneError(errno) || errno == ELOOP) {  // a directory on the way is gone, or now a link
         auto gone = std::make_shared<CRefFileObjInfo>();

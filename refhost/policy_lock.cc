@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstring>
 #include <stdexcept>
+#include <utility>
 
 #include "refhost/file_io.h"
 
@@ -21,6 +22,16 @@ struct flock WholeFile(short type) {
 }
 
 }  // namespace
+
+CPolicyLockBusy::CPolicyLockBusy(const std::string& policy_name, int holder, bool writer)
+    : CPolicyLockBusy("policy '" + policy_name + "' is being " + (writer ? "written" : "read") + " by " +
+                          (holder != 0 ? "process " + std::to_string(holder) : std::string("another process")),
+                      holder) {}
+
+CPolicyLockBusy::CPolicyLockBusy(std::string holding, int holder)
+    : std::runtime_error(holding + "; try again when it has finished, or add --wait"),
+      holder_(holder),
+      holding_(std::move(holding)) {}
 
 CPolicyLock::CPolicyLock(const std::string& hdb_path, const std::string& policy_name, CMode mode,
                          bool wait)
@@ -44,16 +55,10 @@ CPolicyLock::CPolicyLock(const std::string& hdb_path, const std::string& policy_
     int error = errno;
     if (!wait && (error == EACCES || error == EAGAIN)) {
       struct flock holder = WholeFile(mode == CMode::kShared ? F_RDLCK : F_WRLCK);
-      std::string who = "another process";
-      if (::fcntl(fd_, F_GETLK, &holder) == 0 && holder.l_type != F_UNLCK) {
-        who = "process " + std::to_string(holder.l_pid);
-      }
-      bool writer = holder.l_type == F_WRLCK;
+      int pid = ::fcntl(fd_, F_GETLK, &holder) == 0 && holder.l_type != F_UNLCK ? holder.l_pid : 0;
       ::close(fd_);
       fd_ = -1;
-      throw CPolicyLockBusy("policy '" + policy_name + "' is being " + (writer ? "written" : "read") + " by " + who +
-                                "; try again when it has finished, or add --wait",
-                            holder.l_type != F_UNLCK ? holder.l_pid : 0, writer);
+      throw CPolicyLockBusy(policy_name, pid, holder.l_type == F_WRLCK);
     }
     ::close(fd_);
     fd_ = -1;

@@ -3,6 +3,23 @@
 #include <stdexcept>
 #include <string>
 
+// A policy's lock is held elsewhere: who holds it, for the caller to say more than the message
+// ("... try again when it has finished, or add --wait") does.
+class CPolicyLockBusy : public std::runtime_error {
+ public:
+  // "holder": the holder's process id, or 0 when unknown.
+  CPolicyLockBusy(const std::string& policy_name, int holder, bool writer);
+  int holder() const { return holder_; }
+  // "policy 'NAME' is being read by process N" (written, another process).
+  const std::string& holding() const { return holding_; }
+
+ private:
+  CPolicyLockBusy(std::string holding, int holder);
+
+  int holder_;
+  std::string holding_;
+};
+
 // An advisory lock on one policy's files in the data folder, held for as long as the object
 // lives: exclusive for a run that writes the database (scan, update), shared for runs that only
 // read it, so that a reader never sees a save half done and two writers never interleave.
@@ -11,19 +28,6 @@
 // never followed when it is a symbolic link. A lock that is held elsewhere is reported with the
 // holder's process id, or waited for. The kernel releases the lock when its process ends, however
 // it ends, so a killed run never leaves a stale lock behind.
-// The lock is held elsewhere: who holds it, for the caller to say more than the message does.
-class CPolicyLockBusy : public std::runtime_error {
- public:
-  CPolicyLockBusy(const std::string& message, int holder, bool writer)
-      : std::runtime_error(message), holder_(holder), writer_(writer) {}
-  int holder() const { return holder_; }  // the holder's process id, or 0 when unknown
-  bool writer() const { return writer_; }  // whether it holds the lock to write
-
- private:
-  int holder_;
-  bool writer_;
-};
-
 class CPolicyLock {
  public:
   enum class CMode { kShared, kExclusive };

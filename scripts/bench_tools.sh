@@ -22,11 +22,7 @@ cd "$(dirname "$0")/.."
 if ! command -v aide >/dev/null || ! command -v hashdeep >/dev/null || [ ! -x /usr/bin/time ]; then
   apt-get update -qq && DEBIAN_FRONTEND=noninteractive apt-get install -y -qq aide hashdeep time >/dev/null
 fi
-if [ ! -x build/release/bin/signdb ]; then
-  bash scripts/bootstrap.sh
-  cmake -S . -B build/release -G Ninja -DCMAKE_BUILD_TYPE=Release -DSIGNDB_TESTS=OFF -DSIGNDB_BENCH=OFF >/dev/null
-fi
-cmake --build build/release -j "${SIGNDB_JOBS:-2}" --target signdb_cli signdb_module >/dev/null
+bash scripts/release_build.sh
 signdb="${SIGNDB_BENCH_BIN:-$PWD/build/release/bin/signdb}"
 peers="${SIGNDB_BENCH_PEERS:-1}"
 

@@ -18,11 +18,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-if [ ! -x build/release/bin/signdb ]; then
-  bash scripts/bootstrap.sh
-  cmake -S . -B build/release -G Ninja -DCMAKE_BUILD_TYPE=Release -DSIGNDB_TESTS=OFF -DSIGNDB_BENCH=OFF >/dev/null
-fi
-cmake --build build/release -j "${SIGNDB_JOBS:-2}" --target signdb_cli signdb_module >/dev/null
+bash scripts/release_build.sh
 signdb="${SIGNDB_BENCH_BIN:-$PWD/build/release/bin/signdb}"
 work="${SIGNDB_BENCH_DIR:-/tmp/signdb-bench-watch}"
 idle_seconds="${SIGNDB_BENCH_IDLE:-60}"
