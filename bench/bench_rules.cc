@@ -11,8 +11,8 @@
 #include <string>
 #include <vector>
 
-#include "cli/package_files.h"
-#include "cli/policy_rules.h"
+#include "tool/packages/package_files.h"
+#include "tool/rules/policy_rules.h"
 
 namespace {
 

@@ -9,17 +9,18 @@
 #include <Poco/JSON/Object.h>
 #include <Poco/JSON/Parser.h>
 
-#include "cli/attribute_changes.h"
+#include "tool/change/attribute_changes.h"
 #include "cli/command_line.h"
+#include "cli/policy_arguments.h"
 #include "cli/commands.h"
-#include "cli/exit_status.h"
-#include "cli/object_state.h"
-#include "cli/query_server.h"
-#include "cli/service_lock.h"
-#include "cli/recorded_listing.h"
-#include "cli/recorded_object_json.h"
-#include "cli/session.h"
-#include "cli/text_format.h"
+#include "tool/common/exit_status.h"
+#include "tool/change/object_state.h"
+#include "tool/watch/query_server.h"
+#include "tool/store/service_lock.h"
+#include "tool/report/recorded_listing.h"
+#include "tool/report/recorded_object_json.h"
+#include "tool/session/session.h"
+#include "util/text_format.h"
 #include "hashdb/hash_db.h"
 #include "refhost/safe_text.h"
 #include "refhost/security_text.h"
@@ -99,7 +100,7 @@ std::optional<std::vector<CListedObject>> ListThroughService(CSession& session, 
 
 int RunList(const CCommandLine& line) {
   RequireShape(line, {"--recursive", "--json"}, 1, 2);
-  CSession session(line);
+  CSession session(SessionOptionsOf(line));
   const CRefPolicySettings& policy = session.Policy(line.arguments[0]);
   std::string directory = RelativeArgument(policy, line.arguments.size() > 1 ? line.arguments[1] : "");
   bool recursive = line.Has("--recursive");
@@ -188,7 +189,7 @@ std::optional<int> ShowThroughService(CSession& session, const CRefPolicySetting
 
 int RunShow(const CCommandLine& line) {
   RequireShape(line, {"--json"}, 2, 2);
-  CSession session(line);
+  CSession session(SessionOptionsOf(line));
   const CRefPolicySettings& policy = session.Policy(line.arguments[0]);
   std::string relative = RelativeArgument(policy, line.arguments[1]);
   if (std::optional<int> status = ShowThroughService(session, policy, relative, line.Has("--json"))) return *status;

@@ -3,18 +3,19 @@
 
 #include <iostream>
 
-#include "cli/check_report.h"
+#include "tool/report/check_report.h"
 #include "cli/command_line.h"
+#include "cli/policy_arguments.h"
 #include "cli/commands.h"
-#include "cli/exit_status.h"
-#include "cli/report_event.h"
-#include "cli/report_sink.h"
-#include "cli/session.h"
-#include "cli/tree_check.h"
+#include "tool/common/exit_status.h"
+#include "tool/report/report_event.h"
+#include "tool/report/report_sink.h"
+#include "tool/session/session.h"
+#include "tool/scan/tree_check.h"
 
 int RunCheck(const CCommandLine& line) {
   RequireShape(line, {"--json", "--all", "--report"}, 0, 1);
-  CSession session(line);
+  CSession session(SessionOptionsOf(line));
   int status = kExitOk;
   for (const CRefPolicySettings* policy : PoliciesOf(session, line)) {
     int one = kExitOk;

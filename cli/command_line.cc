@@ -1,6 +1,6 @@
 #include "cli/command_line.h"
 
-#include "cli/exit_status.h"
+#include "tool/common/exit_status.h"
 
 namespace {
 

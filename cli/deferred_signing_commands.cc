@@ -8,17 +8,18 @@
 #include <boost/filesystem/operations.hpp>
 
 #include "cli/command_line.h"
+#include "cli/policy_arguments.h"
 #include "cli/commands.h"
-#include "cli/database_files.h"
-#include "cli/exit_status.h"
-#include "cli/policy_binding.h"
-#include "cli/session.h"
+#include "tool/store/database_files.h"
+#include "tool/common/exit_status.h"
+#include "tool/store/policy_binding.h"
+#include "tool/session/session.h"
 #include "refhost/pkcs7.h"
 #include "refhost/text_conversion.h"
 
 int RunSign(const CCommandLine& line) {
   RequireShape(line, {}, 1, 1);
-  CSession session(line);
+  CSession session(SessionOptionsOf(line));
   std::string file = boost::filesystem::absolute(line.arguments[0]).lexically_normal().string();
   uint64_t revision = 0;
   bool is_hdb = false;
@@ -56,7 +57,7 @@ int RunSign(const CCommandLine& line) {
 
 int RunAccept(const CCommandLine& line) {
   RequireShape(line, {}, 1, 1);
-  CSession session(line);
+  CSession session(SessionOptionsOf(line));
   const CRefPolicySettings& policy = session.Policy(line.arguments[0]);
   uint64_t revision = session.AcceptCandidate(policy);
   std::cout << "accepted the candidate of policy " << policy.name << " (revision " << RevisionText(revision)

@@ -8,13 +8,14 @@
 #include <vector>
 
 #include "cli/command_line.h"
+#include "cli/policy_arguments.h"
 #include "cli/commands.h"
-#include "cli/difference.h"
-#include "cli/database_files.h"
-#include "cli/exit_status.h"
-#include "cli/report_event.h"
-#include "cli/session.h"
-#include "cli/text_format.h"
+#include "tool/change/difference.h"
+#include "tool/store/database_files.h"
+#include "tool/common/exit_status.h"
+#include "tool/report/report_event.h"
+#include "tool/session/session.h"
+#include "util/text_format.h"
 #include "front/sign_db.h"
 #include "hashdb/hash_db.h"
 #include "refhost/safe_text.h"
@@ -44,7 +45,7 @@ void Describe(CSession& session, const CRefPolicySettings& policy, CChange chang
 
 int RunDiff(const CCommandLine& line) {
   RequireShape(line, {"--json"}, 1, 2);
-  CSession session(line);
+  CSession session(SessionOptionsOf(line));
   const CRefPolicySettings& policy = session.Policy(line.arguments[0]);
   std::string previous_path = line.arguments.size() > 1 ? line.arguments[1] : session.PreviousFileOf(policy);
   session.LockPolicy(policy, CPolicyLock::CMode::kShared);

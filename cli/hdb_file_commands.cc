@@ -5,11 +5,12 @@
 #include <boost/filesystem/operations.hpp>
 
 #include "cli/command_line.h"
+#include "cli/policy_arguments.h"
 #include "cli/commands.h"
-#include "cli/exit_status.h"
-#include "cli/hdb_dump.h"
-#include "cli/session.h"
-#include "cli/text_format.h"
+#include "tool/common/exit_status.h"
+#include "tool/report/hdb_dump.h"
+#include "tool/session/session.h"
+#include "util/text_format.h"
 #include "hashdb/hash_db.h"
 #include "host/buffer.h"
 #include "host/crypto_service.h"
@@ -35,7 +36,7 @@ std::shared_ptr<CBuffer> ReadWhole(CSession& session, const std::string& path, c
 
 int RunVerify(const CCommandLine& line) {
   RequireShape(line, {"--signature", "--json"}, 1, 1);
-  CSession session(line);
+  CSession session(SessionOptionsOf(line));
   std::string hdb_path = line.arguments[0];
   std::string signature_path = line.Value("--signature", session.SignatureFileOf(hdb_path));
   session.LockIfPolicyFile(hdb_path);

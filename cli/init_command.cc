@@ -9,10 +9,10 @@
 
 #include "cli/command_line.h"
 #include "cli/commands.h"
-#include "cli/config_location.h"
-#include "cli/exit_status.h"
-#include "cli/passphrase.h"
-#include "cli/system_profile.h"
+#include "tool/session/config_location.h"
+#include "tool/common/exit_status.h"
+#include "tool/store/passphrase.h"
+#include "tool/session/system_profile.h"
 #include "refhost/dev_keys.h"
 #include "refhost/file_io.h"
 

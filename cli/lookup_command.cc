@@ -10,13 +10,14 @@
 #include <vector>
 
 #include "cli/command_line.h"
+#include "cli/policy_arguments.h"
 #include "cli/commands.h"
-#include "cli/exit_status.h"
-#include "cli/hash_holders.h"
-#include "cli/query_server.h"
-#include "cli/service_lock.h"
-#include "cli/session.h"
-#include "cli/text_format.h"
+#include "tool/common/exit_status.h"
+#include "tool/report/hash_holders.h"
+#include "tool/watch/query_server.h"
+#include "tool/store/service_lock.h"
+#include "tool/session/session.h"
+#include "util/text_format.h"
 #include "front/sign_db.h"
 #include "hashdb/hash_db.h"
 #include "host/crypto_service.h"
@@ -56,7 +57,7 @@ Poco::JSON::Object::Ptr ParseAnswer(const std::string& line) {
 
 int RunLookup(const CCommandLine& line) {
   RequireShape(line, {"--verify", "--json"}, 1, 1);
-  CSession session(line);
+  CSession session(SessionOptionsOf(line));
   std::string hash = NormalisedHash(line.arguments[0], session.settings().policy_number);
   bool verify = line.Has("--verify");
   std::vector<CHolder> holders;

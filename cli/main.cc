@@ -9,7 +9,7 @@
 
 #include "cli/command_line.h"
 #include "cli/commands.h"
-#include "cli/exit_status.h"
+#include "tool/common/exit_status.h"
 #include "cli/help.h"
 #include "refhost/safe_text.h"
 

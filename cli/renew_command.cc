@@ -6,10 +6,11 @@
 #include <boost/filesystem/operations.hpp>
 
 #include "cli/command_line.h"
+#include "cli/policy_arguments.h"
 #include "cli/commands.h"
-#include "cli/exit_status.h"
-#include "cli/session.h"
-#include "cli/text_format.h"
+#include "tool/common/exit_status.h"
+#include "tool/session/session.h"
+#include "util/text_format.h"
 #include "refhost/dev_keys.h"
 #include "refhost/file_io.h"
 #include "refhost/pkcs7.h"
@@ -25,7 +26,7 @@ int RunRenew(const CCommandLine& line) {
     days = 0;
   }
   if (days < 1 || days > 36500) throw CToolError("--days wants a number of days from 1 to 36500");
-  CSession session(line);
+  CSession session(SessionOptionsOf(line));
   const CRefSettings& settings = session.settings();
   const std::string& passphrase = session.SignerPassphrase();
   std::string fresh = settings.signer_certificate + ".new";

@@ -5,18 +5,19 @@
 #include <iostream>
 
 #include "cli/command_line.h"
+#include "cli/policy_arguments.h"
 #include "cli/commands.h"
-#include "cli/exit_status.h"
-#include "cli/object_state.h"
-#include "cli/policy_rules.h"
-#include "cli/session.h"
-#include "cli/tree_check.h"
+#include "tool/common/exit_status.h"
+#include "tool/change/object_state.h"
+#include "tool/rules/policy_rules.h"
+#include "tool/session/session.h"
+#include "tool/scan/tree_check.h"
 #include "refhost/safe_text.h"
 #include "refhost/text_conversion.h"
 
 int RunRules(const CCommandLine& line) {
   RequireShape(line, {}, 2, 2);
-  CSession session(line);
+  CSession session(SessionOptionsOf(line));
   const CRefPolicySettings& policy = session.Policy(line.arguments[0]);
   const CPolicyRules& rules = session.Rules(policy);
   std::string relative = RelativeToRoot(policy, line.arguments[1]);

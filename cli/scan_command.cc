@@ -8,13 +8,14 @@
 #include <vector>
 
 #include "cli/command_line.h"
+#include "cli/policy_arguments.h"
 #include "cli/commands.h"
-#include "cli/exit_status.h"
-#include "cli/progress_line.h"
-#include "cli/session.h"
-#include "cli/text_format.h"
-#include "cli/tree_check.h"
-#include "cli/tree_scanner.h"
+#include "tool/common/exit_status.h"
+#include "tool/report/progress_line.h"
+#include "tool/session/session.h"
+#include "util/text_format.h"
+#include "tool/scan/tree_check.h"
+#include "tool/scan/tree_scanner.h"
 #include "hashdb/hash_db.h"
 #include "refhost/file_obj_info.h"
 #include "refhost/safe_text.h"
@@ -65,7 +66,7 @@ int ScanPolicy(CSession& session, const CRefPolicySettings& policy, const CComma
 
 int RunScan(const CCommandLine& line) {
   RequireShape(line, {"--sign-later", "--all"}, 0, 1);
-  CSession session(line);
+  CSession session(SessionOptionsOf(line));
   std::vector<const CRefPolicySettings*> policies = PoliciesOf(session, line);
   int status = kExitOk;
   for (const CRefPolicySettings* policy : policies) {

@@ -9,7 +9,7 @@
 
 #include "cli/command_line.h"
 #include "cli/commands.h"
-#include "cli/exit_status.h"
+#include "tool/common/exit_status.h"
 #include "front/sign_db.h"
 #include "hashdb/hash_db.h"
 #include "hashdb/obj_info.h"

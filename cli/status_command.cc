@@ -12,12 +12,13 @@
 #include <Poco/JSON/Parser.h>
 
 #include "cli/command_line.h"
+#include "cli/policy_arguments.h"
 #include "cli/commands.h"
-#include "cli/exit_status.h"
-#include "cli/query_server.h"
-#include "cli/service_lock.h"
-#include "cli/session.h"
-#include "cli/text_format.h"
+#include "tool/common/exit_status.h"
+#include "tool/watch/query_server.h"
+#include "tool/store/service_lock.h"
+#include "tool/session/session.h"
+#include "util/text_format.h"
 #include "front/sign_db.h"
 #include "refhost/safe_text.h"
 
@@ -61,7 +62,7 @@ int PrintServiceStatus(const std::string& answer, bool json) {
 
 int RunStatus(const CCommandLine& line) {
   RequireShape(line, {"--json"}, 0, 0);
-  CSession session(line);
+  CSession session(SessionOptionsOf(line));
   bool json = line.Has("--json");
   if (CServiceLock::Holder(session.DataFolder()) != 0) {
     std::string answer;

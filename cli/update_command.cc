@@ -10,15 +10,16 @@
 #include <string>
 #include <vector>
 
-#include "cli/check_report.h"
+#include "tool/report/check_report.h"
 #include "cli/command_line.h"
-#include "cli/difference_apply.h"
+#include "cli/policy_arguments.h"
+#include "tool/change/difference_apply.h"
 #include "cli/commands.h"
-#include "cli/exit_status.h"
-#include "cli/report_event.h"
-#include "cli/report_sink.h"
-#include "cli/session.h"
-#include "cli/tree_check.h"
+#include "tool/common/exit_status.h"
+#include "tool/report/report_event.h"
+#include "tool/report/report_sink.h"
+#include "tool/session/session.h"
+#include "tool/scan/tree_check.h"
 #include "hashdb/hash_db.h"
 #include "refhost/file_obj_info.h"
 
@@ -125,7 +126,7 @@ int RunUpdate(const CCommandLine& line) {
   if (line.Has("--interactive") && (::isatty(0) == 0 || line.Has("--json"))) {
     throw CToolError("update -i asks on a terminal: run it on one, without --json");
   }
-  CSession session(line);
+  CSession session(SessionOptionsOf(line));
   std::vector<const CRefPolicySettings*> policies = PoliciesOf(session, line);
   std::vector<std::string> only;
   std::vector<std::string> except;

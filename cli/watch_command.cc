@@ -21,20 +21,21 @@
 #include <Poco/JSON/Object.h>
 #include <Poco/JSON/Parser.h>
 
-#include "cli/change_log.h"
+#include "tool/report/change_log.h"
 #include "cli/command_line.h"
+#include "cli/policy_arguments.h"
 #include "cli/commands.h"
-#include "cli/exit_status.h"
-#include "cli/hash_holders.h"
-#include "cli/json_line.h"
-#include "cli/policy_watch.h"
-#include "cli/query_server.h"
-#include "cli/recorded_listing.h"
-#include "cli/recorded_object_json.h"
-#include "cli/service_lock.h"
-#include "cli/session.h"
-#include "cli/text_format.h"
-#include "cli/tree_check.h"
+#include "tool/common/exit_status.h"
+#include "tool/report/hash_holders.h"
+#include "util/json_line.h"
+#include "tool/watch/policy_watch.h"
+#include "tool/watch/query_server.h"
+#include "tool/report/recorded_listing.h"
+#include "tool/report/recorded_object_json.h"
+#include "tool/store/service_lock.h"
+#include "tool/session/session.h"
+#include "util/text_format.h"
+#include "tool/scan/tree_check.h"
 #include "front/sign_db.h"
 #include "refhost/safe_text.h"
 #include "hashdb/hash_db.h"
@@ -297,7 +298,7 @@ int RunWatch(const CCommandLine& line) {
   sigaddset(&stop_signals, SIGTERM);
   sigaddset(&stop_signals, SIGINT);
   if (::pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr) != 0) throw CToolError("cannot block the stop signals");
-  CSession session(line);
+  CSession session(SessionOptionsOf(line));
   std::unique_ptr<CServiceLock> service_lock;
   try {
     service_lock = std::make_unique<CServiceLock>(session.DataFolder());

@@ -4,7 +4,8 @@ cmake_policy(VERSION 3.25)
 include(${SOURCE_DIR}/public_headers.cmake)
 set(module_folders "entry|host|front|hashdb|hdbfile")
 file(GLOB_RECURSE host_sources ${SOURCE_DIR}/refhost/*.cc ${SOURCE_DIR}/refhost/*.h
-     ${SOURCE_DIR}/cli/*.cc ${SOURCE_DIR}/cli/*.h)
+     ${SOURCE_DIR}/cli/*.cc ${SOURCE_DIR}/cli/*.h ${SOURCE_DIR}/tool/*.cc ${SOURCE_DIR}/tool/*.h
+     ${SOURCE_DIR}/util/*.cc ${SOURCE_DIR}/util/*.h)
 set(checked ${host_sources})
 foreach(header IN LISTS SIGNDB_PUBLIC_HEADERS)
   list(APPEND checked ${SOURCE_DIR}/${header})

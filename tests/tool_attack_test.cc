@@ -16,9 +16,9 @@
 #include <cstring>
 #include <memory>
 
-#include "cli/account_names.h"
+#include "tool/report/account_names.h"
 #include "cli/command_line.h"
-#include "cli/session.h"
+#include "tool/session/session.h"
 #include "hashdb/hash_db.h"
 #include "refhost/file_obj_info.h"
 #include "refhost/ref_host.h"
@@ -370,7 +370,9 @@ class COlderSecurityInfo : public CObjInfo {
 TEST_F(ToolAttackTest, ADatabaseWithTheOlderSecurityFormLoadsReportsItOnceAndUpdateAcceptsIt) {
   Init();
   {
-    CSession session(ParseCommandLine({"--config", config_, "scan", "t"}));
+    CSessionOptions options;
+    options.config_path = config_;
+    CSession session(options);
     const CRefPolicySettings& policy = session.Policy("t");
     std::shared_ptr<CHashDB> database = session.NewDatabase(policy);
     CRefHost& host = session.host();

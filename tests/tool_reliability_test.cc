@@ -11,7 +11,7 @@
 #include <cstdlib>
 #include <thread>
 
-#include "refhost/policy_lock.h"
+#include "tool/store/policy_lock.h"
 #include "tests/scoped_mount.h"
 #include "tests/tool_fixture.h"
 

@@ -13,8 +13,8 @@
 #include <vector>
 
 #include "cli/command_line.h"
-#include "cli/session.h"
-#include "cli/tree_scanner.h"
+#include "tool/session/session.h"
+#include "tool/scan/tree_scanner.h"
 #include "refhost/file_descriptor.h"
 #include "refhost/file_obj_info.h"
 #include "refhost/text_conversion.h"
@@ -38,7 +38,9 @@ TEST_F(ToolWalkTest, ADirectorySwappedForALinkBeforeItsListingIsListedAsItWasNev
   Write("d/f", "inside\n");
   std::string outside = dir_.Write("outside/secret", "not ours\n");
   Init();
-  CSession session(ParseCommandLine({"--config", config_, "scan", "t"}));
+  CSessionOptions options;
+  options.config_path = config_;
+  CSession session(options);
   CTreeScanner scanner(session.host(), tree_, 1);
   scanner.SetBeforeListingHook([&](const std::string& directory) {
     if (directory != Tree("d")) return;

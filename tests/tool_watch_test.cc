@@ -21,7 +21,7 @@
 #include <Poco/JSON/Object.h>
 #include <Poco/JSON/Parser.h>
 
-#include "cli/query_server.h"
+#include "tool/watch/query_server.h"
 #include "tests/tool_fixture.h"
 #include "tests/tool_json.h"
 

@@ -4,7 +4,7 @@
 #include <sstream>
 #include <string>
 
-#include "cli/hdb_dump.h"
+#include "tool/report/hdb_dump.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   for (bool json : {false, true}) {

@@ -6,9 +6,9 @@
 #include <string>
 #include <string_view>
 
-#include "cli/attribute_changes.h"
-#include "cli/difference.h"
-#include "cli/report_event.h"
+#include "tool/change/attribute_changes.h"
+#include "tool/change/difference.h"
+#include "tool/report/report_event.h"
 #include "refhost/safe_text.h"
 #include "refhost/security_text.h"
 

@@ -7,8 +7,8 @@
 #include <utility>
 #include <vector>
 
-#include "cli/package_files.h"
-#include "cli/package_owners.h"
+#include "tool/packages/package_files.h"
+#include "tool/packages/package_owners.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::string input(reinterpret_cast<const char*>(data), size);

@@ -1,0 +1,51 @@
+#include "cli/policy_arguments.h"
+
+#include <algorithm>
+#include <iostream>
+
+#include "cli/command_line.h"
+#include "refhost/safe_text.h"
+#include "refhost/settings.h"
+#include "tool/common/exit_status.h"
+
+CSessionOptions SessionOptionsOf(const CCommandLine& line) {
+  CSessionOptions options;
+  options.config_path = line.Value("--config");
+  options.module_path = line.Value("--module");
+  options.wait_for_locks = line.Has("--wait");
+  options.accept_unbound = line.Has("--bind");
+  options.passphrase_fd = line.Value("--passphrase-fd");
+  options.sign_later = line.Has("--sign-later");
+  return options;
+}
+
+std::vector<const CRefPolicySettings*> PoliciesOf(CSession& session, const CCommandLine& line) {
+  std::vector<const CRefPolicySettings*> policies;
+  if (line.Has("--all") || line.arguments.empty()) {
+    if (!line.arguments.empty()) throw CToolError("--all names no policy: give one or the other");
+    for (const CRefPolicySettings& policy : session.settings().policies) policies.push_back(&policy);
+    if (policies.empty()) throw CToolError("the configuration " + session.config_path() + " names no policy");
+  } else {
+    policies.push_back(&session.Policy(line.arguments.front()));
+  }
+  return policies;
+}
+
+std::string RelativeToRoot(const CRefPolicySettings& policy, std::string path) {
+  std::string root = policy.root == "/" ? "/" : policy.root + "/";
+  if (path == policy.root) return std::string();
+  if (path.compare(0, root.size(), root) == 0) path = path.substr(root.size());
+  while (path.size() > 1 && path.back() == '/') path.pop_back();
+  if (path == ".") path.clear();
+  return path;
+}
+
+void ReportPolicyError(const CRefPolicySettings& policy, const CToolError& error) {
+  std::cerr << "signdb: policy '" << EscapedText(policy.name) << "': " << EscapedText(error.what()) << "\n";
+  for (const std::string& hint : error.hints()) std::cerr << "  " << EscapedText(hint) << "\n";
+}
+
+int WorstStatus(int a, int b) {
+  if (a == kExitError || b == kExitError) return kExitError;
+  return std::max(a, b);
+}

@@ -1,0 +1,28 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "tool/session/session.h"
+
+class CToolError;
+struct CCommandLine;
+struct CRefPolicySettings;
+
+// What the options every command shares (--config, --module, --wait, --bind, --passphrase-fd,
+// --sign-later) ask of the run's session.
+CSessionOptions SessionOptionsOf(const CCommandLine& line);
+
+// The policies a command works on: the one named by its first argument, or every policy with
+// --all or without a name.
+std::vector<const CRefPolicySettings*> PoliciesOf(CSession& session, const CCommandLine& line);
+
+// A path as the user gave it, relative to the policy's root (a full path below it is taken too;
+// the root itself is "").
+std::string RelativeToRoot(const CRefPolicySettings& policy, std::string path);
+
+// Says on the standard error that one policy of several could not be worked on, and why.
+void ReportPolicyError(const CRefPolicySettings& policy, const CToolError& error);
+
+// The exit status of several policies: an error over differences over nothing to report.
+int WorstStatus(int a, int b);

@@ -1,0 +1,157 @@
+#include "tool/change/difference.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <map>
+
+#include "hashdb/hash_db.h"
+#include "refhost/file_obj_info.h"
+#include "refhost/safe_text.h"
+#include "refhost/text_conversion.h"
+
+namespace {
+
+const char* WordsOf(CChange change) {
+  switch (change) {
+    case CChange::kNew: return "new";
+    case CChange::kGone: return "gone";
+    case CChange::kRenamed: return "renamed";
+    case CChange::kChanged: return "changed";
+  }
+  return "changed";
+}
+
+// Words for a difference that the check found but the recorded fields do not show (a status
+// from the database alone).
+const char* WordsOfStatus(uint32_t status) {
+  switch (status) {
+    case kCheckHashChanged: return "hash changed";
+    case kCheckAttributesChanged: return "mode changed";
+    case kCheckTime1Changed:
+    case kCheckTime2Changed: return "times changed";
+    case kCheckSecurityChanged: return "security attributes changed";
+    default: return "changed";
+  }
+}
+
+void Headline(CDifference& difference) {
+  if (difference.change != CChange::kChanged) {
+    difference.words = WordsOf(difference.change);
+  } else {
+    difference.words = difference.changes.empty() ? WordsOfStatus(difference.status)
+                                                  : HeadlineWords(difference.changes.front().aspect);
+  }
+  if (difference.change == CChange::kNew) difference.warnings = Warnings(difference.current);
+}
+
+}  // namespace
+
+CDifference DescribeDifference(CHashDB& database, uint32_t status, const std::string& relative_path,
+                               const std::shared_ptr<CRefFileObjInfo>& info) {
+  CDifference difference;
+  difference.status = status;
+  difference.path = relative_path;
+  difference.current = StateOfObject(*info);
+  difference.info = info;
+  std::wstring path = info->Path();
+  bool is_new = status == kCheckFileNew || status == kCheckDirectoryNew;
+  // A node of the other kind at the same path makes it a change of kind, not a new object.
+  if (is_new && !database.ExistsAs(path, !difference.current.is_dir)) {
+    difference.change = CChange::kNew;
+  } else {
+    difference.change = CChange::kChanged;
+    difference.recorded = RecordedState(database, path);
+    if (info->recorded_hash()) difference.recorded.hash = *info->recorded_hash();
+    difference.changes = CompareStates(difference.recorded, difference.current);
+  }
+  Headline(difference);
+  return difference;
+}
+
+CDifference DescribeGone(CHashDB& database, uint32_t status, const std::string& relative_path,
+                         const std::wstring& full_path) {
+  CDifference difference;
+  difference.status = status;
+  difference.change = CChange::kGone;
+  difference.path = relative_path;
+  difference.recorded = RecordedState(database, full_path);
+  Headline(difference);
+  return difference;
+}
+
+CDifference DescribeRecorded(CChange change, const std::string& relative_path, const CObjectState* recorded,
+                             const CObjectState* current) {
+  CDifference difference;
+  difference.change = change;
+  difference.path = relative_path;
+  if (recorded) difference.recorded = *recorded;
+  if (current) difference.current = *current;
+  if (recorded && current) difference.changes = CompareStates(*recorded, *current);
+  Headline(difference);
+  return difference;
+}
+
+void PairRenamesAndSort(std::vector<CDifference>& differences) {
+  // hash -> (gone indexes, new indexes)
+  std::map<std::string, std::pair<std::vector<size_t>, std::vector<size_t>>> by_hash;
+  for (size_t i = 0; i < differences.size(); ++i) {
+    const CDifference& d = differences[i];
+    if (d.change == CChange::kGone && !d.recorded.is_dir && !d.recorded.hash.empty()) {
+      by_hash[d.recorded.hash].first.push_back(i);
+    }
+    if (d.change == CChange::kNew && !d.current.is_dir && !d.current.hash.empty()) {
+      by_hash[d.current.hash].second.push_back(i);
+    }
+  }
+  std::vector<bool> dropped(differences.size(), false);
+  for (const auto& [hash, indexes] : by_hash) {
+    if (indexes.first.size() != 1 || indexes.second.size() != 1) continue;
+    CDifference& renamed = differences[indexes.second.front()];
+    const CDifference& gone = differences[indexes.first.front()];
+    renamed.change = CChange::kRenamed;
+    renamed.words = "renamed";
+    renamed.status = 0;
+    renamed.from = gone.path;
+    renamed.recorded = gone.recorded;
+    renamed.warnings.clear();
+    // What else changed on the way; a move always sets the status-change time.
+    renamed.changes = CompareStates(renamed.recorded, renamed.current);
+    std::erase_if(renamed.changes,
+                  [](const CAttributeChange& change) { return change.aspect == CAspect::kStatusChanged; });
+    dropped[indexes.first.front()] = true;
+  }
+  std::vector<CDifference> kept;
+  kept.reserve(differences.size());
+  for (size_t i = 0; i < differences.size(); ++i) {
+    if (!dropped[i]) kept.push_back(std::move(differences[i]));
+  }
+  std::sort(kept.begin(), kept.end(), [](const CDifference& a, const CDifference& b) { return a.path < b.path; });
+  differences = std::move(kept);
+}
+
+std::string DifferenceText(const CDifference& difference) {
+  char words[40];
+  std::snprintf(words, sizeof words, "%-28s", difference.words.c_str());
+  std::string line = words;
+  line += difference.path.empty() ? std::string(".") : SafePath(difference.path);
+  if (difference.shown().is_dir) line += "/";
+  std::string detail;
+  auto add = [&detail](const std::string& text) { detail += (detail.empty() ? "" : "; ") + text; };
+  switch (difference.change) {
+    case CChange::kNew: add(Summary(difference.current)); break;
+    case CChange::kGone: add(Summary(difference.recorded)); break;
+    case CChange::kRenamed:
+      add("from " + SafePath(difference.from));
+      if (!difference.current.hash.empty()) add("hash " + difference.current.hash);
+      break;
+    case CChange::kChanged: break;
+  }
+  for (const CAttributeChange& change : difference.changes) add(change.Text());
+  if (!detail.empty()) line += "  " + detail;
+  if (!difference.warnings.empty()) {
+    line += "  [";
+    for (size_t i = 0; i < difference.warnings.size(); ++i) line += (i ? ", " : "") + difference.warnings[i];
+    line += "]";
+  }
+  return line;
+}

@@ -1,0 +1,65 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "tool/change/attribute_changes.h"
+#include "tool/change/object_state.h"
+
+class CHashDB;
+class CRefFileObjInfo;
+
+// What happened to one object since the database recorded it.
+enum class CChange {
+  kNew,      // not recorded (or recorded as the other of file and directory: see kChanged)
+  kGone,     // recorded, and no longer there
+  kRenamed,  // a gone file and a new file that carry the same content
+  kChanged,  // recorded and there, with the differences in "changes"
+};
+
+// What the package manager says of a changed or new file.
+enum class CPackageVerdict {
+  kNone,             // no package owns it (or it was not asked)
+  kByPackage,        // its content is what its package installed
+  kConffileEdited,   // a configuration file of a package, changed since installed
+  kDiffersFromPackage,  // a file of a package whose content is not what the package holds
+};
+
+struct CDifference {
+  CChange change = CChange::kNew;
+  std::string words;    // the report's words: "new", "gone", "renamed", or the headline of "changes"
+  uint32_t status = 0;  // the database's check status; 0 for a rename, which pairs two
+  std::string path;     // relative to the policy's root; "" is the root itself
+  std::string from;     // a rename's old path
+  CObjectState recorded;  // what the database holds (changed, gone, renamed: the old path's record)
+  CObjectState current;   // what is there now (changed, new, renamed)
+  std::vector<CAttributeChange> changes;  // every difference, most important first
+  std::vector<std::string> warnings;      // what stands out about a new object: "setuid", ...
+  std::shared_ptr<CRefFileObjInfo> info;  // the object as it is now; null when gone
+  CPackageVerdict package_verdict = CPackageVerdict::kNone;
+  std::string package;  // "name version" of the package that owns it, when one does
+
+  // The state that describes the object in a report: the current one unless it is gone.
+  const CObjectState& shown() const { return change == CChange::kGone ? recorded : current; }
+};
+
+// Describes the check status of an object that differs (any status but "unchanged"), with every
+// aspect that differs from what "database" recorded. Call it before the database is updated.
+CDifference DescribeDifference(CHashDB& database, uint32_t status, const std::string& relative_path,
+                               const std::shared_ptr<CRefFileObjInfo>& info);
+// A recorded object at "full_path" that is gone.
+CDifference DescribeGone(CHashDB& database, uint32_t status, const std::string& relative_path,
+                         const std::wstring& full_path);
+// An object recorded in one database and not in the other, or recorded in both with differences.
+CDifference DescribeRecorded(CChange change, const std::string& relative_path, const CObjectState* recorded,
+                             const CObjectState* current);
+
+// Pairs a gone file and a new file that carry the same content, when no other gone or new file
+// carries it, into one rename; then sorts by path.
+void PairRenamesAndSort(std::vector<CDifference>& differences);
+
+// One line for people, safe to print whatever the names hold: the words, the path, then every
+// difference with its recorded and current value (or, for a new or gone object, what it is).
+std::string DifferenceText(const CDifference& difference);

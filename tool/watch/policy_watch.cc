@@ -1,0 +1,298 @@
+#include "tool/watch/policy_watch.h"
+
+#include <atomic>
+#include <ctime>
+#include <exception>
+#include <iostream>
+#include <memory>
+#include <utility>
+
+#include "tool/report/change_log.h"
+#include "tool/change/difference.h"
+#include "tool/change/difference_apply.h"
+#include "tool/change/object_state.h"
+#include "tool/rules/policy_rules.h"
+#include "util/relative_path.h"
+#include "tool/report/report_event.h"
+#include "tool/session/session.h"
+#include "util/text_format.h"
+#include "tool/scan/tree_check.h"
+#include "hashdb/hash_db.h"
+#include "refhost/safe_text.h"
+#include "refhost/file_obj_info.h"
+#include "refhost/ref_host.h"
+
+CPolicyWatch::CPolicyWatch(CSession& session, const CRefPolicySettings& policy, std::shared_ptr<CHashDB> database,
+                           CChangeLog* log)
+    : session_(session), policy_(policy), database_(std::move(database)), log_(log), wide_root_(Wide("")),
+      directories_(policy.root) {
+  std::string data = session_.DataFolder();
+  std::string root = policy_.root;
+  while (root.size() > 1 && root.back() == '/') root.pop_back();
+  if (root == "/" && data.size() > 1) {
+    data_folder_relative_ = data.substr(1);
+  } else if (data.size() > root.size() && data.compare(0, root.size(), root) == 0 && data[root.size()] == '/') {
+    data_folder_relative_ = data.substr(root.size() + 1);
+  }
+  saved_changes_ = database_->ChangeCounter();
+}
+
+CPolicyWatch::~CPolicyWatch() = default;
+
+bool CPolicyWatch::Excluded(const std::string& relative, bool) const {
+  if (!data_folder_relative_.empty() && IsBelowOrSame(relative, data_folder_relative_)) return true;
+  return session_.Rules(policy_).VerdictBeforeKind(relative) == CPolicyRules::CVerdict::kExcluded;
+}
+
+std::wstring CPolicyWatch::Wide(const std::string& relative) { return session_.WideFullPath(policy_, relative); }
+
+void CPolicyWatch::Start(bool force_inotify) {
+  watcher_ = MakeTreeWatcher(
+      policy_.root, [this](const std::string& relative, bool directory) { return Excluded(relative, directory); },
+      session_.Rules(policy_).cross_mounts(), force_inotify);
+  if (watcher_->unwatched() > 0) {
+    std::cerr << "signdb watch: " << policy_.name << ": " << watcher_->unwatched()
+              << " directories could not be watched (see fs.inotify.max_user_watches): their changes are found "
+                 "only when the tree is reconciled\n";
+  }
+  Reconcile();
+}
+
+int CPolicyWatch::fd() const { return watcher_->fd(); }
+
+uint64_t CPolicyWatch::unwatched() const { return watcher_ ? watcher_->unwatched() : 0; }
+
+void CPolicyWatch::Reconcile() {
+  ++counters_.reconciles;
+  CTreeCheckResult result = CheckTree(session_, policy_, database_, true);
+  ApplyDifferences(session_, policy_, *database_, result.differences);
+  for (const CDifference& difference : result.differences) Log(difference, "reconcile");
+  counters_.applied += result.differences.size();
+  counters_.failures += result.unreadable.size();
+}
+
+void CPolicyWatch::OnEvents() {
+  directories_.Clear();
+  events_.clear();
+  watcher_->Read(events_);
+  counters_.events += events_.size();
+  for (const CWatchEvent& event : events_) {
+    try {
+      Apply(event);
+    } catch (const std::exception& e) {
+      ++counters_.failures;
+      std::cerr << "signdb watch: " << policy_.name << ": " << EventKindName(event.kind) << " "
+                << EscapedText(event.path) << ": " << EscapedText(e.what()) << "\n";
+    }
+  }
+}
+
+void CPolicyWatch::Apply(const CWatchEvent& event) {
+  CClock::time_point now = CClock::now();
+  switch (event.kind) {
+    case CWatchEvent::CKind::kLost:
+      ++counters_.lost;
+      std::cerr << "signdb watch: " << policy_.name << ": the kernel dropped file events; reconciling the tree\n";
+      queued_.clear();
+      Reconcile();
+      return;
+    case CWatchEvent::CKind::kWritten:
+      queued_.Add(event.path, now, true);
+      return;
+    case CWatchEvent::CKind::kAttributes:
+      queued_.Add(event.path, now, false);
+      return;
+    case CWatchEvent::CKind::kCreated:
+      // A directory is recorded at once: what appears in it is recorded below it. A file waits
+      // for its writing to settle. Either way its directory's times changed.
+      // (What is queued below a directory stays queued: the directory is often reported again
+      // when both its listing and its parent's watch saw it appear.)
+      if (event.directory) {
+        Record(event.path, true, "created");
+      } else {
+        queued_.Add(event.path, now, true, true);
+      }
+      QueueParent(event.path, now);
+      return;
+    case CWatchEvent::CKind::kRemoved:
+      directories_.Clear();  // none is reached through a descriptor opened before the change
+      queued_.Move(event.path, std::nullopt);
+      Remove(event.path, "removed");
+      QueueParent(event.path, now);
+      return;
+    case CWatchEvent::CKind::kMoved:
+      directories_.Clear();
+      queued_.Move(event.from, event.path);
+      Move(event.from, event.path, event.directory);
+      QueueParent(event.from, now);
+      QueueParent(event.path, now);
+      return;
+  }
+}
+
+void CPolicyWatch::QueueParent(const std::string& path, CClock::time_point now) {
+  if (!path.empty()) queued_.Add(ParentOf(path), now, false);
+}
+
+std::optional<CPolicyWatch::CClock::time_point> CPolicyWatch::NextDue() const {
+  return queued_.NextDue();
+}
+
+void CPolicyWatch::ApplyDue(CClock::time_point now, size_t most) {
+  for (const CWriteQueue::CEntry& queued : queued_.TakeDue(now, most)) {
+    const std::string& path = queued.path;
+    try {
+      // What was written is most likely a regular file still: opened first, examined through
+      // that descriptor.
+      Record(path, queued.content, queued.created ? "created" : queued.content ? "written" : "attributes",
+             queued.content);
+    } catch (const std::exception& e) {
+      ++counters_.failures;
+      std::cerr << "signdb watch: " << policy_.name << ": " << EscapedText(path) << ": " << EscapedText(e.what())
+                << "\n";
+    }
+  }
+  directories_.Clear();
+}
+
+void CPolicyWatch::Record(const std::string& relative, bool content, const char* event, bool likely_regular) {
+  CRefHost& host = session_.host();
+  std::wstring full = Wide(relative);
+  std::optional<CObjectState> recorded = RecordedStateIfAny(*database_, full);
+  std::optional<CKnownContent> known;
+  if (!content && recorded && !recorded->is_dir) known = CKnownContent{recorded->size, recorded->time_2, recorded->hash};
+  std::shared_ptr<CRefFileObjInfo> info;
+  int directory = relative.empty() ? -1 : directories_.Open(ParentOf(relative));
+  if (directory >= 0) {
+    info = CRefFileObjInfo::AtDirectory(*host.Utility(), *host.Cfg(), wide_root_, full,
+                                        session_.settings().policy_number, directory, NameOf(relative),
+                                        likely_regular, nullptr, known ? &*known : nullptr);
+  } else {  // the root itself, or a directory on the way is gone: FromDisk tells which
+    info = CRefFileObjInfo::FromDisk(*host.Utility(), *host.Cfg(), wide_root_, full,
+                                     session_.settings().policy_number, likely_regular, known ? &*known : nullptr);
+  }
+  if (info->IsGone()) {
+    if (recorded) Remove(relative, "removed");
+    return;
+  }
+  std::shared_ptr<CObjInfo> immediate;
+  database_->InsertObject(immediate, info);
+  ++counters_.applied;
+  CObjectState current = StateOfObject(*info);
+  if (!recorded) {
+    Log(DescribeRecorded(CChange::kNew, relative, nullptr, &current), event);
+    return;
+  }
+  CDifference difference = DescribeRecorded(CChange::kChanged, relative, &*recorded, &current);
+  if (!difference.changes.empty()) Log(difference, event);
+}
+
+void CPolicyWatch::Remove(const std::string& relative, const char* event) {
+  if (relative.empty()) return;  // the root stays recorded; a reconcile says what became of it
+  std::wstring full = Wide(relative);
+  std::optional<CObjectState> recorded = RecordedStateIfAny(*database_, full);
+  std::shared_ptr<CObjInfo> none;
+  database_->RemoveObject(none, full);
+  ++counters_.applied;
+  if (recorded) Log(DescribeRecorded(CChange::kGone, relative, &*recorded, nullptr), event);
+}
+
+void CPolicyWatch::Log(const CDifference& difference, const char* event) {
+  if (log_ == nullptr) return;
+  CReportContext context =
+      CReportContext::Make(policy_.name, policy_.root, "watch", session_.settings().policy_number);
+  std::string line = DifferenceJson(difference, context);
+  line.pop_back();  // the object's closing brace: the event that led to the change goes in too
+  line += ",\"watch\":{\"event\":" + JsonString(event) + "}}";
+  log_->Write(line);
+}
+
+bool CPolicyWatch::Recorded(const std::string& relative) {
+  std::wstring full = Wide(relative);
+  return database_->ExistsAs(full, false) || database_->ExistsAs(full, true);
+}
+
+void CPolicyWatch::Move(const std::string& from, const std::string& to, bool directory) {
+  if (!Recorded(from)) {
+    // Never recorded (it moved before its writing settled): it is new where it is now.
+    if (directory) {
+      Reconcile();
+    } else {
+      queued_.Add(to, CClock::now(), true);
+    }
+    return;
+  }
+  std::shared_ptr<CObjInfo> none;
+  // Whatever the rename replaced at the destination is gone.
+  if (Recorded(to)) Remove(to, "moved");
+  std::string from_parent = ParentOf(from);
+  std::string to_parent = ParentOf(to);
+  std::string from_name = NameOf(from);
+  std::string to_name = NameOf(to);
+  if (from_parent == to_parent || from_name == to_name) {
+    database_->RenameObject(none, Wide(from), Wide(to));
+  } else {
+    // A move keeps the object's name: it moves under a name that is free in both directories,
+    // then takes its new name there.
+    std::string passing = from_name;
+    for (unsigned n = 0; Recorded(JoinRelative(to_parent, passing)) || (passing != from_name && Recorded(JoinRelative(from_parent, passing)));
+         ++n) {
+      passing = ".signdb-moving-" + std::to_string(n);
+    }
+    if (passing != from_name) database_->RenameObject(none, Wide(from), Wide(JoinRelative(from_parent, passing)));
+    database_->RenameObject(none, Wide(JoinRelative(from_parent, passing)), Wide(JoinRelative(to_parent, passing)));
+    database_->RenameObject(none, Wide(JoinRelative(to_parent, passing)), Wide(to));
+  }
+  ++counters_.applied;
+  CObjectState state = RecordedState(*database_, Wide(to));
+  CDifference renamed = DescribeRecorded(CChange::kRenamed, to, &state, &state);
+  renamed.words = "renamed";
+  renamed.from = from;
+  Log(renamed, "moved");
+  // A rename changes the object's status change time: read its attributes again.
+  queued_.Add(to, CClock::now(), false);
+}
+
+std::chrono::seconds CPolicyWatch::shrink_period() const {
+  return std::chrono::seconds(static_cast<long long>(policy_.touch_period_s));
+}
+
+uint64_t CPolicyWatch::Shrink() {
+  // The database stamps what it is told of with the monotonic clock that steady_clock reads.
+  int64_t before = std::chrono::duration_cast<std::chrono::nanoseconds>(CClock::now().time_since_epoch()).count();
+  queued_.clear();
+  Reconcile();
+  uint64_t dropped = database_->Shrink(before, L"");
+  counters_.shrunk += dropped;
+  return dropped;
+}
+
+uint64_t CPolicyWatch::nodes() const {
+  auto count = std::make_shared<std::atomic<uint64_t>>(0);
+  // The walk runs on the worker pool: the visitor counts from several threads.
+  database_->Enumerate("", true, std::make_shared<CNodeVisitor>([count](const std::shared_ptr<CHashNode>&) {
+    count->fetch_add(1, std::memory_order_relaxed);
+    return true;
+  }));
+  return count->load();
+}
+
+bool CPolicyWatch::changed_since_save() const { return database_->ChangeCounter() != saved_changes_; }
+
+bool CPolicyWatch::Save(bool always, bool wait) {
+  uint64_t changes = database_->ChangeCounter();
+  if (!always && changes == saved_changes_) return true;
+  // The policy's lock is shared between saves, so that readers of the saved files may run, and
+  // exclusive while the files are written.
+  if (!session_.ChangePolicyLock(policy_, CPolicyLock::CMode::kExclusive, wait)) return false;
+  try {
+    session_.Save(database_, policy_);
+  } catch (...) {
+    session_.ChangePolicyLock(policy_, CPolicyLock::CMode::kShared, true);
+    throw;
+  }
+  session_.ChangePolicyLock(policy_, CPolicyLock::CMode::kShared, true);
+  saved_changes_ = changes;
+  counters_.last_save = IsoSecondsText(std::time(nullptr));
+  return true;
+}

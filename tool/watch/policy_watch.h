@@ -1,0 +1,119 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tool/watch/batch_directories.h"
+#include "tool/watch/tree_watcher.h"
+#include "tool/watch/watch_event.h"
+#include "tool/watch/write_queue.h"
+
+class CChangeLog;
+class CHashDB;
+class CSession;
+struct CDifference;
+struct CRefPolicySettings;
+
+// One policy's database kept up to date from its tree's file events, by the operations the
+// database has for it: a new or rewritten object is inserted (once its writing has settled), a
+// rename or move moves the recorded object with everything below it, a removal removes it, and
+// a lost event (the kernel's queue overflowed) reconciles the whole tree with the database.
+//
+// Writes are coalesced (CWriteQueue): an object written many times in a row is read once.
+//
+// Not thread-safe: the service's one thread drives it.
+class CPolicyWatch {
+ public:
+  using CClock = CWriteQueue::CClock;
+
+  // What a status request reports of the policy.
+  struct CCounters {
+    uint64_t events = 0;      // events received
+    uint64_t applied = 0;     // database operations made for them
+    uint64_t reconciles = 0;  // whole-tree reconciles (at start and after lost events)
+    uint64_t lost = 0;        // times the kernel dropped events
+    uint64_t failures = 0;    // objects that could not be read or recorded
+    uint64_t shrunk = 0;      // records dropped by shrinks
+    std::string last_save;    // UTC time of the last save, or empty
+  };
+
+  // Every change applied is written to "log" (when given) as one JSON line.
+  CPolicyWatch(CSession& session, const CRefPolicySettings& policy, std::shared_ptr<CHashDB> database,
+               CChangeLog* log = nullptr);
+  ~CPolicyWatch();
+
+  // Starts following the tree's events (fanotify where it may, inotify otherwise or with
+  // "force_inotify"), then reconciles the database with the tree once, so that nothing that
+  // changed before (or while the watches were being placed) is missed.
+  void Start(bool force_inotify);
+  // The descriptor that becomes readable when events wait.
+  int fd() const;
+  // Takes the waiting events and applies them (writes are queued until they settle).
+  void OnEvents();
+  // Reads and records the queued writes whose time has come, at most "most" of them (the service
+  // goes back to the kernel's events in between, so that its queue does not overflow while a burst
+  // of writes is taken in).
+  void ApplyDue(CClock::time_point now, size_t most = SIZE_MAX);
+  // When the next queued write is due, if any is queued.
+  std::optional<CClock::time_point> NextDue() const;
+  // Compares the whole tree with the database and takes what differs into it.
+  void Reconcile();
+  // Sees every object again (a reconcile stamps each one it meets), then drops from the database
+  // what was not seen: records that no event and no reconcile can reach any more (below a path
+  // the rules now exclude, say). Returns how many records were dropped.
+  uint64_t Shrink();
+  // How often to shrink (the policy's touch period), or zero for never.
+  std::chrono::seconds shrink_period() const;
+  // Saves the database when it changed since the last save (or when "always"). Without "wait",
+  // returns false when a reader of the saved files holds them (try again later).
+  bool Save(bool always = false, bool wait = true);
+
+  const CRefPolicySettings& policy() const { return policy_; }
+  const std::shared_ptr<CHashDB>& database() const { return database_; }
+  const CCounters& counters() const { return counters_; }
+  size_t queued() const { return queued_.size(); }
+  // How many objects the database records (the root included): a walk of the whole tree.
+  uint64_t nodes() const;
+  // Whether the database changed since it was last saved.
+  bool changed_since_save() const;
+  const char* watcher_kind() const { return watcher_ ? watcher_->kind() : "none"; }
+  // Directories the watcher could not watch (the per-user limit of watches reached, say): their
+  // changes are found by reconciles only.
+  uint64_t unwatched() const;
+
+ private:
+  void Apply(const CWatchEvent& event);
+  // The directory that holds "path": its times changed when an entry came, went or moved.
+  void QueueParent(const std::string& path, CClock::time_point now);
+  // Reads the object at "relative" from disk and records it (or removes it when it is gone).
+  // "likely_regular": open it first as a regular file (see CRefFileObjInfo::FromDisk).
+  void Record(const std::string& relative, bool content, const char* event, bool likely_regular = false);
+  void Remove(const std::string& relative, const char* event);
+  // Writes a change applied to the change log, with the event that led to it.
+  void Log(const CDifference& difference, const char* event);
+  void Move(const std::string& from, const std::string& to, bool directory);
+  bool Recorded(const std::string& relative);
+  bool Excluded(const std::string& relative, bool directory) const;
+  std::wstring Wide(const std::string& relative);
+
+  CSession& session_;
+  const CRefPolicySettings& policy_;
+  std::shared_ptr<CHashDB> database_;
+  CChangeLog* log_;
+  std::wstring wide_root_;  // the root in the module's form, as every object read names it
+  std::unique_ptr<CTreeWatcher> watcher_;
+  std::string data_folder_relative_;  // the tool's own folder when it lies in the tree, else empty
+  // Objects to read again once their writing settles. Without "content", a file whose size and
+  // modification time are what the database records keeps its recorded hash.
+  CWriteQueue queued_;
+  // Directories kept open while a batch of queued objects is read (see CBatchDirectories).
+  CBatchDirectories directories_;
+  uint64_t saved_changes_ = 0;             // the database's change count at the last save
+  CCounters counters_;
+  std::vector<CWatchEvent> events_;  // reused between reads
+};
