@@ -118,7 +118,10 @@ class CWatchService {
         timeout = static_cast<int>(std::clamp<long long>(left, 0, 24LL * 3600 * 1000));
       }
       // Changes are logged as they happen: what is gathered goes out before the service sleeps.
-      if (timeout != 0) log_.Flush();
+      if (timeout != 0) {
+        log_.Flush();
+        std::cout.flush();
+      }
       epoll_event ready[16];
       int count = ::epoll_wait(epoll_fd, ready, 16, timeout);
       if (count < 0 && errno != EINTR) throw CToolError(std::string("cannot wait for events: ") + std::strerror(errno));

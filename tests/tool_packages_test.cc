@@ -11,6 +11,7 @@
 
 #include "tests/tool_fixture.h"
 #include "tests/tool_json.h"
+#include "tests/watch_fixture.h"
 
 namespace {
 
@@ -18,7 +19,7 @@ using ::testing::AllOf;
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
-class ToolPackagesTest : public ToolTest {
+class ToolPackagesTest : public WatchFixture {
  protected:
   void SetUp() override {
     if (std::system("command -v dpkg >/dev/null && command -v dpkg-deb >/dev/null && command -v md5sum >/dev/null") != 0) {
@@ -126,6 +127,26 @@ TEST_F(ToolPackagesTest, WhatARemovedPackageTookWithItIsItsToo) {
   CToolRun after = Tool("check t");
   EXPECT_EQ(LineAbout(after, "usr/share/sdbtest/data"), "");
   EXPECT_THAT(LineAbout(after, "usr/share/sdbtest-unowned"), StartsWith("gone"));
+}
+
+// The watch service gives a change the package manager's word on it, as a check does.
+TEST_F(ToolPackagesTest, TheWatchServiceSaysWhatThePackagesSayOfAChange) {
+  Dpkg("-i '" + Package("1.0", "v1\n", "conf v1\n") + "'");
+  ASSERT_EQ(Tool("scan t").status, 0);
+  Start();
+  dir_.Write("sys/usr/share/sdbtest/data", "trojaned\n");
+  dir_.Write("sys/etc/sdbtest.conf", "conf edited by the administrator\n");
+  ASSERT_TRUE(Eventually([&] { return Logged("usr/share/sdbtest/data") && Logged("etc/sdbtest.conf"); }));
+  Poco::JSON::Object::Ptr data = Logged("usr/share/sdbtest/data");
+  EXPECT_EQ(Action(data), "differs from package");
+  EXPECT_EQ(data->getObject("signdb")->getValue<std::string>("package"), "sdbtest 1.0");
+  EXPECT_EQ(Action(Logged("etc/sdbtest.conf")), "conffile edited");
+  // Upgraded while the service runs: the package lists are read again.
+  Dpkg("-i '" + Package("2.0", "v2\n", "conf v1\n") + "'");
+  EXPECT_TRUE(Eventually([&] {
+    Poco::JSON::Object::Ptr line = Logged("usr/share/sdbtest/data");
+    return Action(line) == "changed by package" && line->getObject("signdb")->getValue<std::string>("package") == "sdbtest 2.0";
+  }, 5s)) << Logged("usr/share/sdbtest/data")->getObject("event")->getValue<std::string>("action");
 }
 
 }  // namespace

@@ -40,7 +40,8 @@ bool Has(const std::vector<CAttributeChange>& changes, CAspect aspect) {
                      [aspect](const CAttributeChange& change) { return change.aspect == aspect; });
 }
 
-// "NAME.1", "NAME.2.gz", "NAME-20261123", "NAME-20261123.xz": the log NAME rotated.
+}  // namespace
+
 std::string RotatedFrom(std::string path) {
   for (const char* compressed : {".gz", ".xz", ".bz2", ".zst", ".lz4", ".Z"}) {
     size_t length = std::char_traits<char>::length(compressed);
@@ -64,8 +65,6 @@ std::string RotatedFrom(std::string path) {
   if (start - 1 - date == 8 && date >= 2 && path[date - 1] == '-') return path.substr(0, date - 1);
   return std::string();
 }
-
-}  // namespace
 
 bool ApplySelection(CDifference& difference, const CSelection& selection, uint32_t policy_number) {
   if (difference.change != CChange::kChanged) return true;

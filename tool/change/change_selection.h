@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 #include <vector>
 
 #include "tool/change/difference.h"
@@ -11,6 +12,10 @@
 // content, size and time changes; a directory whose times are ignored loses those. Returns false
 // when nothing is left to report. New, gone and renamed objects are left as they are.
 bool ApplySelection(CDifference& difference, const CSelection& selection, uint32_t policy_number);
+
+// The log that "path" is a rotated name of ("log/syslog" for "log/syslog.1",
+// "log/syslog.2.gz", "log/syslog-20261123"); empty when it is none.
+std::string RotatedFrom(std::string path);
 
 // A log rotated in place (NAME emptied or replaced, NAME.1 or NAME-20261123, maybe compressed,
 // appearing, older ones shifting or going) is not a change: drops those differences of objects

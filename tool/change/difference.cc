@@ -5,7 +5,6 @@
 #include <map>
 
 #include "hashdb/hash_db.h"
-#include "refhost/file_obj_info.h"
 #include "refhost/safe_text.h"
 #include "refhost/text_conversion.h"
 
@@ -34,7 +33,9 @@ const char* WordsOfStatus(uint32_t status) {
   }
 }
 
-void Headline(CDifference& difference) {
+}  // namespace
+
+void SetHeadline(CDifference& difference) {
   if (difference.change != CChange::kChanged) {
     difference.words = WordsOf(difference.change);
   } else {
@@ -42,41 +43,6 @@ void Headline(CDifference& difference) {
                                                   : HeadlineWords(difference.changes.front().aspect);
   }
   if (difference.change == CChange::kNew) difference.warnings = Warnings(difference.current);
-}
-
-}  // namespace
-
-CDifference DescribeDifference(CHashDB& database, uint32_t status, const std::string& relative_path,
-                               const std::shared_ptr<CRefFileObjInfo>& info) {
-  CDifference difference;
-  difference.status = status;
-  difference.path = relative_path;
-  difference.current = StateOfObject(*info);
-  difference.info = info;
-  std::wstring path = info->Path();
-  bool is_new = status == kCheckFileNew || status == kCheckDirectoryNew;
-  // A node of the other kind at the same path makes it a change of kind, not a new object.
-  if (is_new && !database.ExistsAs(path, !difference.current.is_dir)) {
-    difference.change = CChange::kNew;
-  } else {
-    difference.change = CChange::kChanged;
-    difference.recorded = RecordedState(database, path);
-    if (info->recorded_hash()) difference.recorded.hash = *info->recorded_hash();
-    difference.changes = CompareStates(difference.recorded, difference.current);
-  }
-  Headline(difference);
-  return difference;
-}
-
-CDifference DescribeGone(CHashDB& database, uint32_t status, const std::string& relative_path,
-                         const std::wstring& full_path) {
-  CDifference difference;
-  difference.status = status;
-  difference.change = CChange::kGone;
-  difference.path = relative_path;
-  difference.recorded = RecordedState(database, full_path);
-  Headline(difference);
-  return difference;
 }
 
 CDifference DescribeRecorded(CChange change, const std::string& relative_path, const CObjectState* recorded,
@@ -87,8 +53,22 @@ CDifference DescribeRecorded(CChange change, const std::string& relative_path, c
   if (recorded) difference.recorded = *recorded;
   if (current) difference.current = *current;
   if (recorded && current) difference.changes = CompareStates(*recorded, *current);
-  Headline(difference);
+  SetHeadline(difference);
   return difference;
+}
+
+CDifference RenamedDifference(const CDifference& gone, CDifference arrived) {
+  CDifference renamed = std::move(arrived);
+  renamed.change = CChange::kRenamed;
+  renamed.words = "renamed";
+  renamed.status = 0;
+  renamed.from = gone.path;
+  renamed.recorded = gone.recorded;
+  renamed.warnings.clear();
+  renamed.changes = CompareStates(renamed.recorded, renamed.current);
+  std::erase_if(renamed.changes,
+                [](const CAttributeChange& change) { return change.aspect == CAspect::kStatusChanged; });
+  return renamed;
 }
 
 void PairRenamesAndSort(std::vector<CDifference>& differences) {
@@ -106,18 +86,8 @@ void PairRenamesAndSort(std::vector<CDifference>& differences) {
   std::vector<bool> dropped(differences.size(), false);
   for (const auto& [hash, indexes] : by_hash) {
     if (indexes.first.size() != 1 || indexes.second.size() != 1) continue;
-    CDifference& renamed = differences[indexes.second.front()];
-    const CDifference& gone = differences[indexes.first.front()];
-    renamed.change = CChange::kRenamed;
-    renamed.words = "renamed";
-    renamed.status = 0;
-    renamed.from = gone.path;
-    renamed.recorded = gone.recorded;
-    renamed.warnings.clear();
-    // What else changed on the way; a move always sets the status-change time.
-    renamed.changes = CompareStates(renamed.recorded, renamed.current);
-    std::erase_if(renamed.changes,
-                  [](const CAttributeChange& change) { return change.aspect == CAspect::kStatusChanged; });
+    CDifference& arrived = differences[indexes.second.front()];
+    arrived = RenamedDifference(differences[indexes.first.front()], std::move(arrived));
     dropped[indexes.first.front()] = true;
   }
   std::vector<CDifference> kept;

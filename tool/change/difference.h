@@ -8,7 +8,6 @@
 #include "tool/change/attribute_changes.h"
 #include "tool/change/object_state.h"
 
-class CHashDB;
 class CRefFileObjInfo;
 
 // What happened to one object since the database recorded it.
@@ -45,16 +44,17 @@ struct CDifference {
   const CObjectState& shown() const { return change == CChange::kGone ? recorded : current; }
 };
 
-// Describes the check status of an object that differs (any status but "unchanged"), with every
-// aspect that differs from what "database" recorded. Call it before the database is updated.
-CDifference DescribeDifference(CHashDB& database, uint32_t status, const std::string& relative_path,
-                               const std::shared_ptr<CRefFileObjInfo>& info);
-// A recorded object at "full_path" that is gone.
-CDifference DescribeGone(CHashDB& database, uint32_t status, const std::string& relative_path,
-                         const std::wstring& full_path);
+// Sets the words of a difference from its change (or its most important attribute change, or the
+// check status when no recorded field shows one), and a new object's warnings.
+void SetHeadline(CDifference& difference);
+
 // An object recorded in one database and not in the other, or recorded in both with differences.
 CDifference DescribeRecorded(CChange change, const std::string& relative_path, const CObjectState* recorded,
                              const CObjectState* current);
+
+// One object that left "gone"'s path and arrived at "arrived"'s: a rename, with whatever else
+// changed on the way (a move always sets the status-change time: that alone is no change).
+CDifference RenamedDifference(const CDifference& gone, CDifference arrived);
 
 // Pairs a gone file and a new file that carry the same content, when no other gone or new file
 // carries it, into one rename; then sorts by path.

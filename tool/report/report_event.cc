@@ -104,7 +104,7 @@ std::string JoinedPath(const std::string& root, const std::string& relative) {
   return root.empty() || root.back() == '/' ? root + relative : root + "/" + relative;
 }
 
-std::string DifferenceJson(const CDifference& difference, const CReportContext& context) {
+std::string DifferenceJson(const CDifference& difference, const CReportContext& context, const char* watch_event) {
   CJsonLine line;
   OpenEvent(line, context);
   line.Open("event").String("kind", "event");
@@ -159,7 +159,9 @@ std::string DifferenceJson(const CDifference& difference, const CReportContext& 
     }
     line.Close();
   }
-  line.Close().Close().Close();
+  line.Close().Close();
+  if (watch_event != nullptr) line.Open("watch").String("event", watch_event).Close();
+  line.Close();
   return line.Take();
 }
 

@@ -26,7 +26,9 @@ struct CReportContext {
 //   relative_path,change,status,from,capabilities,device,link_count,selinux,warnings,changes},
 //   where "changes" lists every difference as {attribute, old, new} (absent values are null; owners
 //   and groups carry old_name and new_name too), the most important first.
-std::string DifferenceJson(const CDifference& difference, const CReportContext& context);
+// A change the watch service applied carries watch.event too: the file event that led to it.
+std::string DifferenceJson(const CDifference& difference, const CReportContext& context,
+                           const char* watch_event = nullptr);
 
 // The same kind of line for an object that could not be read.
 std::string UnreadableJson(const std::string& relative_path, const std::string& reason,

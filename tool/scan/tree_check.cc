@@ -6,7 +6,7 @@
 #include <mutex>
 #include <set>
 
-#include "tool/change/change_selection.h"
+#include "tool/change/judge.h"
 #include "tool/common/exit_status.h"
 #include "tool/packages/package_changes.h"
 #include "tool/rules/policy_rules.h"
@@ -50,7 +50,13 @@ CTreeCheckResult CheckTree(CSession& session, const CRefPolicySettings& policy,
   scanner.Exclude(session.DataFolder());
   const CPolicyRules& rules = session.Rules(policy);
   scanner.SetRules(&rules);
-  uint32_t policy_number = session.settings().policy_number;
+  CJudge judge(rules, session.settings().policy_number);
+  // What the database records where "info" is, with the hash that its check handed back.
+  auto recorded_state = [&](const std::shared_ptr<CRefFileObjInfo>& info) {
+    std::optional<CObjectState> recorded = RecordedStateIfAny(*database, info->Path());
+    if (recorded && info->recorded_hash()) recorded->hash = *info->recorded_hash();
+    return recorded;
+  };
   {
     CProgressLine progress("checking " + policy.name, scanner.counters(), quiet);
     scanner.Run(
@@ -58,12 +64,10 @@ CTreeCheckResult CheckTree(CSession& session, const CRefPolicySettings& policy,
           uint32_t status = database->CheckObject(info);
           if (status == kCheckUnchanged) return;
           std::string relative = WideToUtf8(info->RelativePath());
-          CDifference difference = DescribeDifference(*database, status, relative, info);
-          if (!ApplySelection(difference, rules.SelectionFor(relative, difference.shown().kind()), policy_number)) {
-            return;
-          }
+          std::optional<CDifference> difference = judge.Present(relative, recorded_state(info), info, status);
+          if (!difference) return;
           std::lock_guard<std::mutex> guard(lock);
-          result.differences.push_back(std::move(difference));
+          result.differences.push_back(std::move(*difference));
         },
         [&](const std::string& relative, const std::string& reason) {
           result.unreadable.emplace_back(relative, reason);  // called under the scanner's lock
@@ -80,8 +84,8 @@ CTreeCheckResult CheckTree(CSession& session, const CRefPolicySettings& policy,
   for (const CPathEntry& entry : *unseen) {
     std::string relative = WideToUtf8(entry.second);
     if (InsideUnreadable(unreadable, relative)) continue;
-    if (!rules.empty() &&
-        rules.ExcludedHereOrAbove(relative, RecordedState(*database, session.WideFullPath(policy, relative)).kind())) {
+    CObjectState recorded = RecordedState(*database, session.WideFullPath(policy, relative));
+    if (!rules.empty() && rules.ExcludedHereOrAbove(relative, recorded.kind())) {
       continue;  // excluded since it was recorded: the walk no longer looks at it
     }
     std::shared_ptr<CRefFileObjInfo> info;
@@ -95,16 +99,13 @@ CTreeCheckResult CheckTree(CSession& session, const CRefPolicySettings& policy,
     uint32_t status = database->CheckObject(info);
     if (status == kCheckUnchanged) continue;
     if (info->IsGone()) {
-      result.differences.push_back(DescribeGone(*database, status, relative, info->Path()));
-    } else {  // appeared while the walk went by
-      CDifference difference = DescribeDifference(*database, status, relative, info);
-      if (ApplySelection(difference, rules.SelectionFor(relative, difference.shown().kind()), policy_number)) {
-        result.differences.push_back(std::move(difference));
-      }
+      result.differences.push_back(judge.Gone(relative, recorded, status));
+    } else if (std::optional<CDifference> difference =
+                   judge.Present(relative, recorded_state(info), info, status)) {
+      result.differences.push_back(std::move(*difference));  // appeared while the walk went by
     }
   }
-  PairRenamesAndSort(result.differences);
-  ForgiveRotations(result.differences, rules);
+  judge.Settle(result.differences);
   ExplainByPackages(result.differences, policy, rules.dpkg_root(), session.Narrow(database->HdbFilePath(false)));
   std::sort(result.unreadable.begin(), result.unreadable.end());
   result.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start_time).count();

@@ -25,7 +25,10 @@
 CPolicyWatch::CPolicyWatch(CSession& session, const CRefPolicySettings& policy, std::shared_ptr<CHashDB> database,
                            CChangeLog* log)
     : session_(session), policy_(policy), database_(std::move(database)), log_(log), wide_root_(Wide("")),
-      directories_(policy.root) {
+      directories_(policy.root),
+      judge_(session.Rules(policy), session.settings().policy_number),
+      rotations_(session.Rules(policy)),
+      packages_(policy, session.Rules(policy).dpkg_root(), session.Narrow(database_->HdbFilePath(false))) {
   std::string data = session_.DataFolder();
   std::string root = policy_.root;
   while (root.size() > 1 && root.back() == '/') root.pop_back();
@@ -66,6 +69,7 @@ void CPolicyWatch::Reconcile() {
   ++counters_.reconciles;
   CTreeCheckResult result = CheckTree(session_, policy_, database_, true);
   ApplyDifferences(session_, policy_, *database_, result.differences);
+  // Judged, settled and explained by the walk already.
   for (const CDifference& difference : result.differences) Log(difference, "reconcile");
   counters_.applied += result.differences.size();
   counters_.failures += result.unreadable.size();
@@ -73,6 +77,7 @@ void CPolicyWatch::Reconcile() {
 
 void CPolicyWatch::OnEvents() {
   directories_.Clear();
+  packages_.Refresh();
   events_.clear();
   watcher_->Read(events_);
   counters_.events += events_.size();
@@ -139,6 +144,7 @@ std::optional<CPolicyWatch::CClock::time_point> CPolicyWatch::NextDue() const {
 }
 
 void CPolicyWatch::ApplyDue(CClock::time_point now, size_t most) {
+  packages_.Refresh();
   for (const CWriteQueue::CEntry& queued : queued_.TakeDue(now, most)) {
     const std::string& path = queued.path;
     try {
@@ -155,61 +161,103 @@ void CPolicyWatch::ApplyDue(CClock::time_point now, size_t most) {
   directories_.Clear();
 }
 
-void CPolicyWatch::Record(const std::string& relative, bool content, const char* event, bool likely_regular) {
+std::shared_ptr<CRefFileObjInfo> CPolicyWatch::Read(const std::string& relative, const CKnownContent* known,
+                                                   bool likely_regular) {
   CRefHost& host = session_.host();
   std::wstring full = Wide(relative);
-  std::optional<CObjectState> recorded = RecordedStateIfAny(*database_, full);
-  std::optional<CKnownContent> known;
-  if (!content && recorded && !recorded->is_dir) known = CKnownContent{recorded->size, recorded->time_2, recorded->hash};
-  std::shared_ptr<CRefFileObjInfo> info;
   int directory = relative.empty() ? -1 : directories_.Open(ParentOf(relative));
   if (directory >= 0) {
-    info = CRefFileObjInfo::AtDirectory(*host.Utility(), *host.Cfg(), wide_root_, full,
+    return CRefFileObjInfo::AtDirectory(*host.Utility(), *host.Cfg(), wide_root_, full,
                                         session_.settings().policy_number, directory, NameOf(relative),
-                                        likely_regular, nullptr, known ? &*known : nullptr);
-  } else {  // the root itself, or a directory on the way is gone: FromDisk tells which
-    info = CRefFileObjInfo::FromDisk(*host.Utility(), *host.Cfg(), wide_root_, full,
-                                     session_.settings().policy_number, likely_regular, known ? &*known : nullptr);
+                                        likely_regular, nullptr, known);
   }
+  // the root itself, or a directory on the way is gone: FromDisk tells which
+  return CRefFileObjInfo::FromDisk(*host.Utility(), *host.Cfg(), wide_root_, full, session_.settings().policy_number,
+                                   likely_regular, known);
+}
+
+void CPolicyWatch::Record(const std::string& relative, bool content, const char* event, bool likely_regular) {
+  std::optional<CObjectState> recorded = RecordedStateIfAny(*database_, Wide(relative));
+  std::optional<CKnownContent> known;
+  if (!content && recorded && !recorded->is_dir) known = CKnownContent{recorded->size, recorded->time_2, recorded->hash};
+  std::shared_ptr<CRefFileObjInfo> info = Read(relative, known ? &*known : nullptr, likely_regular);
   if (info->IsGone()) {
-    if (recorded) Remove(relative, "removed");
+    if (recorded && !relative.empty()) Removed(relative, *recorded, database_->CheckObject(info), event);
     return;
   }
+  if (judge_.Excluded(relative, KindOf(info->IsDirectory(), info->Attributes(), !info->TargetPath().empty()))) {
+    return;  // left out by its kind: neither recorded nor reported, as a walk leaves it
+  }
+  uint32_t status = database_->CheckObject(info);
+  if (status == kCheckUnchanged) return;
+  // The database follows the tree; what is reported is what the judge says a check would report.
+  std::optional<CDifference> difference = judge_.Present(relative, recorded, info, status);
   std::shared_ptr<CObjInfo> immediate;
   database_->InsertObject(immediate, info);
   ++counters_.applied;
-  CObjectState current = StateOfObject(*info);
-  if (!recorded) {
-    Log(DescribeRecorded(CChange::kNew, relative, nullptr, &current), event);
-    return;
-  }
-  CDifference difference = DescribeRecorded(CChange::kChanged, relative, &*recorded, &current);
-  if (!difference.changes.empty()) Log(difference, event);
+  if (difference) Report(std::move(*difference), event);
 }
 
 void CPolicyWatch::Remove(const std::string& relative, const char* event) {
   if (relative.empty()) return;  // the root stays recorded; a reconcile says what became of it
-  std::wstring full = Wide(relative);
-  std::optional<CObjectState> recorded = RecordedStateIfAny(*database_, full);
+  // Read again: what is there now decides (it may be back already), and the module says how it
+  // differs from the record.
+  Record(relative, true, event);
+}
+
+void CPolicyWatch::Removed(const std::string& relative, const CObjectState& recorded, uint32_t status,
+                           const char* event) {
+  if (judge_.Excluded(relative, recorded.kind())) return;  // recorded before a rule left it out
   std::shared_ptr<CObjInfo> none;
-  database_->RemoveObject(none, full);
+  database_->RemoveObject(none, Wide(relative));
   ++counters_.applied;
-  if (recorded) Log(DescribeRecorded(CChange::kGone, relative, &*recorded, nullptr), event);
+  Report(judge_.Gone(relative, recorded, status), event);
+}
+
+void CPolicyWatch::Report(CDifference difference, const char* event) {
+  if (rotations_.Forgives(difference)) return;
+  try {
+    packages_.Explain(difference);
+  } catch (const std::exception& e) {  // reported without the packages' word rather than not at all
+    std::cerr << "signdb watch: " << policy_.name << ": " << EscapedText(e.what()) << "\n";
+  }
+  Log(difference, event);
 }
 
 void CPolicyWatch::Log(const CDifference& difference, const char* event) {
+  std::cout << DifferenceText(difference) << "\n";
   if (log_ == nullptr) return;
   CReportContext context =
       CReportContext::Make(policy_.name, policy_.root, "watch", session_.settings().policy_number);
-  std::string line = DifferenceJson(difference, context);
-  line.pop_back();  // the object's closing brace: the event that led to the change goes in too
-  line += ",\"watch\":{\"event\":" + JsonString(event) + "}}";
-  log_->Write(line);
+  log_->Write(DifferenceJson(difference, context, event));
 }
 
 bool CPolicyWatch::Recorded(const std::string& relative) {
   std::wstring full = Wide(relative);
   return database_->ExistsAs(full, false) || database_->ExistsAs(full, true);
+}
+
+void CPolicyWatch::MoveRecord(const std::string& from, const std::string& to) {
+  std::shared_ptr<CObjInfo> none;
+  std::string from_parent = ParentOf(from);
+  std::string to_parent = ParentOf(to);
+  std::string from_name = NameOf(from);
+  std::string to_name = NameOf(to);
+  if (from_parent == to_parent || from_name == to_name) {
+    database_->RenameObject(none, Wide(from), Wide(to));
+    return;
+  }
+  // A move keeps the object's name: it moves under a name that is free in both directories,
+  // then takes its new name there.
+  std::string passing = from_name;
+  for (unsigned n = 0; Recorded(JoinRelative(to_parent, passing)) ||
+                       (passing != from_name && Recorded(JoinRelative(from_parent, passing)));
+       ++n) {
+    passing = ".signdb-moving-" + std::to_string(n);
+  }
+  if (passing != from_name) database_->RenameObject(none, Wide(from), Wide(JoinRelative(from_parent, passing)));
+  database_->RenameObject(none, Wide(JoinRelative(from_parent, passing)), Wide(JoinRelative(to_parent, passing)));
+  database_->RenameObject(none, Wide(JoinRelative(to_parent, passing)), Wide(to));
 }
 
 void CPolicyWatch::Move(const std::string& from, const std::string& to, bool directory) {
@@ -222,33 +270,37 @@ void CPolicyWatch::Move(const std::string& from, const std::string& to, bool dir
     }
     return;
   }
-  std::shared_ptr<CObjInfo> none;
-  // Whatever the rename replaced at the destination is gone.
-  if (Recorded(to)) Remove(to, "moved");
-  std::string from_parent = ParentOf(from);
-  std::string to_parent = ParentOf(to);
-  std::string from_name = NameOf(from);
-  std::string to_name = NameOf(to);
-  if (from_parent == to_parent || from_name == to_name) {
-    database_->RenameObject(none, Wide(from), Wide(to));
-  } else {
-    // A move keeps the object's name: it moves under a name that is free in both directories,
-    // then takes its new name there.
-    std::string passing = from_name;
-    for (unsigned n = 0; Recorded(JoinRelative(to_parent, passing)) || (passing != from_name && Recorded(JoinRelative(from_parent, passing)));
-         ++n) {
-      passing = ".signdb-moving-" + std::to_string(n);
+  if (!directory) {
+    // A file that took a recorded file's place (an editor's save): the one is gone, the other
+    // changed, as a walk finds them.
+    if (Recorded(to)) {
+      Record(from, true, "moved");
+      Record(to, true, "moved");
+      return;
     }
-    if (passing != from_name) database_->RenameObject(none, Wide(from), Wide(JoinRelative(from_parent, passing)));
-    database_->RenameObject(none, Wide(JoinRelative(from_parent, passing)), Wide(JoinRelative(to_parent, passing)));
-    database_->RenameObject(none, Wide(JoinRelative(to_parent, passing)), Wide(to));
+    std::shared_ptr<CRefFileObjInfo> info = Read(to, nullptr, true);
+    if (info->IsGone() || judge_.Excluded(to, KindOf(info->IsDirectory(), info->Attributes(),
+                                                     !info->TargetPath().empty()))) {
+      Record(from, true, "moved");  // gone from where it was; nothing (to record) where it went
+      return;
+    }
+    CDifference gone = judge_.Gone(from, RecordedState(*database_, Wide(from)), 0);
+    MoveRecord(from, to);
+    std::optional<CDifference> arrived = judge_.Present(to, std::nullopt, info, database_->CheckObject(info));
+    std::shared_ptr<CObjInfo> immediate;
+    database_->InsertObject(immediate, info);  // its attributes as they are now, after the move
+    ++counters_.applied;
+    if (arrived) Report(judge_.Renamed(gone, std::move(*arrived)), "moved");
+    return;
   }
+  // Whatever the rename replaced at the destination is gone.
+  if (Recorded(to)) Removed(to, RecordedState(*database_, Wide(to)), kCheckDirectoryGone, "moved");
+  MoveRecord(from, to);
   ++counters_.applied;
   CObjectState state = RecordedState(*database_, Wide(to));
   CDifference renamed = DescribeRecorded(CChange::kRenamed, to, &state, &state);
-  renamed.words = "renamed";
   renamed.from = from;
-  Log(renamed, "moved");
+  Report(std::move(renamed), "moved");
   // A rename changes the object's status change time: read its attributes again.
   queued_.Add(to, CClock::now(), false);
 }

@@ -8,12 +8,16 @@
 #include <string>
 #include <vector>
 
+#include "tool/change/judge.h"
+#include "tool/packages/package_changes.h"
 #include "tool/watch/batch_directories.h"
 #include "tool/watch/tree_watcher.h"
 #include "tool/watch/watch_event.h"
 #include "tool/watch/write_queue.h"
 
 class CChangeLog;
+struct CKnownContent;
+class CRefFileObjInfo;
 class CHashDB;
 class CSession;
 struct CDifference;
@@ -90,13 +94,24 @@ class CPolicyWatch {
   void Apply(const CWatchEvent& event);
   // The directory that holds "path": its times changed when an entry came, went or moved.
   void QueueParent(const std::string& path, CClock::time_point now);
-  // Reads the object at "relative" from disk and records it (or removes it when it is gone).
+  // Reads the object at "relative" from disk (through the batch's open directories when it can).
   // "likely_regular": open it first as a regular file (see CRefFileObjInfo::FromDisk).
+  std::shared_ptr<CRefFileObjInfo> Read(const std::string& relative, const CKnownContent* known,
+                                        bool likely_regular);
+  // Reads the object at "relative" and records it (or removes it when it is gone), reporting
+  // what the judge says changed.
   void Record(const std::string& relative, bool content, const char* event, bool likely_regular = false);
   void Remove(const std::string& relative, const char* event);
-  // Writes a change applied to the change log, with the event that led to it.
+  // Removes the record of an object that is gone ("status": the module's word on it).
+  void Removed(const std::string& relative, const CObjectState& recorded, uint32_t status, const char* event);
+  // Reports a change applied, unless it is part of a log's rotation, with its package's word.
+  void Report(CDifference difference, const char* event);
+  // Writes a change applied: its line on standard output, and to the change log with the event
+  // that led to it.
   void Log(const CDifference& difference, const char* event);
   void Move(const std::string& from, const std::string& to, bool directory);
+  // Moves the record at "from", with everything below it, to "to".
+  void MoveRecord(const std::string& from, const std::string& to);
   bool Recorded(const std::string& relative);
   bool Excluded(const std::string& relative, bool directory) const;
   std::wstring Wide(const std::string& relative);
@@ -113,6 +128,9 @@ class CPolicyWatch {
   CWriteQueue queued_;
   // Directories kept open while a batch of queued objects is read (see CBatchDirectories).
   CBatchDirectories directories_;
+  CJudge judge_;
+  CLiveRotations rotations_;
+  CPackageExplainer packages_;
   uint64_t saved_changes_ = 0;             // the database's change count at the last save
   CCounters counters_;
   std::vector<CWatchEvent> events_;  // reused between reads

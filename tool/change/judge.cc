@@ -1,0 +1,69 @@
+#include "tool/change/judge.h"
+
+#include "tool/change/change_selection.h"
+#include "tool/rules/policy_rules.h"
+#include "refhost/file_obj_info.h"
+
+CJudge::CJudge(const CPolicyRules& rules, uint32_t policy_number) : rules_(rules), policy_number_(policy_number) {}
+
+bool CJudge::Excluded(const std::string& relative, CObjectKind kind) const {
+  return !relative.empty() && rules_.Excluded(relative, kind);
+}
+
+std::optional<CDifference> CJudge::Present(const std::string& relative, const std::optional<CObjectState>& recorded,
+                                           const std::shared_ptr<CRefFileObjInfo>& info, uint32_t status) const {
+  CDifference difference;
+  difference.status = status;
+  difference.path = relative;
+  difference.current = StateOfObject(*info);
+  difference.info = info;
+  if (!recorded) {
+    difference.change = CChange::kNew;
+  } else {
+    difference.change = CChange::kChanged;
+    difference.recorded = *recorded;
+    difference.changes = CompareStates(difference.recorded, difference.current);
+  }
+  SetHeadline(difference);
+  if (!ApplySelection(difference, rules_.SelectionFor(relative, difference.shown().kind()), policy_number_)) {
+    return std::nullopt;
+  }
+  return difference;
+}
+
+CDifference CJudge::Gone(const std::string& relative, const CObjectState& recorded, uint32_t status) const {
+  CDifference difference;
+  difference.status = status;
+  difference.change = CChange::kGone;
+  difference.path = relative;
+  difference.recorded = recorded;
+  SetHeadline(difference);
+  return difference;
+}
+
+CDifference CJudge::Renamed(const CDifference& gone, CDifference arrived) const {
+  return RenamedDifference(gone, std::move(arrived));
+}
+
+void CJudge::Settle(std::vector<CDifference>& differences) const {
+  PairRenamesAndSort(differences);
+  ForgiveRotations(differences, rules_);
+}
+
+bool CLiveRotations::Forgives(const CDifference& difference) {
+  if (difference.change == CChange::kGone) return false;
+  if (!rules_.SelectionFor(difference.path, difference.shown().kind()).may_grow) return false;
+  std::string log = RotatedFrom(difference.path);
+  if (difference.change == CChange::kRenamed) {
+    // NAME to NAME.1, or NAME.1 to NAME.2: the log moves along its rotated names.
+    if (log.empty() || (difference.from != log && RotatedFrom(difference.from) != log)) return false;
+    rotated_.insert(log);
+    return true;
+  }
+  if (!log.empty()) {  // a rotated name that appears or changes: a copy of the log, or compressed
+    rotated_.insert(log);
+    return true;
+  }
+  // The log itself, new or cut short after its rotation: its fresh start.
+  return rotated_.erase(difference.path) != 0;
+}
