@@ -21,7 +21,7 @@
 #include "refhost/dev_keys.h"
 #include "refhost/policy.h"
 #include "refhost/ref_host.h"
-#include "refhost/text_conversion.h"
+#include "util/text_conversion.h"
 #include "tests/fake_obj_info.h"
 
 namespace {

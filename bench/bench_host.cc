@@ -9,7 +9,7 @@
 
 #include "refhost/crypto_service.h"
 #include "refhost/settings.h"
-#include "refhost/text_conversion.h"
+#include "util/text_conversion.h"
 
 static void BM_HashFile(benchmark::State& state) {
   boost::filesystem::path file =

@@ -1,30 +1,30 @@
 // signdb ls POLICY [DIR] and signdb show POLICY PATH: what the database recorded, without
 // touching the disk.
 
-#include <iostream>
-#include <optional>
-#include <vector>
-
 #include <Poco/JSON/Array.h>
 #include <Poco/JSON/Object.h>
 #include <Poco/JSON/Parser.h>
 
-#include "tool/change/attribute_changes.h"
+#include <iostream>
+#include <optional>
+#include <vector>
+
 #include "cli/command_line.h"
-#include "cli/policy_arguments.h"
 #include "cli/commands.h"
-#include "tool/common/exit_status.h"
+#include "cli/policy_arguments.h"
+#include "hashdb/hash_db.h"
+#include "refhost/security_text.h"
+#include "tool/change/attribute_changes.h"
 #include "tool/change/object_state.h"
-#include "tool/watch/query_server.h"
-#include "tool/store/service_lock.h"
+#include "tool/common/exit_status.h"
 #include "tool/report/recorded_listing.h"
 #include "tool/report/recorded_object_json.h"
 #include "tool/session/session.h"
+#include "tool/store/service_lock.h"
+#include "tool/watch/query_server.h"
+#include "util/safe_text.h"
+#include "util/text_conversion.h"
 #include "util/text_format.h"
-#include "hashdb/hash_db.h"
-#include "refhost/safe_text.h"
-#include "refhost/security_text.h"
-#include "refhost/text_conversion.h"
 
 namespace {
 
@@ -40,7 +40,8 @@ std::string RelativeArgument(const CRefPolicySettings& policy, std::string path)
     if (path == root) return "";
     std::string prefix = root == "/" ? root : root + "/";
     if (path.rfind(prefix, 0) != 0) {
-      throw CToolError(path + " is not below the root of policy '" + policy.name + "' (" + policy.root + ")");
+      throw CToolError(path + " is not below the root of policy '" + policy.name + "' (" +
+                       policy.root + ")");
     }
     return path.substr(prefix.size());
   }
@@ -60,7 +61,8 @@ struct CServiceAnswer {
   std::string line;
   Poco::JSON::Object::Ptr parsed;
 };
-std::optional<CServiceAnswer> AskAboutWatchedPolicy(CSession& session, const std::string& request, int timeout_ms) {
+std::optional<CServiceAnswer> AskAboutWatchedPolicy(CSession& session, const std::string& request,
+                                                    int timeout_ms) {
   if (CServiceLock::Holder(session.DataFolder()) == 0) return std::nullopt;
   CServiceAnswer answer;
   try {
@@ -77,13 +79,16 @@ std::optional<CServiceAnswer> AskAboutWatchedPolicy(CSession& session, const std
 }
 
 // The running watch service's listing for a policy it watches; nullopt when it does not watch it.
-std::optional<std::vector<CListedObject>> ListThroughService(CSession& session, const CRefPolicySettings& policy,
-                                                             const std::string& directory, bool recursive) {
-  std::optional<CServiceAnswer> answer = AskAboutWatchedPolicy(
-      session,
-      "{\"request\":\"list\",\"policy\":" + JsonString(policy.name) + ",\"path\":" + JsonString(directory) +
-          ",\"recursive\":" + (recursive ? "true" : "false") + "}",
-      60000);
+std::optional<std::vector<CListedObject>> ListThroughService(CSession& session,
+                                                             const CRefPolicySettings& policy,
+                                                             const std::string& directory,
+                                                             bool recursive) {
+  std::optional<CServiceAnswer> answer =
+      AskAboutWatchedPolicy(session,
+                            "{\"request\":\"list\",\"policy\":" + JsonString(policy.name) +
+                                ",\"path\":" + JsonString(directory) +
+                                ",\"recursive\":" + (recursive ? "true" : "false") + "}",
+                            60000);
   if (!answer) return std::nullopt;
   if (!answer->parsed->optValue<bool>("ok", false)) {
     throw CToolError(answer->parsed->optValue<std::string>("error", answer->line));
@@ -102,13 +107,16 @@ int RunList(const CCommandLine& line) {
   RequireShape(line, {"--recursive", "--json"}, 1, 2);
   CSession session(SessionOptionsOf(line));
   const CRefPolicySettings& policy = session.Policy(line.arguments[0]);
-  std::string directory = RelativeArgument(policy, line.arguments.size() > 1 ? line.arguments[1] : "");
+  std::string directory =
+      RelativeArgument(policy, line.arguments.size() > 1 ? line.arguments[1] : "");
   bool recursive = line.Has("--recursive");
   // A watched policy is listed as the service records it now; the saved file may be older.
-  std::optional<std::vector<CListedObject>> listed = ListThroughService(session, policy, directory, recursive);
-  if (!listed) listed = ListRecorded(session, policy, *session.LoadDatabase(policy), directory, recursive);
+  std::optional<std::vector<CListedObject>> listed =
+      ListThroughService(session, policy, directory, recursive);
+  if (!listed) listed = ListRecorded(policy, *session.LoadDatabase(policy), directory, recursive);
   for (const CListedObject& object : *listed) {
-    std::cout << (line.Has("--json") ? ListedJson(object) : ListedText(object, session.settings().policy_number / 4))
+    std::cout << (line.Has("--json") ? ListedJson(object)
+                                     : ListedText(object, session.settings().policy_number / 4))
               << "\n";
   }
   return kExitOk;
@@ -117,7 +125,8 @@ int RunList(const CCommandLine& line) {
 namespace {
 
 // Everything recorded for one object, a field a line, owners and modes in words.
-void PrintRecordedObject(const std::string& full_text, const CObjectState& state, bool under_target, bool touched) {
+void PrintRecordedObject(const std::string& full_text, const CObjectState& state, bool under_target,
+                         bool touched) {
   security_text::CSecurityItems items = security_text::Parse(state.security);
   auto field = [](const std::string& label, const std::string& value) {
     char padded[64];
@@ -135,32 +144,34 @@ void PrintRecordedObject(const std::string& full_text, const CObjectState& state
   field("modified", TimeText(state.time_2));
   for (const auto& [key, value] : items) {
     if (key == security_text::kMode && state.attributes != kUnknownAttributes) continue;
-    std::string shown = key == security_text::kUid   ? OwnerText(value)
-                        : key == security_text::kGid ? GroupText(value)
+    std::string shown = key == security_text::kUid     ? OwnerText(value)
+                        : key == security_text::kGid   ? GroupText(value)
                         : key == security_text::kFlags ? FlagsText(value)
                         : key == security_text::kMode  ? PermissionText(value, state.kind())
                                                        : EscapedText(value);
     field(EscapedText(key), shown);
   }
-  if (items.empty()) field("security", state.security.empty() ? "(none)" : EscapedText(state.security));
+  if (items.empty())
+    field("security", state.security.empty() ? "(none)" : EscapedText(state.security));
   if (!state.target.empty()) field("link target", SafePath(state.target));
   field("below a link target", under_target ? "yes" : "no");
   field("touched recently", touched ? "yes" : "no");
 }
 
 int NotRecorded(const CRefPolicySettings& policy, const std::string& relative) {
-  std::cerr << "signdb: " << (relative.empty() ? std::string(".") : SafePath(relative)) << " is not recorded in policy '"
-            << policy.name << "'\n";
+  std::cerr << "signdb: " << (relative.empty() ? std::string(".") : SafePath(relative))
+            << " is not recorded in policy '" << policy.name << "'\n";
   return kExitDifferences;
 }
 
 // The running watch service's answer for a policy it watches; nullopt when it does not watch it.
-std::optional<int> ShowThroughService(CSession& session, const CRefPolicySettings& policy, const std::string& relative,
-                                      bool json) {
-  std::optional<CServiceAnswer> asked = AskAboutWatchedPolicy(
-      session,
-      "{\"request\":\"show\",\"policy\":" + JsonString(policy.name) + ",\"path\":" + JsonString(relative) + "}",
-      5000);
+std::optional<int> ShowThroughService(CSession& session, const CRefPolicySettings& policy,
+                                      const std::string& relative, bool json) {
+  std::optional<CServiceAnswer> asked =
+      AskAboutWatchedPolicy(session,
+                            "{\"request\":\"show\",\"policy\":" + JsonString(policy.name) +
+                                ",\"path\":" + JsonString(relative) + "}",
+                            5000);
   if (!asked) return std::nullopt;
   if (!asked->parsed->optValue<bool>("ok", false)) return NotRecorded(policy, relative);
   const std::string& answer = asked->line;
@@ -181,7 +192,8 @@ std::optional<int> ShowThroughService(CSession& session, const CRefPolicySetting
   state.security = object->optValue<std::string>("security", "");
   state.target = object->optValue<std::string>("target", "");
   PrintRecordedObject(object->optValue<std::string>("path", ""), state,
-                      object->optValue<bool>("under_link_target", false), object->optValue<bool>("touched_recently", false));
+                      object->optValue<bool>("under_link_target", false),
+                      object->optValue<bool>("touched_recently", false));
   return kExitOk;
 }
 
@@ -192,7 +204,8 @@ int RunShow(const CCommandLine& line) {
   CSession session(SessionOptionsOf(line));
   const CRefPolicySettings& policy = session.Policy(line.arguments[0]);
   std::string relative = RelativeArgument(policy, line.arguments[1]);
-  if (std::optional<int> status = ShowThroughService(session, policy, relative, line.Has("--json"))) return *status;
+  if (std::optional<int> status = ShowThroughService(session, policy, relative, line.Has("--json")))
+    return *status;
   std::shared_ptr<CHashDB> database = session.LoadDatabase(policy);
   std::wstring full = session.WideFullPath(policy, relative);
   if (!database->ExistsAs(full, database->IsDirectory(full))) return NotRecorded(policy, relative);
@@ -200,7 +213,7 @@ int RunShow(const CCommandLine& line) {
     std::cout << RecordedObjectJson(*database, full, session.Narrow(full), relative) << "\n";
     return kExitOk;
   }
-  PrintRecordedObject(session.Narrow(full), RecordedState(*database, full), database->IsUnderTarget(full),
-                      database->TouchedRecently(full));
+  PrintRecordedObject(session.Narrow(full), RecordedState(*database, full),
+                      database->IsUnderTarget(full), database->TouchedRecently(full));
   return kExitOk;
 }

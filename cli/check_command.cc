@@ -3,15 +3,15 @@
 
 #include <iostream>
 
-#include "tool/report/check_report.h"
 #include "cli/command_line.h"
-#include "cli/policy_arguments.h"
 #include "cli/commands.h"
+#include "cli/policy_arguments.h"
 #include "tool/common/exit_status.h"
+#include "tool/report/check_report.h"
 #include "tool/report/report_event.h"
 #include "tool/report/report_sink.h"
-#include "tool/session/session.h"
 #include "tool/scan/tree_check.h"
+#include "tool/session/session.h"
 
 int RunCheck(const CCommandLine& line) {
   RequireShape(line, {"--json", "--all", "--report"}, 0, 1);
@@ -22,13 +22,15 @@ int RunCheck(const CCommandLine& line) {
     try {
       CPolicyCheck check = CheckPolicy(session, *policy, line.Has("--quiet"), false);
       const CTreeCheckResult& result = check.result;
-      CReportContext context =
-          CReportContext::Make(policy->name, policy->root, "check", session.settings().policy_number);
+      CReportContext context = CReportContext::Make(policy->name, policy->root, "check",
+                                                    session.settings().policy_number);
       PrintCheckReport(std::cout, result, *policy, context, line.Has("--json"), false);
       for (const std::string& destination : line.Values("--report")) {
         SendReport(destination, result, *policy, context, false);
       }
-      one = !result.unreadable.empty() ? kExitError : result.differences.empty() ? kExitOk : kExitDifferences;
+      one = !result.unreadable.empty()   ? kExitError
+            : result.differences.empty() ? kExitOk
+                                         : kExitDifferences;
     } catch (const CToolError& e) {
       if (!line.Has("--all") && !line.arguments.empty()) throw;
       ReportPolicyError(*policy, e);  // one policy that cannot be checked does not stop the others

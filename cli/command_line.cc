@@ -5,12 +5,18 @@
 namespace {
 
 // Options that take a value, and their short forms.
-const std::set<std::string> kValueOptions = {"--config", "--module", "--dir", "--policy", "--signature",
-                                             "--passphrase-fd", "--ca-key-out", "--ca-key", "--days", "--except", "--report", "--save-period"};
-const std::set<std::string> kFlagOptions = {"--help", "--json", "--quiet", "--verify", "--force",
-                                            "--recursive", "--wait", "--bind", "--protect-key", "--sign-later", "--all", "--packages", "--system", "--interactive", "--rescan", "--inotify"};
-const std::map<std::string, std::string> kShortForms = {
-    {"-h", "--help"}, {"-q", "--quiet"}, {"-R", "--recursive"}, {"-c", "--config"}, {"-i", "--interactive"}};
+const std::set<std::string> kValueOptions = {
+    "--config",     "--module", "--dir",  "--policy", "--signature", "--passphrase-fd",
+    "--ca-key-out", "--ca-key", "--days", "--except", "--report",    "--save-period"};
+const std::set<std::string> kFlagOptions = {
+    "--help",   "--json",        "--quiet",       "--verify",     "--force", "--recursive",
+    "--wait",   "--bind",        "--protect-key", "--sign-later", "--all",   "--packages",
+    "--system", "--interactive", "--rescan",      "--inotify"};
+const std::map<std::string, std::string> kShortForms = {{"-h", "--help"},
+                                                        {"-q", "--quiet"},
+                                                        {"-R", "--recursive"},
+                                                        {"-c", "--config"},
+                                                        {"-i", "--interactive"}};
 
 }  // namespace
 
@@ -45,7 +51,8 @@ CCommandLine ParseCommandLine(const std::vector<std::string>& args) {
       if (auto it = kShortForms.find(arg); it != kShortForms.end()) arg = it->second;
       if (kValueOptions.count(arg)) {
         if (!has_inline_value) {
-          if (i + 1 >= args.size()) throw CToolError("option " + arg + " needs a value (see signdb --help)");
+          if (i + 1 >= args.size())
+            throw CToolError("option " + arg + " needs a value (see signdb --help)");
           value = args[++i];
         }
         line.values[arg].push_back(value);
@@ -65,24 +72,25 @@ CCommandLine ParseCommandLine(const std::vector<std::string>& args) {
   return line;
 }
 
-void RequireShape(const CCommandLine& line, const std::set<std::string>& options, size_t min_arguments,
-                  size_t max_arguments) {
+void RequireShape(const CCommandLine& line, const std::set<std::string>& options,
+                  size_t min_arguments, size_t max_arguments) {
   // Every command takes the global options.
-  static const std::set<std::string> kGlobal = {"--config", "--module", "--help", "--quiet", "--wait",
-                                                "--passphrase-fd"};
+  static const std::set<std::string> kGlobal = {"--config", "--module", "--help",
+                                                "--quiet",  "--wait",   "--passphrase-fd"};
   auto check = [&](const std::string& option) {
     if (!kGlobal.count(option) && !options.count(option)) {
-      throw CToolError("signdb " + line.command + " does not take " + option + " (see signdb " + line.command +
-                       " --help)");
+      throw CToolError("signdb " + line.command + " does not take " + option + " (see signdb " +
+                       line.command + " --help)");
     }
   };
   for (const auto& [option, unused] : line.values) check(option);
   for (const std::string& flag : line.flags) check(flag);
   if (line.arguments.size() < min_arguments) {
-    throw CToolError("signdb " + line.command + " needs more arguments (see signdb " + line.command + " --help)");
+    throw CToolError("signdb " + line.command + " needs more arguments (see signdb " +
+                     line.command + " --help)");
   }
   if (line.arguments.size() > max_arguments) {
-    throw CToolError("signdb " + line.command + ": unexpected argument '" + line.arguments[max_arguments] +
-                     "' (see signdb " + line.command + " --help)");
+    throw CToolError("signdb " + line.command + ": unexpected argument '" +
+                     line.arguments[max_arguments] + "' (see signdb " + line.command + " --help)");
   }
 }

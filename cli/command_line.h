@@ -11,7 +11,7 @@ struct CCommandLine {
   std::string command;
   std::vector<std::string> arguments;
   std::map<std::string, std::vector<std::string>> values;  // --config FILE, --policy N=R, ...
-  std::set<std::string> flags;                              // --json, --quiet, ...
+  std::set<std::string> flags;                             // --json, --quiet, ...
 
   bool Has(const std::string& flag) const { return flags.count(flag) != 0; }
   // The last value given for "option", or "fallback".
@@ -24,5 +24,5 @@ CCommandLine ParseCommandLine(const std::vector<std::string>& args);
 
 // Throws CToolError unless every option given is one that "command" takes and the number of
 // arguments lies in [min_arguments, max_arguments].
-void RequireShape(const CCommandLine& line, const std::set<std::string>& options, size_t min_arguments,
-                  size_t max_arguments);
+void RequireShape(const CCommandLine& line, const std::set<std::string>& options,
+                  size_t min_arguments, size_t max_arguments);

@@ -2,7 +2,8 @@
 
 struct CCommandLine;
 
-// The tool's commands; each returns the exit status and throws CToolError for what the user can fix.
+// The tool's commands; each returns the exit status and throws CToolError for what the user can
+// fix.
 int RunInit(const CCommandLine& line);
 int RunScan(const CCommandLine& line);
 int RunCheck(const CCommandLine& line);

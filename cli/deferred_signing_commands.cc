@@ -3,19 +3,18 @@
 // "signdb accept POLICY" puts the signed candidate in place on the monitored host. Root on the
 // monitored host then never holds a key that could re-sign what it changed.
 
+#include <boost/filesystem/operations.hpp>
 #include <iostream>
 
-#include <boost/filesystem/operations.hpp>
-
 #include "cli/command_line.h"
-#include "cli/policy_arguments.h"
 #include "cli/commands.h"
-#include "tool/store/database_files.h"
-#include "tool/common/exit_status.h"
-#include "tool/store/policy_binding.h"
-#include "tool/session/session.h"
+#include "cli/policy_arguments.h"
 #include "refhost/pkcs7.h"
-#include "refhost/text_conversion.h"
+#include "tool/common/exit_status.h"
+#include "tool/session/session.h"
+#include "tool/store/database_files.h"
+#include "tool/store/policy_binding.h"
+#include "util/text_conversion.h"
 
 int RunSign(const CCommandLine& line) {
   RequireShape(line, {}, 1, 1);
@@ -31,8 +30,10 @@ int RunSign(const CCommandLine& line) {
   if (!is_hdb) throw CToolError(file + " is not an HDB file (or is cut short); nothing was signed");
   std::unique_ptr<CRefSigner> signer = session.Signer();
   std::string result;
-  if (!signer->Sign(Utf8ToWide(file), result, 0, 0)) throw CToolError(result + "; nothing was signed");
-  std::cout << "signed " << file << " (revision " << RevisionText(revision) << "): " << file << ".p7s\n";
+  if (!signer->Sign(Utf8ToWide(file), result, 0, 0))
+    throw CToolError(result + "; nothing was signed");
+  std::cout << "signed " << file << " (revision " << RevisionText(revision) << "): " << file
+            << ".p7s\n";
   boost::system::error_code missing;
   if (!boost::filesystem::exists(PolicyBindingPathOf(file), missing)) {
     std::cout << "no binding beside it (" << PolicyBindingPathOf(file)
@@ -42,11 +43,12 @@ int RunSign(const CCommandLine& line) {
   try {
     CPolicyBinding binding = SignPolicyBinding(file, *signer);
     if (!binding.Vouches(revision)) {
-      throw CToolError("the binding " + PolicyBindingPathOf(file) + " does not vouch for revision " +
-                       RevisionText(revision) + "; it was not signed");
+      throw CToolError("the binding " + PolicyBindingPathOf(file) +
+                       " does not vouch for revision " + RevisionText(revision) +
+                       "; it was not signed");
     }
-    std::cout << "signed its binding to policy '" << binding.policy << "' (" << binding.root << ") on host '"
-              << binding.host << "': " << PolicyBindingPathOf(file) << "\n";
+    std::cout << "signed its binding to policy '" << binding.policy << "' (" << binding.root
+              << ") on host '" << binding.host << "': " << PolicyBindingPathOf(file) << "\n";
   } catch (const CToolError&) {
     throw;
   } catch (const std::exception& e) {
@@ -60,7 +62,7 @@ int RunAccept(const CCommandLine& line) {
   CSession session(SessionOptionsOf(line));
   const CRefPolicySettings& policy = session.Policy(line.arguments[0]);
   uint64_t revision = session.AcceptCandidate(policy);
-  std::cout << "accepted the candidate of policy " << policy.name << " (revision " << RevisionText(revision)
-            << "): it is the policy's database now\n";
+  std::cout << "accepted the candidate of policy " << policy.name << " (revision "
+            << RevisionText(revision) << "): it is the policy's database now\n";
   return kExitOk;
 }

@@ -8,34 +8,38 @@
 #include <vector>
 
 #include "cli/command_line.h"
-#include "cli/policy_arguments.h"
 #include "cli/commands.h"
+#include "cli/policy_arguments.h"
+#include "front/sign_db.h"
+#include "hashdb/hash_db.h"
 #include "tool/change/difference.h"
-#include "tool/store/database_files.h"
 #include "tool/common/exit_status.h"
 #include "tool/report/report_event.h"
 #include "tool/session/session.h"
+#include "tool/store/database_files.h"
+#include "util/safe_text.h"
+#include "util/text_conversion.h"
 #include "util/text_format.h"
-#include "front/sign_db.h"
-#include "hashdb/hash_db.h"
-#include "refhost/safe_text.h"
-#include "refhost/text_conversion.h"
 
 namespace {
 
 // Describes each entry of one of the comparison's lists from the two databases' records.
-void Describe(CSession& session, const CRefPolicySettings& policy, CChange change, CPathEntryList& entries,
-              CHashDB& previous, CHashDB& current, std::vector<CDifference>& differences) {
+void Describe(CSession& session, const CRefPolicySettings& policy, CChange change,
+              CPathEntryList& entries, CHashDB& previous, CHashDB& current,
+              std::vector<CDifference>& differences) {
   for (const CPathEntry& entry : entries) {
     std::string relative = WideToUtf8(entry.second);
     std::wstring full = session.WideFullPath(policy, relative);
     // The comparison lists a file that became a directory, or the other way round, as new.
-    CChange kind = change == CChange::kNew && previous.ExistsAs(full, !entry.first) ? CChange::kChanged : change;
+    CChange kind = change == CChange::kNew && previous.ExistsAs(full, !entry.first)
+                       ? CChange::kChanged
+                       : change;
     std::optional<CObjectState> before;
     std::optional<CObjectState> after;
     if (kind != CChange::kNew) before = RecordedState(previous, full);
     if (kind != CChange::kGone) after = RecordedState(current, full);
-    CDifference difference = DescribeRecorded(kind, relative, before ? &*before : nullptr, after ? &*after : nullptr);
+    CDifference difference =
+        DescribeRecorded(kind, relative, before ? &*before : nullptr, after ? &*after : nullptr);
     if (change == CChange::kGone) difference.words = "removed";
     differences.push_back(std::move(difference));
   }
@@ -47,16 +51,18 @@ int RunDiff(const CCommandLine& line) {
   RequireShape(line, {"--json"}, 1, 2);
   CSession session(SessionOptionsOf(line));
   const CRefPolicySettings& policy = session.Policy(line.arguments[0]);
-  std::string previous_path = line.arguments.size() > 1 ? line.arguments[1] : session.PreviousFileOf(policy);
+  std::string previous_path =
+      line.arguments.size() > 1 ? line.arguments[1] : session.PreviousFileOf(policy);
   session.LockPolicy(policy, CPolicyLock::CMode::kShared);
-  CSignedPair previous_pair =
-      FindSignedPair(previous_path, [&session](const std::string& hdb) { return session.SignatureFileOf(hdb); });
+  CSignedPair previous_pair = FindSignedPair(
+      previous_path, [&session](const std::string& hdb) { return session.SignatureFileOf(hdb); });
   if (!boost::filesystem::exists(previous_pair.hdb)) {
     throw CToolError("no previous database at " + previous_path +
-                     (line.arguments.size() > 1 ? std::string()
-                                                : "; one is kept each time 'signdb scan' or 'signdb update' "
-                                                  "replaces a database, or name one: signdb diff " +
-                                                      policy.name + " FILE.hdb"));
+                     (line.arguments.size() > 1
+                          ? std::string()
+                          : "; one is kept each time 'signdb scan' or 'signdb update' "
+                            "replaces a database, or name one: signdb diff " +
+                                policy.name + " FILE.hdb"));
   }
   // The previous database first: the front finds a policy's database by name, and the current one
   // is the one it should find.
@@ -72,19 +78,22 @@ int RunDiff(const CCommandLine& line) {
   Describe(session, policy, CChange::kGone, removed, *previous, *current, differences);
   std::stable_sort(differences.begin(), differences.end(),
                    [](const CDifference& a, const CDifference& b) { return a.path < b.path; });
-  CReportContext context = CReportContext::Make(policy.name, policy.root, "diff", session.settings().policy_number);
+  CReportContext context =
+      CReportContext::Make(policy.name, policy.root, "diff", session.settings().policy_number);
   for (const CDifference& difference : differences) {
     std::cout << (json ? DifferenceJson(difference, context) : DifferenceText(difference)) << "\n";
   }
   if (json) {
-    std::cout << "{\"@timestamp\":" << JsonString(context.timestamp) << ",\"host\":{\"name\":"
-              << JsonString(context.host_name) << "},\"summary\":{\"policy\":" << JsonString(policy.name)
+    std::cout << "{\"@timestamp\":" << JsonString(context.timestamp)
+              << ",\"host\":{\"name\":" << JsonString(context.host_name)
+              << "},\"summary\":{\"policy\":" << JsonString(policy.name)
               << ",\"previous\":" << JsonString(previous_path) << ",\"changed\":" << changed.size()
               << ",\"new\":" << added.size() << ",\"removed\":" << removed.size() << "}}\n";
   } else {
-    std::cout << "policy " << EscapedText(policy.name) << " since " << EscapedText(previous_path) << ": "
-              << GroupedNumber(changed.size()) << " changed, " << GroupedNumber(added.size()) << " new, "
-              << GroupedNumber(removed.size()) << " removed\n";
+    std::cout << "policy " << EscapedText(policy.name) << " since " << EscapedText(previous_path)
+              << ": " << GroupedNumber(changed.size()) << " changed, "
+              << GroupedNumber(added.size()) << " new, " << GroupedNumber(removed.size())
+              << " removed\n";
   }
   return changed.empty() && added.empty() && removed.empty() ? kExitOk : kExitDifferences;
 }

@@ -1,22 +1,21 @@
 // signdb verify FILE.hdb and signdb dump FILE.hdb: an HDB file on its own, outside any policy.
 
+#include <boost/filesystem/operations.hpp>
 #include <iostream>
 
-#include <boost/filesystem/operations.hpp>
-
 #include "cli/command_line.h"
-#include "cli/policy_arguments.h"
 #include "cli/commands.h"
-#include "tool/common/exit_status.h"
-#include "tool/report/hdb_dump.h"
-#include "tool/session/session.h"
-#include "util/text_format.h"
+#include "cli/policy_arguments.h"
 #include "hashdb/hash_db.h"
 #include "host/buffer.h"
 #include "host/crypto_service.h"
 #include "host/utility_service.h"
 #include "refhost/file_io.h"
 #include "refhost/ref_host.h"
+#include "tool/common/exit_status.h"
+#include "tool/report/hdb_dump.h"
+#include "tool/session/session.h"
+#include "util/text_format.h"
 
 namespace {
 
@@ -57,18 +56,23 @@ int RunVerify(const CCommandLine& line) {
   bool good = database->VerifySignature(hdb_path, hdb, signature);
   std::vector<std::string> reasons = session.TakeProblems();
   if (line.Has("--json")) {
-    std::cout << "{\"file\":" << JsonString(hdb_path) << ",\"signature\":" << JsonString(signature_path)
-              << ",\"valid\":" << (good ? "true" : "false") << ",\"signer_cstm_id\":" << JsonString(signer_cstm_id)
-              << ",\"signer_lcs_id\":" << JsonString(signer_lcs_id) << ",\"local_cstm_id\":"
-              << JsonString(session.settings().local_cstm_id) << ",\"local_lcs_id\":"
-              << JsonString(session.settings().local_lcs_id) << ",\"reasons\":[";
-    for (size_t i = 0; i < reasons.size(); ++i) std::cout << (i ? "," : "") << JsonString(reasons[i]);
+    std::cout << "{\"file\":" << JsonString(hdb_path)
+              << ",\"signature\":" << JsonString(signature_path)
+              << ",\"valid\":" << (good ? "true" : "false")
+              << ",\"signer_cstm_id\":" << JsonString(signer_cstm_id)
+              << ",\"signer_lcs_id\":" << JsonString(signer_lcs_id)
+              << ",\"local_cstm_id\":" << JsonString(session.settings().local_cstm_id)
+              << ",\"local_lcs_id\":" << JsonString(session.settings().local_lcs_id)
+              << ",\"reasons\":[";
+    for (size_t i = 0; i < reasons.size(); ++i)
+      std::cout << (i ? "," : "") << JsonString(reasons[i]);
     std::cout << "]}\n";
   } else {
     std::cout << hdb_path << ": " << (good ? "signature good" : "REFUSED") << "\n"
               << "  signature file: " << signature_path << "\n";
     if (!signer_lcs_id.empty()) {
-      std::cout << "  signer:         cstm_id '" << signer_cstm_id << "', lcs_id " << signer_lcs_id << "\n";
+      std::cout << "  signer:         cstm_id '" << signer_cstm_id << "', lcs_id " << signer_lcs_id
+                << "\n";
     } else {
       std::cout << "  signer:         unreadable\n";
     }

@@ -1,20 +1,20 @@
 // signdb init: a configuration, development keys and a data folder, ready to scan.
 
-#include <iostream>
-#include <sstream>
-
-#include <boost/filesystem/operations.hpp>
 #include <Poco/JSON/Array.h>
 #include <Poco/JSON/Object.h>
 
+#include <boost/filesystem/operations.hpp>
+#include <iostream>
+#include <sstream>
+
 #include "cli/command_line.h"
 #include "cli/commands.h"
-#include "tool/session/config_location.h"
-#include "tool/common/exit_status.h"
-#include "tool/store/passphrase.h"
-#include "tool/session/system_profile.h"
 #include "refhost/dev_keys.h"
 #include "refhost/file_io.h"
+#include "tool/common/exit_status.h"
+#include "tool/session/config_location.h"
+#include "tool/session/system_profile.h"
+#include "tool/store/passphrase.h"
 
 namespace {
 
@@ -32,14 +32,17 @@ CPolicyArgument ParsePolicy(const std::string& text) {
   }
   CPolicyArgument policy{text.substr(0, equals), text.substr(equals + 1)};
   for (char c : policy.name) {
-    bool plain = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' ||
-                 c == '_' || c == '.';
-    if (!plain) throw CToolError("a policy name is letters, digits, '-', '_' and '.' only (got '" + policy.name + "')");
+    bool plain = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+                 c == '-' || c == '_' || c == '.';
+    if (!plain)
+      throw CToolError("a policy name is letters, digits, '-', '_' and '.' only (got '" +
+                       policy.name + "')");
   }
   boost::system::error_code error;
   fs::path root = fs::absolute(policy.root);
   if (!fs::is_directory(root, error)) {
-    throw CToolError("the root of policy '" + policy.name + "', " + root.string() + ", is not a directory");
+    throw CToolError("the root of policy '" + policy.name + "', " + root.string() +
+                     ", is not a directory");
   }
   policy.root = root.lexically_normal().string();
   if (policy.root.size() > 1 && policy.root.back() == '/') policy.root.pop_back();
@@ -49,21 +52,25 @@ CPolicyArgument ParsePolicy(const std::string& text) {
 }  // namespace
 
 int RunInit(const CCommandLine& line) {
-  RequireShape(line, {"--dir", "--policy", "--force", "--ca-key-out", "--protect-key", "--system"}, 0, 0);
+  RequireShape(line, {"--dir", "--policy", "--force", "--ca-key-out", "--protect-key", "--system"},
+               0, 0);
   if (line.Has("--system") && !line.Values("--policy").empty()) {
     throw CToolError("--system writes its own policies: give it or --policy, not both");
   }
   fs::path config = line.Value("--config");
-  if (config.empty()) config = line.Values("--dir").empty() ? fs::path(DefaultConfigPath())
-                                                            : fs::path(line.Value("--dir")) / "signdb.json";
+  if (config.empty())
+    config = line.Values("--dir").empty() ? fs::path(DefaultConfigPath())
+                                          : fs::path(line.Value("--dir")) / "signdb.json";
   config = fs::absolute(config).lexically_normal();
-  if (config.extension() != ".json") throw CToolError("the configuration that init writes is JSON: name it *.json");
+  if (config.extension() != ".json")
+    throw CToolError("the configuration that init writes is JSON: name it *.json");
   std::vector<CPolicyArgument> policies;
   for (const std::string& text : line.Values("--policy")) policies.push_back(ParsePolicy(text));
   if (policies.empty() && !line.Has("--system")) policies.push_back({"etc", "/etc"});
   boost::system::error_code error;
   if (fs::exists(config, error) && !line.Has("--force")) {
-    throw CToolError(config.string() + " already exists; use --force to write it anew (keys are kept)");
+    throw CToolError(config.string() +
+                     " already exists; use --force to write it anew (keys are kept)");
   }
 
   fs::path folder = config.parent_path();
@@ -80,8 +87,8 @@ int RunInit(const CCommandLine& line) {
   if (fs::exists(keys, error)) fs::permissions(keys, fs::perms::owner_all);
   fs::permissions(data, fs::perms::owner_all);
   CDevKeyRequest request;
-  bool have_keys = fs::exists(keys / "signer.key", error) && fs::exists(keys / "signer.pem", error) &&
-                   fs::exists(keys / "ca.pem", error);
+  bool have_keys = fs::exists(keys / "signer.key", error) &&
+                   fs::exists(keys / "signer.pem", error) && fs::exists(keys / "ca.pem", error);
   if (have_keys) {
     try {
       request.cstm_id = CertificateOrganization((keys / "signer.pem").string());
@@ -99,7 +106,8 @@ int RunInit(const CCommandLine& line) {
       request.ca_key_path = ca_key.string();
     }
     if (line.Has("--protect-key")) {
-      request.signer_passphrase = ReadNewPassphrase("passphrase for the new signer key: ", line.Value("--passphrase-fd"));
+      request.signer_passphrase =
+          ReadNewPassphrase("passphrase for the new signer key: ", line.Value("--passphrase-fd"));
     }
     try {
       MakeDevelopmentKeys(keys.string(), request);
@@ -136,7 +144,8 @@ int RunInit(const CCommandLine& line) {
     list = SystemPolicies();
     for (size_t i = 0; i < list->size(); ++i) {
       Poco::JSON::Object::Ptr entry = list->getObject(static_cast<unsigned>(i));
-      policies.push_back({entry->getValue<std::string>("name"), entry->getValue<std::string>("root")});
+      policies.push_back(
+          {entry->getValue<std::string>("name"), entry->getValue<std::string>("root")});
     }
   }
   settings->set("policies", list);
@@ -148,11 +157,13 @@ int RunInit(const CCommandLine& line) {
 
   std::ostream& out = std::cout;
   out << "wrote " << config.string() << "\n";
-  for (const CPolicyArgument& policy : policies) out << "  policy " << policy.name << ": " << policy.root << "\n";
+  for (const CPolicyArgument& policy : policies)
+    out << "  policy " << policy.name << ": " << policy.root << "\n";
   if (have_keys) {
     out << "kept the keys in " << keys.string() << "\n";
   } else {
-    std::string ca_key = request.ca_key_path.empty() ? (keys / "ca.key").string() : request.ca_key_path;
+    std::string ca_key =
+        request.ca_key_path.empty() ? (keys / "ca.key").string() : request.ca_key_path;
     out << "made development keys in " << keys.string() << ": ca.pem, signer.pem, signer.key"
         << (request.signer_passphrase.empty() ? "" : " (protected by a passphrase)") << "\n"
         << "  signer: cstm_id '" << request.cstm_id << "', lcs_id " << request.signer_lcs_id
@@ -160,10 +171,12 @@ int RunInit(const CCommandLine& line) {
     // Whoever holds the CA key makes signers this host trusts: it must not stay where root can
     // read it, or root re-signs whatever it changed.
     if (request.ca_key_path.empty()) {
-      out << "the CA key is " << ca_key << ": move it off this host now (offline storage); it is needed\n"
+      out << "the CA key is " << ca_key
+          << ": move it off this host now (offline storage); it is needed\n"
           << "  again only to renew the signer certificate (signdb renew --ca-key PATH)\n";
     } else {
-      out << "the CA key went to " << ca_key << ": keep it off this host; it is needed again only to\n"
+      out << "the CA key went to " << ca_key
+          << ": keep it off this host; it is needed again only to\n"
           << "  renew the signer certificate (signdb renew --ca-key PATH)\n";
     }
     ForgetPassphrase(request.signer_passphrase);

@@ -1,36 +1,39 @@
 // signdb lookup HASH: every recorded file that carries a content hash, across every policy.
 
-#include <algorithm>
-#include <boost/algorithm/string/predicate.hpp>
 #include <Poco/JSON/Array.h>
 #include <Poco/JSON/Object.h>
 #include <Poco/JSON/Parser.h>
+
+#include <algorithm>
+#include <boost/algorithm/string/predicate.hpp>
 #include <iostream>
 #include <set>
 #include <vector>
 
 #include "cli/command_line.h"
-#include "cli/policy_arguments.h"
 #include "cli/commands.h"
-#include "tool/common/exit_status.h"
-#include "tool/report/hash_holders.h"
-#include "tool/watch/query_server.h"
-#include "tool/store/service_lock.h"
-#include "tool/session/session.h"
-#include "util/text_format.h"
+#include "cli/policy_arguments.h"
 #include "front/sign_db.h"
 #include "hashdb/hash_db.h"
 #include "host/crypto_service.h"
 #include "refhost/ref_host.h"
-#include "refhost/safe_text.h"
+#include "tool/common/exit_status.h"
+#include "tool/report/hash_holders.h"
+#include "tool/session/session.h"
+#include "tool/store/service_lock.h"
+#include "tool/watch/query_server.h"
+#include "util/safe_text.h"
+#include "util/text_format.h"
 
 namespace {
 
 std::string NormalisedHash(const std::string& text, uint32_t policy_number) {
   size_t digits = policy_number / 4;
   std::string hash = text;
-  std::transform(hash.begin(), hash.end(), hash.begin(), [](unsigned char c) { return std::tolower(c); });
-  bool hex = std::all_of(hash.begin(), hash.end(), [](char c) { return std::isxdigit(static_cast<unsigned char>(c)); });
+  std::transform(hash.begin(), hash.end(), hash.begin(),
+                 [](unsigned char c) { return std::tolower(c); });
+  bool hex = std::all_of(hash.begin(), hash.end(),
+                         [](char c) { return std::isxdigit(static_cast<unsigned char>(c)); });
   if (!hex || hash.size() != digits) {
     throw CToolError("'" + text + "' is not a hash of this installation: it records " +
                      std::to_string(policy_number) + "-bit hashes, " + std::to_string(digits) +
@@ -48,8 +51,10 @@ struct CHolder {
 
 // A service's answer, refused unless it says ok.
 Poco::JSON::Object::Ptr ParseAnswer(const std::string& line) {
-  Poco::JSON::Object::Ptr answer = Poco::JSON::Parser().parse(line).extract<Poco::JSON::Object::Ptr>();
-  if (!answer->optValue<bool>("ok", false)) throw std::runtime_error(answer->optValue<std::string>("error", line));
+  Poco::JSON::Object::Ptr answer =
+      Poco::JSON::Parser().parse(line).extract<Poco::JSON::Object::Ptr>();
+  if (!answer->optValue<bool>("ok", false))
+    throw std::runtime_error(answer->optValue<std::string>("error", line));
   return answer;
 }
 
@@ -71,15 +76,16 @@ int RunLookup(const CCommandLine& line) {
       Poco::JSON::Object::Ptr status = ParseAnswer(AskService(socket, "{\"request\":\"status\"}"));
       Poco::JSON::Array::Ptr policies = status->getArray("policies");
       for (size_t i = 0; policies && i < policies->size(); ++i) {
-        watched.insert(policies->getObject(static_cast<unsigned>(i))->optValue<std::string>("name", ""));
+        watched.insert(
+            policies->getObject(static_cast<unsigned>(i))->optValue<std::string>("name", ""));
       }
-      Poco::JSON::Object::Ptr answer =
-          ParseAnswer(AskService(socket, "{\"request\":\"lookup\",\"hash\":" + JsonString(hash) + "}"));
+      Poco::JSON::Object::Ptr answer = ParseAnswer(
+          AskService(socket, "{\"request\":\"lookup\",\"hash\":" + JsonString(hash) + "}"));
       Poco::JSON::Array::Ptr found = answer->getArray("holders");
       for (size_t i = 0; found && i < found->size(); ++i) {
         Poco::JSON::Object::Ptr holder = found->getObject(static_cast<unsigned>(i));
-        holders.push_back(CHolder{holder->optValue<std::string>("policy", ""), holder->optValue<std::string>("path", ""),
-                                  std::string()});
+        holders.push_back(CHolder{holder->optValue<std::string>("policy", ""),
+                                  holder->optValue<std::string>("path", ""), std::string()});
       }
       any_database = !watched.empty();
     } catch (const std::exception& e) {
@@ -106,8 +112,11 @@ int RunLookup(const CCommandLine& line) {
   for (CHolder& holder : holders) {
     if (!verify) break;
     try {
-      std::string now = session.host().Crypto()->HashFile(session.Wide(holder.path), session.settings().policy_number);
-      holder.verdict = boost::algorithm::iequals(now, hash) ? "verified" : "content changed since it was recorded";
+      std::string now = session.host().Crypto()->HashFile(session.Wide(holder.path),
+                                                          session.settings().policy_number);
+      holder.verdict = boost::algorithm::iequals(now, hash)
+                           ? "verified"
+                           : "content changed since it was recorded";
     } catch (const std::exception& e) {
       holder.verdict = e.what();
     }
@@ -123,7 +132,8 @@ int RunLookup(const CCommandLine& line) {
                 << ",\"path\":" << JsonString(holders[i].path);
       if (verify) {
         std::cout << ",\"verified\":" << (holders[i].verdict == "verified" ? "true" : "false");
-        if (holders[i].verdict != "verified") std::cout << ",\"reason\":" << JsonString(holders[i].verdict);
+        if (holders[i].verdict != "verified")
+          std::cout << ",\"reason\":" << JsonString(holders[i].verdict);
       }
       std::cout << "}";
     }
@@ -136,11 +146,13 @@ int RunLookup(const CCommandLine& line) {
     if (good) {
       std::cout << SafePath(holder.path) << "\n";
     } else {
-      std::cerr << "signdb: " << SafePath(holder.path) << " no longer carries it: " << EscapedText(holder.verdict) << "\n";
+      std::cerr << "signdb: " << SafePath(holder.path)
+                << " no longer carries it: " << EscapedText(holder.verdict) << "\n";
     }
   }
   if (found == 0 && !line.Has("--json")) {
-    std::cerr << "signdb: no recorded file carries " << hash << (verify ? " (and still does)" : "") << "\n";
+    std::cerr << "signdb: no recorded file carries " << hash << (verify ? " (and still does)" : "")
+              << "\n";
   }
   if (found > 0) return kExitOk;
   return refused ? kExitError : kExitDifferences;

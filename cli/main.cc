@@ -9,9 +9,9 @@
 
 #include "cli/command_line.h"
 #include "cli/commands.h"
-#include "tool/common/exit_status.h"
 #include "cli/help.h"
-#include "refhost/safe_text.h"
+#include "tool/common/exit_status.h"
+#include "util/safe_text.h"
 
 namespace {
 
@@ -30,11 +30,12 @@ int main(int argc, char** argv) {
   // the umask it was started with.
   ::umask(077);
   static const std::map<std::string, int (*)(const CCommandLine&)> kCommands = {
-      {"init", RunInit},     {"scan", RunScan},       {"check", RunCheck}, {"update", RunUpdate},
-      {"diff", RunDiff},     {"lookup", RunLookup},   {"ls", RunList},     {"show", RunShow},
-      {"verify", RunVerify}, {"dump", RunDump},       {"selftest", RunSelfTest},
-      {"version", RunVersion}, {"renew", RunRenew},     {"sign", RunSign},   {"accept", RunAccept},
-      {"rules", RunRules},   {"watch", RunWatch},     {"status", RunStatus}};
+      {"init", RunInit},     {"scan", RunScan},         {"check", RunCheck},
+      {"update", RunUpdate}, {"diff", RunDiff},         {"lookup", RunLookup},
+      {"ls", RunList},       {"show", RunShow},         {"verify", RunVerify},
+      {"dump", RunDump},     {"selftest", RunSelfTest}, {"version", RunVersion},
+      {"renew", RunRenew},   {"sign", RunSign},         {"accept", RunAccept},
+      {"rules", RunRules},   {"watch", RunWatch},       {"status", RunStatus}};
   try {
     CCommandLine line = ParseCommandLine(std::vector<std::string>(argv + 1, argv + argc));
     if (line.command == "help") {
@@ -51,7 +52,8 @@ int main(int argc, char** argv) {
     }
     auto command = kCommands.find(line.command);
     if (command == kCommands.end()) {
-      std::cerr << "signdb: unknown command '" << EscapedText(line.command) << "' (see signdb --help)\n";
+      std::cerr << "signdb: unknown command '" << EscapedText(line.command)
+                << "' (see signdb --help)\n";
       return kExitError;
     }
     if (line.Has("--help")) {

@@ -4,9 +4,9 @@
 #include <iostream>
 
 #include "cli/command_line.h"
-#include "refhost/safe_text.h"
 #include "refhost/settings.h"
 #include "tool/common/exit_status.h"
+#include "util/safe_text.h"
 
 CSessionOptions SessionOptionsOf(const CCommandLine& line) {
   CSessionOptions options;
@@ -23,8 +23,10 @@ std::vector<const CRefPolicySettings*> PoliciesOf(CSession& session, const CComm
   std::vector<const CRefPolicySettings*> policies;
   if (line.Has("--all") || line.arguments.empty()) {
     if (!line.arguments.empty()) throw CToolError("--all names no policy: give one or the other");
-    for (const CRefPolicySettings& policy : session.settings().policies) policies.push_back(&policy);
-    if (policies.empty()) throw CToolError("the configuration " + session.config_path() + " names no policy");
+    for (const CRefPolicySettings& policy : session.settings().policies)
+      policies.push_back(&policy);
+    if (policies.empty())
+      throw CToolError("the configuration " + session.config_path() + " names no policy");
   } else {
     policies.push_back(&session.Policy(line.arguments.front()));
   }
@@ -41,7 +43,8 @@ std::string RelativeToRoot(const CRefPolicySettings& policy, std::string path) {
 }
 
 void ReportPolicyError(const CRefPolicySettings& policy, const CToolError& error) {
-  std::cerr << "signdb: policy '" << EscapedText(policy.name) << "': " << EscapedText(error.what()) << "\n";
+  std::cerr << "signdb: policy '" << EscapedText(policy.name) << "': " << EscapedText(error.what())
+            << "\n";
   for (const std::string& hint : error.hints()) std::cerr << "  " << EscapedText(hint) << "\n";
 }
 

@@ -1,24 +1,24 @@
 // signdb renew --ca-key PATH [--days N]: a new signer certificate for the signer key already in
 // use, issued with the CA key brought to this host for that moment only.
 
+#include <boost/filesystem/operations.hpp>
 #include <iostream>
 
-#include <boost/filesystem/operations.hpp>
-
 #include "cli/command_line.h"
-#include "cli/policy_arguments.h"
 #include "cli/commands.h"
-#include "tool/common/exit_status.h"
-#include "tool/session/session.h"
-#include "util/text_format.h"
+#include "cli/policy_arguments.h"
 #include "refhost/dev_keys.h"
 #include "refhost/file_io.h"
 #include "refhost/pkcs7.h"
+#include "tool/common/exit_status.h"
+#include "tool/session/session.h"
+#include "util/text_format.h"
 
 int RunRenew(const CCommandLine& line) {
   RequireShape(line, {"--ca-key", "--days"}, 0, 0);
   std::string ca_key = line.Value("--ca-key");
-  if (ca_key.empty()) throw CToolError("signdb renew needs the CA key: --ca-key PATH (kept off this host)");
+  if (ca_key.empty())
+    throw CToolError("signdb renew needs the CA key: --ca-key PATH (kept off this host)");
   long days = 365;
   try {
     if (!line.Value("--days").empty()) days = std::stol(line.Value("--days"));
@@ -39,10 +39,12 @@ int RunRenew(const CCommandLine& line) {
     DurableRename(fresh, settings.signer_certificate);
   } catch (const std::exception& e) {
     boost::filesystem::remove(fresh, ignored);
-    throw CToolError(e.what(), {"the signer certificate " + settings.signer_certificate + " stays as it was"});
+    throw CToolError(
+        e.what(), {"the signer certificate " + settings.signer_certificate + " stays as it was"});
   }
   std::cout << "renewed " << settings.signer_certificate << ": valid until "
-            << TimeText(static_cast<uint64_t>(CertificateNotAfter(settings.signer_certificate)) * 1000000000ull)
+            << TimeText(static_cast<uint64_t>(CertificateNotAfter(settings.signer_certificate)) *
+                        1000000000ull)
             << "\n";
   return kExitOk;
 }

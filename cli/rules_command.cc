@@ -5,15 +5,15 @@
 #include <iostream>
 
 #include "cli/command_line.h"
-#include "cli/policy_arguments.h"
 #include "cli/commands.h"
-#include "tool/common/exit_status.h"
+#include "cli/policy_arguments.h"
 #include "tool/change/object_state.h"
+#include "tool/common/exit_status.h"
 #include "tool/rules/policy_rules.h"
-#include "tool/session/session.h"
 #include "tool/scan/tree_check.h"
-#include "refhost/safe_text.h"
-#include "refhost/text_conversion.h"
+#include "tool/session/session.h"
+#include "util/safe_text.h"
+#include "util/text_conversion.h"
 
 int RunRules(const CCommandLine& line) {
   RequireShape(line, {}, 2, 2);
@@ -24,7 +24,8 @@ int RunRules(const CCommandLine& line) {
   std::string full = (policy.root == "/" ? "/" : policy.root + "/") + relative;
   struct stat status {};
   bool exists = ::lstat(full.c_str(), &status) == 0;
-  CObjectKind kind = exists ? KindOf(S_ISDIR(status.st_mode), static_cast<uint32_t>(status.st_mode), S_ISLNK(status.st_mode))
+  CObjectKind kind = exists ? KindOf(S_ISDIR(status.st_mode), static_cast<uint32_t>(status.st_mode),
+                                     S_ISLNK(status.st_mode))
                             : CObjectKind::kFile;
   std::cout << EscapedText(relative.empty() ? "." : relative) << " (" << KindWords(kind)
             << (exists ? "" : ", not on disk: taken as a file") << "): ";

@@ -8,17 +8,17 @@
 #include <vector>
 
 #include "cli/command_line.h"
-#include "cli/policy_arguments.h"
 #include "cli/commands.h"
-#include "tool/common/exit_status.h"
-#include "tool/report/progress_line.h"
-#include "tool/session/session.h"
-#include "util/text_format.h"
-#include "tool/scan/tree_check.h"
-#include "tool/scan/tree_scanner.h"
+#include "cli/policy_arguments.h"
 #include "hashdb/hash_db.h"
 #include "refhost/file_obj_info.h"
-#include "refhost/safe_text.h"
+#include "tool/common/exit_status.h"
+#include "tool/scan/progress_line.h"
+#include "tool/scan/tree_check.h"
+#include "tool/scan/tree_scanner.h"
+#include "tool/session/session.h"
+#include "util/safe_text.h"
+#include "util/text_format.h"
 
 namespace {
 
@@ -40,22 +40,27 @@ int ScanPolicy(CSession& session, const CRefPolicySettings& policy, const CComma
           database->InsertObject(immediate, info);
         },
         [&](const std::string& relative, const std::string& reason) {
-          unreadable.emplace_back(relative.empty() ? "." : relative, reason);  // under the scanner's lock
+          unreadable.emplace_back(relative.empty() ? "." : relative,
+                                  reason);  // under the scanner's lock
         });
   }
   // Named once the progress line is gone, in order.
   std::sort(unreadable.begin(), unreadable.end());
-  for (const auto& [path, reason] : unreadable) std::cerr << "signdb: cannot read " << SafePath(path.empty() ? "." : path) << " (" << EscapedText(reason) << ")\n";
+  for (const auto& [path, reason] : unreadable)
+    std::cerr << "signdb: cannot read " << SafePath(path.empty() ? "." : path) << " ("
+              << EscapedText(reason) << ")\n";
   std::string saved = session.Save(database, policy);
   double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   const CScanCounters& counters = scanner.counters();
   char elapsed[32];
   std::snprintf(elapsed, sizeof elapsed, "%.2f", seconds);
-  std::cout << "policy " << EscapedText(policy.name) << " (" << EscapedText(policy.root) << "): recorded " << GroupedNumber(counters.objects)
-            << " objects (" << ByteSize(counters.bytes) << ") in " << elapsed << " s; saved " << saved << "\n";
+  std::cout << "policy " << EscapedText(policy.name) << " (" << EscapedText(policy.root)
+            << "): recorded " << GroupedNumber(counters.objects) << " objects ("
+            << ByteSize(counters.bytes) << ") in " << elapsed << " s; saved " << saved << "\n";
   if (counters.unreadable > 0) {
     std::cout << GroupedNumber(counters.unreadable)
-              << (counters.unreadable == 1 ? " object could not be read" : " objects could not be read")
+              << (counters.unreadable == 1 ? " object could not be read"
+                                           : " objects could not be read")
               << " and is not recorded (see above)\n";
     return kExitError;
   }

@@ -9,7 +9,6 @@
 
 #include "cli/command_line.h"
 #include "cli/commands.h"
-#include "tool/common/exit_status.h"
 #include "front/sign_db.h"
 #include "hashdb/hash_db.h"
 #include "hashdb/obj_info.h"
@@ -21,6 +20,7 @@
 #include "refhost/policy.h"
 #include "refhost/ref_host.h"
 #include "refhost/settings.h"
+#include "tool/common/exit_status.h"
 
 namespace {
 
@@ -65,9 +65,10 @@ int RunSelfTest(const CCommandLine& line) {
                context ? context->Name() : "(none)");
 
     // A small real tree, recorded through the module, then checked and changed.
-    boost::filesystem::path root = scratch.empty() ? boost::filesystem::temp_directory_path() /
-                                                         boost::filesystem::unique_path("signdb-selftest-%%%%")
-                                                   : scratch / "tree";
+    boost::filesystem::path root = scratch.empty()
+                                       ? boost::filesystem::temp_directory_path() /
+                                             boost::filesystem::unique_path("signdb-selftest-%%%%")
+                                       : scratch / "tree";
     boost::filesystem::create_directories(root / "etc");
     std::ofstream((root / "etc" / "hosts").string()) << "127.0.0.1 localhost\n";
     std::ofstream((root / "readme.txt").string()) << "signdb selftest\n";
@@ -84,9 +85,11 @@ int RunSelfTest(const CCommandLine& line) {
       db->InsertObject(none, info_of(it->path()));
       ++recorded;
     }
-    test.Check(recorded == 3 && db->ChangeCounter() == 3, "objects recorded", std::to_string(recorded));
+    test.Check(recorded == 3 && db->ChangeCounter() == 3, "objects recorded",
+               std::to_string(recorded));
     uint32_t unchanged = db->CheckObject(info_of(root / "etc" / "hosts"));
-    test.Check(unchanged == kCheckUnchanged, "check of an unchanged file", std::to_string(unchanged));
+    test.Check(unchanged == kCheckUnchanged, "check of an unchanged file",
+               std::to_string(unchanged));
     std::string hash = db->HashOfObject(utility.ToWide((root / "etc" / "hosts").string()));
     std::wstring found = front->FindFileByHash(hash, true);
     test.Check(found == utility.ToWide((root / "etc" / "hosts").string()), "file found by its hash",
@@ -95,7 +98,8 @@ int RunSelfTest(const CCommandLine& line) {
     uint32_t changed = db->CheckObject(info_of(root / "etc" / "hosts"));
     test.Check(changed == kCheckHashChanged, "check of a changed file", std::to_string(changed));
     uint32_t added = db->CheckObject(info_of(root / "never-existed.txt"));  // reported as gone
-    test.Check(added == kCheckUnchanged, "check of a path that never existed", std::to_string(added));
+    test.Check(added == kCheckUnchanged, "check of a path that never existed",
+               std::to_string(added));
     db.reset();
     if (scratch.empty()) boost::filesystem::remove_all(root);
     failures = test.failures();

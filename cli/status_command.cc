@@ -1,26 +1,25 @@
 // signdb status: what the running watch service says of each policy it follows, or, when none runs,
 // what is saved.
 
+#include <Poco/Dynamic/Var.h>
+#include <Poco/JSON/Array.h>
+#include <Poco/JSON/Object.h>
+#include <Poco/JSON/Parser.h>
 #include <sys/stat.h>
 
 #include <iostream>
 #include <string>
 
-#include <Poco/Dynamic/Var.h>
-#include <Poco/JSON/Array.h>
-#include <Poco/JSON/Object.h>
-#include <Poco/JSON/Parser.h>
-
 #include "cli/command_line.h"
-#include "cli/policy_arguments.h"
 #include "cli/commands.h"
-#include "tool/common/exit_status.h"
-#include "tool/watch/query_server.h"
-#include "tool/store/service_lock.h"
-#include "tool/session/session.h"
-#include "util/text_format.h"
+#include "cli/policy_arguments.h"
 #include "front/sign_db.h"
-#include "refhost/safe_text.h"
+#include "tool/common/exit_status.h"
+#include "tool/session/session.h"
+#include "tool/store/service_lock.h"
+#include "tool/watch/query_server.h"
+#include "util/safe_text.h"
+#include "util/text_format.h"
 
 namespace {
 
@@ -36,9 +35,11 @@ int PrintServiceStatus(const std::string& answer, bool json) {
     std::cout << answer << "\n";
     return kExitOk;
   }
-  Poco::JSON::Object::Ptr status = Poco::JSON::Parser().parse(answer).extract<Poco::JSON::Object::Ptr>();
+  Poco::JSON::Object::Ptr status =
+      Poco::JSON::Parser().parse(answer).extract<Poco::JSON::Object::Ptr>();
   if (!status->optValue<bool>("ok", false)) {
-    throw CToolError("the watch service answered: " + status->optValue<std::string>("error", answer));
+    throw CToolError("the watch service answered: " +
+                     status->optValue<std::string>("error", answer));
   }
   std::cout << "watch service: process " << status->optValue<int>("pid", 0) << "\n";
   Poco::JSON::Array::Ptr policies = status->getArray("policies");
@@ -46,12 +47,14 @@ int PrintServiceStatus(const std::string& answer, bool json) {
     Poco::JSON::Object::Ptr policy = policies->getObject(static_cast<unsigned>(i));
     std::string saved = policy->optValue<std::string>("last_save", "");
     std::cout << "policy " << EscapedText(policy->optValue<std::string>("name", "")) << " ("
-              << EscapedText(policy->optValue<std::string>("root", "")) << "): "
-              << GroupedNumber(policy->optValue<uint64_t>("nodes", 0)) << " objects recorded, watched with "
-              << policy->optValue<std::string>("watcher", "") << "; " << policy->optValue<uint64_t>("events", 0)
-              << " events, " << policy->optValue<uint64_t>("applied", 0) << " applied, "
-              << policy->optValue<uint64_t>("queued", 0) << " queued, " << policy->optValue<uint64_t>("reconciles", 0)
-              << " reconciles, " << policy->optValue<uint64_t>("lost", 0) << " lost, "
+              << EscapedText(policy->optValue<std::string>("root", ""))
+              << "): " << GroupedNumber(policy->optValue<uint64_t>("nodes", 0))
+              << " objects recorded, watched with " << policy->optValue<std::string>("watcher", "")
+              << "; " << policy->optValue<uint64_t>("events", 0) << " events, "
+              << policy->optValue<uint64_t>("applied", 0) << " applied, "
+              << policy->optValue<uint64_t>("queued", 0) << " queued, "
+              << policy->optValue<uint64_t>("reconciles", 0) << " reconciles, "
+              << policy->optValue<uint64_t>("lost", 0) << " lost, "
               << policy->optValue<uint64_t>("failures", 0) << " failures; last saved "
               << (saved.empty() ? std::string("never") : saved) << "\n";
   }
@@ -80,12 +83,16 @@ int RunStatus(const CCommandLine& line) {
     std::string path = session.Narrow(session.front().HdbFilePath(policy.name));
     std::string when = saved ? FileTimeText(path) : std::string();
     if (json) {
-      std::cout << (first ? "" : ",") << "{\"name\":" << JsonString(policy.name) << ",\"root\":" << JsonString(policy.root)
-                << ",\"watcher\":null,\"database\":" << (saved ? JsonString(path) : std::string("null"))
+      std::cout << (first ? "" : ",") << "{\"name\":" << JsonString(policy.name)
+                << ",\"root\":" << JsonString(policy.root) << ",\"watcher\":null,\"database\":"
+                << (saved ? JsonString(path) : std::string("null"))
                 << ",\"last_save\":" << JsonString(when) << "}";
     } else {
-      std::cout << "policy " << EscapedText(policy.name) << " (" << EscapedText(policy.root) << "): not watched; "
-                << (saved ? "saved " + when + " in " + EscapedText(path) : std::string("no database yet")) << "\n";
+      std::cout << "policy " << EscapedText(policy.name) << " (" << EscapedText(policy.root)
+                << "): not watched; "
+                << (saved ? "saved " + when + " in " + EscapedText(path)
+                          : std::string("no database yet"))
+                << "\n";
     }
     first = false;
   }

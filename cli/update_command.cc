@@ -10,26 +10,27 @@
 #include <string>
 #include <vector>
 
-#include "tool/report/check_report.h"
 #include "cli/command_line.h"
-#include "cli/policy_arguments.h"
-#include "tool/change/difference_apply.h"
 #include "cli/commands.h"
-#include "tool/common/exit_status.h"
-#include "tool/report/report_event.h"
-#include "tool/report/report_sink.h"
-#include "tool/session/session.h"
-#include "tool/scan/tree_check.h"
+#include "cli/policy_arguments.h"
 #include "hashdb/hash_db.h"
 #include "refhost/file_obj_info.h"
+#include "tool/common/exit_status.h"
+#include "tool/report/check_report.h"
+#include "tool/report/report_event.h"
+#include "tool/report/report_sink.h"
+#include "tool/scan/difference_apply.h"
+#include "tool/scan/tree_check.h"
+#include "tool/session/session.h"
 
 namespace {
 
 // Whether "path" is one of "named" or lies below one of them.
 bool NamedOrBelow(const std::string& path, const std::vector<std::string>& named) {
   for (const std::string& name : named) {
-    if (name.empty() || path == name || (path.size() > name.size() && path.compare(0, name.size(), name) == 0 &&
-                                         path[name.size()] == '/')) {
+    if (name.empty() || path == name ||
+        (path.size() > name.size() && path.compare(0, name.size(), name) == 0 &&
+         path[name.size()] == '/')) {
       return true;
     }
   }
@@ -50,10 +51,13 @@ size_t AskEach(std::vector<CDifference>& differences) {
     }
     if (!all) {
       std::cout << DifferenceText(difference) << "\n"
-                << "accept? [y]es, [n]o, [a]ll that follow, [q]uit (accept nothing more): " << std::flush;
+                << "accept? [y]es, [n]o, [a]ll that follow, [q]uit (accept nothing more): "
+                << std::flush;
       std::string answer;
       if (!std::getline(std::cin, answer)) answer = "q";
-      char first = answer.empty() ? 'n' : static_cast<char>(std::tolower(static_cast<unsigned char>(answer[0])));
+      char first = answer.empty()
+                       ? 'n'
+                       : static_cast<char>(std::tolower(static_cast<unsigned char>(answer[0])));
       if (first == 'q') {
         done = true;
         ++refused;
@@ -80,9 +84,9 @@ int UpdatePolicy(CSession& session, const CRefPolicySettings& policy, const CCom
   // Only what was named (a rename counts by its new and its old path), and nothing excepted.
   size_t left = 0;
   if (line.Has("--packages")) {  // exactly what the packages explain
-    auto kept = std::stable_partition(result.differences.begin(), result.differences.end(), [](const CDifference& d) {
-      return d.package_verdict == CPackageVerdict::kByPackage;
-    });
+    auto kept = std::stable_partition(
+        result.differences.begin(), result.differences.end(),
+        [](const CDifference& d) { return d.package_verdict == CPackageVerdict::kByPackage; });
     left += static_cast<size_t>(result.differences.end() - kept);
     result.differences.erase(kept, result.differences.end());
   }
@@ -103,15 +107,20 @@ int UpdatePolicy(CSession& session, const CRefPolicySettings& policy, const CCom
   std::string saved;
   // --bind saves even an unchanged tree: that is how a database gets its policy binding.
   if (!result.differences.empty() || line.Has("--bind")) saved = session.Save(database, policy);
-  CReportContext context = CReportContext::Make(policy.name, policy.root, "update", session.settings().policy_number);
+  CReportContext context =
+      CReportContext::Make(policy.name, policy.root, "update", session.settings().policy_number);
   PrintCheckReport(std::cout, result, policy, context, line.Has("--json"), true);
-  for (const std::string& destination : line.Values("--report")) SendReport(destination, result, policy, context, true);
+  for (const std::string& destination : line.Values("--report"))
+    SendReport(destination, result, policy, context, true);
   if (!line.Has("--json")) {
     std::cout << (saved.empty() ? std::string("nothing to accept; the database stays as it is")
-                                : "saved " + saved + " (the one it replaced: " + session.PreviousFileOf(policy) + ")")
+                                : "saved " + saved + " (the one it replaced: " +
+                                      session.PreviousFileOf(policy) + ")")
               << "\n";
     if (left > 0) {
-      std::cout << left << (left == 1 ? " difference was not chosen and stays" : " differences were not chosen and stay")
+      std::cout << left
+                << (left == 1 ? " difference was not chosen and stays"
+                              : " differences were not chosen and stay")
                 << " reported by the next check\n";
     }
   }
@@ -121,7 +130,9 @@ int UpdatePolicy(CSession& session, const CRefPolicySettings& policy, const CCom
 }  // namespace
 
 int RunUpdate(const CCommandLine& line) {
-  RequireShape(line, {"--json", "--bind", "--sign-later", "--all", "--except", "--report", "--packages", "--interactive"},
+  RequireShape(line,
+               {"--json", "--bind", "--sign-later", "--all", "--except", "--report", "--packages",
+                "--interactive"},
                0, SIZE_MAX);
   if (line.Has("--interactive") && (::isatty(0) == 0 || line.Has("--json"))) {
     throw CToolError("update -i asks on a terminal: run it on one, without --json");
@@ -131,8 +142,10 @@ int RunUpdate(const CCommandLine& line) {
   std::vector<std::string> only;
   std::vector<std::string> except;
   if (policies.size() == 1 && !line.Has("--all") && !line.arguments.empty()) {
-    for (size_t i = 1; i < line.arguments.size(); ++i) only.push_back(RelativeToRoot(*policies[0], line.arguments[i]));
-    for (const std::string& path : line.Values("--except")) except.push_back(RelativeToRoot(*policies[0], path));
+    for (size_t i = 1; i < line.arguments.size(); ++i)
+      only.push_back(RelativeToRoot(*policies[0], line.arguments[i]));
+    for (const std::string& path : line.Values("--except"))
+      except.push_back(RelativeToRoot(*policies[0], path));
   } else if (!line.Values("--except").empty()) {
     throw CToolError("--except names paths of one policy: name the policy");
   }

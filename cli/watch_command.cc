@@ -1,6 +1,9 @@
 // signdb watch [POLICY...]: keeps the policies' databases up to date from the kernel's file events,
 // answers queries on a local socket while it runs, and saves on a period and when it is stopped.
 
+#include <Poco/Dynamic/Var.h>
+#include <Poco/JSON/Object.h>
+#include <Poco/JSON/Parser.h>
 #include <pthread.h>
 #include <signal.h>
 #include <sys/epoll.h>
@@ -17,28 +20,24 @@
 #include <string>
 #include <vector>
 
-#include <Poco/Dynamic/Var.h>
-#include <Poco/JSON/Object.h>
-#include <Poco/JSON/Parser.h>
-
-#include "tool/report/change_log.h"
 #include "cli/command_line.h"
-#include "cli/policy_arguments.h"
 #include "cli/commands.h"
+#include "cli/policy_arguments.h"
+#include "front/sign_db.h"
+#include "hashdb/hash_db.h"
 #include "tool/common/exit_status.h"
+#include "tool/report/change_log.h"
 #include "tool/report/hash_holders.h"
-#include "util/json_line.h"
-#include "tool/watch/policy_watch.h"
-#include "tool/watch/query_server.h"
 #include "tool/report/recorded_listing.h"
 #include "tool/report/recorded_object_json.h"
-#include "tool/store/service_lock.h"
-#include "tool/session/session.h"
-#include "util/text_format.h"
 #include "tool/scan/tree_check.h"
-#include "front/sign_db.h"
-#include "refhost/safe_text.h"
-#include "hashdb/hash_db.h"
+#include "tool/session/session.h"
+#include "tool/store/service_lock.h"
+#include "tool/watch/policy_watch.h"
+#include "tool/watch/query_server.h"
+#include "util/json_line.h"
+#include "util/safe_text.h"
+#include "util/text_format.h"
 
 namespace {
 
@@ -60,7 +59,8 @@ class CWatchService {
         log_(session.DataFolder() + "/watch-changes.ndjson") {}
 
   void Add(const CRefPolicySettings& policy, std::shared_ptr<CHashDB> database) {
-    watches_.push_back(std::make_unique<CPolicyWatch>(session_, policy, std::move(database), &log_));
+    watches_.push_back(
+        std::make_unique<CPolicyWatch>(session_, policy, std::move(database), &log_));
   }
 
   // Follows the events until SIGTERM or SIGINT; saves what changed, then returns.
@@ -69,7 +69,8 @@ class CWatchService {
   void Run(const sigset_t& stop_signals) {
     int signal_fd = ::signalfd(-1, &stop_signals, SFD_CLOEXEC | SFD_NONBLOCK);
     int epoll_fd = ::epoll_create1(EPOLL_CLOEXEC);
-    if (signal_fd < 0 || epoll_fd < 0) throw CToolError(std::string("cannot wait for events: ") + std::strerror(errno));
+    if (signal_fd < 0 || epoll_fd < 0)
+      throw CToolError(std::string("cannot wait for events: ") + std::strerror(errno));
 
     for (auto& watch : watches_) {
       watch->Start(force_inotify_);
@@ -78,7 +79,7 @@ class CWatchService {
     CQueryServer server(session_.DataFolder() + "/watch.sock",
                         [this](const std::string& request) { return Answer(request); });
     auto add = [epoll_fd](int fd, uint64_t tag) {
-      epoll_event event {};
+      epoll_event event{};
       event.events = EPOLLIN;
       event.data.u64 = tag;
       if (::epoll_ctl(epoll_fd, EPOLL_CTL_ADD, fd, &event) != 0) {
@@ -91,15 +92,16 @@ class CWatchService {
     add(server.fd(), kServerTag);
     for (size_t i = 0; i < watches_.size(); ++i) add(watches_[i]->fd(), i);
     for (auto& watch : watches_) {
-      std::cout << "watching policy " << watch->policy().name << " (" << EscapedText(watch->policy().root) << ") with "
-                << watch->watcher_kind() << "\n";
+      std::cout << "watching policy " << watch->policy().name << " ("
+                << EscapedText(watch->policy().root) << ") with " << watch->watcher_kind() << "\n";
     }
     std::cout << "queries at " << server.path() << std::endl;
 
     std::optional<CClock::time_point> save_due;
     std::vector<std::optional<CClock::time_point>> shrink_due(watches_.size());
     for (size_t i = 0; i < watches_.size(); ++i) {
-      if (watches_[i]->shrink_period().count() > 0) shrink_due[i] = CClock::now() + watches_[i]->shrink_period();
+      if (watches_[i]->shrink_period().count() > 0)
+        shrink_due[i] = CClock::now() + watches_[i]->shrink_period();
     }
     for (;;) {
       // Asleep until something happens: a queued write to read, unsaved changes to save, or a
@@ -124,7 +126,8 @@ class CWatchService {
       }
       epoll_event ready[16];
       int count = ::epoll_wait(epoll_fd, ready, 16, timeout);
-      if (count < 0 && errno != EINTR) throw CToolError(std::string("cannot wait for events: ") + std::strerror(errno));
+      if (count < 0 && errno != EINTR)
+        throw CToolError(std::string("cannot wait for events: ") + std::strerror(errno));
       bool stop = false;
       for (int i = 0; i < count; ++i) {
         uint64_t tag = ready[i].data.u64;
@@ -145,8 +148,8 @@ class CWatchService {
         try {
           watches_[i]->Shrink();
         } catch (const std::exception& e) {
-          std::cerr << "signdb watch: " << watches_[i]->policy().name << ": cannot shrink: " << EscapedText(e.what())
-                    << "\n";
+          std::cerr << "signdb watch: " << watches_[i]->policy().name
+                    << ": cannot shrink: " << EscapedText(e.what()) << "\n";
         }
         shrink_due[i] = CClock::now() + watches_[i]->shrink_period();
       }
@@ -177,7 +180,8 @@ class CWatchService {
       try {
         all = watch->Save(false, wait) && all;
       } catch (const std::exception& e) {
-        std::cerr << "signdb watch: " << watch->policy().name << ": cannot save: " << EscapedText(e.what()) << "\n";
+        std::cerr << "signdb watch: " << watch->policy().name
+                  << ": cannot save: " << EscapedText(e.what()) << "\n";
       }
     }
     return all;
@@ -190,7 +194,8 @@ class CWatchService {
     return nullptr;
   }
 
-  // One query: {"request":"status"}, {"request":"lookup","hash":H}, {"request":"show","policy":P,"path":R}.
+  // One query: {"request":"status"}, {"request":"lookup","hash":H},
+  // {"request":"show","policy":P,"path":R}.
   std::string Answer(const std::string& line) {
     Poco::JSON::Object::Ptr request;
     try {
@@ -199,16 +204,19 @@ class CWatchService {
     } catch (const std::exception&) {
       return ErrorAnswer("not a JSON object: a request is one line like {\"request\":\"status\"}");
     }
-    if (request.isNull()) return ErrorAnswer("not a JSON object: a request is one line like {\"request\":\"status\"}");
+    if (request.isNull())
+      return ErrorAnswer("not a JSON object: a request is one line like {\"request\":\"status\"}");
     std::string kind = request->optValue<std::string>("request", "");
     try {
       if (kind == "status") return Status();
       if (kind == "lookup") return Lookup(request->optValue<std::string>("hash", ""));
       if (kind == "show") {
-        return Show(request->optValue<std::string>("policy", ""), request->optValue<std::string>("path", ""));
+        return Show(request->optValue<std::string>("policy", ""),
+                    request->optValue<std::string>("path", ""));
       }
       if (kind == "list") {
-        return List(request->optValue<std::string>("policy", ""), request->optValue<std::string>("path", ""),
+        return List(request->optValue<std::string>("policy", ""),
+                    request->optValue<std::string>("path", ""),
                     request->optValue<bool>("recursive", false));
       }
     } catch (const std::exception& e) {
@@ -219,31 +227,40 @@ class CWatchService {
 
   std::string Status() {
     CJsonLine answer;
-    answer.Open().Bool("ok", true).Number("pid", static_cast<uint64_t>(::getpid())).OpenArray("policies");
+    answer.Open()
+        .Bool("ok", true)
+        .Number("pid", static_cast<uint64_t>(::getpid()))
+        .OpenArray("policies");
     for (const auto& watch : watches_) {
       const CPolicyWatch::CCounters& counters = watch->counters();
       answer.Open().String("name", watch->policy().name).String("root", watch->policy().root);
       answer.String("watcher", watch->watcher_kind()).Number("nodes", watch->nodes());
-      answer.Number("events", counters.events).Number("applied", counters.applied).Number("queued", watch->queued());
+      answer.Number("events", counters.events)
+          .Number("applied", counters.applied)
+          .Number("queued", watch->queued());
       answer.Number("reconciles", counters.reconciles).Number("lost", counters.lost);
       answer.Number("failures", counters.failures).Number("shrunk", counters.shrunk);
-      answer.Number("unwatched", watch->unwatched()).Number("changes", watch->database()->ChangeCounter());
+      answer.Number("unwatched", watch->unwatched())
+          .Number("changes", watch->database()->ChangeCounter());
       answer.String("last_save", counters.last_save).Close();
     }
     return answer.Close().Close().Take();
   }
 
-
   // Every file of the watched policies that carries the hash.
   std::string Lookup(const std::string& hash) {
     if (hash.empty()) return ErrorAnswer("lookup needs a \"hash\"");
     std::string lowered = hash;
-    std::transform(lowered.begin(), lowered.end(), lowered.begin(), [](unsigned char c) { return std::tolower(c); });
+    std::transform(lowered.begin(), lowered.end(), lowered.begin(),
+                   [](unsigned char c) { return std::tolower(c); });
     CJsonLine answer;
     answer.Open().Bool("ok", true).OpenArray("holders");
     for (auto& watch : watches_) {
       for (const std::wstring& path : HoldersOf(*watch->database(), lowered, true)) {
-        answer.Open().String("policy", watch->policy().name).String("path", session_.Narrow(path)).Close();
+        answer.Open()
+            .String("policy", watch->policy().name)
+            .String("path", session_.Narrow(path))
+            .Close();
       }
     }
     return answer.Close().Close().Take();
@@ -255,7 +272,8 @@ class CWatchService {
     CJsonLine answer;
     answer.Open().Bool("ok", true).OpenArray("entries");
     for (const CListedObject& object :
-         ListRecorded(session_, watch->policy(), *watch->database(), RelativeToRoot(watch->policy(), path), recursive)) {
+         ListRecorded(watch->policy(), *watch->database(), RelativeToRoot(watch->policy(), path),
+                      recursive)) {
       answer.Raw({}, ListedJson(object));
     }
     return answer.Close().Close().Take();
@@ -267,10 +285,11 @@ class CWatchService {
     std::wstring full = session_.WideFullPath(watch->policy(), relative);
     CHashDB& database = *watch->database();
     if (!database.ExistsAs(full, database.IsDirectory(full))) {
-      return ErrorAnswer((relative.empty() ? std::string(".") : relative) + " is not recorded in policy '" +
-                         policy_name + "'");
+      return ErrorAnswer((relative.empty() ? std::string(".") : relative) +
+                         " is not recorded in policy '" + policy_name + "'");
     }
-    return "{\"ok\":true,\"object\":" + RecordedObjectJson(database, full, session_.Narrow(full), relative) + "}";
+    return "{\"ok\":true,\"object\":" +
+           RecordedObjectJson(database, full, session_.Narrow(full), relative) + "}";
   }
 
   CSession& session_;
@@ -289,9 +308,11 @@ int RunWatch(const CCommandLine& line) {
     try {
       size_t used = 0;
       save_period = std::stol(line.Value("--save-period"), &used);
-      if (used != line.Value("--save-period").size() || save_period < 1) throw std::invalid_argument("");
+      if (used != line.Value("--save-period").size() || save_period < 1)
+        throw std::invalid_argument("");
     } catch (const std::exception&) {
-      throw CToolError("--save-period takes a number of seconds, 1 or more: '" + line.Value("--save-period") + "'");
+      throw CToolError("--save-period takes a number of seconds, 1 or more: '" +
+                       line.Value("--save-period") + "'");
     }
   }
   // Before any thread starts (the session's pool): every thread inherits the blocked signals, so
@@ -300,7 +321,8 @@ int RunWatch(const CCommandLine& line) {
   sigemptyset(&stop_signals);
   sigaddset(&stop_signals, SIGTERM);
   sigaddset(&stop_signals, SIGINT);
-  if (::pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr) != 0) throw CToolError("cannot block the stop signals");
+  if (::pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr) != 0)
+    throw CToolError("cannot block the stop signals");
   CSession session(SessionOptionsOf(line));
   std::unique_ptr<CServiceLock> service_lock;
   try {
@@ -310,8 +332,10 @@ int RunWatch(const CCommandLine& line) {
   }
   std::vector<const CRefPolicySettings*> policies;
   if (line.arguments.empty()) {
-    for (const CRefPolicySettings& policy : session.settings().policies) policies.push_back(&policy);
-    if (policies.empty()) throw CToolError("the configuration " + session.config_path() + " names no policy");
+    for (const CRefPolicySettings& policy : session.settings().policies)
+      policies.push_back(&policy);
+    if (policies.empty())
+      throw CToolError("the configuration " + session.config_path() + " names no policy");
   } else {
     for (const std::string& name : line.arguments) policies.push_back(&session.Policy(name));
   }
@@ -337,8 +361,8 @@ int RunWatch(const CCommandLine& line) {
         database = session.LoadDatabase(*policy);
       } catch (const CToolError& e) {
         if (!line.Has("--rescan")) throw;
-        std::cerr << "signdb watch: " << EscapedText(e.what()) << "; recording the tree of policy '" << policy->name
-                  << "' afresh (--rescan)\n";
+        std::cerr << "signdb watch: " << EscapedText(e.what()) << "; recording the tree of policy '"
+                  << policy->name << "' afresh (--rescan)\n";
         database = session.NewDatabase(*policy);
       }
     }

@@ -9,7 +9,7 @@
 #include "hashdb/wide_path.h"
 
 #include "refhost/settings.h"
-#include "refhost/text_conversion.h"
+#include "util/text_conversion.h"
 
 namespace {
 

@@ -2,7 +2,7 @@
 
 #include "host/cfgex_service.h"
 #include "refhost/settings.h"
-#include "refhost/text_conversion.h"
+#include "util/text_conversion.h"
 
 class CRefCfgExService : public CCfgExService {
  public:

@@ -18,7 +18,7 @@
 #include "refhost/file_descriptor.h"
 #include "refhost/pkcs7.h"
 #include "refhost/settings.h"
-#include "refhost/text_conversion.h"
+#include "util/text_conversion.h"
 
 namespace {
 

@@ -9,7 +9,7 @@
 
 #include "refhost/file_descriptor.h"
 #include "refhost/file_io.h"
-#include "refhost/text_conversion.h"
+#include "util/text_conversion.h"
 
 bool CDeferredSigner::Sign(const std::wstring& path, std::string& result, uint32_t, uint32_t) {
   try {

@@ -9,7 +9,7 @@
 #include <cstdio>
 
 #include "refhost/fallback_file_channel.h"
-#include "refhost/safe_text.h"
+#include "util/safe_text.h"
 
 CRefLogService::CRefLogService(const std::string& level, bool console, const std::string& file)
     : level_(Poco::Logger::parseLevel(level)) {

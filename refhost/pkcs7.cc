@@ -20,7 +20,7 @@
 
 #include "refhost/file_io.h"
 #include "refhost/openssl_handles.h"
-#include "refhost/text_conversion.h"
+#include "util/text_conversion.h"
 
 namespace {
 

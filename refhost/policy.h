@@ -2,7 +2,7 @@
 
 #include "host/policy.h"
 #include "refhost/settings.h"
-#include "refhost/text_conversion.h"
+#include "util/text_conversion.h"
 
 // A policy as the configuration names it.
 class CRefPolicy : public CPolicy {

@@ -4,7 +4,7 @@
 
 #include <cctype>
 
-#include "refhost/text_conversion.h"
+#include "util/text_conversion.h"
 
 namespace security_text {
 namespace {

@@ -17,7 +17,7 @@
 #include "refhost/file_io.h"
 #include "refhost/file_status.h"
 #include "refhost/log_service.h"
-#include "refhost/text_conversion.h"
+#include "util/text_conversion.h"
 
 namespace {
 

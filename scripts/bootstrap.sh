@@ -11,7 +11,7 @@ packages=(
   acl attr libcap2-bin e2fsprogs util-linux
   libgtest-dev libgmock-dev googletest
   libbenchmark-dev
-  clang libclang-rt-14-dev
+  clang libclang-rt-14-dev clang-format
 )
 
 missing=()

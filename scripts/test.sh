@@ -1,12 +1,17 @@
 #!/usr/bin/env bash
 # Builds from scratch and runs every test: once under AddressSanitizer + UndefinedBehaviorSanitizer
-# (all tests), once under ThreadSanitizer (the tests labelled "concurrency"); checks the lock
-# annotations with clang and fuzzes the parsers.
+# (all tests), once under ThreadSanitizer (the tests labelled "concurrency"); checks the tool's
+# format and layers, the lock annotations with clang, and fuzzes the parsers.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 bash scripts/bootstrap.sh
 jobs="${SIGNDB_JOBS:-2}"
+
+# The tool's code keeps the repository's format, and its folders include one another one way only.
+mapfile -t tool_sources < <(find cli tool util -name '*.h' -o -name '*.cc')
+clang-format --dry-run -Werror "${tool_sources[@]}"
+cmake -DSOURCE_DIR="$PWD" -P tests/check_layers.cmake
 # Sanitizer builds: light optimisation and line tables only, to keep a whole run short.
 sanitizer_flags=(-DCMAKE_BUILD_TYPE=RelWithDebInfo "-DCMAKE_CXX_FLAGS_RELWITHDEBINFO=-O1 -g1")
 

@@ -15,7 +15,7 @@
 #include "refhost/file_descriptor.h"
 #include "refhost/log_service.h"
 #include "refhost/settings.h"
-#include "refhost/text_conversion.h"
+#include "util/text_conversion.h"
 #include "refhost/utility_service.h"
 #include "tests/temp_dir.h"
 

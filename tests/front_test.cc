@@ -8,7 +8,7 @@
 #include "hdbfile/hdb_format.h"
 #include "refhost/policy.h"
 #include "refhost/ref_host.h"
-#include "refhost/text_conversion.h"
+#include "util/text_conversion.h"
 #include "tests/fake_obj_info.h"
 #include "tests/temp_dir.h"
 #include "hashdb/wide_path.h"

@@ -12,7 +12,7 @@
 #include "refhost/log_service.h"
 #include "refhost/policy.h"
 #include "refhost/ref_host.h"
-#include "refhost/text_conversion.h"
+#include "util/text_conversion.h"
 #include "tests/fake_obj_info.h"
 #include "tests/temp_dir.h"
 

@@ -11,7 +11,7 @@
 #include "refhost/crypto_service.h"
 #include "refhost/log_service.h"
 #include "refhost/settings.h"
-#include "refhost/text_conversion.h"
+#include "util/text_conversion.h"
 #include "refhost/thread_pool.h"
 #include "refhost/utility_service.h"
 #include "tests/temp_dir.h"

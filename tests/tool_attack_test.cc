@@ -16,13 +16,13 @@
 #include <cstring>
 #include <memory>
 
-#include "tool/report/account_names.h"
+#include "util/account_names.h"
 #include "cli/command_line.h"
 #include "tool/session/session.h"
 #include "hashdb/hash_db.h"
 #include "refhost/file_obj_info.h"
 #include "refhost/ref_host.h"
-#include "refhost/text_conversion.h"
+#include "util/text_conversion.h"
 #include "tests/tool_fixture.h"
 #include "tests/tool_json.h"
 

@@ -8,7 +8,7 @@
 
 #include <set>
 
-#include "refhost/text_conversion.h"
+#include "util/text_conversion.h"
 #include "tests/tool_fixture.h"
 #include "tests/tool_json.h"
 

@@ -9,7 +9,7 @@
 
 #include "refhost/dev_keys.h"
 #include "refhost/pkcs7.h"
-#include "refhost/text_conversion.h"
+#include "util/text_conversion.h"
 #include "tests/tool_fixture.h"
 
 namespace {

@@ -11,7 +11,7 @@
 #include <algorithm>
 #include <sstream>
 
-#include "tool/report/account_names.h"
+#include "util/account_names.h"
 #include "tool/watch/batch_directories.h"
 #include "tool/report/change_log.h"
 #include "cli/command_line.h"
@@ -23,7 +23,7 @@
 #include "util/text_format.h"
 #include "tool/watch/write_queue.h"
 #include "hdbfile/hdb_header.h"
-#include "refhost/safe_text.h"
+#include "util/safe_text.h"
 #include "refhost/security_text.h"
 #include "tests/persistence_fixture.h"
 

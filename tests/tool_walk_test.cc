@@ -17,7 +17,7 @@
 #include "tool/scan/tree_scanner.h"
 #include "refhost/file_descriptor.h"
 #include "refhost/file_obj_info.h"
-#include "refhost/text_conversion.h"
+#include "util/text_conversion.h"
 #include "tests/scoped_mount.h"
 #include "tests/tool_fixture.h"
 #include "tests/tool_json.h"

@@ -2,13 +2,17 @@
 
 #include <charconv>
 
-#include "refhost/text_conversion.h"
+#include "util/text_conversion.h"
 
 namespace {
 
 void AppendUnit(std::string& out, unsigned code) {
   static constexpr char kHex[] = "0123456789ABCDEF";
-  char unit[6] = {'\\', 'u', kHex[(code >> 12) & 0xF], kHex[(code >> 8) & 0xF], kHex[(code >> 4) & 0xF],
+  char unit[6] = {'\\',
+                  'u',
+                  kHex[(code >> 12) & 0xF],
+                  kHex[(code >> 8) & 0xF],
+                  kHex[(code >> 4) & 0xF],
                   kHex[code & 0xF]};
   out.append(unit, sizeof unit);
 }
@@ -21,8 +25,8 @@ void AppendJsonString(std::string& out, std::string_view text) {
   for (size_t i = 0; i < text.size();) {
     // A run of characters that stand as they are goes in at once.
     size_t plain = i;
-    while (plain < text.size() && bytes[plain] >= 0x20 && bytes[plain] < 0x7F && bytes[plain] != '"' &&
-           bytes[plain] != '\\') {
+    while (plain < text.size() && bytes[plain] >= 0x20 && bytes[plain] < 0x7F &&
+           bytes[plain] != '"' && bytes[plain] != '\\') {
       ++plain;
     }
     out.append(text.data() + i, plain - i);
@@ -37,12 +41,23 @@ void AppendJsonString(std::string& out, std::string_view text) {
     }
     if (byte < 0x20) {
       switch (byte) {
-        case '\b': out += "\\b"; break;
-        case '\t': out += "\\t"; break;
-        case '\n': out += "\\n"; break;
-        case '\f': out += "\\f"; break;
-        case '\r': out += "\\r"; break;
-        default: AppendUnit(out, byte);
+        case '\b':
+          out += "\\b";
+          break;
+        case '\t':
+          out += "\\t";
+          break;
+        case '\n':
+          out += "\\n";
+          break;
+        case '\f':
+          out += "\\f";
+          break;
+        case '\r':
+          out += "\\r";
+          break;
+        default:
+          AppendUnit(out, byte);
       }
       ++i;
       continue;
@@ -112,7 +127,9 @@ CJsonLine& CJsonLine::Number(std::string_view key, uint64_t value) {
 
 CJsonLine& CJsonLine::Null(std::string_view key) { return Raw(key, "null"); }
 
-CJsonLine& CJsonLine::Bool(std::string_view key, bool value) { return Raw(key, value ? "true" : "false"); }
+CJsonLine& CJsonLine::Bool(std::string_view key, bool value) {
+  return Raw(key, value ? "true" : "false");
+}
 
 CJsonLine& CJsonLine::Raw(std::string_view key, std::string_view json) {
   Begin(key);

@@ -8,7 +8,8 @@
 // below the root.
 inline bool IsBelowOrSame(const std::string& path, const std::string& top) {
   return top.empty() || path == top ||
-         (path.size() > top.size() && path.compare(0, top.size(), top) == 0 && path[top.size()] == '/');
+         (path.size() > top.size() && path.compare(0, top.size(), top) == 0 &&
+          path[top.size()] == '/');
 }
 
 // The directory that holds "path" ("" for an entry of the root).
@@ -26,4 +27,10 @@ inline std::string NameOf(const std::string& path) {
 // "name" in "directory".
 inline std::string JoinRelative(const std::string& directory, const std::string& name) {
   return directory.empty() ? name : directory + "/" + name;
+}
+
+// The full path of an object given relative to a root ("" is the root itself).
+inline std::string JoinedPath(const std::string& root, const std::string& relative) {
+  if (relative.empty()) return root;
+  return root.empty() || root.back() == '/' ? root + relative : root + "/" + relative;
 }

@@ -5,7 +5,7 @@
 #include <ctime>
 
 #include "util/json_line.h"
-#include "refhost/text_conversion.h"
+#include "util/text_conversion.h"
 
 std::string GroupedNumber(uint64_t value) {
   std::string digits = std::to_string(value);
@@ -74,7 +74,8 @@ std::string Fraction(uint64_t nanoseconds, int digits) {
   for (int i = digits; i < 9; ++i) part /= 10;
   std::string text(static_cast<size_t>(digits) + 1, '0');
   text[0] = '.';
-  for (int i = digits; i >= 1; --i, part /= 10) text[static_cast<size_t>(i)] = static_cast<char>('0' + part % 10);
+  for (int i = digits; i >= 1; --i, part /= 10)
+    text[static_cast<size_t>(i)] = static_cast<char>('0' + part % 10);
   return text;
 }
 
@@ -82,17 +83,20 @@ std::string Fraction(uint64_t nanoseconds, int digits) {
 
 std::string TimeText(uint64_t nanoseconds) {
   if (nanoseconds == ~0ull) return "unknown";
-  return UtcText(static_cast<int64_t>(nanoseconds / 1000000000ull), ' ') + Fraction(nanoseconds, 9) + " UTC";
+  return UtcText(static_cast<int64_t>(nanoseconds / 1000000000ull), ' ') +
+         Fraction(nanoseconds, 9) + " UTC";
 }
 
 std::string IsoTimeText(uint64_t nanoseconds) {
-  return UtcText(static_cast<int64_t>(nanoseconds / 1000000000ull), 'T') + Fraction(nanoseconds, 9) + "Z";
+  return UtcText(static_cast<int64_t>(nanoseconds / 1000000000ull), 'T') +
+         Fraction(nanoseconds, 9) + "Z";
 }
 
 std::string IsoSecondsText(int64_t seconds) { return UtcText(seconds, 'T') + "Z"; }
 
 std::string IsoMillisecondsText(uint64_t nanoseconds) {
-  return UtcText(static_cast<int64_t>(nanoseconds / 1000000000ull), 'T') + Fraction(nanoseconds, 3) + "Z";
+  return UtcText(static_cast<int64_t>(nanoseconds / 1000000000ull), 'T') +
+         Fraction(nanoseconds, 3) + "Z";
 }
 
 bool IsValidUtf8(std::string_view text) {

@@ -9,7 +9,7 @@
 #include "tool/change/attribute_changes.h"
 #include "tool/change/difference.h"
 #include "tool/report/report_event.h"
-#include "refhost/safe_text.h"
+#include "util/safe_text.h"
 #include "refhost/security_text.h"
 
 namespace {

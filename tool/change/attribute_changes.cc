@@ -8,10 +8,10 @@
 #include <iterator>
 #include <set>
 
-#include "tool/report/account_names.h"
-#include "util/text_format.h"
-#include "refhost/safe_text.h"
 #include "refhost/security_text.h"
+#include "util/account_names.h"
+#include "util/safe_text.h"
+#include "util/text_format.h"
 
 namespace {
 

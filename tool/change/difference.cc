@@ -5,17 +5,21 @@
 #include <map>
 
 #include "hashdb/hash_db.h"
-#include "refhost/safe_text.h"
-#include "refhost/text_conversion.h"
+#include "util/safe_text.h"
+#include "util/text_conversion.h"
 
 namespace {
 
 const char* WordsOf(CChange change) {
   switch (change) {
-    case CChange::kNew: return "new";
-    case CChange::kGone: return "gone";
-    case CChange::kRenamed: return "renamed";
-    case CChange::kChanged: return "changed";
+    case CChange::kNew:
+      return "new";
+    case CChange::kGone:
+      return "gone";
+    case CChange::kRenamed:
+      return "renamed";
+    case CChange::kChanged:
+      return "changed";
   }
   return "changed";
 }
@@ -24,12 +28,17 @@ const char* WordsOf(CChange change) {
 // from the database alone).
 const char* WordsOfStatus(uint32_t status) {
   switch (status) {
-    case kCheckHashChanged: return "hash changed";
-    case kCheckAttributesChanged: return "mode changed";
+    case kCheckHashChanged:
+      return "hash changed";
+    case kCheckAttributesChanged:
+      return "mode changed";
     case kCheckTime1Changed:
-    case kCheckTime2Changed: return "times changed";
-    case kCheckSecurityChanged: return "security attributes changed";
-    default: return "changed";
+    case kCheckTime2Changed:
+      return "times changed";
+    case kCheckSecurityChanged:
+      return "security attributes changed";
+    default:
+      return "changed";
   }
 }
 
@@ -39,14 +48,15 @@ void SetHeadline(CDifference& difference) {
   if (difference.change != CChange::kChanged) {
     difference.words = WordsOf(difference.change);
   } else {
-    difference.words = difference.changes.empty() ? WordsOfStatus(difference.status)
-                                                  : HeadlineWords(difference.changes.front().aspect);
+    difference.words = difference.changes.empty()
+                           ? WordsOfStatus(difference.status)
+                           : HeadlineWords(difference.changes.front().aspect);
   }
   if (difference.change == CChange::kNew) difference.warnings = Warnings(difference.current);
 }
 
-CDifference DescribeRecorded(CChange change, const std::string& relative_path, const CObjectState* recorded,
-                             const CObjectState* current) {
+CDifference DescribeRecorded(CChange change, const std::string& relative_path,
+                             const CObjectState* recorded, const CObjectState* current) {
   CDifference difference;
   difference.change = change;
   difference.path = relative_path;
@@ -66,8 +76,9 @@ CDifference RenamedDifference(const CDifference& gone, CDifference arrived) {
   renamed.recorded = gone.recorded;
   renamed.warnings.clear();
   renamed.changes = CompareStates(renamed.recorded, renamed.current);
-  std::erase_if(renamed.changes,
-                [](const CAttributeChange& change) { return change.aspect == CAspect::kStatusChanged; });
+  std::erase_if(renamed.changes, [](const CAttributeChange& change) {
+    return change.aspect == CAspect::kStatusChanged;
+  });
   return renamed;
 }
 
@@ -95,7 +106,8 @@ void PairRenamesAndSort(std::vector<CDifference>& differences) {
   for (size_t i = 0; i < differences.size(); ++i) {
     if (!dropped[i]) kept.push_back(std::move(differences[i]));
   }
-  std::sort(kept.begin(), kept.end(), [](const CDifference& a, const CDifference& b) { return a.path < b.path; });
+  std::sort(kept.begin(), kept.end(),
+            [](const CDifference& a, const CDifference& b) { return a.path < b.path; });
   differences = std::move(kept);
 }
 
@@ -108,19 +120,25 @@ std::string DifferenceText(const CDifference& difference) {
   std::string detail;
   auto add = [&detail](const std::string& text) { detail += (detail.empty() ? "" : "; ") + text; };
   switch (difference.change) {
-    case CChange::kNew: add(Summary(difference.current)); break;
-    case CChange::kGone: add(Summary(difference.recorded)); break;
+    case CChange::kNew:
+      add(Summary(difference.current));
+      break;
+    case CChange::kGone:
+      add(Summary(difference.recorded));
+      break;
     case CChange::kRenamed:
       add("from " + SafePath(difference.from));
       if (!difference.current.hash.empty()) add("hash " + difference.current.hash);
       break;
-    case CChange::kChanged: break;
+    case CChange::kChanged:
+      break;
   }
   for (const CAttributeChange& change : difference.changes) add(change.Text());
   if (!detail.empty()) line += "  " + detail;
   if (!difference.warnings.empty()) {
     line += "  [";
-    for (size_t i = 0; i < difference.warnings.size(); ++i) line += (i ? ", " : "") + difference.warnings[i];
+    for (size_t i = 0; i < difference.warnings.size(); ++i)
+      line += (i ? ", " : "") + difference.warnings[i];
     line += "]";
   }
   return line;

@@ -20,18 +20,18 @@ enum class CChange {
 
 // What the package manager says of a changed or new file.
 enum class CPackageVerdict {
-  kNone,             // no package owns it (or it was not asked)
-  kByPackage,        // its content is what its package installed
-  kConffileEdited,   // a configuration file of a package, changed since installed
+  kNone,                // no package owns it (or it was not asked)
+  kByPackage,           // its content is what its package installed
+  kConffileEdited,      // a configuration file of a package, changed since installed
   kDiffersFromPackage,  // a file of a package whose content is not what the package holds
 };
 
 struct CDifference {
   CChange change = CChange::kNew;
-  std::string words;    // the report's words: "new", "gone", "renamed", or the headline of "changes"
-  uint32_t status = 0;  // the database's check status; 0 for a rename, which pairs two
-  std::string path;     // relative to the policy's root; "" is the root itself
-  std::string from;     // a rename's old path
+  std::string words;  // the report's words: "new", "gone", "renamed", or the headline of "changes"
+  uint32_t status = 0;    // the database's check status; 0 for a rename, which pairs two
+  std::string path;       // relative to the policy's root; "" is the root itself
+  std::string from;       // a rename's old path
   CObjectState recorded;  // what the database holds (changed, gone, renamed: the old path's record)
   CObjectState current;   // what is there now (changed, new, renamed)
   std::vector<CAttributeChange> changes;  // every difference, most important first
@@ -49,8 +49,8 @@ struct CDifference {
 void SetHeadline(CDifference& difference);
 
 // An object recorded in one database and not in the other, or recorded in both with differences.
-CDifference DescribeRecorded(CChange change, const std::string& relative_path, const CObjectState* recorded,
-                             const CObjectState* current);
+CDifference DescribeRecorded(CChange change, const std::string& relative_path,
+                             const CObjectState* recorded, const CObjectState* current);
 
 // One object that left "gone"'s path and arrived at "arrived"'s: a rename, with whatever else
 // changed on the way (a move always sets the status-change time: that alone is no change).

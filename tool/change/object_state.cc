@@ -4,7 +4,7 @@
 
 #include "hashdb/hash_db.h"
 #include "refhost/file_obj_info.h"
-#include "refhost/text_conversion.h"
+#include "util/text_conversion.h"
 
 namespace {
 
@@ -78,7 +78,8 @@ CObjectState RecordedState(CHashDB& database, const std::wstring& full_path) {
 std::optional<CObjectState> RecordedStateIfAny(CHashDB& database, const std::wstring& full_path) {
   CObjectState state;
   // Asked first: nothing recorded there (a new object, the usual case) costs one look-up.
-  if (!database.AttributesOfObject(full_path, state.attributes, state.time_1, state.time_2, state.security)) {
+  if (!database.AttributesOfObject(full_path, state.attributes, state.time_1, state.time_2,
+                                   state.security)) {
     return std::nullopt;
   }
   state.is_dir = database.IsDirectory(full_path);

@@ -6,35 +6,42 @@
 #include <memory>
 #include <unordered_map>
 
+#include "refhost/settings.h"
 #include "tool/common/exit_status.h"
 #include "tool/packages/package_files.h"
 #include "tool/packages/package_owners.h"
-#include "refhost/settings.h"
 
 namespace {
 
 int Rank(CPackageVerdict verdict) {
   switch (verdict) {
-    case CPackageVerdict::kDiffersFromPackage: return 0;
-    case CPackageVerdict::kNone: return 1;
-    case CPackageVerdict::kConffileEdited: return 2;
-    case CPackageVerdict::kByPackage: return 3;
+    case CPackageVerdict::kDiffersFromPackage:
+      return 0;
+    case CPackageVerdict::kNone:
+      return 1;
+    case CPackageVerdict::kConffileEdited:
+      return 2;
+    case CPackageVerdict::kByPackage:
+      return 3;
   }
   return 1;
 }
 
 bool ContentDiffers(const CDifference& difference) {
-  if (difference.change == CChange::kNew && difference.current.kind() == CObjectKind::kDirectory) return true;
+  if (difference.change == CChange::kNew && difference.current.kind() == CObjectKind::kDirectory)
+    return true;
   if (difference.current.kind() != CObjectKind::kFile) return false;
   if (difference.change == CChange::kNew) return true;
   if (difference.change != CChange::kChanged) return false;
-  return std::any_of(difference.changes.begin(), difference.changes.end(),
-                     [](const CAttributeChange& change) { return change.aspect == CAspect::kContent; });
+  return std::any_of(
+      difference.changes.begin(), difference.changes.end(),
+      [](const CAttributeChange& change) { return change.aspect == CAspect::kContent; });
 }
 
 }  // namespace
 
-CPackageExplainer::CPackageExplainer(const CRefPolicySettings& policy, std::string dpkg_root, std::string hdb_path)
+CPackageExplainer::CPackageExplainer(const CRefPolicySettings& policy, std::string dpkg_root,
+                                     std::string hdb_path)
     : policy_(policy), dpkg_root_(std::move(dpkg_root)), hdb_path_(std::move(hdb_path)) {
   system_root_ = dpkg_root_ == "/" ? std::string() : dpkg_root_;
   while (!system_root_.empty() && system_root_.back() == '/') system_root_.pop_back();
@@ -70,7 +77,8 @@ const CPackageFiles& CPackageExplainer::Packages() {
       packages_ = CPackageFiles::Load(dpkg_root_);
     } catch (const std::exception& e) {
       throw CToolError(std::string("the package lists cannot be read: ") + e.what(),
-                       {"set \"dpkg\" of policy '" + policy_.name + "' to the root the packages are installed in, or remove it"});
+                       {"set \"dpkg\" of policy '" + policy_.name +
+                        "' to the root the packages are installed in, or remove it"});
     }
   }
   return *packages_;
@@ -79,11 +87,14 @@ const CPackageFiles& CPackageExplainer::Packages() {
 void CPackageExplainer::Explain(CDifference& difference) {
   if (dpkg_root_.empty()) return;
   if (difference.change == CChange::kGone) {
-    if (!owners_) owners_ = std::make_unique<std::unordered_map<std::string, std::string>>(ReadPackageOwners(hdb_path_));
+    if (!owners_)
+      owners_ = std::make_unique<std::unordered_map<std::string, std::string>>(
+          ReadPackageOwners(hdb_path_));
     auto owner = owners_->find(difference.path);
     if (owner == owners_->end()) return;
     const std::string* now = Packages().Installed(owner->second.substr(0, owner->second.find(' ')));
-    if (now != nullptr && *now == owner->second) return;  // still installed as it was: not its doing
+    if (now != nullptr && *now == owner->second)
+      return;  // still installed as it was: not its doing
     difference.package = owner->second;
     difference.package_verdict = CPackageVerdict::kByPackage;
     difference.words = "removed with package";
@@ -92,8 +103,10 @@ void CPackageExplainer::Explain(CDifference& difference) {
   }
   if (!ContentDiffers(difference)) return;
   std::string full = root_ + "/" + difference.path;
-  if (full.compare(0, system_root_.size(), system_root_) != 0) return;  // outside the packages' system
-  const CPackageFiles::CEntry* entry = Packages().Find(std::string_view(full).substr(system_root_.size()));
+  if (full.compare(0, system_root_.size(), system_root_) != 0)
+    return;  // outside the packages' system
+  const CPackageFiles::CEntry* entry =
+      Packages().Find(std::string_view(full).substr(system_root_.size()));
   if (entry == nullptr) return;
   bool is_new = difference.change == CChange::kNew;
   if (difference.current.kind() == CObjectKind::kDirectory) {  // a directory the package lists
@@ -120,9 +133,10 @@ void CPackageExplainer::Explain(CDifference& difference) {
 }
 
 void RankByPackages(std::vector<CDifference>& differences) {
-  std::stable_sort(differences.begin(), differences.end(), [](const CDifference& a, const CDifference& b) {
-    return Rank(a.package_verdict) < Rank(b.package_verdict);
-  });
+  std::stable_sort(differences.begin(), differences.end(),
+                   [](const CDifference& a, const CDifference& b) {
+                     return Rank(a.package_verdict) < Rank(b.package_verdict);
+                   });
 }
 
 void ExplainByPackages(std::vector<CDifference>& differences, const CRefPolicySettings& policy,

@@ -45,7 +45,6 @@ class CPackageExplainer {
 // edited configuration files, and what the packages changed last, each group in its order.
 void RankByPackages(std::vector<CDifference>& differences);
 
-
 // Asks the package manager about every changed or new regular file whose content differs: one
 // whose content is what its package installed is "changed by package" (or "installed by
 // package"), a package's configuration file edited since is "conffile edited", and a package's

@@ -11,7 +11,7 @@
 
 #include "refhost/file_descriptor.h"
 #include "refhost/file_io.h"
-#include "refhost/text_conversion.h"
+#include "util/text_conversion.h"
 
 namespace {
 
@@ -34,7 +34,8 @@ void ForEachLine(std::string_view text, const CLine& line) {
 
 std::string_view Trimmed(std::string_view text) {
   while (!text.empty() && (text.front() == ' ' || text.front() == '\t')) text.remove_prefix(1);
-  while (!text.empty() && (text.back() == ' ' || text.back() == '\t' || text.back() == '\r')) text.remove_suffix(1);
+  while (!text.empty() && (text.back() == ' ' || text.back() == '\t' || text.back() == '\r'))
+    text.remove_suffix(1);
   return text;
 }
 
@@ -44,7 +45,8 @@ struct CInstalled {
 };
 
 bool EndsWith(const std::string& text, std::string_view suffix) {
-  return text.size() > suffix.size() && text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
+  return text.size() > suffix.size() &&
+         text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
 }
 
 // The installed packages of a status file's text, by name.
@@ -109,13 +111,14 @@ std::unique_ptr<CPackageFiles> CPackageFiles::Load(const std::string& root) {
   if (!listing) throw std::runtime_error("cannot list " + info);
   while (const struct dirent* entry = ::readdir(listing.get())) {
     std::string file = entry->d_name;
-    if (EndsWith(file, ".md5sums") || EndsWith(file, ".list")) lists.emplace_back(file, ReadAll(info + "/" + file));
+    if (EndsWith(file, ".md5sums") || EndsWith(file, ".list"))
+      lists.emplace_back(file, ReadAll(info + "/" + file));
   }
   return FromTexts(status, lists);
 }
 
-std::unique_ptr<CPackageFiles> CPackageFiles::FromTexts(const std::string& status,
-                                                        const std::vector<std::pair<std::string, std::string>>& lists) {
+std::unique_ptr<CPackageFiles> CPackageFiles::FromTexts(
+    const std::string& status, const std::vector<std::pair<std::string, std::string>>& lists) {
   auto files = std::make_unique<CPackageFiles>();
   std::unordered_map<std::string, CInstalled> installed = ParseStatus(status);
   auto package_text = [&](const std::string& name, const CInstalled& package) {
@@ -180,7 +183,8 @@ const std::string* CPackageFiles::Installed(const std::string& name) const {
 }
 
 std::string Md5OfFile(const std::string& path) {
-  CFileDescriptor fd(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+  CFileDescriptor fd(
+      ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
   if (!fd.valid()) return std::string();
   std::unique_ptr<EVP_MD_CTX, void (*)(EVP_MD_CTX*)> context(EVP_MD_CTX_new(), EVP_MD_CTX_free);
   if (!context || EVP_DigestInit_ex(context.get(), EVP_md5(), nullptr) != 1) return std::string();

@@ -18,7 +18,7 @@ class CPackageFiles {
  public:
   struct CEntry {
     const std::string* package = nullptr;  // "name version", shared by every file of the package
-    std::string md5;                        // lowercase hex; empty: listed without a checksum (a directory)
+    std::string md5;  // lowercase hex; empty: listed without a checksum (a directory)
     bool conffile = false;
   };
 
@@ -27,8 +27,8 @@ class CPackageFiles {
   static std::unique_ptr<CPackageFiles> Load(const std::string& root);
   // The same from the texts of the status file and of the info lists ("NAME[:ARCH].md5sums" and
   // "NAME[:ARCH].list", by file name): the parser, whatever the texts hold.
-  static std::unique_ptr<CPackageFiles> FromTexts(const std::string& status,
-                                                  const std::vector<std::pair<std::string, std::string>>& lists);
+  static std::unique_ptr<CPackageFiles> FromTexts(
+      const std::string& status, const std::vector<std::pair<std::string, std::string>>& lists);
 
   // The entry of a file by its path on the system ("/usr/bin/ls"), or null.
   const CEntry* Find(std::string_view system_path) const;

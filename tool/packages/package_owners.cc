@@ -6,18 +6,20 @@
 #include <stdexcept>
 #include <vector>
 
-#include "tool/packages/package_files.h"
 #include "refhost/file_io.h"
+#include "tool/packages/package_files.h"
 
 std::string PackageOwnersPathOf(const std::string& hdb_path) { return hdb_path + ".owners"; }
 
-void WritePackageOwners(const std::string& hdb_path, const std::string& policy_root, const std::string& dpkg_root) {
+void WritePackageOwners(const std::string& hdb_path, const std::string& policy_root,
+                        const std::string& dpkg_root) {
   std::unique_ptr<CPackageFiles> packages = CPackageFiles::Load(dpkg_root);
   std::string system_root = dpkg_root == "/" ? std::string() : dpkg_root;
   while (!system_root.empty() && system_root.back() == '/') system_root.pop_back();
   // The system path of the policy's root, with the slash that starts the paths below it.
   std::string root = policy_root == "/" ? std::string() : policy_root;
-  if (root.compare(0, system_root.size(), system_root) != 0) return;  // the packages' system holds none of it
+  if (root.compare(0, system_root.size(), system_root) != 0)
+    return;  // the packages' system holds none of it
   std::string prefix = root.substr(system_root.size()) + "/";
   std::string text;
   packages->ForEach([&](const std::string& path, const CPackageFiles::CEntry& entry) {
@@ -47,7 +49,8 @@ std::unordered_map<std::string, std::string> ParsePackageOwners(const std::strin
     if (end_of_path == std::string::npos) break;
     size_t end_of_owner = text.find('\0', end_of_path + 1);
     if (end_of_owner == std::string::npos) break;
-    owners.emplace(text.substr(at, end_of_path - at), text.substr(end_of_path + 1, end_of_owner - end_of_path - 1));
+    owners.emplace(text.substr(at, end_of_path - at),
+                   text.substr(end_of_path + 1, end_of_owner - end_of_path - 1));
     at = end_of_owner + 1;
   }
   return owners;

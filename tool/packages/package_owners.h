@@ -11,7 +11,8 @@ std::string PackageOwnersPathOf(const std::string& hdb_path);
 
 // Writes the owners of the paths below "policy_root" as the lists of "dpkg_root" say now.
 // Throws std::runtime_error when the lists or the file cannot be read or written.
-void WritePackageOwners(const std::string& hdb_path, const std::string& policy_root, const std::string& dpkg_root);
+void WritePackageOwners(const std::string& hdb_path, const std::string& policy_root,
+                        const std::string& dpkg_root);
 
 // The owners written at the last save, by relative path; empty when there are none.
 std::unordered_map<std::string, std::string> ReadPackageOwners(const std::string& hdb_path);

@@ -15,13 +15,15 @@ namespace {
 
 int OpenForAppend(const std::string& path) {
   int fd = ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
-  if (fd < 0) throw std::runtime_error("cannot open the change log " + path + ": " + std::strerror(errno));
+  if (fd < 0)
+    throw std::runtime_error("cannot open the change log " + path + ": " + std::strerror(errno));
   return fd;
 }
 
 }  // namespace
 
-CChangeLog::CChangeLog(std::string path, uint64_t rotate_at) : path_(std::move(path)), rotate_at_(rotate_at) {
+CChangeLog::CChangeLog(std::string path, uint64_t rotate_at)
+    : path_(std::move(path)), rotate_at_(rotate_at) {
   fd_ = OpenForAppend(path_);
   struct stat status {};
   if (::fstat(fd_, &status) == 0) size_ = static_cast<uint64_t>(status.st_size);
@@ -62,7 +64,8 @@ void CChangeLog::Rotate() {
   Flush();
   ::close(fd_);
   for (int i = kKept - 1; i >= 1; --i) {
-    std::rename((path_ + "." + std::to_string(i)).c_str(), (path_ + "." + std::to_string(i + 1)).c_str());
+    std::rename((path_ + "." + std::to_string(i)).c_str(),
+                (path_ + "." + std::to_string(i + 1)).c_str());
   }
   std::rename(path_.c_str(), (path_ + ".1").c_str());
   size_ = 0;

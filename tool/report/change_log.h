@@ -35,7 +35,7 @@ class CChangeLog {
   std::string path_;
   uint64_t rotate_at_;
   int fd_ = -1;
-  uint64_t size_ = 0;     // of the file, with what is still buffered
+  uint64_t size_ = 0;    // of the file, with what is still buffered
   std::string pending_;  // lines not written yet
   bool system_log_ = false;
 };

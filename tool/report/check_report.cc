@@ -3,15 +3,15 @@
 #include <cstdio>
 #include <map>
 
+#include "refhost/settings.h"
 #include "tool/change/difference.h"
 #include "tool/report/report_event.h"
+#include "util/safe_text.h"
 #include "util/text_format.h"
-#include "tool/scan/tree_check.h"
-#include "refhost/safe_text.h"
-#include "refhost/settings.h"
 
-void PrintCheckReport(std::ostream& out, const CTreeCheckResult& result, const CRefPolicySettings& policy,
-                      const CReportContext& context, bool json, bool accepted) {
+void PrintCheckReport(std::ostream& out, const CTreeCheckResult& result,
+                      const CRefPolicySettings& policy, const CReportContext& context, bool json,
+                      bool accepted) {
   std::map<std::string, uint64_t> counts;  // ordered, so that the summary reads the same each time
   for (const CDifference& difference : result.differences) {
     ++counts[difference.words];
@@ -23,16 +23,20 @@ void PrintCheckReport(std::ostream& out, const CTreeCheckResult& result, const C
     } else {
       char words[40];
       std::snprintf(words, sizeof words, "%-28s", "unreadable");
-      out << words << (path.empty() ? std::string(".") : SafePath(path)) << "  (" << EscapedText(reason) << ")\n";
+      out << words << (path.empty() ? std::string(".") : SafePath(path)) << "  ("
+          << EscapedText(reason) << ")\n";
     }
   }
   char seconds[32];
   std::snprintf(seconds, sizeof seconds, "%.2f", result.seconds);
   if (json) {
-    out << "{\"@timestamp\":" << JsonString(context.timestamp) << ",\"host\":{\"name\":"
-        << JsonString(context.host_name) << "},\"summary\":{\"policy\":" << JsonString(policy.name) << ",\"root\":" << JsonString(policy.root)
-        << ",\"checked\":" << result.checked << ",\"bytes\":" << result.bytes << ",\"seconds\":" << seconds
-        << ",\"differences\":" << result.differences.size() << ",\"unreadable\":" << result.unreadable.size()
+    out << "{\"@timestamp\":" << JsonString(context.timestamp)
+        << ",\"host\":{\"name\":" << JsonString(context.host_name)
+        << "},\"summary\":{\"policy\":" << JsonString(policy.name)
+        << ",\"root\":" << JsonString(policy.root) << ",\"checked\":" << result.checked
+        << ",\"bytes\":" << result.bytes << ",\"seconds\":" << seconds
+        << ",\"differences\":" << result.differences.size()
+        << ",\"unreadable\":" << result.unreadable.size()
         << ",\"accepted\":" << (accepted ? "true" : "false") << ",\"changes\":{";
     bool first = true;
     for (const auto& [words, count] : counts) {
@@ -42,12 +46,14 @@ void PrintCheckReport(std::ostream& out, const CTreeCheckResult& result, const C
     out << "}}}\n";
     return;
   }
-  out << "policy " << EscapedText(policy.name) << " (" << EscapedText(policy.root) << "): checked " << GroupedNumber(result.checked)
-      << " objects (" << ByteSize(result.bytes) << ") in " << seconds << " s: ";
+  out << "policy " << EscapedText(policy.name) << " (" << EscapedText(policy.root) << "): checked "
+      << GroupedNumber(result.checked) << " objects (" << ByteSize(result.bytes) << ") in "
+      << seconds << " s: ";
   if (result.differences.empty()) {
     out << "no differences";
   } else {
-    out << GroupedNumber(result.differences.size()) << (result.differences.size() == 1 ? " difference" : " differences")
+    out << GroupedNumber(result.differences.size())
+        << (result.differences.size() == 1 ? " difference" : " differences")
         << (accepted ? " accepted (" : " (");
     bool first = true;
     for (const auto& [words, count] : counts) {
@@ -58,7 +64,8 @@ void PrintCheckReport(std::ostream& out, const CTreeCheckResult& result, const C
   }
   if (!result.unreadable.empty()) {
     out << "; " << GroupedNumber(result.unreadable.size())
-        << (result.unreadable.size() == 1 ? " object could not be read" : " objects could not be read");
+        << (result.unreadable.size() == 1 ? " object could not be read"
+                                          : " objects could not be read");
   }
   out << "\n";
 }

@@ -4,12 +4,12 @@
 
 #include <cstdio>
 
-#include "util/text_format.h"
 #include "hdbfile/hdb_format.h"
 #include "hdbfile/hdb_header.h"
 #include "hdbfile/hdb_record.h"
-#include "refhost/safe_text.h"
-#include "refhost/text_conversion.h"
+#include "util/safe_text.h"
+#include "util/text_conversion.h"
+#include "util/text_format.h"
 
 namespace {
 
@@ -26,30 +26,37 @@ std::string DigestName(uint32_t nid) {
 
 void PrintHeader(const CHdbHeader& header, bool json, std::ostream& out) {
   std::string revision = header.revision == kNoRevision ? "none" : std::to_string(header.revision);
-  std::string platform = header.platform_flag == 1 ? "POSIX" : header.platform_flag == 0 ? "Windows" : "unknown";
+  std::string platform = header.platform_flag == 1   ? "POSIX"
+                         : header.platform_flag == 0 ? "Windows"
+                                                     : "unknown";
   if (json) {
-    out << "{\"header\":{\"magic\":\"" << HexNumber(header.magic, 16) << "\",\"version\":" << header.version
-        << ",\"platform\":" << header.platform_flag << ",\"second_flag\":" << header.second_flag
-        << ",\"header_length\":" << header.header_length << ",\"policy_number\":" << header.policy_number
-        << ",\"digest\":" << header.policy_value << ",\"digest_name\":" << JsonString(DigestName(header.policy_value))
-        << ",\"nodes\":" << header.node_count << ",\"revision\":"
-        << (header.revision == kNoRevision ? std::string("null") : revision) << "}}\n";
+    out << "{\"header\":{\"magic\":\"" << HexNumber(header.magic, 16)
+        << "\",\"version\":" << header.version << ",\"platform\":" << header.platform_flag
+        << ",\"second_flag\":" << header.second_flag
+        << ",\"header_length\":" << header.header_length
+        << ",\"policy_number\":" << header.policy_number << ",\"digest\":" << header.policy_value
+        << ",\"digest_name\":" << JsonString(DigestName(header.policy_value))
+        << ",\"nodes\":" << header.node_count
+        << ",\"revision\":" << (header.revision == kNoRevision ? std::string("null") : revision)
+        << "}}\n";
     return;
   }
-  out << "magic          " << HexNumber(header.magic, 16) << (header.magic == kHdbMagic ? "" : " (not an HDB file)")
-      << "\nversion        " << header.version << "\nplatform       " << header.platform_flag << " (" << platform
+  out << "magic          " << HexNumber(header.magic, 16)
+      << (header.magic == kHdbMagic ? "" : " (not an HDB file)") << "\nversion        "
+      << header.version << "\nplatform       " << header.platform_flag << " (" << platform
       << ")\nsecond flag    " << header.second_flag << "\nheader length  " << header.header_length
-      << "\npolicy number  " << header.policy_number << "\ndigest         " << header.policy_value << " ("
-      << DigestName(header.policy_value) << ")\nnodes          " << header.node_count << "\nrevision       "
-      << revision << "\n";
+      << "\npolicy number  " << header.policy_number << "\ndigest         " << header.policy_value
+      << " (" << DigestName(header.policy_value) << ")\nnodes          " << header.node_count
+      << "\nrevision       " << revision << "\n";
 }
 
 }  // namespace
 
-bool DumpHdb(const uint8_t* data, uint64_t size, bool json, std::ostream& out, std::string& problem) {
+bool DumpHdb(const uint8_t* data, uint64_t size, bool json, std::ostream& out,
+             std::string& problem) {
   if (size < kHeaderSize) {
-    problem = "the file has " + std::to_string(size) + " bytes, fewer than the " + std::to_string(kHeaderSize) +
-              "-byte header";
+    problem = "the file has " + std::to_string(size) + " bytes, fewer than the " +
+              std::to_string(kHeaderSize) + "-byte header";
     return false;
   }
   CHdbHeader header = CHdbHeader::DecodeFrom(data);
@@ -61,7 +68,8 @@ bool DumpHdb(const uint8_t* data, uint64_t size, bool json, std::ostream& out, s
   uint64_t offset = kHeaderSize;
   uint64_t records = 0;
   while (offset < size) {
-    std::string where = "record " + std::to_string(records) + " at offset " + std::to_string(offset);
+    std::string where =
+        "record " + std::to_string(records) + " at offset " + std::to_string(offset);
     CHdbRecordView view;
     size_t available = static_cast<size_t>(size - offset);
     switch (DecodeRecord(data + offset, available, view)) {
@@ -72,32 +80,38 @@ bool DumpHdb(const uint8_t* data, uint64_t size, bool json, std::ostream& out, s
           problem = where + ": " + std::to_string(available) + " bytes left, a record needs " +
                     std::to_string(kRecordHeaderSize);
         } else {
-          problem = where + ": record mark " + HexNumber(data[offset + kRecordMarkOffset], 2) + " is not " +
-                    HexNumber(kRecordMark, 2);
+          problem = where + ": record mark " + HexNumber(data[offset + kRecordMarkOffset], 2) +
+                    " is not " + HexNumber(kRecordMark, 2);
         }
         return false;
       case CHdbRecordFault::kEndMark:
-        problem = where + ": end mark " + HexNumber(view.header.end_mark, 8) + " is not " + HexNumber(kRecordEndMark, 8);
+        problem = where + ": end mark " + HexNumber(view.header.end_mark, 8) + " is not " +
+                  HexNumber(kRecordEndMark, 8);
         return false;
       case CHdbRecordFault::kTruncated:
         problem = where + ": its texts run past the end of the file";
         return false;
     }
     const CHdbRecordHeader& record = view.header;
-    std::string hash = HexText(reinterpret_cast<const uint8_t*>(view.hash.data()), view.hash.size());
+    std::string hash =
+        HexText(reinterpret_cast<const uint8_t*>(view.hash.data()), view.hash.size());
     std::string path(view.path);
     std::string security(view.security);
     std::string target(view.target);
     if (json) {
-      out << "{\"record\":{\"offset\":" << offset << ",\"directory\":" << (record.directory ? "true" : "false")
+      out << "{\"record\":{\"offset\":" << offset
+          << ",\"directory\":" << (record.directory ? "true" : "false")
           << ",\"attributes\":" << record.attributes << ",\"time_1\":" << record.time_1
-          << ",\"time_2\":" << record.time_2 << ",\"size\":" << record.size << ",\"hash\":" << JsonString(hash)
-          << ",\"path\":" << JsonString(path) << ",\"security\":" << JsonString(security)
-          << ",\"target\":" << JsonString(target) << "}}\n";
+          << ",\"time_2\":" << record.time_2 << ",\"size\":" << record.size
+          << ",\"hash\":" << JsonString(hash) << ",\"path\":" << JsonString(path)
+          << ",\"security\":" << JsonString(security) << ",\"target\":" << JsonString(target)
+          << "}}\n";
     } else {
-      out << "@" << offset << (record.directory ? " d " : " f ") << AttributesText(record.attributes) << " size=" << record.size
-          << " time_1=" << record.time_1 << " time_2=" << record.time_2 << " hash=" << (hash.empty() ? "-" : hash)
-          << " path=" << QuotedText(path) << " security=" << QuotedText(security);
+      out << "@" << offset << (record.directory ? " d " : " f ")
+          << AttributesText(record.attributes) << " size=" << record.size
+          << " time_1=" << record.time_1 << " time_2=" << record.time_2
+          << " hash=" << (hash.empty() ? "-" : hash) << " path=" << QuotedText(path)
+          << " security=" << QuotedText(security);
       if (!target.empty()) out << " target=" << QuotedText(target);
       out << "\n";
     }

@@ -1,15 +1,14 @@
 #pragma once
 
+#include <Poco/JSON/Object.h>
+
 #include <cstdint>
 #include <string>
 #include <vector>
 
-#include <Poco/JSON/Object.h>
-
 #include "tool/change/object_state.h"
 
 class CHashDB;
-class CSession;
 struct CRefPolicySettings;
 
 // One object of a listing of what a database records (signdb ls).
@@ -20,7 +19,7 @@ struct CListedObject {
 
 // The objects recorded in "directory" (relative to the root, "" for the root itself), or at every
 // depth below it with "recursive", by path. Throws CToolError when no such directory is recorded.
-std::vector<CListedObject> ListRecorded(CSession& session, const CRefPolicySettings& policy, CHashDB& database,
+std::vector<CListedObject> ListRecorded(const CRefPolicySettings& policy, CHashDB& database,
                                         const std::string& directory, bool recursive);
 
 // One object as a JSON line of `ls --json`: path, kind, size, hash, attributes (when known),

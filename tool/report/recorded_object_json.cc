@@ -2,13 +2,13 @@
 
 #include <sstream>
 
-#include "tool/change/object_state.h"
-#include "util/text_format.h"
 #include "hashdb/hash_db.h"
 #include "refhost/security_text.h"
+#include "tool/change/object_state.h"
+#include "util/text_format.h"
 
-std::string RecordedObjectJson(CHashDB& database, const std::wstring& full_path, const std::string& full_text,
-                               const std::string& relative) {
+std::string RecordedObjectJson(CHashDB& database, const std::wstring& full_path,
+                               const std::string& full_text, const std::string& relative) {
   CObjectState state = RecordedState(database, full_path);
   bool under_target = database.IsUnderTarget(full_path);
   bool touched = database.TouchedRecently(full_path);
@@ -24,7 +24,8 @@ std::string RecordedObjectJson(CHashDB& database, const std::wstring& full_path,
     out << (first ? "" : ",") << JsonString(key) << ":" << JsonString(value);
     first = false;
   }
-  out << "},\"target\":" << JsonString(state.target) << ",\"under_link_target\":" << (under_target ? "true" : "false")
+  out << "},\"target\":" << JsonString(state.target)
+      << ",\"under_link_target\":" << (under_target ? "true" : "false")
       << ",\"touched_recently\":" << (touched ? "true" : "false") << "}";
   return out.str();
 }

@@ -5,12 +5,13 @@
 #include <chrono>
 #include <sstream>
 
-#include "tool/report/account_names.h"
-#include "tool/change/difference.h"
-#include "util/json_line.h"
-#include "util/text_format.h"
 #include "refhost/security_text.h"
-#include "refhost/text_conversion.h"
+#include "tool/change/difference.h"
+#include "util/account_names.h"
+#include "util/json_line.h"
+#include "util/relative_path.h"
+#include "util/text_conversion.h"
+#include "util/text_format.h"
 
 namespace {
 
@@ -87,8 +88,10 @@ void OpenEvent(CJsonLine& line, const CReportContext& context) {
 CReportContext CReportContext::Make(const std::string& policy, const std::string& root,
                                     const std::string& dataset, uint32_t policy_number) {
   CReportContext context;
-  context.timestamp = IsoMillisecondsText(static_cast<uint64_t>(
-      std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::system_clock::now().time_since_epoch()).count()));
+  context.timestamp = IsoMillisecondsText(
+      static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(
+                                std::chrono::system_clock::now().time_since_epoch())
+                                .count()));
   // Asked once a run: a long-running service makes a context for every change it logs.
   static const std::string host_name = Poco::Environment::nodeName();
   context.host_name = host_name;
@@ -99,12 +102,8 @@ CReportContext CReportContext::Make(const std::string& policy, const std::string
   return context;
 }
 
-std::string JoinedPath(const std::string& root, const std::string& relative) {
-  if (relative.empty()) return root;
-  return root.empty() || root.back() == '/' ? root + relative : root + "/" + relative;
-}
-
-std::string DifferenceJson(const CDifference& difference, const CReportContext& context, const char* watch_event) {
+std::string DifferenceJson(const CDifference& difference, const CReportContext& context,
+                           const char* watch_event) {
   CJsonLine line;
   OpenEvent(line, context);
   line.Open("event").String("kind", "event");
@@ -145,7 +144,8 @@ std::string DifferenceJson(const CDifference& difference, const CReportContext& 
     Value(line, "old", change.old_present, change.old_value);
     Value(line, "new", change.new_present, change.new_value);
     if (change.aspect == CAspect::kOwner || change.aspect == CAspect::kGroup) {
-      std::string (*name_of)(const std::string&) = change.aspect == CAspect::kOwner ? UserNameOf : GroupNameOf;
+      std::string (*name_of)(const std::string&) =
+          change.aspect == CAspect::kOwner ? UserNameOf : GroupNameOf;
       auto name = [&](const char* key, bool present, const std::string& id) {
         std::string found = present ? name_of(id) : std::string();
         if (found.empty()) {
@@ -169,8 +169,14 @@ std::string UnreadableJson(const std::string& relative_path, const std::string& 
                            const CReportContext& context) {
   CJsonLine line;
   OpenEvent(line, context);
-  line.Open("event").String("kind", "event").String("action", "unreadable").String("outcome", "failure");
-  line.String("module", "signdb").String("dataset", "signdb." + context.dataset).String("reason", reason).Close();
+  line.Open("event")
+      .String("kind", "event")
+      .String("action", "unreadable")
+      .String("outcome", "failure");
+  line.String("module", "signdb")
+      .String("dataset", "signdb." + context.dataset)
+      .String("reason", reason)
+      .Close();
   line.Open("file");
   SetName(line, "path", JoinedPath(context.root, relative_path));
   line.Close();

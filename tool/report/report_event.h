@@ -33,6 +33,3 @@ std::string DifferenceJson(const CDifference& difference, const CReportContext& 
 // The same kind of line for an object that could not be read.
 std::string UnreadableJson(const std::string& relative_path, const std::string& reason,
                            const CReportContext& context);
-
-// The full path of an object given relative to a root ("" is the root itself).
-std::string JoinedPath(const std::string& root, const std::string& relative);

@@ -2,9 +2,10 @@
 
 #include <string>
 
+#include "tool/change/check_result.h"
+
 struct CReportContext;
 struct CRefPolicySettings;
-struct CTreeCheckResult;
 
 // Sends what a check or update found to a destination besides standard output, one message per
 // difference and per unreadable object, then the summary, the same lines as the text report:
@@ -13,5 +14,5 @@ struct CTreeCheckResult;
 //   "file:PATH"     appended to PATH (made owner-only, never through a link), time-stamped
 // Differences go as warnings, unreadable objects as errors, the summary as a notice; facility
 // daemon, tag "signdb". Throws CToolError for a destination it does not know or cannot reach.
-void SendReport(const std::string& destination, const CTreeCheckResult& result, const CRefPolicySettings& policy,
-                const CReportContext& context, bool accepted);
+void SendReport(const std::string& destination, const CTreeCheckResult& result,
+                const CRefPolicySettings& policy, const CReportContext& context, bool accepted);

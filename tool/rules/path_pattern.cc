@@ -20,7 +20,8 @@ std::vector<std::string_view> SplitPath(std::string_view path) {
 CPathPattern::CPathPattern(const std::string& pattern) : text_(pattern) {
   if (pattern.empty()) throw std::invalid_argument("the pattern is empty");
   if (pattern[0] == '/') {
-    throw std::invalid_argument("the pattern \"" + pattern + "\" starts with '/': patterns are relative to the root");
+    throw std::invalid_argument("the pattern \"" + pattern +
+                                "\" starts with '/': patterns are relative to the root");
   }
   for (std::string_view name : SplitPath(pattern)) {
     std::string text(name);
@@ -28,11 +29,14 @@ CPathPattern::CPathPattern(const std::string& pattern) : text_(pattern) {
       throw std::invalid_argument("the pattern \"" + pattern + "\" holds a \"" + text + "\" name");
     }
     if (text == "**") {
-      if (names_.empty() || names_.back().kind != CKind::kAnyDepth) names_.push_back({CKind::kAnyDepth, text});
+      if (names_.empty() || names_.back().kind != CKind::kAnyDepth)
+        names_.push_back({CKind::kAnyDepth, text});
       continue;
     }
     if (text.find("**") != std::string::npos) {
-      throw std::invalid_argument("the pattern \"" + pattern + "\" has \"**\" inside a name; \"**\" stands alone between slashes");
+      throw std::invalid_argument(
+          "the pattern \"" + pattern +
+          "\" has \"**\" inside a name; \"**\" stands alone between slashes");
     }
     bool wildcard = text.find_first_of("*?[\\") != std::string::npos;
     if (wildcard) {
@@ -43,7 +47,8 @@ CPathPattern::CPathPattern(const std::string& pattern) : text_(pattern) {
         } else if (text[i] == '[') {
           size_t close = text.find(']', i + 2);
           if (close == std::string::npos) {
-            throw std::invalid_argument("the pattern \"" + pattern + "\" has a '[' without its ']'");
+            throw std::invalid_argument("the pattern \"" + pattern +
+                                        "\" has a '[' without its ']'");
           }
           i = close;
         }
@@ -65,7 +70,8 @@ CPathPattern::CPathPattern(const std::string& pattern) : text_(pattern) {
   if (names_.empty()) throw std::invalid_argument("the pattern \"" + pattern + "\" names nothing");
   any_depth_after_.assign(names_.size() + 1, false);
   for (size_t i = names_.size(); i-- > 0;) {
-    any_depth_after_[i] = any_depth_after_[i + 1] || (i + 1 < names_.size() && names_[i + 1].kind == CKind::kAnyDepth);
+    any_depth_after_[i] = any_depth_after_[i + 1] ||
+                          (i + 1 < names_.size() && names_[i + 1].kind == CKind::kAnyDepth);
   }
 }
 
@@ -75,9 +81,11 @@ bool CPathPattern::NameMatches(const CName& pattern, std::string_view name) cons
       return name == pattern.text;
     case CKind::kSuffix:
       return name.size() >= pattern.text.size() &&
-             name.compare(name.size() - pattern.text.size(), pattern.text.size(), pattern.text) == 0;
+             name.compare(name.size() - pattern.text.size(), pattern.text.size(), pattern.text) ==
+                 0;
     case CKind::kPrefix:
-      return name.size() >= pattern.text.size() && name.compare(0, pattern.text.size(), pattern.text) == 0;
+      return name.size() >= pattern.text.size() &&
+             name.compare(0, pattern.text.size(), pattern.text) == 0;
     default: {
       thread_local std::string buffer;  // fnmatch wants a terminated name
       buffer.assign(name);
@@ -86,7 +94,8 @@ bool CPathPattern::NameMatches(const CName& pattern, std::string_view name) cons
   }
 }
 
-bool CPathPattern::MatchFrom(size_t pattern_at, const std::vector<std::string_view>& names, size_t name_at) const {
+bool CPathPattern::MatchFrom(size_t pattern_at, const std::vector<std::string_view>& names,
+                             size_t name_at) const {
   for (; pattern_at < names_.size(); ++pattern_at) {
     const CName& pattern = names_[pattern_at];
     if (pattern.kind == CKind::kAnyDepth) {
@@ -107,4 +116,6 @@ bool CPathPattern::MatchFrom(size_t pattern_at, const std::vector<std::string_vi
   return name_at == names.size();
 }
 
-bool CPathPattern::Matches(const std::vector<std::string_view>& names) const { return MatchFrom(0, names, 0); }
+bool CPathPattern::Matches(const std::vector<std::string_view>& names) const {
+  return MatchFrom(0, names, 0);
+}

@@ -7,7 +7,8 @@
 // A glob pattern over paths relative to a policy's root, compiled once: "*", "?" and "[...]"
 // match within one name, "**" as a whole name matches any number of names (none included), and
 // the pattern is anchored at the root ("log/*.gz" matches "log/a.gz", not "var/log/a.gz"; write
-// "**/*.gz" for any depth). A "*" matches a leading dot too ("**/*.swp" matches ".f.swp"). Each name of the pattern is kept as a literal (compared as bytes), a
+// "**/*.gz" for any depth). A "*" matches a leading dot too ("**/*.swp" matches ".f.swp"). Each
+// name of the pattern is kept as a literal (compared as bytes), a
 // "**", or a wildcard (matched with fnmatch(3)), so that matching costs no parsing.
 class CPathPattern {
  public:
@@ -33,7 +34,8 @@ class CPathPattern {
     std::string text;  // for kSuffix and kPrefix, without the "*"
   };
   bool NameMatches(const CName& pattern, std::string_view name) const;
-  bool MatchFrom(size_t pattern_at, const std::vector<std::string_view>& names, size_t name_at) const;
+  bool MatchFrom(size_t pattern_at, const std::vector<std::string_view>& names,
+                 size_t name_at) const;
 
   std::string text_;
   std::vector<CName> names_;

@@ -10,9 +10,9 @@
 #include <sstream>
 #include <stdexcept>
 
-#include "tool/common/exit_status.h"
 #include "refhost/file_io.h"
-#include "refhost/safe_text.h"
+#include "tool/common/exit_status.h"
+#include "util/safe_text.h"
 
 namespace {
 
@@ -26,9 +26,10 @@ std::bitset<kAspectCount> Aspects(std::initializer_list<CAspect> aspects) {
 }
 
 std::bitset<kAspectCount> PermissionAspects() {
-  return Aspects({CAspect::kKind, CAspect::kOwner, CAspect::kGroup, CAspect::kMode, CAspect::kCapabilities,
-                  CAspect::kAccessAcl, CAspect::kDefaultAcl, CAspect::kSelinux, CAspect::kXattr, CAspect::kFlags,
-                  CAspect::kDevice, CAspect::kOtherSecurity, CAspect::kSecurityForm});
+  return Aspects({CAspect::kKind, CAspect::kOwner, CAspect::kGroup, CAspect::kMode,
+                  CAspect::kCapabilities, CAspect::kAccessAcl, CAspect::kDefaultAcl,
+                  CAspect::kSelinux, CAspect::kXattr, CAspect::kFlags, CAspect::kDevice,
+                  CAspect::kOtherSecurity, CAspect::kSecurityForm});
 }
 
 // Adds a group or an aspect word to "selection"; false when the word is neither.
@@ -41,7 +42,8 @@ bool AddWord(const std::string& word, CSelection& selection) {
   } else if (word == "permissions") {
     selection.aspects |= PermissionAspects();
   } else if (word == "log") {
-    selection.aspects |= PermissionAspects() | Aspects({CAspect::kTarget, CAspect::kContent, CAspect::kSize});
+    selection.aspects |=
+        PermissionAspects() | Aspects({CAspect::kTarget, CAspect::kContent, CAspect::kSize});
     selection.may_grow = true;
   } else if (word == "ignore directory times") {
     selection.directory_times = false;  // alone, it means everything else (see Load)
@@ -79,7 +81,8 @@ std::vector<std::string> Words(const Poco::Dynamic::Var& value, const std::strin
     Array::Ptr list = value.extract<Array::Ptr>();
     for (size_t i = 0; i < list->size(); ++i) {
       Poco::Dynamic::Var item = list->get(static_cast<unsigned>(i));
-      if (!item.isString()) throw std::invalid_argument("\"" + key + "\" lists something that is not a text");
+      if (!item.isString())
+        throw std::invalid_argument("\"" + key + "\" lists something that is not a text");
       words.push_back(item.extract<std::string>());
     }
   } else {
@@ -97,7 +100,8 @@ int LineOf(const std::string& text, const std::string& path, size_t& from) {
   size_t at = text.find(literal.str(), from);
   if (at == std::string::npos) return 0;
   from = at + 1;
-  return 1 + static_cast<int>(std::count(text.begin(), text.begin() + static_cast<std::ptrdiff_t>(at), '\n'));
+  return 1 + static_cast<int>(
+                 std::count(text.begin(), text.begin() + static_cast<std::ptrdiff_t>(at), '\n'));
 }
 
 }  // namespace
@@ -111,7 +115,8 @@ CSelection EverythingSelection() {
 
 CPolicyRules CPolicyRules::Load(const std::string& config_path, const std::string& policy_name) {
   CPolicyRules rules;
-  if (config_path.size() < 5 || config_path.compare(config_path.size() - 5, 5, ".json") != 0) return rules;
+  if (config_path.size() < 5 || config_path.compare(config_path.size() - 5, 5, ".json") != 0)
+    return rules;
   std::vector<uint8_t> bytes = ReadWholeFile(config_path, 16 << 20);
   std::string text(bytes.begin(), bytes.end());
   Object::Ptr config = Poco::JSON::Parser().parse(text).extract<Object::Ptr>();
@@ -120,66 +125,82 @@ CPolicyRules CPolicyRules::Load(const std::string& config_path, const std::strin
   Object::Ptr policy;
   for (size_t i = 0; i < policies->size(); ++i) {
     Object::Ptr candidate = policies->getObject(static_cast<unsigned>(i));
-    if (candidate && candidate->optValue<std::string>("name", "") == policy_name) policy = candidate;
+    if (candidate && candidate->optValue<std::string>("name", "") == policy_name)
+      policy = candidate;
   }
   if (!policy) return rules;
   auto fail = [&](int index, int line, const std::string& what) -> CToolError {
-    return CToolError(config_path + ":" + (line > 0 ? std::to_string(line) : std::string("?")) + ": rule " +
-                      std::to_string(index + 1) + " of policy '" + policy_name + "': " + what);
+    return CToolError(config_path + ":" + (line > 0 ? std::to_string(line) : std::string("?")) +
+                      ": rule " + std::to_string(index + 1) + " of policy '" + policy_name +
+                      "': " + what);
   };
   if (policy->has("cross_mounts")) {
     Poco::Dynamic::Var value = policy->get("cross_mounts");
     if (!value.isBoolean()) {
-      throw CToolError(config_path + ": \"cross_mounts\" of policy '" + policy_name + "' must be true or false");
+      throw CToolError(config_path + ": \"cross_mounts\" of policy '" + policy_name +
+                       "' must be true or false");
     }
     rules.cross_mounts_ = value.extract<bool>();
   }
   if (policy->has("dpkg")) {
     Poco::Dynamic::Var value = policy->get("dpkg");
-    if (!value.isString() || value.extract<std::string>().empty() || value.extract<std::string>()[0] != '/') {
-      throw CToolError(config_path + ": \"dpkg\" of policy '" + policy_name +
-                       "' must be the absolute path of the system root its packages are installed in (\"/\")");
+    if (!value.isString() || value.extract<std::string>().empty() ||
+        value.extract<std::string>()[0] != '/') {
+      throw CToolError(
+          config_path + ": \"dpkg\" of policy '" + policy_name +
+          "' must be the absolute path of the system root its packages are installed in (\"/\")");
     }
     rules.dpkg_root_ = value.extract<std::string>();
   }
   if (!policy->has("rules")) return rules;
   Array::Ptr list = policy->getArray("rules");
-  if (!list) throw CToolError(config_path + ": \"rules\" of policy '" + policy_name + "' must be a list of objects");
+  if (!list)
+    throw CToolError(config_path + ": \"rules\" of policy '" + policy_name +
+                     "' must be a list of objects");
   size_t search_from = text.find("\"rules\"");
   for (size_t i = 0; i < list->size(); ++i) {
     int index = static_cast<int>(i);
     Object::Ptr entry = list->getObject(static_cast<unsigned>(i));
-    if (!entry) throw fail(index, 0, "a rule is an object: {\"path\": ..., \"exclude\": true} or {\"path\": ..., \"check\": ...}");
-    if (!entry->has("path") || !entry->get("path").isString()) throw fail(index, 0, "\"path\" (a text) is missing");
+    if (!entry)
+      throw fail(index, 0,
+                 "a rule is an object: {\"path\": ..., \"exclude\": true} or {\"path\": ..., "
+                 "\"check\": ...}");
+    if (!entry->has("path") || !entry->get("path").isString())
+      throw fail(index, 0, "\"path\" (a text) is missing");
     std::string path = entry->getValue<std::string>("path");
     int line = LineOf(text, path, search_from);
     try {
       for (const std::string& key : entry->getNames()) {
         if (key != "path" && key != "kind" && key != "exclude" && key != "check") {
-          throw std::invalid_argument("unknown key \"" + key + "\" (a rule has path, kind, exclude or check)");
+          throw std::invalid_argument("unknown key \"" + key +
+                                      "\" (a rule has path, kind, exclude or check)");
         }
       }
       CRule rule{CPathPattern(path), {}, false, CSelection(), line};
       if (entry->has("kind")) {
         for (const std::string& word : Words(entry->get("kind"), "kind")) {
           if (!KindOfWord(word, rule.kinds)) {
-            throw std::invalid_argument("unknown kind \"" + word + "\" (file, directory, symlink, device, fifo, socket)");
+            throw std::invalid_argument("unknown kind \"" + word +
+                                        "\" (file, directory, symlink, device, fifo, socket)");
           }
         }
       }
       bool exclude = entry->has("exclude");
-      if (exclude == entry->has("check")) throw std::invalid_argument("a rule has either \"exclude\" or \"check\"");
+      if (exclude == entry->has("check"))
+        throw std::invalid_argument("a rule has either \"exclude\" or \"check\"");
       if (exclude) {
         Poco::Dynamic::Var value = entry->get("exclude");
-        if (!value.isBoolean() || !value.extract<bool>()) throw std::invalid_argument("\"exclude\" must be true");
+        if (!value.isBoolean() || !value.extract<bool>())
+          throw std::invalid_argument("\"exclude\" must be true");
         rule.exclude = true;
       } else {
         std::vector<std::string> words = Words(entry->get("check"), "check");
         for (const std::string& word : words) {
           if (!AddWord(word, rule.selection)) {
-            throw std::invalid_argument("unknown group or attribute \"" + word +
-                                        "\" (groups: everything, read-only, permissions, log, ignore directory "
-                                        "times; attributes: hash, size, owner, group, mode, ...)");
+            throw std::invalid_argument(
+                "unknown group or attribute \"" + word +
+                "\" (groups: everything, read-only, permissions, log, ignore directory "
+                "times; attributes: hash, size, owner, group, mode, ...)");
           }
           rule.selection.name += (rule.selection.name.empty() ? "" : ", ") + word;
         }
@@ -205,7 +226,9 @@ const CPolicyRules::CRule* CPolicyRules::Deciding(std::string_view relative_path
   const CRule* found = nullptr;
   ForEachCandidate(names, [&](size_t i) {
     const CRule& rule = rules_[i];
-    if (!rule.kinds.empty() && std::find(rule.kinds.begin(), rule.kinds.end(), kind) == rule.kinds.end()) return true;
+    if (!rule.kinds.empty() &&
+        std::find(rule.kinds.begin(), rule.kinds.end(), kind) == rule.kinds.end())
+      return true;
     if (!rule.pattern.Matches(names)) return true;
     if (index != nullptr) *index = i;
     found = &rule;
@@ -215,7 +238,8 @@ const CPolicyRules::CRule* CPolicyRules::Deciding(std::string_view relative_path
 }
 
 template <typename CVisit>
-void CPolicyRules::ForEachCandidate(const std::vector<std::string_view>& names, const CVisit& visit) const {
+void CPolicyRules::ForEachCandidate(const std::vector<std::string_view>& names,
+                                    const CVisit& visit) const {
   static const std::vector<size_t> kNone;
   const std::vector<size_t>* named = &kNone;
   if (!names.empty()) {
@@ -267,7 +291,8 @@ std::string_view CPolicyRules::ExcludedAncestor(std::string_view relative_path) 
   if (rules_.empty()) return std::string_view();
   for (size_t slash = relative_path.find('/'); slash != std::string_view::npos;
        slash = relative_path.find('/', slash + 1)) {
-    if (Excluded(relative_path.substr(0, slash), CObjectKind::kDirectory)) return relative_path.substr(0, slash);
+    if (Excluded(relative_path.substr(0, slash), CObjectKind::kDirectory))
+      return relative_path.substr(0, slash);
   }
   return std::string_view();
 }
@@ -281,10 +306,13 @@ std::string CPolicyRules::Explain(std::string_view relative_path, CObjectKind ki
   size_t index = 0;
   const CRule* rule = Deciding(relative_path, kind, &index);
   if (rule == nullptr) {
-    return "no rule matches (" + std::to_string(rules_.size()) + " rules looked at): everything is checked";
+    return "no rule matches (" + std::to_string(rules_.size()) +
+           " rules looked at): everything is checked";
   }
-  std::string where = "rule " + std::to_string(index + 1) + (rule->line > 0 ? " (line " + std::to_string(rule->line) + ")" : "") +
-                      ", \"" + EscapedText(rule->pattern.text()) + "\"" + (rule->kinds.empty() ? "" : " for this kind");
+  std::string where = "rule " + std::to_string(index + 1) +
+                      (rule->line > 0 ? " (line " + std::to_string(rule->line) + ")" : "") +
+                      ", \"" + EscapedText(rule->pattern.text()) + "\"" +
+                      (rule->kinds.empty() ? "" : " for this kind");
   std::string verdict = rule->exclude ? "excluded: not recorded, and nothing below it is walked"
                                       : "checks " + rule->selection.name;
   return where + ", is the last rule that matches: " + verdict;

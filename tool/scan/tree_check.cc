@@ -6,18 +6,18 @@
 #include <mutex>
 #include <set>
 
-#include "tool/change/judge.h"
-#include "tool/common/exit_status.h"
-#include "tool/packages/package_changes.h"
-#include "tool/rules/policy_rules.h"
-#include "tool/report/progress_line.h"
-#include "tool/session/session.h"
-#include "tool/scan/tree_scanner.h"
 #include "hashdb/hash_db.h"
 #include "refhost/file_obj_info.h"
 #include "refhost/ref_host.h"
-#include "refhost/safe_text.h"
-#include "refhost/text_conversion.h"
+#include "tool/common/exit_status.h"
+#include "tool/judge/judge.h"
+#include "tool/packages/package_changes.h"
+#include "tool/rules/policy_rules.h"
+#include "tool/scan/progress_line.h"
+#include "tool/scan/tree_scanner.h"
+#include "tool/session/session.h"
+#include "util/safe_text.h"
+#include "util/text_conversion.h"
 
 namespace {
 
@@ -64,7 +64,8 @@ CTreeCheckResult CheckTree(CSession& session, const CRefPolicySettings& policy,
           uint32_t status = database->CheckObject(info);
           if (status == kCheckUnchanged) return;
           std::string relative = WideToUtf8(info->RelativePath());
-          std::optional<CDifference> difference = judge.Present(relative, recorded_state(info), info, status);
+          std::optional<CDifference> difference =
+              judge.Present(relative, recorded_state(info), info, status);
           if (!difference) return;
           std::lock_guard<std::mutex> guard(lock);
           result.differences.push_back(std::move(*difference));
@@ -91,7 +92,8 @@ CTreeCheckResult CheckTree(CSession& session, const CRefPolicySettings& policy,
     std::shared_ptr<CRefFileObjInfo> info;
     try {
       info = CRefFileObjInfo::FromDisk(*host.Utility(), *host.Cfg(), Utf8ToWide(policy.root),
-                                       session.WideFullPath(policy, relative), session.settings().policy_number);
+                                       session.WideFullPath(policy, relative),
+                                       session.settings().policy_number);
     } catch (const std::exception& e) {
       result.unreadable.emplace_back(relative, e.what());
       continue;
@@ -106,13 +108,16 @@ CTreeCheckResult CheckTree(CSession& session, const CRefPolicySettings& policy,
     }
   }
   judge.Settle(result.differences);
-  ExplainByPackages(result.differences, policy, rules.dpkg_root(), session.Narrow(database->HdbFilePath(false)));
+  ExplainByPackages(result.differences, policy, rules.dpkg_root(),
+                    session.Narrow(database->HdbFilePath(false)));
   std::sort(result.unreadable.begin(), result.unreadable.end());
-  result.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start_time).count();
+  result.seconds =
+      std::chrono::duration<double>(std::chrono::steady_clock::now() - start_time).count();
   return result;
 }
 
-CPolicyCheck CheckPolicy(CSession& session, const CRefPolicySettings& policy, bool quiet, bool will_write) {
+CPolicyCheck CheckPolicy(CSession& session, const CRefPolicySettings& policy, bool quiet,
+                         bool will_write) {
   session.RequireRoot(policy);
   if (will_write) session.LockPolicy(policy, CPolicyLock::CMode::kExclusive);
   std::shared_ptr<CHashDB> database = session.LoadDatabase(policy);

@@ -1,27 +1,17 @@
 #pragma once
 
-#include "tool/common/exit_status.h"
-
 #include <cstdint>
 #include <memory>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include "tool/change/difference.h"
+#include "tool/change/check_result.h"
+#include "tool/common/exit_status.h"
 
 class CHashDB;
 class CSession;
 struct CRefPolicySettings;
-
-// Everything a check of a policy's tree found.
-struct CTreeCheckResult {
-  std::vector<CDifference> differences;  // renames paired, sorted by path
-  std::vector<std::pair<std::string, std::string>> unreadable;  // relative path, reason; sorted
-  uint64_t checked = 0;
-  uint64_t bytes = 0;
-  double seconds = 0;
-};
 
 // Checks every object below the policy's root against the loaded database, on several threads,
 // then asks the database about each recorded object that the walk did not meet: those are gone,
@@ -40,4 +30,5 @@ struct CPolicyCheck {
 // Requires the policy's root, loads its database (refused unless the signature is good) and
 // checks its tree; with "will_write", the policy's lock is taken for writing first. Throws
 // CToolError.
-CPolicyCheck CheckPolicy(CSession& session, const CRefPolicySettings& policy, bool quiet, bool will_write);
+CPolicyCheck CheckPolicy(CSession& session, const CRefPolicySettings& policy, bool quiet,
+                         bool will_write);

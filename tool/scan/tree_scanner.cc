@@ -17,12 +17,12 @@
 #include <thread>
 #include <vector>
 
-#include "tool/change/object_state.h"
-#include "tool/rules/policy_rules.h"
 #include "refhost/file_descriptor.h"
 #include "refhost/file_obj_info.h"
 #include "refhost/ref_host.h"
-#include "refhost/text_conversion.h"
+#include "tool/change/object_state.h"
+#include "tool/rules/policy_rules.h"
+#include "util/text_conversion.h"
 
 namespace {
 
@@ -113,7 +113,8 @@ bool ListDirectory(const std::shared_ptr<const CFileDescriptor>& directory, cons
     if (name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'))) continue;
     std::string child_path = prefix + name;
     if (std::find(excluded.begin(), excluded.end(), child_path) != excluded.end()) continue;
-    children.push_back(CPendingObject{directory, name, std::move(child_path), device, false, entry->d_type == DT_REG});
+    children.push_back(CPendingObject{directory, name, std::move(child_path), device, false,
+                                      entry->d_type == DT_REG});
   }
   bool ok = errno == 0;
   if (!ok) reason = std::string("cannot list: ") + std::strerror(errno);
@@ -214,17 +215,18 @@ void CTreeScanner::Run(const CVisit& visit, const CProblem& problem) {
   auto read = [&](CPendingObject& object, std::vector<CPendingObject>& children) -> bool {
     const std::string& path = object.path;
     // Most objects are decided by their path alone; an excluded one is not even examined.
-    CPolicyRules::CVerdict verdict =
-        rules_ == nullptr || object.is_root ? CPolicyRules::CVerdict::kKept : rules_->VerdictBeforeKind(Relative(path));
+    CPolicyRules::CVerdict verdict = rules_ == nullptr || object.is_root
+                                         ? CPolicyRules::CVerdict::kKept
+                                         : rules_->VerdictBeforeKind(Relative(path));
     if (verdict == CPolicyRules::CVerdict::kExcluded) return true;
     try {
       std::shared_ptr<CRefFileObjInfo> info;
       std::string reason;
       CFileDescriptor opened;
       try {
-        info = CRefFileObjInfo::AtDirectory(utility, cfg, wide_root_, Utf8ToWide(path), policy_number,
-                                            object.directory->get(), object.name, object.likely_regular,
-                                            &opened);
+        info = CRefFileObjInfo::AtDirectory(utility, cfg, wide_root_, Utf8ToWide(path),
+                                            policy_number, object.directory->get(), object.name,
+                                            object.likely_regular, &opened);
       } catch (const std::exception& e) {
         reason = e.what();
       }
@@ -251,15 +253,18 @@ void CTreeScanner::Run(const CVisit& visit, const CProblem& problem) {
         if (info->IsDirectory()) {
           children.clear();
           if (!opened.valid()) {
-            // Examined without being opened (no permission to read it, say): say why it is not listed.
-            CFileDescriptor again(::openat(object.directory->get(), object.name.c_str(),
-                                           O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+            // Examined without being opened (no permission to read it, say): say why it is not
+            // listed.
+            CFileDescriptor again(
+                ::openat(object.directory->get(), object.name.c_str(),
+                         O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
             report(path, again.valid() ? "cannot list: it changed while being read"
                                        : std::string("cannot list: ") + std::strerror(errno));
           } else {
             if (before_listing_hook_) before_listing_hook_(path);
             auto directory = std::make_shared<const CFileDescriptor>(opened.release());
-            if (!ListDirectory(directory, path, info->Device(), excluded_, children, reason)) report(path, reason);
+            if (!ListDirectory(directory, path, info->Device(), excluded_, children, reason))
+              report(path, reason);
             work.Push(std::move(children));
           }
         }

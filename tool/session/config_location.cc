@@ -2,9 +2,8 @@
 
 #include <unistd.h>
 
-#include <cstdlib>
-
 #include <boost/filesystem/operations.hpp>
+#include <cstdlib>
 
 namespace {
 

@@ -1,40 +1,39 @@
 #include "tool/session/session.h"
 
+#include <Poco/Environment.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <boost/filesystem/operations.hpp>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <iostream>
 
-#include <Poco/Environment.h>
-
-#include <boost/filesystem/operations.hpp>
-
-#include "tool/session/config_location.h"
-#include "tool/store/database_files.h"
-#include "tool/common/exit_status.h"
-#include "tool/packages/package_owners.h"
-#include "tool/store/passphrase.h"
-#include "tool/store/policy_binding.h"
-#include "tool/rules/policy_rules.h"
-#include "tool/store/service_lock.h"
-#include "util/text_format.h"
 #include "front/sign_db.h"
 #include "hashdb/hash_db.h"
 #include "host/buffer.h"
 #include "host/crypto_service.h"
 #include "host/utility_service.h"
+#include "refhost/crypto_service.h"
 #include "refhost/file_io.h"
 #include "refhost/log_service.h"
-#include "refhost/crypto_service.h"
 #include "refhost/module_loader.h"
 #include "refhost/pkcs7.h"
 #include "refhost/policy.h"
 #include "refhost/ref_host.h"
-#include "refhost/text_conversion.h"
 #include "refhost/utility_service.h"
+#include "tool/common/exit_status.h"
+#include "tool/packages/package_owners.h"
+#include "tool/rules/policy_rules.h"
+#include "tool/session/config_location.h"
+#include "tool/store/database_files.h"
+#include "tool/store/passphrase.h"
+#include "tool/store/policy_binding.h"
+#include "tool/store/service_lock.h"
+#include "util/relative_path.h"
+#include "util/text_conversion.h"
+#include "util/text_format.h"
 
 namespace {
 
@@ -49,14 +48,14 @@ void RequireOwnerOnly(const std::string& path, const std::string& what, bool sec
   char mode[8];
   std::snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(status.st_mode & 07777));
   if (status.st_uid != ::geteuid() && status.st_uid != 0) {
-    throw CToolError("refusing " + what + " " + path + ": it belongs to user " + std::to_string(status.st_uid) +
-                     ", neither to you nor to root");
+    throw CToolError("refusing " + what + " " + path + ": it belongs to user " +
+                     std::to_string(status.st_uid) + ", neither to you nor to root");
   }
   mode_t forbidden = secret ? (S_IRWXG | S_IRWXO) : (S_IWGRP | S_IWOTH);
   if ((status.st_mode & forbidden) != 0) {
-    throw CToolError("refusing " + what + " " + path + ": it is " + (secret ? "open to" : "writable by") +
-                     " group or others (mode " + mode + "); run 'chmod " + (secret ? "go-rwx" : "go-w") + " " +
-                     path + "'");
+    throw CToolError("refusing " + what + " " + path + ": it is " +
+                     (secret ? "open to" : "writable by") + " group or others (mode " + mode +
+                     "); run 'chmod " + (secret ? "go-rwx" : "go-w") + " " + path + "'");
   }
 }
 
@@ -87,7 +86,8 @@ CSession::CSession(const CSessionOptions& options) {
   RequireOwnerOnly(settings_.signer_certificate, "the signer's certificate", false);
   RequireOwnerOnly(settings_.signer_key, "the signer's key", true);
   if (!settings_.signer_key.empty()) {
-    RequireOwnerOnly(boost::filesystem::path(settings_.signer_key).parent_path().string(), "the keys folder", false);
+    RequireOwnerOnly(boost::filesystem::path(settings_.signer_key).parent_path().string(),
+                     "the keys folder", false);
   }
   RequireOwnerOnly(settings_.data_dir, "the data folder", false);
   settings_.log_console = false;
@@ -102,7 +102,8 @@ CSession::CSession(const CSessionOptions& options) {
     throw CToolError(std::string("configuration ") + config_path_ + ": " + e.what());
   }
   host_->log().KeepRecords(true, Poco::Message::PRIO_WARNING);
-  std::string module = options.module_path.empty() ? CModuleLoader::DefaultModulePath() : options.module_path;
+  std::string module =
+      options.module_path.empty() ? CModuleLoader::DefaultModulePath() : options.module_path;
   try {
     loader_ = std::make_unique<CModuleLoader>(module, host_);
   } catch (const std::exception& e) {
@@ -132,21 +133,23 @@ const CRefPolicySettings& CSession::Policy(const std::string& name) const {
 void CSession::RequireRoot(const CRefPolicySettings& policy) const {
   struct stat status {};
   if (::lstat(policy.root.c_str(), &status) != 0) {
-    throw CToolError("the root of policy '" + policy.name + "', " + policy.root + ", cannot be examined: " +
-                     std::strerror(errno));
+    throw CToolError("the root of policy '" + policy.name + "', " + policy.root +
+                     ", cannot be examined: " + std::strerror(errno));
   }
   if (S_ISLNK(status.st_mode)) {
     boost::system::error_code ignored;
     throw CToolError("the root of policy '" + policy.name + "', " + policy.root +
                      ", is a symbolic link; name the directory itself (" +
-                     boost::filesystem::canonical(policy.root, ignored).string() + ") in " + config_path_);
+                     boost::filesystem::canonical(policy.root, ignored).string() + ") in " +
+                     config_path_);
   }
   if (!S_ISDIR(status.st_mode)) {
-    throw CToolError("the root of policy '" + policy.name + "', " + policy.root + ", is not a directory");
+    throw CToolError("the root of policy '" + policy.name + "', " + policy.root +
+                     ", is not a directory");
   }
   if (::access(policy.root.c_str(), R_OK | X_OK) != 0) {
-    throw CToolError("the root of policy '" + policy.name + "', " + policy.root + ", cannot be read: " +
-                     std::strerror(errno));
+    throw CToolError("the root of policy '" + policy.name + "', " + policy.root +
+                     ", cannot be read: " + std::strerror(errno));
   }
 }
 
@@ -162,7 +165,9 @@ void CSession::LockPolicy(const CRefPolicySettings& policy, CPolicyLock::CMode m
   auto held = locks_.find(policy.name);
   if (held != locks_.end()) {
     // One lock per policy and process: closing a second descriptor would release the first.
-    if (held->second->mode() == CPolicyLock::CMode::kExclusive || mode == CPolicyLock::CMode::kShared) return;
+    if (held->second->mode() == CPolicyLock::CMode::kExclusive ||
+        mode == CPolicyLock::CMode::kShared)
+      return;
     throw std::logic_error("a writer must lock its policy before reading it");
   }
   std::string hdb = Narrow(front_->HdbFilePath(policy.name));
@@ -176,12 +181,15 @@ void CSession::LockPolicy(const CRefPolicySettings& policy, CPolicyLock::CMode m
       int service = busy.holder() != 0 ? CServiceLock::Holder(DataFolder()) : 0;
       bool by_service = service != 0 && service == busy.holder();
       if (by_service && mode == CPolicyLock::CMode::kExclusive) {
-        throw CToolError("policy '" + policy.name + "' is kept up to date by signdb watch (process " +
-                         std::to_string(service) + "), which takes in every change as it happens; stop the service " +
+        throw CToolError("policy '" + policy.name +
+                         "' is kept up to date by signdb watch (process " +
+                         std::to_string(service) +
+                         "), which takes in every change as it happens; stop the service " +
                          "to scan or update the policy ('signdb status' shows what it watches)");
       }
       if (!by_service && !wait_for_locks_) throw CToolError(busy.what());
-      if (!by_service && say_when_waiting_) std::cerr << "signdb: " << busy.holding() << "; waiting for it to finish\n";
+      if (!by_service && say_when_waiting_)
+        std::cerr << "signdb: " << busy.holding() << "; waiting for it to finish\n";
       locks_[policy.name] = std::make_unique<CPolicyLock>(hdb, policy.name, mode, true);
     }
   } catch (const CToolError&) {
@@ -191,7 +199,8 @@ void CSession::LockPolicy(const CRefPolicySettings& policy, CPolicyLock::CMode m
   }
 }
 
-bool CSession::ChangePolicyLock(const CRefPolicySettings& policy, CPolicyLock::CMode mode, bool wait) {
+bool CSession::ChangePolicyLock(const CRefPolicySettings& policy, CPolicyLock::CMode mode,
+                                bool wait) {
   auto held = locks_.find(policy.name);
   if (held == locks_.end()) throw std::logic_error("a lock is changed only once it is held");
   try {
@@ -226,13 +235,14 @@ std::shared_ptr<CHashDB> CSession::LoadDatabase(const CRefPolicySettings& policy
   bool has_record = ReadRecordedRevision(path, recorded);
   if (!boost::filesystem::exists(pair.hdb)) {
     if (has_record) {
-      throw CToolError("the database of policy '" + policy.name + "' is missing: " + path +
-                       " was saved (revision " + RevisionText(recorded) +
-                       ") and is gone; put it back from a backup, or run 'signdb scan " + policy.name +
-                       "' to record the tree as it is now (what changed meanwhile can then not be told)");
+      throw CToolError(
+          "the database of policy '" + policy.name + "' is missing: " + path +
+          " was saved (revision " + RevisionText(recorded) +
+          ") and is gone; put it back from a backup, or run 'signdb scan " + policy.name +
+          "' to record the tree as it is now (what changed meanwhile can then not be told)");
     }
-    throw CToolError("policy '" + policy.name + "' has no database yet (" + path + "); run 'signdb scan " +
-                     policy.name + "' first");
+    throw CToolError("policy '" + policy.name + "' has no database yet (" + path +
+                     "); run 'signdb scan " + policy.name + "' first");
   }
   std::shared_ptr<CHashDB> database = NewDatabase(policy);
   LoadFile(database, pair.hdb, pair.signature, verify);
@@ -240,27 +250,32 @@ std::shared_ptr<CHashDB> CSession::LoadDatabase(const CRefPolicySettings& policy
   CSaveMarker marker;
   bool saving = ReadSaveMarker(path, marker);
   // A save killed after its replacement and before its revision file: its result is complete.
-  bool completed_save = saving && database->Revision() == marker.saving && (!has_record || recorded != marker.saving);
+  bool completed_save =
+      saving && database->Revision() == marker.saving && (!has_record || recorded != marker.saving);
   // Whose database it is first, then whether it is the last one saved.
   std::optional<CPolicyBinding> binding;
   if (verify) binding = RequireBinding(policy, pair.hdb);
   if (verify && has_record && recorded != database->Revision() && !completed_save) {
     throw CToolError("the database " + pair.hdb + " is older than the last saved one: revision " +
                      RevisionText(database->Revision()) + ", expected " + RevisionText(recorded) +
-                     " (from " + path + ".dff); a database put back from an earlier save is never used");
+                     " (from " + path +
+                     ".dff); a database put back from an earlier save is never used");
   }
   if (binding && !binding->Vouches(database->Revision())) {
-    throw CToolError("the database " + pair.hdb + " is not the one last saved for policy '" + policy.name +
-                     "': its binding does not vouch for its revision " + RevisionText(database->Revision()) +
+    throw CToolError("the database " + pair.hdb + " is not the one last saved for policy '" +
+                     policy.name + "': its binding does not vouch for its revision " +
+                     RevisionText(database->Revision()) +
                      "; a database put back from another save is never used");
   }
   if (writer && (saving || pair.interrupted)) FinishInterruptedSave(path, signature_of);
   if (pair.interrupted || completed_save) {
     if (writer) {
-      std::cerr << "signdb: the last save of policy '" << policy.name << "' was interrupted; it is completed now\n";
-    } else {
       std::cerr << "signdb: the last save of policy '" << policy.name
-                << "' was interrupted; its complete result is used (the next scan or update tidies up)\n";
+                << "' was interrupted; it is completed now\n";
+    } else {
+      std::cerr
+          << "signdb: the last save of policy '" << policy.name
+          << "' was interrupted; its complete result is used (the next scan or update tidies up)\n";
     }
   }
   return database;
@@ -318,8 +333,9 @@ void CSession::PrepareSigner() {
   }
   constexpr time_t kWarnAhead = 30 * 24 * 3600;
   if (not_after - now < kWarnAhead) {
-    std::cerr << "signdb: warning: the signer certificate " << certificate << " expires on " << until << " (in "
-              << (not_after - now) / 86400 << " days); issue a new one before then: signdb renew --ca-key PATH\n";
+    std::cerr << "signdb: warning: the signer certificate " << certificate << " expires on "
+              << until << " (in " << (not_after - now) / 86400
+              << " days); issue a new one before then: signdb renew --ca-key PATH\n";
   }
   SignerPassphrase();
   signer_ready_ = true;
@@ -327,7 +343,8 @@ void CSession::PrepareSigner() {
 
 const std::string& CSession::SignerPassphrase() {
   if (passphrase_.empty() && KeyNeedsPassphrase(settings_.signer_key)) {
-    passphrase_ = ReadPassphrase("passphrase of the signer key " + settings_.signer_key + ": ", passphrase_fd_);
+    passphrase_ = ReadPassphrase("passphrase of the signer key " + settings_.signer_key + ": ",
+                                 passphrase_fd_);
     host_->ref_crypto().SetSignerPassphrase(passphrase_);
   }
   return passphrase_;
@@ -336,19 +353,21 @@ const std::string& CSession::SignerPassphrase() {
 std::unique_ptr<CRefSigner> CSession::Signer() {
   PrepareSigner();
   try {
-    return std::make_unique<CRefSigner>(settings_.signer_certificate, settings_.signer_key, settings_.signer_chain,
-                                        passphrase_);
+    return std::make_unique<CRefSigner>(settings_.signer_certificate, settings_.signer_key,
+                                        settings_.signer_chain, passphrase_);
   } catch (const std::exception& e) {
     throw CToolError(e.what());
   }
 }
 
-void CSession::RememberPackageOwners(const CRefPolicySettings& policy, const std::string& hdb_path) {
+void CSession::RememberPackageOwners(const CRefPolicySettings& policy,
+                                     const std::string& hdb_path) {
   const std::string& dpkg_root = Rules(policy).dpkg_root();
   if (dpkg_root.empty()) return;
   try {
     WritePackageOwners(hdb_path, policy.root, dpkg_root);
-  } catch (const std::exception& e) {  // the database is saved; only the explanation of removals is lost
+  } catch (
+      const std::exception& e) {  // the database is saved; only the explanation of removals is lost
     std::cerr << "signdb: warning: the packages' files could not be noted: " << e.what() << "\n";
   }
 }
@@ -357,7 +376,8 @@ std::string CSession::CandidateOf(const CRefPolicySettings& policy) {
   return Narrow(front_->HdbFilePath(policy.name)) + ".candidate";
 }
 
-std::string CSession::SaveCandidate(const std::shared_ptr<CHashDB>& database, const CRefPolicySettings& policy) {
+std::string CSession::SaveCandidate(const std::shared_ptr<CHashDB>& database,
+                                    const CRefPolicySettings& policy) {
   std::string current = Narrow(front_->HdbFilePath(policy.name));
   std::string candidate = CandidateOf(policy);
   CSignatureOf signature_of = [this](const std::string& hdb) { return SignatureFileOf(hdb); };
@@ -365,7 +385,8 @@ std::string CSession::SaveCandidate(const std::shared_ptr<CHashDB>& database, co
   uint64_t stamp = 0;
   try {
     FinishInterruptedSave(current, signature_of);
-    for (const std::string& old : {candidate, SignatureFileOf(candidate), PolicyBindingPathOf(candidate)}) {
+    for (const std::string& old :
+         {candidate, SignatureFileOf(candidate), PolicyBindingPathOf(candidate)}) {
       boost::filesystem::remove(old);
     }
     ReadRecordedRevision(current, before);
@@ -402,8 +423,9 @@ std::string CSession::SaveCandidate(const std::shared_ptr<CHashDB>& database, co
   }
   std::cout << "the candidate " << candidate << " (revision " << RevisionText(stamp)
             << ") waits for its signature: on the signing host, run 'signdb sign " << candidate
-            << "', bring back " << SignatureFileOf(candidate) << " and " << PolicyBindingPathOf(candidate)
-            << ", then run 'signdb accept " << policy.name << "' here\n";
+            << "', bring back " << SignatureFileOf(candidate) << " and "
+            << PolicyBindingPathOf(candidate) << ", then run 'signdb accept " << policy.name
+            << "' here\n";
   return candidate;
 }
 
@@ -414,8 +436,9 @@ uint64_t CSession::AcceptCandidate(const CRefPolicySettings& policy) {
   CSignatureOf signature_of = [this](const std::string& hdb) { return SignatureFileOf(hdb); };
   boost::system::error_code missing;
   if (!boost::filesystem::exists(candidate, missing)) {
-    throw CToolError("policy '" + policy.name + "' has no candidate (" + candidate + "); make one with 'signdb scan " +
-                     policy.name + " --sign-later' or 'signdb update " + policy.name + " --sign-later'");
+    throw CToolError("policy '" + policy.name + "' has no candidate (" + candidate +
+                     "); make one with 'signdb scan " + policy.name +
+                     " --sign-later' or 'signdb update " + policy.name + " --sign-later'");
   }
   // What comes back from the signing host is checked as a load would check it, before it counts.
   std::shared_ptr<CHashDB> database = NewDatabase(policy);
@@ -428,20 +451,25 @@ uint64_t CSession::AcceptCandidate(const CRefPolicySettings& policy) {
   } catch (const std::exception& e) {
     throw CToolError(std::string(e.what()) + "; the candidate is not accepted");
   }
-  if (!binding) throw CToolError("the candidate has no binding (" + PolicyBindingPathOf(candidate) + "); it is not accepted");
+  if (!binding)
+    throw CToolError("the candidate has no binding (" + PolicyBindingPathOf(candidate) +
+                     "); it is not accepted");
   auto forget_candidate = [&] {
-    for (const std::string& done : {candidate, SignatureFileOf(candidate), PolicyBindingPathOf(candidate)}) {
+    for (const std::string& done :
+         {candidate, SignatureFileOf(candidate), PolicyBindingPathOf(candidate)}) {
       boost::filesystem::remove(done, missing);
     }
   };
   // An accept killed after the candidate was put in place: only its last steps are left.
   CSignedPair in_place = FindSignedPair(current, signature_of);
   uint64_t placed = 0;
-  if (boost::filesystem::exists(in_place.hdb, missing) && ReadHeaderRevision(in_place.hdb, placed) && placed == revision) {
+  if (boost::filesystem::exists(in_place.hdb, missing) &&
+      ReadHeaderRevision(in_place.hdb, placed) && placed == revision) {
     try {
       FinishInterruptedSave(current, signature_of);
       uint64_t recorded = 0;
-      if (!ReadRecordedRevision(current, recorded) || recorded != revision) WriteRecordedRevision(current, revision);
+      if (!ReadRecordedRevision(current, recorded) || recorded != revision)
+        WriteRecordedRevision(current, revision);
     } catch (const std::exception& e) {
       throw CToolError(e.what(), {"run 'signdb accept " + policy.name + "' again"});
     }
@@ -449,14 +477,17 @@ uint64_t CSession::AcceptCandidate(const CRefPolicySettings& policy) {
     return revision;
   }
   std::string mismatch = PolicyBindingMismatch(*binding, BindingOf(policy, {}));
-  if (mismatch.empty() && !binding->Vouches(revision)) mismatch = "its binding does not vouch for its revision";
+  if (mismatch.empty() && !binding->Vouches(revision))
+    mismatch = "its binding does not vouch for its revision";
   if (mismatch.empty()) {
     uint64_t recorded = 0;
     if (ReadRecordedRevision(current, recorded) && recorded != 0 && !binding->Vouches(recorded)) {
-      mismatch = "it was made from another database than the one now in place (revision " + RevisionText(recorded) + ")";
+      mismatch = "it was made from another database than the one now in place (revision " +
+                 RevisionText(recorded) + ")";
     }
   }
-  if (!mismatch.empty()) throw CToolError("the candidate " + candidate + " is not accepted: " + mismatch);
+  if (!mismatch.empty())
+    throw CToolError("the candidate " + candidate + " is not accepted: " + mismatch);
 
   // The steps of a save: the marker first, then the binding (it vouches for both revisions), the
   // previous pair, the new pair, the revision file.
@@ -468,7 +499,8 @@ uint64_t CSession::AcceptCandidate(const CRefPolicySettings& policy) {
     WriteSaveMarker(current, marker);
     std::vector<uint8_t> bytes = ReadWholeFile(PolicyBindingPathOf(candidate), 1 << 20);
     WriteWholeFile(PolicyBindingPathOf(current), bytes.data(), bytes.size());
-    if (boost::filesystem::exists(current, missing) && boost::filesystem::exists(SignatureFileOf(current), missing)) {
+    if (boost::filesystem::exists(current, missing) &&
+        boost::filesystem::exists(SignatureFileOf(current), missing)) {
       ReplacePairWithCopy(current, PreviousFileOf(policy), signature_of);
     }
     ReplacePairWithCopy(candidate, current, signature_of);
@@ -476,13 +508,15 @@ uint64_t CSession::AcceptCandidate(const CRefPolicySettings& policy) {
     RemoveSaveMarker(current);
     RememberPackageOwners(policy, current);
   } catch (const std::exception& e) {
-    throw CToolError(e.what(), {"the candidate was not put in place; run 'signdb accept " + policy.name + "' again"});
+    throw CToolError(e.what(), {"the candidate was not put in place; run 'signdb accept " +
+                                policy.name + "' again"});
   }
   forget_candidate();
   return revision;
 }
 
-std::string CSession::Save(const std::shared_ptr<CHashDB>& database, const CRefPolicySettings& policy) {
+std::string CSession::Save(const std::shared_ptr<CHashDB>& database,
+                           const CRefPolicySettings& policy) {
   LockPolicy(policy, CPolicyLock::CMode::kExclusive);
   if (sign_later_) return SaveCandidate(database, policy);
   PrepareSigner();
@@ -504,8 +538,9 @@ std::string CSession::Save(const std::shared_ptr<CHashDB>& database, const CRefP
     }
     std::vector<std::string> hints;
     if (!cause.empty()) hints.push_back(cause);
-    hints.push_back("the database was not saved; " + current +
-                    (boost::filesystem::exists(current, missing) ? " stays as it was" : " does not exist yet"));
+    hints.push_back(
+        "the database was not saved; " + current +
+        (boost::filesystem::exists(current, missing) ? " stays as it was" : " does not exist yet"));
     return CToolError(e.what(), std::move(hints));
   };
   CSaveMarker marker;
@@ -513,18 +548,21 @@ std::string CSession::Save(const std::shared_ptr<CHashDB>& database, const CRefP
     // What a killed run left is finished first, so that the pair kept as the previous one and the
     // revision file are those of the last complete save.
     FinishInterruptedSave(current, signature_of);
-    if (boost::filesystem::exists(current, missing) && boost::filesystem::exists(SignatureFileOf(current), missing)) {
+    if (boost::filesystem::exists(current, missing) &&
+        boost::filesystem::exists(SignatureFileOf(current), missing)) {
       ReplacePairWithCopy(current, PreviousFileOf(policy), signature_of);
     }
     ReadRecordedRevision(current, marker.before);
     do {
       marker.saving = host_->Utility()->RandomStamp();
-    } while (marker.saving == ~0ull || marker.saving == database->Revision() || marker.saving == marker.before);
+    } while (marker.saving == ~0ull || marker.saving == database->Revision() ||
+             marker.saving == marker.before);
     WriteSaveMarker(current, marker);
     // Vouches for the database in place and the one about to replace it, whichever a kill leaves.
     std::vector<uint64_t> revisions = {marker.saving};
     if (marker.before != 0) revisions.push_back(marker.before);
-    if (database->Revision() != 0 && database->Revision() != marker.before) revisions.push_back(database->Revision());
+    if (database->Revision() != 0 && database->Revision() != marker.before)
+      revisions.push_back(database->Revision());
     WriteBinding(policy, current, revisions);
     host_->ref_utility().PresetNextStamp(marker.saving);
   } catch (const std::exception& e) {
@@ -546,36 +584,42 @@ std::string CSession::Save(const std::shared_ptr<CHashDB>& database, const CRefP
   return Narrow(database->HdbFilePath(false));
 }
 
-CPolicyBinding CSession::BindingOf(const CRefPolicySettings& policy, std::vector<uint64_t> revisions) const {
-  return CPolicyBinding{policy.name, policy.root, Poco::Environment::nodeName(), std::move(revisions)};
+CPolicyBinding CSession::BindingOf(const CRefPolicySettings& policy,
+                                   std::vector<uint64_t> revisions) const {
+  return CPolicyBinding{policy.name, policy.root, Poco::Environment::nodeName(),
+                        std::move(revisions)};
 }
 
 void CSession::WriteBinding(const CRefPolicySettings& policy, const std::string& hdb_path,
                             std::vector<uint64_t> revisions) {
-  CRefSigner signer(settings_.signer_certificate, settings_.signer_key, settings_.signer_chain, passphrase_);
+  CRefSigner signer(settings_.signer_certificate, settings_.signer_key, settings_.signer_chain,
+                    passphrase_);
   WritePolicyBinding(hdb_path, BindingOf(policy, std::move(revisions)), signer);
 }
 
-std::optional<CPolicyBinding> CSession::RequireBinding(const CRefPolicySettings& policy, const std::string& hdb_path) {
+std::optional<CPolicyBinding> CSession::RequireBinding(const CRefPolicySettings& policy,
+                                                       const std::string& hdb_path) {
   std::string path = Narrow(front_->HdbFilePath(policy.name));
   CRefPkcs7Verifier verifier(settings_.signer_chain, settings_.local_cstm_id);
   std::optional<CPolicyBinding> binding;
   try {
     binding = ReadPolicyBinding(path, verifier);
   } catch (const std::exception& e) {
-    throw CToolError(std::string(e.what()) + "; the database of policy '" + policy.name + "' is not used");
+    throw CToolError(std::string(e.what()) + "; the database of policy '" + policy.name +
+                     "' is not used");
   }
   if (!binding) {
     if (accept_unbound_) return binding;
-    throw CToolError("the database " + hdb_path + " is not bound to policy '" + policy.name + "': " +
-                         PolicyBindingPathOf(path) + " is missing",
-                     {"a database saved before bindings existed is bound once with 'signdb update " + policy.name +
-                      " --bind'; otherwise, find out who removed it"});
+    throw CToolError(
+        "the database " + hdb_path + " is not bound to policy '" + policy.name +
+            "': " + PolicyBindingPathOf(path) + " is missing",
+        {"a database saved before bindings existed is bound once with 'signdb update " +
+         policy.name + " --bind'; otherwise, find out who removed it"});
   }
   std::string mismatch = PolicyBindingMismatch(*binding, BindingOf(policy, {}));
   if (!mismatch.empty()) {
-    throw CToolError("the database " + hdb_path + " is not the one of policy '" + policy.name + "': " + mismatch +
-                     "; a database of another policy or host is never used");
+    throw CToolError("the database " + hdb_path + " is not the one of policy '" + policy.name +
+                     "': " + mismatch + "; a database of another policy or host is never used");
   }
   return binding;
 }
@@ -595,9 +639,9 @@ std::vector<std::string> CSession::TakeProblems() {
   return lines;
 }
 
-std::string CSession::FullPath(const CRefPolicySettings& policy, const std::string& relative) const {
-  if (relative.empty()) return policy.root;
-  return (policy.root.back() == '/' ? policy.root : policy.root + "/") + relative;
+std::string CSession::FullPath(const CRefPolicySettings& policy,
+                               const std::string& relative) const {
+  return JoinedPath(policy.root, relative);
 }
 
 std::wstring CSession::WideFullPath(const CRefPolicySettings& policy, const std::string& relative) {

@@ -6,10 +6,10 @@
 #include <string>
 #include <vector>
 
-#include "tool/store/policy_binding.h"
-#include "tool/rules/policy_rules.h"
-#include "tool/store/policy_lock.h"
 #include "refhost/settings.h"
+#include "tool/rules/policy_rules.h"
+#include "tool/store/policy_binding.h"
+#include "tool/store/policy_lock.h"
 
 class CHashDB;
 class CModuleLoader;
@@ -19,8 +19,8 @@ class CSignDB;
 
 // How a run wants its session: from the command line's options.
 struct CSessionOptions {
-  std::string config_path;    // empty: the default configuration (see config_location.h)
-  std::string module_path;    // empty: the module beside the tool, or $SIGNDB_MODULE
+  std::string config_path;      // empty: the default configuration (see config_location.h)
+  std::string module_path;      // empty: the module beside the tool, or $SIGNDB_MODULE
   bool wait_for_locks = false;  // a policy lock held elsewhere is waited for
   bool accept_unbound = false;  // a database without a policy binding is loaded (to bind it)
   std::string passphrase_fd;    // where a protected signer key's passphrase comes from
@@ -40,7 +40,9 @@ class CSession {
 
   const CRefSettings& settings() const { return settings_; }
   // A policy's rules, read from the configuration once, when the session began.
-  const CPolicyRules& Rules(const CRefPolicySettings& policy) const { return rules_.at(policy.name); }
+  const CPolicyRules& Rules(const CRefPolicySettings& policy) const {
+    return rules_.at(policy.name);
+  }
   const std::string& config_path() const { return config_path_; }
   CRefHost& host() { return *host_; }
   CSignDB& front() { return *front_; }
@@ -119,14 +121,17 @@ class CSession {
  private:
   // The signed record that ties a policy's database to the policy, root, host and revisions.
   CPolicyBinding BindingOf(const CRefPolicySettings& policy, std::vector<uint64_t> revisions) const;
-  std::string SaveCandidate(const std::shared_ptr<CHashDB>& database, const CRefPolicySettings& policy);
+  std::string SaveCandidate(const std::shared_ptr<CHashDB>& database,
+                            const CRefPolicySettings& policy);
   // For a policy with package awareness: which package owns each path, beside the database.
   void RememberPackageOwners(const CRefPolicySettings& policy, const std::string& hdb_path);
-  void WriteBinding(const CRefPolicySettings& policy, const std::string& hdb_path, std::vector<uint64_t> revisions);
+  void WriteBinding(const CRefPolicySettings& policy, const std::string& hdb_path,
+                    std::vector<uint64_t> revisions);
   // The binding of the policy's database; refuses (CToolError) one that is missing (unless --bind),
   // not trusted, or of another policy, root or host. Which revisions it vouches for is the
   // caller's to check.
-  std::optional<CPolicyBinding> RequireBinding(const CRefPolicySettings& policy, const std::string& hdb_path);
+  std::optional<CPolicyBinding> RequireBinding(const CRefPolicySettings& policy,
+                                               const std::string& hdb_path);
 
   std::string config_path_;
   CRefSettings settings_;
@@ -135,11 +140,12 @@ class CSession {
   std::shared_ptr<CSignDB> front_;
   bool wait_for_locks_ = false;
   bool say_when_waiting_ = false;  // a lock waited for is said on stderr
-  bool accept_unbound_ = false;  // --bind: a database without a policy binding is loaded
-  std::string passphrase_fd_;    // --passphrase-fd N: where a protected signer key's passphrase comes from
-  std::string passphrase_;       // read once, when the first save needs it
+  bool accept_unbound_ = false;    // --bind: a database without a policy binding is loaded
+  std::string
+      passphrase_fd_;  // --passphrase-fd N: where a protected signer key's passphrase comes from
+  std::string passphrase_;  // read once, when the first save needs it
   bool signer_ready_ = false;
-  bool sign_later_ = false;  // --sign-later
+  bool sign_later_ = false;                                    // --sign-later
   std::map<std::string, std::unique_ptr<CPolicyLock>> locks_;  // by policy name
   std::map<std::string, CPolicyRules> rules_;                  // by policy name
 };

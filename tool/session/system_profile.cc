@@ -1,9 +1,8 @@
 #include "tool/session/system_profile.h"
 
+#include <Poco/JSON/Object.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
-#include <Poco/JSON/Object.h>
 
 #include <string>
 #include <vector>
@@ -22,30 +21,53 @@ const std::vector<CSystemRule>& SystemRules() {
       // Directories change their times whenever an entry comes or goes: noise, not tampering.
       {"/**", "ignore directory times"},
       // The kernel's state, devices, runtime state, scratch space, users' files, removable media.
-      {"/proc", nullptr}, {"/sys", nullptr}, {"/dev", nullptr}, {"/run", nullptr},
-      {"/tmp", nullptr}, {"/home", nullptr}, {"/root", nullptr},
-      {"/mnt", nullptr}, {"/media", nullptr}, {"/lost+found", nullptr}, {"/swapfile", nullptr},
+      {"/proc", nullptr},
+      {"/sys", nullptr},
+      {"/dev", nullptr},
+      {"/run", nullptr},
+      {"/tmp", nullptr},
+      {"/home", nullptr},
+      {"/root", nullptr},
+      {"/mnt", nullptr},
+      {"/media", nullptr},
+      {"/lost+found", nullptr},
+      {"/swapfile", nullptr},
       // What the system runs and boots: nothing there changes but through packages.
-      {"/usr/**", "read-only"}, {"/bin/**", "read-only"}, {"/sbin/**", "read-only"},
-      {"/lib/**", "read-only"}, {"/lib32/**", "read-only"}, {"/lib64/**", "read-only"},
-      {"/libx32/**", "read-only"}, {"/boot/**", "read-only"}, {"/opt/**", "read-only"},
+      {"/usr/**", "read-only"},
+      {"/bin/**", "read-only"},
+      {"/sbin/**", "read-only"},
+      {"/lib/**", "read-only"},
+      {"/lib32/**", "read-only"},
+      {"/lib64/**", "read-only"},
+      {"/libx32/**", "read-only"},
+      {"/boot/**", "read-only"},
+      {"/opt/**", "read-only"},
       {"/srv/**", "read-only"},
       // Configuration: every change matters, but its times say nothing a hash does not.
       {"/etc/**", "read-only"},
-      {"/etc/ld.so.cache", "permissions"}, {"/etc/adjtime", "permissions"},
+      {"/etc/ld.so.cache", "permissions"},
+      {"/etc/adjtime", "permissions"},
       // State that programs rewrite all the time: who may touch it, not what it holds.
       {"/var/**", "permissions"},
       // Logs grow and rotate; a shrink or a rewrite of what was logged is reported.
       {"/var/log/**", "log"},
-      {"/var/log/journal", nullptr},  // binary, rewritten in place by journald
+      {"/var/log/journal", nullptr},                // binary, rewritten in place by journald
       {"/var/log/apt/eipp.log.xz", "permissions"},  // rewritten whole by every apt run
       // Caches and spools hold what is downloaded, queued or regenerated.
-      {"/var/tmp", nullptr}, {"/var/cache", nullptr}, {"/var/spool", nullptr}, {"/var/lib/apt/lists", nullptr},
-      {"/var/backups", nullptr}, {"/var/lib/systemd/timers", nullptr}, {"/var/lib/systemd/random-seed", nullptr},
-      {"/var/lib/dhcp", nullptr}, {"/var/lib/logrotate", nullptr}, {"/var/mail", nullptr},
+      {"/var/tmp", nullptr},
+      {"/var/cache", nullptr},
+      {"/var/spool", nullptr},
+      {"/var/lib/apt/lists", nullptr},
+      {"/var/backups", nullptr},
+      {"/var/lib/systemd/timers", nullptr},
+      {"/var/lib/systemd/random-seed", nullptr},
+      {"/var/lib/dhcp", nullptr},
+      {"/var/lib/logrotate", nullptr},
+      {"/var/mail", nullptr},
       // The package database: every install changes it; the packages' files are checked instead.
       {"/var/lib/dpkg/**", "permissions"},
-      {"/usr/share/man/index.db", nullptr}, {"/usr/lib/python3*/**/__pycache__", nullptr},
+      {"/usr/share/man/index.db", nullptr},
+      {"/usr/lib/python3*/**/__pycache__", nullptr},
       {"/etc/signdb", nullptr},
   };
   return kRules;
@@ -54,7 +76,8 @@ const std::vector<CSystemRule>& SystemRules() {
 bool OwnFileSystem(const char* path) {
   struct stat root {};
   struct stat here {};
-  return ::stat("/", &root) == 0 && ::lstat(path, &here) == 0 && S_ISDIR(here.st_mode) && here.st_dev != root.st_dev;
+  return ::stat("/", &root) == 0 && ::lstat(path, &here) == 0 && S_ISDIR(here.st_mode) &&
+         here.st_dev != root.st_dev;
 }
 
 // The rules of a policy rooted at "root" ("/" or "/var", say): those under it, re-rooted.

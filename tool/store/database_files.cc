@@ -99,12 +99,14 @@ void FinishInterruptedSave(const std::string& hdb_path, const CSignatureOf& sign
 std::string StorageProblemOf(const std::string& folder) {
   struct statvfs space {};
   if (::statvfs(folder.c_str(), &space) == 0) {
-    if ((space.f_flag & ST_RDONLY) != 0) return "the file system of " + folder + " is read-only (EROFS)";
+    if ((space.f_flag & ST_RDONLY) != 0)
+      return "the file system of " + folder + " is read-only (EROFS)";
     if (space.f_bavail == 0 || (space.f_files != 0 && space.f_favail == 0)) {
       return "no space left on the file system of " + folder + " (ENOSPC)";
     }
   }
-  if (::access(folder.c_str(), W_OK | X_OK) != 0) return folder + " is not writable: " + ErrnoText(errno);
+  if (::access(folder.c_str(), W_OK | X_OK) != 0)
+    return folder + " is not writable: " + ErrnoText(errno);
   return std::string();
 }
 

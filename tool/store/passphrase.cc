@@ -26,9 +26,12 @@ std::string FromDescriptor(const std::string& fd_text) {
   for (;;) {
     ssize_t n = ::read(fd, &c, 1);
     if (n < 0 && errno == EINTR) continue;
-    if (n < 0) throw CToolError("cannot read the passphrase from descriptor " + fd_text + ": " + std::strerror(errno));
+    if (n < 0)
+      throw CToolError("cannot read the passphrase from descriptor " + fd_text + ": " +
+                       std::strerror(errno));
     if (n == 0 || c == '\n') break;
-    if (passphrase.size() == kLongestPassphrase) throw CToolError("the passphrase is longer than 1024 bytes");
+    if (passphrase.size() == kLongestPassphrase)
+      throw CToolError("the passphrase is longer than 1024 bytes");
     passphrase += c;
   }
   if (!passphrase.empty() && passphrase.back() == '\r') passphrase.pop_back();
@@ -53,7 +56,9 @@ std::string FromTerminal(const std::string& prompt, bool verify) {
   int result = EVP_read_pw_string(buffer, sizeof buffer, prompt.c_str(), verify ? 1 : 0);
   std::string passphrase(buffer);
   OPENSSL_cleanse(buffer, sizeof buffer);
-  if (result != 0) throw CToolError(verify ? "the passphrases differ, or none was given" : "no passphrase was given");
+  if (result != 0)
+    throw CToolError(verify ? "the passphrases differ, or none was given"
+                            : "no passphrase was given");
   if (passphrase.empty()) throw CToolError("an empty passphrase protects nothing");
   return passphrase;
 }

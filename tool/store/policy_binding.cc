@@ -5,7 +5,6 @@
 #include <Poco/JSON/Array.h>
 #include <Poco/JSON/Object.h>
 #include <Poco/JSON/Parser.h>
-
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -13,9 +12,9 @@
 #include <sstream>
 #include <stdexcept>
 
-#include "tool/store/database_files.h"
 #include "refhost/file_io.h"
 #include "refhost/pkcs7.h"
+#include "tool/store/database_files.h"
 
 namespace {
 
@@ -54,13 +53,15 @@ std::string RecordLine(const CPolicyBinding& binding) {
 CPolicyBinding ParseRecord(const std::string& line, const std::string& path) {
   CPolicyBinding binding;
   try {
-    Poco::JSON::Object::Ptr record = Poco::JSON::Parser().parse(line).extract<Poco::JSON::Object::Ptr>();
+    Poco::JSON::Object::Ptr record =
+        Poco::JSON::Parser().parse(line).extract<Poco::JSON::Object::Ptr>();
     binding.policy = record->getValue<std::string>("policy");
     binding.root = record->getValue<std::string>("root");
     binding.host = record->getValue<std::string>("host");
     Poco::JSON::Array::Ptr revisions = record->getArray("revisions");
     for (size_t i = 0; revisions && i < revisions->size(); ++i) {
-      binding.revisions.push_back(std::stoull(revisions->getElement<std::string>(static_cast<unsigned>(i)), nullptr, 16));
+      binding.revisions.push_back(
+          std::stoull(revisions->getElement<std::string>(static_cast<unsigned>(i)), nullptr, 16));
     }
   } catch (const std::exception&) {
     throw std::runtime_error("the policy binding " + path + " is damaged");
@@ -71,7 +72,8 @@ CPolicyBinding ParseRecord(const std::string& line, const std::string& path) {
 void WriteSignedLine(const std::string& hdb_path, const std::string& line, CRefSigner& signer) {
   std::string signature;
   if (!signer.SignBytes(reinterpret_cast<const uint8_t*>(line.data()), line.size(), signature)) {
-    throw std::runtime_error("cannot sign the policy binding " + PolicyBindingPathOf(hdb_path) + ": " + signature);
+    throw std::runtime_error("cannot sign the policy binding " + PolicyBindingPathOf(hdb_path) +
+                             ": " + signature);
   }
   std::string text = line + "\n" + Base64(signature) + "\n";
   WriteWholeFile(PolicyBindingPathOf(hdb_path), text.data(), text.size());
@@ -85,7 +87,8 @@ bool CPolicyBinding::Vouches(uint64_t revision) const {
 
 std::string PolicyBindingPathOf(const std::string& hdb_path) { return hdb_path + kBindingSuffix; }
 
-void WritePolicyBinding(const std::string& hdb_path, const CPolicyBinding& binding, CRefSigner& signer) {
+void WritePolicyBinding(const std::string& hdb_path, const CPolicyBinding& binding,
+                        CRefSigner& signer) {
   WriteSignedLine(hdb_path, RecordLine(binding), signer);
 }
 
@@ -104,28 +107,34 @@ CPolicyBinding SignPolicyBinding(const std::string& hdb_path, CRefSigner& signer
   return binding;
 }
 
-std::optional<CPolicyBinding> ReadPolicyBinding(const std::string& hdb_path, CRefPkcs7Verifier& verifier) {
+std::optional<CPolicyBinding> ReadPolicyBinding(const std::string& hdb_path,
+                                                CRefPkcs7Verifier& verifier) {
   std::string path = PolicyBindingPathOf(hdb_path);
   struct stat status {};
   if (::lstat(path.c_str(), &status) != 0 && errno == ENOENT) return std::nullopt;
   std::vector<uint8_t> bytes = ReadWholeFile(path, kLargestBinding);
   std::string text(bytes.begin(), bytes.end());
   size_t end_of_record = text.find('\n');
-  if (end_of_record == std::string::npos) throw std::runtime_error("the policy binding " + path + " is damaged");
+  if (end_of_record == std::string::npos)
+    throw std::runtime_error("the policy binding " + path + " is damaged");
   std::string line = text.substr(0, end_of_record);
   std::string signature_text = text.substr(end_of_record + 1);
   while (!signature_text.empty() && signature_text.back() == '\n') signature_text.pop_back();
   std::string signature = FromBase64(signature_text);
-  if (!verifier.ReadSignerInfo(reinterpret_cast<const uint8_t*>(signature.data()), signature.size()) ||
+  if (!verifier.ReadSignerInfo(reinterpret_cast<const uint8_t*>(signature.data()),
+                               signature.size()) ||
       !verifier.Verify(reinterpret_cast<const uint8_t*>(line.data()), line.size())) {
-    throw std::runtime_error("the policy binding " + path + " is not signed by a trusted signer: " + verifier.reason());
+    throw std::runtime_error("the policy binding " + path +
+                             " is not signed by a trusted signer: " + verifier.reason());
   }
   return ParseRecord(line, path);
 }
 
 std::string PolicyBindingMismatch(const CPolicyBinding& binding, const CPolicyBinding& expected) {
   if (binding.policy != expected.policy) return "it belongs to policy '" + binding.policy + "'";
-  if (binding.root != expected.root) return "it records the root " + binding.root + ", not " + expected.root;
-  if (binding.host != expected.host) return "it was made on host '" + binding.host + "', not '" + expected.host + "'";
+  if (binding.root != expected.root)
+    return "it records the root " + binding.root + ", not " + expected.root;
+  if (binding.host != expected.host)
+    return "it was made on host '" + binding.host + "', not '" + expected.host + "'";
   return std::string();
 }

@@ -27,7 +27,8 @@ struct CPolicyBinding {
 std::string PolicyBindingPathOf(const std::string& hdb_path);
 
 // Signs and writes the record; throws std::runtime_error with the reason.
-void WritePolicyBinding(const std::string& hdb_path, const CPolicyBinding& binding, CRefSigner& signer);
+void WritePolicyBinding(const std::string& hdb_path, const CPolicyBinding& binding,
+                        CRefSigner& signer);
 
 // Writes the record without its signature, for a candidate that is signed on another host.
 void WriteUnsignedPolicyBinding(const std::string& hdb_path, const CPolicyBinding& binding);
@@ -39,7 +40,8 @@ CPolicyBinding SignPolicyBinding(const std::string& hdb_path, CRefSigner& signer
 // The record beside "hdb_path", its signature checked against the trust anchor; nothing when
 // there is none. Throws std::runtime_error when it is there but damaged or not signed by a
 // trusted signer.
-std::optional<CPolicyBinding> ReadPolicyBinding(const std::string& hdb_path, CRefPkcs7Verifier& verifier);
+std::optional<CPolicyBinding> ReadPolicyBinding(const std::string& hdb_path,
+                                                CRefPkcs7Verifier& verifier);
 
 // What is wrong with "binding" for the policy, root and host of "expected", as a sentence; empty
 // when it holds. Revisions are not compared.

@@ -24,9 +24,10 @@ struct flock WholeFile(short type) {
 }  // namespace
 
 CPolicyLockBusy::CPolicyLockBusy(const std::string& policy_name, int holder, bool writer)
-    : CPolicyLockBusy("policy '" + policy_name + "' is being " + (writer ? "written" : "read") + " by " +
-                          (holder != 0 ? "process " + std::to_string(holder) : std::string("another process")),
-                      holder) {}
+    : CPolicyLockBusy(
+          "policy '" + policy_name + "' is being " + (writer ? "written" : "read") + " by " +
+              (holder != 0 ? "process " + std::to_string(holder) : std::string("another process")),
+          holder) {}
 
 CPolicyLockBusy::CPolicyLockBusy(std::string holding, int holder)
     : std::runtime_error(holding + "; try again when it has finished, or add --wait"),
@@ -47,7 +48,8 @@ CPolicyLock::CPolicyLock(const std::string& hdb_path, const std::string& policy_
     }
   } else if (fd_ < 0) {
     // A writer cannot go on: name the error as administrators search for it (EROFS, ENOSPC).
-    throw std::runtime_error("cannot open the lock file " + path + ": " + ErrnoText(errno) + "; nothing was changed");
+    throw std::runtime_error("cannot open the lock file " + path + ": " + ErrnoText(errno) +
+                             "; nothing was changed");
   }
   struct flock region = WholeFile(mode == CMode::kShared ? F_RDLCK : F_WRLCK);
   while (::fcntl(fd_, wait ? F_SETLKW : F_SETLK, &region) != 0) {

@@ -39,7 +39,8 @@ CServiceLock::CServiceLock(const std::string& data_folder) : path_(PathIn(data_f
     throw std::runtime_error("cannot lock " + path_ + ": " + std::strerror(error));
   }
   std::string pid = std::to_string(::getpid()) + "\n";
-  if (::ftruncate(fd_, 0) != 0 || ::pwrite(fd_, pid.data(), pid.size(), 0) != static_cast<ssize_t>(pid.size())) {
+  if (::ftruncate(fd_, 0) != 0 ||
+      ::pwrite(fd_, pid.data(), pid.size(), 0) != static_cast<ssize_t>(pid.size())) {
     // The lock holds without the number; the number only helps people.
   }
 }

@@ -16,7 +16,8 @@ namespace {
 
 // Entries coming and going (a rename as one event with both places), content written, attributes
 // changed; for directories as well as files.
-constexpr uint64_t kMask = FAN_CREATE | FAN_DELETE | FAN_RENAME | FAN_CLOSE_WRITE | FAN_MODIFY | FAN_ATTRIB | FAN_ONDIR;
+constexpr uint64_t kMask =
+    FAN_CREATE | FAN_DELETE | FAN_RENAME | FAN_CLOSE_WRITE | FAN_MODIFY | FAN_ATTRIB | FAN_ONDIR;
 
 // A directory's path cannot be told from a handle that is not cached: more than this many
 // directories, and the cache starts again (it is refilled by the events that need it).
@@ -35,12 +36,14 @@ CFanotifyWatcher::CFanotifyWatcher(std::string root, CExcluded excluded)
   fd_ = ::fanotify_init(FAN_CLASS_NOTIF | FAN_CLOEXEC | FAN_NONBLOCK | FAN_REPORT_DFID_NAME_TARGET,
                         O_RDONLY | O_LARGEFILE | O_CLOEXEC);
   if (fd_ < 0) throw std::runtime_error(std::string("fanotify: ") + std::strerror(errno));
-  if (::fanotify_mark(fd_, FAN_MARK_ADD | FAN_MARK_FILESYSTEM, kMask, AT_FDCWD, root_.c_str()) != 0) {
+  if (::fanotify_mark(fd_, FAN_MARK_ADD | FAN_MARK_FILESYSTEM, kMask, AT_FDCWD, root_.c_str()) !=
+      0) {
     int error = errno;
     ::close(fd_);
     throw std::runtime_error("fanotify on " + root_ + ": " + std::strerror(error));
   }
-  mount_fd_ = ::open(root_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);  // not O_PATH: open_by_handle_at refuses it
+  mount_fd_ = ::open(root_.c_str(), O_RDONLY | O_DIRECTORY |
+                                        O_CLOEXEC);  // not O_PATH: open_by_handle_at refuses it
   if (mount_fd_ < 0) {
     int error = errno;
     ::close(fd_);
@@ -81,7 +84,8 @@ bool CFanotifyWatcher::DirectoryOf(const void* handle_bytes, std::string& relati
     relative.clear();
   } else if (root_ == "/" && full.size() > 1) {
     relative = full.substr(1);
-  } else if (full.size() > root_.size() && full.compare(0, root_.size(), root_) == 0 && full[root_.size()] == '/') {
+  } else if (full.size() > root_.size() && full.compare(0, root_.size(), root_) == 0 &&
+             full[root_.size()] == '/') {
     relative = full.substr(root_.size() + 1);
   } else {
     // Outside the root, or the root's own directory: only the root's removal matters there.
@@ -108,7 +112,8 @@ void CFanotifyWatcher::Read(std::vector<CWatchEvent>& events) {
       const char* info = buffer + offset + metadata.metadata_len;
       const char* end = buffer + offset + metadata.event_len;
       offset += metadata.event_len;
-      if (event->vers != FANOTIFY_METADATA_VERSION) throw std::runtime_error("fanotify: unknown event format");
+      if (event->vers != FANOTIFY_METADATA_VERSION)
+        throw std::runtime_error("fanotify: unknown event format");
       if (event->fd >= 0) ::close(event->fd);
       if (event->mask & FAN_Q_OVERFLOW) {
         events.push_back(CWatchEvent{CWatchEvent::CKind::kLost, "", "", true});
@@ -126,7 +131,8 @@ void CFanotifyWatcher::Read(std::vector<CWatchEvent>& events) {
         uint8_t type = header.info_type;
         // The header, the file system's id, then the handle (its size, its type, its bytes) and,
         // for these, the entry's name.
-        constexpr size_t kHandleAt = sizeof(struct fanotify_event_info_header) + sizeof(__kernel_fsid_t);
+        constexpr size_t kHandleAt =
+            sizeof(struct fanotify_event_info_header) + sizeof(__kernel_fsid_t);
         if ((type == FAN_EVENT_INFO_TYPE_DFID_NAME || type == FAN_EVENT_INFO_TYPE_OLD_DFID_NAME ||
              type == FAN_EVENT_INFO_TYPE_NEW_DFID_NAME) &&
             kHandleAt + sizeof(struct file_handle) <= header.len) {
@@ -179,7 +185,8 @@ void CFanotifyWatcher::Read(std::vector<CWatchEvent>& events) {
         if (directory) directories_.clear();
         events.push_back(CWatchEvent{CWatchEvent::CKind::kRemoved, where, "", directory});
       } else if (event->mask & (FAN_CLOSE_WRITE | FAN_MODIFY)) {
-        if (!directory) events.push_back(CWatchEvent{CWatchEvent::CKind::kWritten, where, "", false});
+        if (!directory)
+          events.push_back(CWatchEvent{CWatchEvent::CKind::kWritten, where, "", false});
       } else if (event->mask & FAN_ATTRIB) {
         events.push_back(CWatchEvent{CWatchEvent::CKind::kAttributes, where, "", directory});
       }

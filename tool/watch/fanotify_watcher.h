@@ -38,5 +38,6 @@ class CFanotifyWatcher : public CTreeWatcher {
   CExcluded excluded_;
   int fd_ = -1;
   int mount_fd_ = -1;  // a descriptor on the root's file system, to open handles with
-  std::unordered_map<std::string, std::string> directories_;  // handle bytes -> relative path ("\n": outside)
+  std::unordered_map<std::string, std::string>
+      directories_;  // handle bytes -> relative path ("\n": outside)
 };

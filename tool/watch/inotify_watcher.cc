@@ -9,16 +9,16 @@
 #include <stdexcept>
 #include <utility>
 
-#include "util/relative_path.h"
 #include "tool/report/report_event.h"
+#include "util/relative_path.h"
 
 namespace {
 
 // What a watch reports. IN_MODIFY as well as IN_CLOSE_WRITE: a writer that keeps a file open (a
 // log, a database) must not hide its changes until it closes.
-constexpr uint32_t kMask = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_CLOSE_WRITE | IN_MODIFY |
-                           IN_ATTRIB | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR | IN_DONT_FOLLOW |
-                           IN_EXCL_UNLINK;
+constexpr uint32_t kMask = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_CLOSE_WRITE |
+                           IN_MODIFY | IN_ATTRIB | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR |
+                           IN_DONT_FOLLOW | IN_EXCL_UNLINK;
 
 }  // namespace
 
@@ -85,7 +85,8 @@ void CInotifyWatcher::WatchTree(const std::string& top, std::vector<CWatchEvent>
         return directory.empty() || watches_.count(directory) != 0 || WatchDirectory(directory);
       },
       [report](const std::string& child, bool directory) {
-        if (report != nullptr) report->push_back(CWatchEvent{CWatchEvent::CKind::kCreated, child, "", directory});
+        if (report != nullptr)
+          report->push_back(CWatchEvent{CWatchEvent::CKind::kCreated, child, "", directory});
       });
 }
 
@@ -152,7 +153,8 @@ void CInotifyWatcher::Read(std::vector<CWatchEvent>& events) {
         // The watched directory itself: its attributes, or the root gone or moved away.
         if (raw->mask & IN_ATTRIB) {
           settle_from();
-          events.push_back(CWatchEvent{CWatchEvent::CKind::kAttributes, directory->second, "", true});
+          events.push_back(
+              CWatchEvent{CWatchEvent::CKind::kAttributes, directory->second, "", true});
         } else if ((raw->mask & (IN_DELETE_SELF | IN_MOVE_SELF)) && directory->second.empty()) {
           settle_from();
           events.push_back(CWatchEvent{CWatchEvent::CKind::kLost, "", "", true});
@@ -165,7 +167,8 @@ void CInotifyWatcher::Read(std::vector<CWatchEvent>& events) {
         if (have_from && from_cookie == raw->cookie) {
           have_from = false;
           if (from.directory) RenameTree(from.path, path);
-          events.push_back(CWatchEvent{CWatchEvent::CKind::kMoved, path, std::move(from.path), is_directory});
+          events.push_back(
+              CWatchEvent{CWatchEvent::CKind::kMoved, path, std::move(from.path), is_directory});
           continue;
         }
         settle_from();

@@ -50,7 +50,7 @@ class CInotifyWatcher : public CTreeWatcher {
   bool cross_mounts_;
   uint64_t root_device_ = 0;
   int fd_ = -1;
-  std::unordered_map<int, std::string> paths_;  // watch descriptor -> directory (relative)
+  std::unordered_map<int, std::string> paths_;    // watch descriptor -> directory (relative)
   std::unordered_map<std::string, int> watches_;  // directory (relative) -> watch descriptor
   uint64_t unwatched_ = 0;
 };

@@ -7,34 +7,40 @@
 #include <memory>
 #include <utility>
 
-#include "tool/report/change_log.h"
-#include "tool/change/difference.h"
-#include "tool/change/difference_apply.h"
-#include "tool/change/object_state.h"
-#include "tool/rules/policy_rules.h"
-#include "util/relative_path.h"
-#include "tool/report/report_event.h"
-#include "tool/session/session.h"
-#include "util/text_format.h"
-#include "tool/scan/tree_check.h"
 #include "hashdb/hash_db.h"
-#include "refhost/safe_text.h"
 #include "refhost/file_obj_info.h"
 #include "refhost/ref_host.h"
+#include "tool/change/difference.h"
+#include "tool/change/object_state.h"
+#include "tool/report/change_log.h"
+#include "tool/report/report_event.h"
+#include "tool/rules/policy_rules.h"
+#include "tool/scan/difference_apply.h"
+#include "tool/scan/tree_check.h"
+#include "tool/session/session.h"
+#include "util/relative_path.h"
+#include "util/safe_text.h"
+#include "util/text_format.h"
 
-CPolicyWatch::CPolicyWatch(CSession& session, const CRefPolicySettings& policy, std::shared_ptr<CHashDB> database,
-                           CChangeLog* log)
-    : session_(session), policy_(policy), database_(std::move(database)), log_(log), wide_root_(Wide("")),
+CPolicyWatch::CPolicyWatch(CSession& session, const CRefPolicySettings& policy,
+                           std::shared_ptr<CHashDB> database, CChangeLog* log)
+    : session_(session),
+      policy_(policy),
+      database_(std::move(database)),
+      log_(log),
+      wide_root_(Wide("")),
       directories_(policy.root),
       judge_(session.Rules(policy), session.settings().policy_number),
       rotations_(session.Rules(policy)),
-      packages_(policy, session.Rules(policy).dpkg_root(), session.Narrow(database_->HdbFilePath(false))) {
+      packages_(policy, session.Rules(policy).dpkg_root(),
+                session.Narrow(database_->HdbFilePath(false))) {
   std::string data = session_.DataFolder();
   std::string root = policy_.root;
   while (root.size() > 1 && root.back() == '/') root.pop_back();
   if (root == "/" && data.size() > 1) {
     data_folder_relative_ = data.substr(1);
-  } else if (data.size() > root.size() && data.compare(0, root.size(), root) == 0 && data[root.size()] == '/') {
+  } else if (data.size() > root.size() && data.compare(0, root.size(), root) == 0 &&
+             data[root.size()] == '/') {
     data_folder_relative_ = data.substr(root.size() + 1);
   }
   saved_changes_ = database_->ChangeCounter();
@@ -47,15 +53,19 @@ bool CPolicyWatch::Excluded(const std::string& relative, bool) const {
   return session_.Rules(policy_).VerdictBeforeKind(relative) == CPolicyRules::CVerdict::kExcluded;
 }
 
-std::wstring CPolicyWatch::Wide(const std::string& relative) { return session_.WideFullPath(policy_, relative); }
+std::wstring CPolicyWatch::Wide(const std::string& relative) {
+  return session_.WideFullPath(policy_, relative);
+}
 
 void CPolicyWatch::Start(bool force_inotify) {
   watcher_ = MakeTreeWatcher(
-      policy_.root, [this](const std::string& relative, bool directory) { return Excluded(relative, directory); },
+      policy_.root,
+      [this](const std::string& relative, bool directory) { return Excluded(relative, directory); },
       session_.Rules(policy_).cross_mounts(), force_inotify);
   if (watcher_->unwatched() > 0) {
     std::cerr << "signdb watch: " << policy_.name << ": " << watcher_->unwatched()
-              << " directories could not be watched (see fs.inotify.max_user_watches): their changes are found "
+              << " directories could not be watched (see fs.inotify.max_user_watches): their "
+                 "changes are found "
                  "only when the tree is reconciled\n";
   }
   Reconcile();
@@ -97,7 +107,8 @@ void CPolicyWatch::Apply(const CWatchEvent& event) {
   switch (event.kind) {
     case CWatchEvent::CKind::kLost:
       ++counters_.lost;
-      std::cerr << "signdb watch: " << policy_.name << ": the kernel dropped file events; reconciling the tree\n";
+      std::cerr << "signdb watch: " << policy_.name
+                << ": the kernel dropped file events; reconciling the tree\n";
       queued_.clear();
       Reconcile();
       return;
@@ -150,42 +161,50 @@ void CPolicyWatch::ApplyDue(CClock::time_point now, size_t most) {
     try {
       // What was written is most likely a regular file still: opened first, examined through
       // that descriptor.
-      Record(path, queued.content, queued.created ? "created" : queued.content ? "written" : "attributes",
+      Record(path, queued.content,
+             queued.created   ? "created"
+             : queued.content ? "written"
+                              : "attributes",
              queued.content);
     } catch (const std::exception& e) {
       ++counters_.failures;
-      std::cerr << "signdb watch: " << policy_.name << ": " << EscapedText(path) << ": " << EscapedText(e.what())
-                << "\n";
+      std::cerr << "signdb watch: " << policy_.name << ": " << EscapedText(path) << ": "
+                << EscapedText(e.what()) << "\n";
     }
   }
   directories_.Clear();
 }
 
-std::shared_ptr<CRefFileObjInfo> CPolicyWatch::Read(const std::string& relative, const CKnownContent* known,
-                                                   bool likely_regular) {
+std::shared_ptr<CRefFileObjInfo> CPolicyWatch::Read(const std::string& relative,
+                                                    const CKnownContent* known,
+                                                    bool likely_regular) {
   CRefHost& host = session_.host();
   std::wstring full = Wide(relative);
   int directory = relative.empty() ? -1 : directories_.Open(ParentOf(relative));
   if (directory >= 0) {
     return CRefFileObjInfo::AtDirectory(*host.Utility(), *host.Cfg(), wide_root_, full,
-                                        session_.settings().policy_number, directory, NameOf(relative),
-                                        likely_regular, nullptr, known);
+                                        session_.settings().policy_number, directory,
+                                        NameOf(relative), likely_regular, nullptr, known);
   }
   // the root itself, or a directory on the way is gone: FromDisk tells which
-  return CRefFileObjInfo::FromDisk(*host.Utility(), *host.Cfg(), wide_root_, full, session_.settings().policy_number,
-                                   likely_regular, known);
+  return CRefFileObjInfo::FromDisk(*host.Utility(), *host.Cfg(), wide_root_, full,
+                                   session_.settings().policy_number, likely_regular, known);
 }
 
-void CPolicyWatch::Record(const std::string& relative, bool content, const char* event, bool likely_regular) {
+void CPolicyWatch::Record(const std::string& relative, bool content, const char* event,
+                          bool likely_regular) {
   std::optional<CObjectState> recorded = RecordedStateIfAny(*database_, Wide(relative));
   std::optional<CKnownContent> known;
-  if (!content && recorded && !recorded->is_dir) known = CKnownContent{recorded->size, recorded->time_2, recorded->hash};
+  if (!content && recorded && !recorded->is_dir)
+    known = CKnownContent{recorded->size, recorded->time_2, recorded->hash};
   std::shared_ptr<CRefFileObjInfo> info = Read(relative, known ? &*known : nullptr, likely_regular);
   if (info->IsGone()) {
-    if (recorded && !relative.empty()) Removed(relative, *recorded, database_->CheckObject(info), event);
+    if (recorded && !relative.empty())
+      Removed(relative, *recorded, database_->CheckObject(info), event);
     return;
   }
-  if (judge_.Excluded(relative, KindOf(info->IsDirectory(), info->Attributes(), !info->TargetPath().empty()))) {
+  if (judge_.Excluded(
+          relative, KindOf(info->IsDirectory(), info->Attributes(), !info->TargetPath().empty()))) {
     return;  // left out by its kind: neither recorded nor reported, as a walk leaves it
   }
   uint32_t status = database_->CheckObject(info);
@@ -205,8 +224,8 @@ void CPolicyWatch::Remove(const std::string& relative, const char* event) {
   Record(relative, true, event);
 }
 
-void CPolicyWatch::Removed(const std::string& relative, const CObjectState& recorded, uint32_t status,
-                           const char* event) {
+void CPolicyWatch::Removed(const std::string& relative, const CObjectState& recorded,
+                           uint32_t status, const char* event) {
   if (judge_.Excluded(relative, recorded.kind())) return;  // recorded before a rule left it out
   std::shared_ptr<CObjInfo> none;
   database_->RemoveObject(none, Wide(relative));
@@ -255,8 +274,10 @@ void CPolicyWatch::MoveRecord(const std::string& from, const std::string& to) {
        ++n) {
     passing = ".signdb-moving-" + std::to_string(n);
   }
-  if (passing != from_name) database_->RenameObject(none, Wide(from), Wide(JoinRelative(from_parent, passing)));
-  database_->RenameObject(none, Wide(JoinRelative(from_parent, passing)), Wide(JoinRelative(to_parent, passing)));
+  if (passing != from_name)
+    database_->RenameObject(none, Wide(from), Wide(JoinRelative(from_parent, passing)));
+  database_->RenameObject(none, Wide(JoinRelative(from_parent, passing)),
+                          Wide(JoinRelative(to_parent, passing)));
   database_->RenameObject(none, Wide(JoinRelative(to_parent, passing)), Wide(to));
 }
 
@@ -286,7 +307,8 @@ void CPolicyWatch::Move(const std::string& from, const std::string& to, bool dir
     }
     CDifference gone = judge_.Gone(from, RecordedState(*database_, Wide(from)), 0);
     MoveRecord(from, to);
-    std::optional<CDifference> arrived = judge_.Present(to, std::nullopt, info, database_->CheckObject(info));
+    std::optional<CDifference> arrived =
+        judge_.Present(to, std::nullopt, info, database_->CheckObject(info));
     std::shared_ptr<CObjInfo> immediate;
     database_->InsertObject(immediate, info);  // its attributes as they are now, after the move
     ++counters_.applied;
@@ -311,7 +333,9 @@ std::chrono::seconds CPolicyWatch::shrink_period() const {
 
 uint64_t CPolicyWatch::Shrink() {
   // The database stamps what it is told of with the monotonic clock that steady_clock reads.
-  int64_t before = std::chrono::duration_cast<std::chrono::nanoseconds>(CClock::now().time_since_epoch()).count();
+  int64_t before =
+      std::chrono::duration_cast<std::chrono::nanoseconds>(CClock::now().time_since_epoch())
+          .count();
   queued_.clear();
   Reconcile();
   uint64_t dropped = database_->Shrink(before, L"");
@@ -322,14 +346,17 @@ uint64_t CPolicyWatch::Shrink() {
 uint64_t CPolicyWatch::nodes() const {
   auto count = std::make_shared<std::atomic<uint64_t>>(0);
   // The walk runs on the worker pool: the visitor counts from several threads.
-  database_->Enumerate("", true, std::make_shared<CNodeVisitor>([count](const std::shared_ptr<CHashNode>&) {
-    count->fetch_add(1, std::memory_order_relaxed);
-    return true;
-  }));
+  database_->Enumerate("", true,
+                       std::make_shared<CNodeVisitor>([count](const std::shared_ptr<CHashNode>&) {
+                         count->fetch_add(1, std::memory_order_relaxed);
+                         return true;
+                       }));
   return count->load();
 }
 
-bool CPolicyWatch::changed_since_save() const { return database_->ChangeCounter() != saved_changes_; }
+bool CPolicyWatch::changed_since_save() const {
+  return database_->ChangeCounter() != saved_changes_;
+}
 
 bool CPolicyWatch::Save(bool always, bool wait) {
   uint64_t changes = database_->ChangeCounter();

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "tool/change/judge.h"
+#include "tool/judge/judge.h"
 #include "tool/packages/package_changes.h"
 #include "tool/watch/batch_directories.h"
 #include "tool/watch/tree_watcher.h"
@@ -47,8 +47,8 @@ class CPolicyWatch {
   };
 
   // Every change applied is written to "log" (when given) as one JSON line.
-  CPolicyWatch(CSession& session, const CRefPolicySettings& policy, std::shared_ptr<CHashDB> database,
-               CChangeLog* log = nullptr);
+  CPolicyWatch(CSession& session, const CRefPolicySettings& policy,
+               std::shared_ptr<CHashDB> database, CChangeLog* log = nullptr);
   ~CPolicyWatch();
 
   // Starts following the tree's events (fanotify where it may, inotify otherwise or with
@@ -100,10 +100,12 @@ class CPolicyWatch {
                                         bool likely_regular);
   // Reads the object at "relative" and records it (or removes it when it is gone), reporting
   // what the judge says changed.
-  void Record(const std::string& relative, bool content, const char* event, bool likely_regular = false);
+  void Record(const std::string& relative, bool content, const char* event,
+              bool likely_regular = false);
   void Remove(const std::string& relative, const char* event);
   // Removes the record of an object that is gone ("status": the module's word on it).
-  void Removed(const std::string& relative, const CObjectState& recorded, uint32_t status, const char* event);
+  void Removed(const std::string& relative, const CObjectState& recorded, uint32_t status,
+               const char* event);
   // Reports a change applied, unless it is part of a log's rotation, with its package's word.
   void Report(CDifference difference, const char* event);
   // Writes a change applied: its line on standard output, and to the change log with the event
@@ -131,7 +133,7 @@ class CPolicyWatch {
   CJudge judge_;
   CLiveRotations rotations_;
   CPackageExplainer packages_;
-  uint64_t saved_changes_ = 0;             // the database's change count at the last save
+  uint64_t saved_changes_ = 0;  // the database's change count at the last save
   CCounters counters_;
   std::vector<CWatchEvent> events_;  // reused between reads
 };

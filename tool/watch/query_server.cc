@@ -17,7 +17,7 @@
 namespace {
 
 sockaddr_un AddressOf(const std::string& path) {
-  sockaddr_un address {};
+  sockaddr_un address{};
   address.sun_family = AF_UNIX;
   if (path.size() >= sizeof address.sun_path) {
     throw std::runtime_error("the socket path " + path + " is too long for a local socket (" +
@@ -29,13 +29,16 @@ sockaddr_un AddressOf(const std::string& path) {
 
 }  // namespace
 
-std::string ErrorAnswer(const std::string& reason) { return "{\"ok\":false,\"error\":" + JsonString(reason) + "}"; }
+std::string ErrorAnswer(const std::string& reason) {
+  return "{\"ok\":false,\"error\":" + JsonString(reason) + "}";
+}
 
 CQueryServer::CQueryServer(std::string socket_path, CHandler handler)
     : path_(std::move(socket_path)), handler_(std::move(handler)) {
   sockaddr_un address = AddressOf(path_);
   listen_fd_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-  if (listen_fd_ < 0) throw std::runtime_error(std::string("cannot make a local socket: ") + std::strerror(errno));
+  if (listen_fd_ < 0)
+    throw std::runtime_error(std::string("cannot make a local socket: ") + std::strerror(errno));
   ::unlink(path_.c_str());
   // Owner-only from the start: no moment where another user could connect.
   mode_t before = ::umask(0077);
@@ -48,7 +51,7 @@ CQueryServer::CQueryServer(std::string socket_path, CHandler handler)
     throw std::runtime_error("cannot listen at " + path_ + ": " + std::strerror(error));
   }
   epoll_fd_ = ::epoll_create1(EPOLL_CLOEXEC);
-  epoll_event event {};
+  epoll_event event{};
   event.events = EPOLLIN;
   event.data.fd = listen_fd_;
   if (epoll_fd_ < 0 || ::epoll_ctl(epoll_fd_, EPOLL_CTL_ADD, listen_fd_, &event) != 0) {
@@ -92,7 +95,7 @@ void CQueryServer::Accept() {
       ::close(client);
       continue;
     }
-    epoll_event event {};
+    epoll_event event{};
     event.events = EPOLLIN;
     event.data.fd = client;
     if (::epoll_ctl(epoll_fd_, EPOLL_CTL_ADD, client, &event) != 0) {
@@ -121,7 +124,9 @@ bool CQueryServer::Serve(int client) {
       continue;
     }
     if (state.received.size() > kLongestRequest) {
-      state.unsent = ErrorAnswer("request too long: at most " + std::to_string(kLongestRequest) + " bytes per line") + "\n";
+      state.unsent = ErrorAnswer("request too long: at most " + std::to_string(kLongestRequest) +
+                                 " bytes per line") +
+                     "\n";
       Send(client, state);
       return false;
     }
@@ -149,7 +154,7 @@ bool CQueryServer::Send(int client, CClient& state) {
   // Waits for the client to take the rest, or for its next request.
   bool sending = !state.unsent.empty();
   if (sending != state.sending) {
-    epoll_event event {};
+    epoll_event event{};
     event.events = sending ? EPOLLOUT : EPOLLIN;
     event.data.fd = client;
     if (::epoll_ctl(epoll_fd_, EPOLL_CTL_MOD, client, &event) != 0) return false;
@@ -167,8 +172,9 @@ void CQueryServer::Close(int client) {
 std::string AskService(const std::string& socket_path, const std::string& request, int timeout_ms) {
   sockaddr_un address = AddressOf(socket_path);
   int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (fd < 0) throw std::runtime_error(std::string("cannot make a local socket: ") + std::strerror(errno));
-  timeval timeout {timeout_ms / 1000, (timeout_ms % 1000) * 1000};
+  if (fd < 0)
+    throw std::runtime_error(std::string("cannot make a local socket: ") + std::strerror(errno));
+  timeval timeout{timeout_ms / 1000, (timeout_ms % 1000) * 1000};
   ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
   ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
   if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {

@@ -63,4 +63,5 @@ std::string ErrorAnswer(const std::string& reason);
 
 // Sends one request line to the service at "socket_path" and returns its answer line. Throws
 // std::runtime_error when no service listens there or it does not answer within "timeout_ms".
-std::string AskService(const std::string& socket_path, const std::string& request, int timeout_ms = 5000);
+std::string AskService(const std::string& socket_path, const std::string& request,
+                       int timeout_ms = 5000);

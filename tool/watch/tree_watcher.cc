@@ -9,13 +9,14 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "tool/report/report_event.h"
 #include "tool/watch/fanotify_watcher.h"
 #include "tool/watch/inotify_watcher.h"
 #include "util/relative_path.h"
-#include "tool/report/report_event.h"
 
-std::unique_ptr<CTreeWatcher> MakeTreeWatcher(const std::string& root, CTreeWatcher::CExcluded excluded,
-                                              bool cross_mounts, bool force_inotify) {
+std::unique_ptr<CTreeWatcher> MakeTreeWatcher(const std::string& root,
+                                              CTreeWatcher::CExcluded excluded, bool cross_mounts,
+                                              bool force_inotify) {
   // One file-system mark does not follow other file systems mounted below the root.
   if (!force_inotify && !cross_mounts) {
     try {
@@ -28,14 +29,16 @@ std::unique_ptr<CTreeWatcher> MakeTreeWatcher(const std::string& root, CTreeWatc
 }
 
 void WalkBelow(const std::string& root, const std::string& top, uint64_t device, bool cross_mounts,
-               const CTreeWatcher::CExcluded& excluded, const std::function<bool(const std::string&)>& enter,
+               const CTreeWatcher::CExcluded& excluded,
+               const std::function<bool(const std::string&)>& enter,
                const std::function<void(const std::string& child, bool directory)>& found) {
   std::vector<std::string> pending{top};
   while (!pending.empty()) {
     std::string directory = std::move(pending.back());
     pending.pop_back();
     if (!enter(directory)) continue;
-    int fd = ::open(JoinedPath(root, directory).c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    int fd = ::open(JoinedPath(root, directory).c_str(),
+                    O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
     if (fd < 0) continue;
     DIR* listing = ::fdopendir(fd);
     if (listing == nullptr) {
@@ -53,7 +56,8 @@ void WalkBelow(const std::string& root, const std::string& top, uint64_t device,
         is_directory = S_ISDIR(status.st_mode);
       }
       if (excluded && excluded(child, is_directory)) continue;
-      if (is_directory && !cross_mounts && status.st_dev != device) continue;  // another file system
+      if (is_directory && !cross_mounts && status.st_dev != device)
+        continue;  // another file system
       found(child, is_directory);
       if (is_directory) pending.push_back(std::move(child));
     }
@@ -71,10 +75,12 @@ size_t ReadQueued(int fd, char* buffer, size_t size) {
   }
 }
 
-void ReportTreeBelow(const std::string& root, const std::string& top, const CTreeWatcher::CExcluded& excluded,
-                     bool cross_mounts, std::vector<CWatchEvent>& events) {
+void ReportTreeBelow(const std::string& root, const std::string& top,
+                     const CTreeWatcher::CExcluded& excluded, bool cross_mounts,
+                     std::vector<CWatchEvent>& events) {
   struct stat top_status {};
-  if (::lstat(JoinedPath(root, top).c_str(), &top_status) != 0 || !S_ISDIR(top_status.st_mode)) return;
+  if (::lstat(JoinedPath(root, top).c_str(), &top_status) != 0 || !S_ISDIR(top_status.st_mode))
+    return;
   WalkBelow(
       root, top, top_status.st_dev, cross_mounts, excluded, [](const std::string&) { return true; },
       [&events](const std::string& child, bool directory) {

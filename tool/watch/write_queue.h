@@ -1,14 +1,13 @@
 #pragma once
 
+#include <boost/multi_index/member.hpp>
+#include <boost/multi_index/ordered_index.hpp>
+#include <boost/multi_index_container.hpp>
 #include <chrono>
 #include <cstddef>
 #include <optional>
 #include <string>
 #include <vector>
-
-#include <boost/multi_index/member.hpp>
-#include <boost/multi_index/ordered_index.hpp>
-#include <boost/multi_index_container.hpp>
 
 // The objects of a tree that wait to be read again, each with the time it is due: an object
 // written many times within kSettle is read once, and one that keeps being written is read at
@@ -51,8 +50,9 @@ class CWriteQueue {
   struct CByDue {};
   using CEntries = boost::multi_index_container<
       CEntry, boost::multi_index::indexed_by<
-                  boost::multi_index::ordered_unique<boost::multi_index::tag<CByPath>,
-                                                     boost::multi_index::member<CEntry, std::string, &CEntry::path>>,
+                  boost::multi_index::ordered_unique<
+                      boost::multi_index::tag<CByPath>,
+                      boost::multi_index::member<CEntry, std::string, &CEntry::path>>,
                   boost::multi_index::ordered_non_unique<
                       boost::multi_index::tag<CByDue>,
                       boost::multi_index::member<CEntry, CClock::time_point, &CEntry::due>>>>;

@@ -1,11 +1,11 @@
-#include "tool/report/progress_line.h"
+#include "tool/scan/progress_line.h"
 
 #include <unistd.h>
 
 #include <cstdio>
 
-#include "util/text_format.h"
 #include "tool/scan/tree_scanner.h"
+#include "util/text_format.h"
 
 CProgressLine::CProgressLine(std::string label, const CScanCounters& counters, bool quiet)
     : label_(std::move(label)), counters_(counters) {
@@ -13,7 +13,8 @@ CProgressLine::CProgressLine(std::string label, const CScanCounters& counters, b
   painter_ = std::thread([this] {
     std::unique_lock<std::mutex> guard(lock_);
     Draw();  // at once, so that even a short scan says what it did on a terminal
-    while (!stop_signal_.wait_for(guard, std::chrono::milliseconds(250), [this] { return stop_; })) Draw();
+    while (!stop_signal_.wait_for(guard, std::chrono::milliseconds(250), [this] { return stop_; }))
+      Draw();
   });
 }
 
@@ -34,8 +35,8 @@ void CProgressLine::Draw() {
   uint64_t objects = counters_.objects.load(std::memory_order_relaxed);
   uint64_t rate = seconds > 0 ? static_cast<uint64_t>(static_cast<double>(objects) / seconds) : 0;
   std::string line = label_ + ": " + GroupedNumber(objects) + " objects, " +
-                     ByteSize(counters_.bytes.load(std::memory_order_relaxed)) + ", " + GroupedNumber(rate) +
-                     " objects/s";
+                     ByteSize(counters_.bytes.load(std::memory_order_relaxed)) + ", " +
+                     GroupedNumber(rate) + " objects/s";
   if (uint64_t unreadable = counters_.unreadable.load(std::memory_order_relaxed)) {
     line += ", " + GroupedNumber(unreadable) + " unreadable";
   }

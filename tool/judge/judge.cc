@@ -1,17 +1,20 @@
-#include "tool/change/judge.h"
+#include "tool/judge/judge.h"
 
-#include "tool/change/change_selection.h"
-#include "tool/rules/policy_rules.h"
 #include "refhost/file_obj_info.h"
+#include "tool/judge/change_selection.h"
+#include "tool/rules/policy_rules.h"
 
-CJudge::CJudge(const CPolicyRules& rules, uint32_t policy_number) : rules_(rules), policy_number_(policy_number) {}
+CJudge::CJudge(const CPolicyRules& rules, uint32_t policy_number)
+    : rules_(rules), policy_number_(policy_number) {}
 
 bool CJudge::Excluded(const std::string& relative, CObjectKind kind) const {
   return !relative.empty() && rules_.Excluded(relative, kind);
 }
 
-std::optional<CDifference> CJudge::Present(const std::string& relative, const std::optional<CObjectState>& recorded,
-                                           const std::shared_ptr<CRefFileObjInfo>& info, uint32_t status) const {
+std::optional<CDifference> CJudge::Present(const std::string& relative,
+                                           const std::optional<CObjectState>& recorded,
+                                           const std::shared_ptr<CRefFileObjInfo>& info,
+                                           uint32_t status) const {
   CDifference difference;
   difference.status = status;
   difference.path = relative;
@@ -25,13 +28,15 @@ std::optional<CDifference> CJudge::Present(const std::string& relative, const st
     difference.changes = CompareStates(difference.recorded, difference.current);
   }
   SetHeadline(difference);
-  if (!ApplySelection(difference, rules_.SelectionFor(relative, difference.shown().kind()), policy_number_)) {
+  if (!ApplySelection(difference, rules_.SelectionFor(relative, difference.shown().kind()),
+                      policy_number_)) {
     return std::nullopt;
   }
   return difference;
 }
 
-CDifference CJudge::Gone(const std::string& relative, const CObjectState& recorded, uint32_t status) const {
+CDifference CJudge::Gone(const std::string& relative, const CObjectState& recorded,
+                         uint32_t status) const {
   CDifference difference;
   difference.status = status;
   difference.change = CChange::kGone;
@@ -56,7 +61,8 @@ bool CLiveRotations::Forgives(const CDifference& difference) {
   std::string log = RotatedFrom(difference.path);
   if (difference.change == CChange::kRenamed) {
     // NAME to NAME.1, or NAME.1 to NAME.2: the log moves along its rotated names.
-    if (log.empty() || (difference.from != log && RotatedFrom(difference.from) != log)) return false;
+    if (log.empty() || (difference.from != log && RotatedFrom(difference.from) != log))
+      return false;
     rotated_.insert(log);
     return true;
   }

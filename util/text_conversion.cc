@@ -1,11 +1,10 @@
-#include "refhost/text_conversion.h"
+#include "util/text_conversion.h"
 
 #include <Poco/UTF8Encoding.h>
 
 #include <algorithm>
 
 static_assert(sizeof(wchar_t) == 4, "wide strings are UTF-32 here");
-
 
 // Most names are plain ASCII, which is the same in both encodings: copied directly, without the
 // general converter.

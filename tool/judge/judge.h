@@ -34,10 +34,13 @@ class CJudge {
   // (nothing: it is new; the other of a file and a directory: its kind changed), and for which
   // the module's check answered "status". Nothing when none of what differs is reported by the
   // object's selection (a log that grew and kept its bytes, a directory whose times are ignored).
-  std::optional<CDifference> Present(const std::string& relative, const std::optional<CObjectState>& recorded,
-                                     const std::shared_ptr<CRefFileObjInfo>& info, uint32_t status) const;
+  std::optional<CDifference> Present(const std::string& relative,
+                                     const std::optional<CObjectState>& recorded,
+                                     const std::shared_ptr<CRefFileObjInfo>& info,
+                                     uint32_t status) const;
   // A recorded object that is no longer there.
-  CDifference Gone(const std::string& relative, const CObjectState& recorded, uint32_t status) const;
+  CDifference Gone(const std::string& relative, const CObjectState& recorded,
+                   uint32_t status) const;
   // A recorded object ("gone" at its old path) that arrived where "arrived" (a new object) is.
   CDifference Renamed(const CDifference& gone, CDifference arrived) const;
 

@@ -1,10 +1,10 @@
-#include "tool/change/difference_apply.h"
+#include "tool/scan/difference_apply.h"
 
 #include <memory>
 
-#include "tool/session/session.h"
 #include "hashdb/hash_db.h"
 #include "refhost/file_obj_info.h"
+#include "tool/session/session.h"
 
 void ApplyDifferences(CSession& session, const CRefPolicySettings& policy, CHashDB& database,
                       const std::vector<CDifference>& differences) {

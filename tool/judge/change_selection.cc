@@ -1,24 +1,26 @@
-#include "tool/change/change_selection.h"
+#include "tool/judge/change_selection.h"
 
 #include <fcntl.h>
 
 #include <algorithm>
-#include <map>
 #include <cctype>
-#include <string>
+#include <map>
 #include <set>
+#include <string>
 
 #include "refhost/crypto_service.h"
 #include "refhost/file_descriptor.h"
 #include "refhost/file_obj_info.h"
-#include "refhost/text_conversion.h"
+#include "util/text_conversion.h"
 
 namespace {
 
 // Whether the file now at "path" begins with the bytes that were recorded: the first "length"
 // bytes hash to "hash".
-bool KeepsRecordedPrefix(const std::string& path, uint64_t length, const std::string& hash, uint32_t policy_number) {
-  CFileDescriptor fd(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+bool KeepsRecordedPrefix(const std::string& path, uint64_t length, const std::string& hash,
+                         uint32_t policy_number) {
+  CFileDescriptor fd(
+      ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
   if (!fd.valid()) return false;
   try {
     return HashOpenFilePrefix(fd.get(), length, policy_number, path) == hash;
@@ -28,8 +30,9 @@ bool KeepsRecordedPrefix(const std::string& path, uint64_t length, const std::st
 }
 
 bool Drop(std::vector<CAttributeChange>& changes, CAspect aspect) {
-  auto end = std::remove_if(changes.begin(), changes.end(),
-                            [aspect](const CAttributeChange& change) { return change.aspect == aspect; });
+  auto end =
+      std::remove_if(changes.begin(), changes.end(),
+                     [aspect](const CAttributeChange& change) { return change.aspect == aspect; });
   bool any = end != changes.end();
   changes.erase(end, changes.end());
   return any;
@@ -70,8 +73,9 @@ bool ApplySelection(CDifference& difference, const CSelection& selection, uint32
   if (difference.change != CChange::kChanged) return true;
   std::vector<CAttributeChange>& changes = difference.changes;
   if (selection.may_grow) {
-    bool grew = difference.current.size >= difference.recorded.size && !difference.recorded.hash.empty() &&
-                !Has(changes, CAspect::kInode) && difference.info &&
+    bool grew = difference.current.size >= difference.recorded.size &&
+                !difference.recorded.hash.empty() && !Has(changes, CAspect::kInode) &&
+                difference.info &&
                 (!Has(changes, CAspect::kContent) ||
                  KeepsRecordedPrefix(WideToUtf8(difference.info->Path()), difference.recorded.size,
                                      difference.recorded.hash, policy_number));
@@ -87,7 +91,9 @@ bool ApplySelection(CDifference& difference, const CSelection& selection, uint32
     Drop(changes, CAspect::kStatusChanged);
   }
   changes.erase(std::remove_if(changes.begin(), changes.end(),
-                               [&](const CAttributeChange& change) { return !selection.Reports(change.aspect); }),
+                               [&](const CAttributeChange& change) {
+                                 return !selection.Reports(change.aspect);
+                               }),
                 changes.end());
   if (changes.empty()) return false;
   difference.words = HeadlineWords(changes.front().aspect);
@@ -106,16 +112,17 @@ void ForgiveRotations(std::vector<CDifference>& differences, const CPolicyRules&
     if (!log.empty() && grows(difference.path, difference)) rotated.insert(log);
   }
   if (rotated.empty()) return;
-  differences.erase(
-      std::remove_if(differences.begin(), differences.end(),
-                     [&](const CDifference& difference) {
-                       if (!grows(difference.path, difference)) return false;
-                       if (difference.change == CChange::kRenamed) {
-                         return rotated.count(difference.from) != 0 && RotatedFrom(difference.path) == difference.from;
-                       }
-                       if (rotated.count(difference.path) != 0) return difference.change == CChange::kChanged;
-                       std::string log = RotatedFrom(difference.path);
-                       return !log.empty() && rotated.count(log) != 0;
-                     }),
-      differences.end());
+  differences.erase(std::remove_if(differences.begin(), differences.end(),
+                                   [&](const CDifference& difference) {
+                                     if (!grows(difference.path, difference)) return false;
+                                     if (difference.change == CChange::kRenamed) {
+                                       return rotated.count(difference.from) != 0 &&
+                                              RotatedFrom(difference.path) == difference.from;
+                                     }
+                                     if (rotated.count(difference.path) != 0)
+                                       return difference.change == CChange::kChanged;
+                                     std::string log = RotatedFrom(difference.path);
+                                     return !log.empty() && rotated.count(log) != 0;
+                                   }),
+                    differences.end());
 }

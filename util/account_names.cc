@@ -1,4 +1,4 @@
-#include "tool/report/account_names.h"
+#include "util/account_names.h"
 
 #include <grp.h>
 #include <pwd.h>
@@ -25,7 +25,8 @@ std::map<uint32_t, CKnownName> user_names;   // guarded by names_lock
 std::map<uint32_t, CKnownName> group_names;  // guarded by names_lock
 
 template <typename Entry, typename Lookup>
-std::string LookUp(uint32_t id, std::map<uint32_t, CKnownName>& cache, Lookup lookup, char* Entry::*name_field) {
+std::string LookUp(uint32_t id, std::map<uint32_t, CKnownName>& cache, Lookup lookup,
+                   char* Entry::*name_field) {
   std::lock_guard<std::mutex> guard(names_lock);
   auto now = std::chrono::steady_clock::now();
   auto known = cache.find(id);

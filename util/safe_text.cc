@@ -1,8 +1,8 @@
-#include "refhost/safe_text.h"
+#include "util/safe_text.h"
 
 #include <cstdio>
 
-#include "refhost/text_conversion.h"
+#include "util/text_conversion.h"
 
 namespace {
 
