@@ -57,6 +57,10 @@ const char* KindWords(CObjectKind kind) { return NamesOf(kind).words; }
 const char* KindType(CObjectKind kind) { return NamesOf(kind).type; }
 char KindLetter(CObjectKind kind) { return NamesOf(kind).letter; }
 
+CObjectKind KindOfObject(CRefFileObjInfo& info) {
+  return KindOf(info.IsDirectory(), info.Attributes(), !info.TargetPath().empty());
+}
+
 CObjectState StateOfObject(CRefFileObjInfo& info) {
   CObjectState state;
   state.is_dir = info.IsDirectory();

@@ -40,6 +40,8 @@ struct CObjectState {
 
 // The object as the disk showed it.
 CObjectState StateOfObject(CRefFileObjInfo& info);
+// Its kind alone, without copying its texts.
+CObjectKind KindOfObject(CRefFileObjInfo& info);
 // The object as "database" recorded it at this full path (which must be recorded).
 CObjectState RecordedState(CHashDB& database, const std::wstring& full_path);
 // The same, or nothing when nothing is recorded at that path.

@@ -6,6 +6,7 @@
 #include <memory>
 #include <unordered_map>
 
+#include "refhost/file_status.h"
 #include "refhost/settings.h"
 #include "tool/common/exit_status.h"
 #include "tool/packages/package_files.h"
@@ -53,18 +54,17 @@ CPackageExplainer::~CPackageExplainer() = default;
 namespace {
 
 // The modification time of "path" in nanoseconds, or 0 when it cannot be read.
-int64_t ModifiedAt(const std::string& path) {
+uint64_t ModifiedAt(const std::string& path) {
   struct stat status {};
-  if (::stat(path.c_str(), &status) != 0) return 0;
-  return static_cast<int64_t>(status.st_mtim.tv_sec) * 1000000000 + status.st_mtim.tv_nsec;
+  return ::stat(path.c_str(), &status) == 0 ? StatTimeNs(status.st_mtim) : 0;
 }
 
 }  // namespace
 
 void CPackageExplainer::Refresh() {
   if (dpkg_root_.empty()) return;
-  int64_t lists = ModifiedAt(system_root_ + "/var/lib/dpkg/status");
-  int64_t owners = ModifiedAt(PackageOwnersPathOf(hdb_path_));
+  uint64_t lists = ModifiedAt(system_root_ + "/var/lib/dpkg/status");
+  uint64_t owners = ModifiedAt(PackageOwnersPathOf(hdb_path_));
   if (lists != lists_read_at_) packages_.reset();
   if (owners != owners_read_at_) owners_.reset();
   lists_read_at_ = lists;

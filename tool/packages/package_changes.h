@@ -25,7 +25,6 @@ class CPackageExplainer {
   // CToolError when the lists cannot be read.
   void Explain(CDifference& difference);
   void Refresh();
-  bool enabled() const { return !dpkg_root_.empty(); }
 
  private:
   const CPackageFiles& Packages();
@@ -37,8 +36,8 @@ class CPackageExplainer {
   std::string root_;         // the policy's root; empty for "/"
   std::unique_ptr<CPackageFiles> packages_;
   std::unique_ptr<std::unordered_map<std::string, std::string>> owners_;
-  int64_t lists_read_at_ = 0;   // the package status file's modification time, when read
-  int64_t owners_read_at_ = 0;  // the owners file's
+  uint64_t lists_read_at_ = 0;   // the package status file's modification time, when read
+  uint64_t owners_read_at_ = 0;  // the owners file's
 };
 
 // Orders differences: those that differ from their package first, the unexplained ones, the

@@ -85,14 +85,14 @@ CTreeCheckResult CheckTree(CSession& session, const CRefPolicySettings& policy,
   for (const CPathEntry& entry : *unseen) {
     std::string relative = WideToUtf8(entry.second);
     if (InsideUnreadable(unreadable, relative)) continue;
-    CObjectState recorded = RecordedState(*database, session.WideFullPath(policy, relative));
+    std::wstring full = session.WideFullPath(policy, relative);
+    CObjectState recorded = RecordedState(*database, full);
     if (!rules.empty() && rules.ExcludedHereOrAbove(relative, recorded.kind())) {
       continue;  // excluded since it was recorded: the walk no longer looks at it
     }
     std::shared_ptr<CRefFileObjInfo> info;
     try {
-      info = CRefFileObjInfo::FromDisk(*host.Utility(), *host.Cfg(), Utf8ToWide(policy.root),
-                                       session.WideFullPath(policy, relative),
+      info = CRefFileObjInfo::FromDisk(*host.Utility(), *host.Cfg(), Utf8ToWide(policy.root), full,
                                        session.settings().policy_number);
     } catch (const std::exception& e) {
       result.unreadable.emplace_back(relative, e.what());
@@ -102,9 +102,12 @@ CTreeCheckResult CheckTree(CSession& session, const CRefPolicySettings& policy,
     if (status == kCheckUnchanged) continue;
     if (info->IsGone()) {
       result.differences.push_back(judge.Gone(relative, recorded, status));
-    } else if (std::optional<CDifference> difference =
-                   judge.Present(relative, recorded_state(info), info, status)) {
-      result.differences.push_back(std::move(*difference));  // appeared while the walk went by
+      continue;
+    }
+    // Appeared while the walk went by: judged against the record read above.
+    if (info->recorded_hash()) recorded.hash = *info->recorded_hash();
+    if (std::optional<CDifference> difference = judge.Present(relative, recorded, info, status)) {
+      result.differences.push_back(std::move(*difference));
     }
   }
   judge.Settle(result.differences);

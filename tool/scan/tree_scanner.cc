@@ -241,8 +241,7 @@ void CTreeScanner::Run(const CVisit& visit, const CProblem& problem) {
       } else if (mounted_here && (rules_ == nullptr || !rules_->cross_mounts())) {
         // another file system: the policy stays on its root's unless its rules say otherwise
       } else if (verdict == CPolicyRules::CVerdict::kByKind &&
-                 rules_->Excluded(Relative(path), KindOf(info->IsDirectory(), info->Attributes(),
-                                                         !info->TargetPath().empty()))) {
+                 rules_->Excluded(Relative(path), KindOfObject(*info))) {
         // excluded by a rule: not recorded, not walked
       } else {
         counters_.objects.fetch_add(1, std::memory_order_relaxed);

@@ -203,8 +203,7 @@ void CPolicyWatch::Record(const std::string& relative, bool content, const char*
       Removed(relative, *recorded, database_->CheckObject(info), event);
     return;
   }
-  if (judge_.Excluded(
-          relative, KindOf(info->IsDirectory(), info->Attributes(), !info->TargetPath().empty()))) {
+  if (judge_.Excluded(relative, KindOfObject(*info))) {
     return;  // left out by its kind: neither recorded nor reported, as a walk leaves it
   }
   uint32_t status = database_->CheckObject(info);
@@ -300,8 +299,7 @@ void CPolicyWatch::Move(const std::string& from, const std::string& to, bool dir
       return;
     }
     std::shared_ptr<CRefFileObjInfo> info = Read(to, nullptr, true);
-    if (info->IsGone() || judge_.Excluded(to, KindOf(info->IsDirectory(), info->Attributes(),
-                                                     !info->TargetPath().empty()))) {
+    if (info->IsGone() || judge_.Excluded(to, KindOfObject(*info))) {
       Record(from, true, "moved");  // gone from where it was; nothing (to record) where it went
       return;
     }
