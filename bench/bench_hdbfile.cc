@@ -18,7 +18,7 @@
 #include "hashdb/hash_db_impl.h"
 #include "host/utility_service.h"
 #include "refhost/crypto_service.h"
-#include "refhost/dev_keys.h"
+#include "tool/store/dev_keys.h"
 #include "refhost/policy.h"
 #include "refhost/ref_host.h"
 #include "util/text_conversion.h"

@@ -113,7 +113,7 @@ int RunList(const CCommandLine& line) {
   // A watched policy is listed as the service records it now; the saved file may be older.
   std::optional<std::vector<CListedObject>> listed =
       ListThroughService(session, policy, directory, recursive);
-  if (!listed) listed = ListRecorded(policy, *session.LoadDatabase(policy), directory, recursive);
+  if (!listed) listed = ListRecorded(policy, *session.Store(policy).Load(), directory, recursive);
   for (const CListedObject& object : *listed) {
     std::cout << (line.Has("--json") ? ListedJson(object)
                                      : ListedText(object, session.settings().policy_number / 4))
@@ -206,7 +206,7 @@ int RunShow(const CCommandLine& line) {
   std::string relative = RelativeArgument(policy, line.arguments[1]);
   if (std::optional<int> status = ShowThroughService(session, policy, relative, line.Has("--json")))
     return *status;
-  std::shared_ptr<CHashDB> database = session.LoadDatabase(policy);
+  std::shared_ptr<CHashDB> database = session.Store(policy).Load();
   std::wstring full = session.WideFullPath(policy, relative);
   if (!database->ExistsAs(full, database->IsDirectory(full))) return NotRecorded(policy, relative);
   if (line.Has("--json")) {

@@ -11,9 +11,11 @@
 #include "cli/policy_arguments.h"
 #include "refhost/pkcs7.h"
 #include "tool/common/exit_status.h"
+#include "tool/common/policy_files.h"
 #include "tool/session/session.h"
 #include "tool/store/database_files.h"
 #include "tool/store/policy_binding.h"
+#include "tool/store/signer_keys.h"
 #include "util/text_conversion.h"
 
 int RunSign(const CCommandLine& line) {
@@ -28,27 +30,26 @@ int RunSign(const CCommandLine& line) {
     throw CToolError(e.what());
   }
   if (!is_hdb) throw CToolError(file + " is not an HDB file (or is cut short); nothing was signed");
-  std::unique_ptr<CRefSigner> signer = session.Signer();
+  std::unique_ptr<CRefSigner> signer = session.signer().Signer();
   std::string result;
   if (!signer->Sign(Utf8ToWide(file), result, 0, 0))
     throw CToolError(result + "; nothing was signed");
   std::cout << "signed " << file << " (revision " << RevisionText(revision) << "): " << file
             << ".p7s\n";
   boost::system::error_code missing;
-  if (!boost::filesystem::exists(PolicyBindingPathOf(file), missing)) {
-    std::cout << "no binding beside it (" << PolicyBindingPathOf(file)
+  if (!boost::filesystem::exists(BindingFileOf(file), missing)) {
+    std::cout << "no binding beside it (" << BindingFileOf(file)
               << "): the monitored host accepts the candidate only with its signed binding\n";
     return kExitOk;
   }
   try {
     CPolicyBinding binding = SignPolicyBinding(file, *signer);
     if (!binding.Vouches(revision)) {
-      throw CToolError("the binding " + PolicyBindingPathOf(file) +
-                       " does not vouch for revision " + RevisionText(revision) +
-                       "; it was not signed");
+      throw CToolError("the binding " + BindingFileOf(file) + " does not vouch for revision " +
+                       RevisionText(revision) + "; it was not signed");
     }
     std::cout << "signed its binding to policy '" << binding.policy << "' (" << binding.root
-              << ") on host '" << binding.host << "': " << PolicyBindingPathOf(file) << "\n";
+              << ") on host '" << binding.host << "': " << BindingFileOf(file) << "\n";
   } catch (const CToolError&) {
     throw;
   } catch (const std::exception& e) {
@@ -61,7 +62,7 @@ int RunAccept(const CCommandLine& line) {
   RequireShape(line, {}, 1, 1);
   CSession session(SessionOptionsOf(line));
   const CRefPolicySettings& policy = session.Policy(line.arguments[0]);
-  uint64_t revision = session.AcceptCandidate(policy);
+  uint64_t revision = session.Store(policy).Accept();
   std::cout << "accepted the candidate of policy " << policy.name << " (revision "
             << RevisionText(revision) << "): it is the policy's database now\n";
   return kExitOk;

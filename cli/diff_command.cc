@@ -52,8 +52,8 @@ int RunDiff(const CCommandLine& line) {
   CSession session(SessionOptionsOf(line));
   const CRefPolicySettings& policy = session.Policy(line.arguments[0]);
   std::string previous_path =
-      line.arguments.size() > 1 ? line.arguments[1] : session.PreviousFileOf(policy);
-  session.LockPolicy(policy, CPolicyLock::CMode::kShared);
+      line.arguments.size() > 1 ? line.arguments[1] : session.Store(policy).previous_file();
+  session.Store(policy).Lock(CPolicyLock::CMode::kShared);
   CSignedPair previous_pair = FindSignedPair(
       previous_path, [&session](const std::string& hdb) { return session.SignatureFileOf(hdb); });
   if (!boost::filesystem::exists(previous_pair.hdb)) {
@@ -68,7 +68,7 @@ int RunDiff(const CCommandLine& line) {
   // is the one it should find.
   std::shared_ptr<CHashDB> previous = session.NewDatabase(policy);
   session.LoadFile(previous, previous_pair.hdb, previous_pair.signature, true);
-  std::shared_ptr<CHashDB> current = session.LoadDatabase(policy);
+  std::shared_ptr<CHashDB> current = session.Store(policy).Load();
   CPathEntryList changed, added, removed;
   current->CompareWithPrevious(previous, changed, added, removed);
   bool json = line.Has("--json");

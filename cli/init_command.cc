@@ -9,11 +9,11 @@
 
 #include "cli/command_line.h"
 #include "cli/commands.h"
-#include "refhost/dev_keys.h"
 #include "refhost/file_io.h"
 #include "tool/common/exit_status.h"
 #include "tool/session/config_location.h"
 #include "tool/session/system_profile.h"
+#include "tool/store/dev_keys.h"
 #include "tool/store/passphrase.h"
 
 namespace {

@@ -97,7 +97,7 @@ int RunLookup(const CCommandLine& line) {
     if (!session.front().HdbFileExists(policy.name)) continue;
     std::shared_ptr<CHashDB> database;
     try {
-      database = session.LoadDatabase(policy);
+      database = session.Store(policy).Load();
     } catch (const CToolError& e) {
       std::cerr << "signdb: " << EscapedText(e.what()) << "\n";
       refused = true;

@@ -7,11 +7,12 @@
 #include "cli/command_line.h"
 #include "cli/commands.h"
 #include "cli/policy_arguments.h"
-#include "refhost/dev_keys.h"
 #include "refhost/file_io.h"
 #include "refhost/pkcs7.h"
 #include "tool/common/exit_status.h"
 #include "tool/session/session.h"
+#include "tool/store/dev_keys.h"
+#include "tool/store/signer_keys.h"
 #include "util/text_format.h"
 
 int RunRenew(const CCommandLine& line) {
@@ -28,7 +29,7 @@ int RunRenew(const CCommandLine& line) {
   if (days < 1 || days > 36500) throw CToolError("--days wants a number of days from 1 to 36500");
   CSession session(SessionOptionsOf(line));
   const CRefSettings& settings = session.settings();
-  const std::string& passphrase = session.SignerPassphrase();
+  const std::string& passphrase = session.signer().Passphrase();
   std::string fresh = settings.signer_certificate + ".new";
   boost::system::error_code ignored;
   boost::filesystem::remove(fresh, ignored);

@@ -24,7 +24,7 @@ namespace {
 
 int ScanPolicy(CSession& session, const CRefPolicySettings& policy, const CCommandLine& line) {
   session.RequireRoot(policy);
-  session.LockPolicy(policy, CPolicyLock::CMode::kExclusive);
+  session.Store(policy).Lock(CPolicyLock::CMode::kExclusive);
   bool quiet = line.Has("--quiet");
   auto start = std::chrono::steady_clock::now();
   std::shared_ptr<CHashDB> database = session.NewDatabase(policy);
@@ -49,7 +49,7 @@ int ScanPolicy(CSession& session, const CRefPolicySettings& policy, const CComma
   for (const auto& [path, reason] : unreadable)
     std::cerr << "signdb: cannot read " << SafePath(path.empty() ? "." : path) << " ("
               << EscapedText(reason) << ")\n";
-  std::string saved = session.Save(database, policy);
+  std::string saved = session.Store(policy).Save(database);
   double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   const CScanCounters& counters = scanner.counters();
   char elapsed[32];

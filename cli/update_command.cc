@@ -106,7 +106,8 @@ int UpdatePolicy(CSession& session, const CRefPolicySettings& policy, const CCom
   ApplyDifferences(session, policy, *database, result.differences);
   std::string saved;
   // --bind saves even an unchanged tree: that is how a database gets its policy binding.
-  if (!result.differences.empty() || line.Has("--bind")) saved = session.Save(database, policy);
+  if (!result.differences.empty() || line.Has("--bind"))
+    saved = session.Store(policy).Save(database);
   CReportContext context =
       CReportContext::Make(policy.name, policy.root, "update", session.settings().policy_number);
   PrintCheckReport(std::cout, result, policy, context, line.Has("--json"), true);
@@ -115,7 +116,7 @@ int UpdatePolicy(CSession& session, const CRefPolicySettings& policy, const CCom
   if (!line.Has("--json")) {
     std::cout << (saved.empty() ? std::string("nothing to accept; the database stays as it is")
                                 : "saved " + saved + " (the one it replaced: " +
-                                      session.PreviousFileOf(policy) + ")")
+                                      session.Store(policy).previous_file() + ")")
               << "\n";
     if (left > 0) {
       std::cout << left

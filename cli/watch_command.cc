@@ -33,6 +33,7 @@
 #include "tool/scan/tree_check.h"
 #include "tool/session/session.h"
 #include "tool/store/service_lock.h"
+#include "tool/store/signer_keys.h"
 #include "tool/watch/policy_watch.h"
 #include "tool/watch/query_server.h"
 #include "util/json_line.h"
@@ -339,7 +340,7 @@ int RunWatch(const CCommandLine& line) {
   } else {
     for (const std::string& name : line.arguments) policies.push_back(&session.Policy(name));
   }
-  session.PrepareSigner();
+  session.signer().Prepare();
   // A check or scan that runs as the service starts (a daily timer, say) is waited for: a service
   // that gave up would not be started again.
   session.WaitForLocks();
@@ -350,7 +351,7 @@ int RunWatch(const CCommandLine& line) {
       // Nothing is loaded or changed yet: a stop while another run's lock is waited for ends the
       // process at once.
       ::pthread_sigmask(SIG_UNBLOCK, &stop_signals, nullptr);
-      session.LockPolicy(*policy, CPolicyLock::CMode::kExclusive);
+      session.Store(*policy).Lock(CPolicyLock::CMode::kExclusive);
       ::pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
     }
     std::shared_ptr<CHashDB> database;
@@ -358,7 +359,7 @@ int RunWatch(const CCommandLine& line) {
       database = session.NewDatabase(*policy);  // recorded afresh by the start-up reconcile
     } else {
       try {
-        database = session.LoadDatabase(*policy);
+        database = session.Store(*policy).Load();
       } catch (const CToolError& e) {
         if (!line.Has("--rescan")) throw;
         std::cerr << "signdb watch: " << EscapedText(e.what()) << "; recording the tree of policy '"

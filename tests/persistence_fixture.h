@@ -8,7 +8,7 @@
 #include "hdbfile/hdb_format.h"
 #include "host/crypto_service.h"
 #include "host/utility_service.h"
-#include "refhost/dev_keys.h"
+#include "tool/store/dev_keys.h"
 #include "refhost/utility_service.h"
 #include "tests/hash_db_fixture.h"
 

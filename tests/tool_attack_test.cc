@@ -383,7 +383,7 @@ TEST_F(ToolAttackTest, ADatabaseWithTheOlderSecurityFormLoadsReportsItOnceAndUpd
       std::shared_ptr<CObjInfo> immediate;
       database->InsertObject(immediate, info);
     }
-    session.Save(database, policy);
+    session.Store(policy).Save(database);
   }
   CToolRun check = Tool("check t");
   EXPECT_EQ(check.status, 1) << check.out << check.err;

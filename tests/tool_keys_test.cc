@@ -7,7 +7,7 @@
 #include <fstream>
 #include <string>
 
-#include "refhost/dev_keys.h"
+#include "tool/store/dev_keys.h"
 #include "refhost/pkcs7.h"
 #include "util/text_conversion.h"
 #include "tests/tool_fixture.h"

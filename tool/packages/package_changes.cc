@@ -9,6 +9,7 @@
 #include "refhost/file_status.h"
 #include "refhost/settings.h"
 #include "tool/common/exit_status.h"
+#include "tool/common/policy_files.h"
 #include "tool/packages/package_files.h"
 #include "tool/packages/package_owners.h"
 
@@ -64,7 +65,7 @@ uint64_t ModifiedAt(const std::string& path) {
 void CPackageExplainer::Refresh() {
   if (dpkg_root_.empty()) return;
   uint64_t lists = ModifiedAt(system_root_ + "/var/lib/dpkg/status");
-  uint64_t owners = ModifiedAt(PackageOwnersPathOf(hdb_path_));
+  uint64_t owners = ModifiedAt(PackageOwnersFileOf(hdb_path_));
   if (lists != lists_read_at_) packages_.reset();
   if (owners != owners_read_at_) owners_.reset();
   lists_read_at_ = lists;

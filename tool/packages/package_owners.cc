@@ -7,9 +7,8 @@
 #include <vector>
 
 #include "refhost/file_io.h"
+#include "tool/common/policy_files.h"
 #include "tool/packages/package_files.h"
-
-std::string PackageOwnersPathOf(const std::string& hdb_path) { return hdb_path + ".owners"; }
 
 void WritePackageOwners(const std::string& hdb_path, const std::string& policy_root,
                         const std::string& dpkg_root) {
@@ -29,12 +28,12 @@ void WritePackageOwners(const std::string& hdb_path, const std::string& policy_r
     text += *entry.package;
     text += '\0';
   });
-  WriteWholeFile(PackageOwnersPathOf(hdb_path), text.data(), text.size());
+  WriteWholeFile(PackageOwnersFileOf(hdb_path), text.data(), text.size());
 }
 
 std::unordered_map<std::string, std::string> ReadPackageOwners(const std::string& hdb_path) {
   std::unordered_map<std::string, std::string> owners;
-  std::string path = PackageOwnersPathOf(hdb_path);
+  std::string path = PackageOwnersFileOf(hdb_path);
   struct stat status {};
   if (::lstat(path.c_str(), &status) != 0 && errno == ENOENT) return owners;
   std::vector<uint8_t> bytes = ReadWholeFile(path);

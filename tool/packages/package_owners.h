@@ -7,7 +7,6 @@
 // saved, kept beside the database (NAME.hdb.owners: "relative path NUL name version NUL" per
 // entry, written whole, owner-only). A package removed since takes its lists with it; this is
 // how its files, gone with it, are still told to be its.
-std::string PackageOwnersPathOf(const std::string& hdb_path);
 
 // Writes the owners of the paths below "policy_root" as the lists of "dpkg_root" say now.
 // Throws std::runtime_error when the lists or the file cannot be read or written.

@@ -122,8 +122,8 @@ CTreeCheckResult CheckTree(CSession& session, const CRefPolicySettings& policy,
 CPolicyCheck CheckPolicy(CSession& session, const CRefPolicySettings& policy, bool quiet,
                          bool will_write) {
   session.RequireRoot(policy);
-  if (will_write) session.LockPolicy(policy, CPolicyLock::CMode::kExclusive);
-  std::shared_ptr<CHashDB> database = session.LoadDatabase(policy);
+  if (will_write) session.Store(policy).Lock(CPolicyLock::CMode::kExclusive);
+  std::shared_ptr<CHashDB> database = session.Store(policy).Load();
   CTreeCheckResult result = CheckTree(session, policy, database, quiet);
   return CPolicyCheck{policy, database, std::move(result)};
 }

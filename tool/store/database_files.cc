@@ -19,10 +19,9 @@
 #include "hdbfile/hdb_header.h"
 #include "refhost/crash_point.h"
 #include "refhost/file_io.h"
+#include "tool/common/policy_files.h"
 
 namespace {
-
-constexpr const char* kSavingSuffix = ".saving";
 
 bool Exists(const std::string& path) {
   struct stat status {};
@@ -110,17 +109,15 @@ std::string StorageProblemOf(const std::string& folder) {
   return std::string();
 }
 
-std::string SaveMarkerPath(const std::string& hdb_path) { return hdb_path + kSavingSuffix; }
-
 void WriteSaveMarker(const std::string& hdb_path, const CSaveMarker& marker) {
   uint8_t bytes[16];
   EncodeBigEndian64(bytes, marker.before);
   EncodeBigEndian64(bytes + 8, marker.saving);
-  WriteWholeFile(SaveMarkerPath(hdb_path), bytes, sizeof bytes);
+  WriteWholeFile(SaveMarkerFileOf(hdb_path), bytes, sizeof bytes);
 }
 
 bool ReadSaveMarker(const std::string& hdb_path, CSaveMarker& marker) {
-  std::string path = SaveMarkerPath(hdb_path);
+  std::string path = SaveMarkerFileOf(hdb_path);
   if (!Exists(path)) return false;
   std::vector<uint8_t> bytes = ReadWholeFile(path, 16);
   if (bytes.size() < 16) return false;
@@ -129,7 +126,7 @@ bool ReadSaveMarker(const std::string& hdb_path, CSaveMarker& marker) {
   return true;
 }
 
-void RemoveSaveMarker(const std::string& hdb_path) { Remove(SaveMarkerPath(hdb_path)); }
+void RemoveSaveMarker(const std::string& hdb_path) { Remove(SaveMarkerFileOf(hdb_path)); }
 
 bool ReadRecordedRevision(const std::string& hdb_path, uint64_t& revision) {
   std::string path = hdb_path + kRevisionSuffix;

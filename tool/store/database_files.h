@@ -55,7 +55,6 @@ struct CSaveMarker {
   uint64_t before = ~0ull;
   uint64_t saving = ~0ull;
 };
-std::string SaveMarkerPath(const std::string& hdb_path);
 void WriteSaveMarker(const std::string& hdb_path, const CSaveMarker& marker);
 bool ReadSaveMarker(const std::string& hdb_path, CSaveMarker& marker);
 void RemoveSaveMarker(const std::string& hdb_path);

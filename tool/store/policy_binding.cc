@@ -14,11 +14,11 @@
 
 #include "refhost/file_io.h"
 #include "refhost/pkcs7.h"
+#include "tool/common/policy_files.h"
 #include "tool/store/database_files.h"
 
 namespace {
 
-constexpr const char* kBindingSuffix = ".bind";
 constexpr uint64_t kLargestBinding = 1 << 20;
 
 std::string Base64(const std::string& bytes) {
@@ -72,11 +72,11 @@ CPolicyBinding ParseRecord(const std::string& line, const std::string& path) {
 void WriteSignedLine(const std::string& hdb_path, const std::string& line, CRefSigner& signer) {
   std::string signature;
   if (!signer.SignBytes(reinterpret_cast<const uint8_t*>(line.data()), line.size(), signature)) {
-    throw std::runtime_error("cannot sign the policy binding " + PolicyBindingPathOf(hdb_path) +
-                             ": " + signature);
+    throw std::runtime_error("cannot sign the policy binding " + BindingFileOf(hdb_path) + ": " +
+                             signature);
   }
   std::string text = line + "\n" + Base64(signature) + "\n";
-  WriteWholeFile(PolicyBindingPathOf(hdb_path), text.data(), text.size());
+  WriteWholeFile(BindingFileOf(hdb_path), text.data(), text.size());
 }
 
 }  // namespace
@@ -85,8 +85,6 @@ bool CPolicyBinding::Vouches(uint64_t revision) const {
   return std::find(revisions.begin(), revisions.end(), revision) != revisions.end();
 }
 
-std::string PolicyBindingPathOf(const std::string& hdb_path) { return hdb_path + kBindingSuffix; }
-
 void WritePolicyBinding(const std::string& hdb_path, const CPolicyBinding& binding,
                         CRefSigner& signer) {
   WriteSignedLine(hdb_path, RecordLine(binding), signer);
@@ -94,11 +92,11 @@ void WritePolicyBinding(const std::string& hdb_path, const CPolicyBinding& bindi
 
 void WriteUnsignedPolicyBinding(const std::string& hdb_path, const CPolicyBinding& binding) {
   std::string text = RecordLine(binding) + "\n";
-  WriteWholeFile(PolicyBindingPathOf(hdb_path), text.data(), text.size());
+  WriteWholeFile(BindingFileOf(hdb_path), text.data(), text.size());
 }
 
 CPolicyBinding SignPolicyBinding(const std::string& hdb_path, CRefSigner& signer) {
-  std::string path = PolicyBindingPathOf(hdb_path);
+  std::string path = BindingFileOf(hdb_path);
   std::vector<uint8_t> bytes = ReadWholeFile(path, kLargestBinding);
   std::string text(bytes.begin(), bytes.end());
   std::string line = text.substr(0, text.find('\n'));
@@ -109,7 +107,7 @@ CPolicyBinding SignPolicyBinding(const std::string& hdb_path, CRefSigner& signer
 
 std::optional<CPolicyBinding> ReadPolicyBinding(const std::string& hdb_path,
                                                 CRefPkcs7Verifier& verifier) {
-  std::string path = PolicyBindingPathOf(hdb_path);
+  std::string path = BindingFileOf(hdb_path);
   struct stat status {};
   if (::lstat(path.c_str(), &status) != 0 && errno == ENOENT) return std::nullopt;
   std::vector<uint8_t> bytes = ReadWholeFile(path, kLargestBinding);

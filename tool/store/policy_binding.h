@@ -24,8 +24,6 @@ struct CPolicyBinding {
   bool Vouches(uint64_t revision) const;
 };
 
-std::string PolicyBindingPathOf(const std::string& hdb_path);
-
 // Signs and writes the record; throws std::runtime_error with the reason.
 void WritePolicyBinding(const std::string& hdb_path, const CPolicyBinding& binding,
                         CRefSigner& signer);

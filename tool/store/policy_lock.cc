@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "refhost/file_io.h"
+#include "tool/common/policy_files.h"
 
 namespace {
 
@@ -37,7 +38,7 @@ CPolicyLockBusy::CPolicyLockBusy(std::string holding, int holder)
 CPolicyLock::CPolicyLock(const std::string& hdb_path, const std::string& policy_name, CMode mode,
                          bool wait)
     : mode_(mode) {
-  std::string path = hdb_path + ".lock";
+  std::string path = LockFileOf(hdb_path);
   fd_ = ::open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
   if (fd_ < 0 && mode == CMode::kShared) {
     int create_error = errno;

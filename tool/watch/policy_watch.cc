@@ -361,14 +361,14 @@ bool CPolicyWatch::Save(bool always, bool wait) {
   if (!always && changes == saved_changes_) return true;
   // The policy's lock is shared between saves, so that readers of the saved files may run, and
   // exclusive while the files are written.
-  if (!session_.ChangePolicyLock(policy_, CPolicyLock::CMode::kExclusive, wait)) return false;
+  if (!session_.Store(policy_).ChangeLock(CPolicyLock::CMode::kExclusive, wait)) return false;
   try {
-    session_.Save(database_, policy_);
+    session_.Store(policy_).Save(database_);
   } catch (...) {
-    session_.ChangePolicyLock(policy_, CPolicyLock::CMode::kShared, true);
+    session_.Store(policy_).ChangeLock(CPolicyLock::CMode::kShared, true);
     throw;
   }
-  session_.ChangePolicyLock(policy_, CPolicyLock::CMode::kShared, true);
+  session_.Store(policy_).ChangeLock(CPolicyLock::CMode::kShared, true);
   saved_changes_ = changes;
   counters_.last_save = IsoSecondsText(std::time(nullptr));
   return true;

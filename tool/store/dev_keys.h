@@ -38,14 +38,16 @@ std::string CertificateOrganization(const std::string& certificate_path);
 std::string CertificateSerialNumber(const std::string& certificate_path);
 
 // Writes ca.pem, ca.key (or request.ca_key_path), signer.pem and signer.key (EC P-256, SHA-256)
-// into "folder", made as needed. Throws std::runtime_error when an lcs_id is not a decimal number, when both lcs_ids are
-// equal, when a key file already exists there (keys are never overwritten) or when OpenSSL fails.
+// into "folder", made as needed. Throws std::runtime_error when an lcs_id is not a decimal number,
+// when both lcs_ids are equal, when a key file already exists there (keys are never overwritten) or
+// when OpenSSL fails.
 CDevKeyFiles MakeDevelopmentKeys(const std::string& folder, const CDevKeyRequest& request);
 
 // Issues a new signer certificate for the key in "signer_key" (its passphrase when protected)
 // with the CA's certificate and key, valid from "not_before_days" to "not_after_days" from now,
 // and writes it to "certificate_out" (which must not exist). Renews an expiring signer.
-void IssueSignerCertificate(const std::string& ca_certificate, const std::string& ca_key, const std::string& signer_key,
-                            const std::string& signer_passphrase, const std::string& cstm_id,
-                            const std::string& lcs_id, long not_before_days, long not_after_days,
+void IssueSignerCertificate(const std::string& ca_certificate, const std::string& ca_key,
+                            const std::string& signer_key, const std::string& signer_passphrase,
+                            const std::string& cstm_id, const std::string& lcs_id,
+                            long not_before_days, long not_after_days,
                             const std::string& certificate_out);

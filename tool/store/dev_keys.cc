@@ -1,15 +1,6 @@
-#include "refhost/dev_keys.h"
+#include "tool/store/dev_keys.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <cstring>
-#include <memory>
-#include <stdexcept>
-
-#include <boost/filesystem/operations.hpp>
 #include <openssl/bio.h>
 #include <openssl/ec.h>
 #include <openssl/evp.h>
@@ -17,6 +8,14 @@
 #include <openssl/rand.h>
 #include <openssl/x509.h>
 #include <openssl/x509v3.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <boost/filesystem/operations.hpp>
+#include <cerrno>
+#include <cstring>
+#include <memory>
+#include <stdexcept>
 
 #include "refhost/openssl_handles.h"
 #include "refhost/pkcs7.h"
@@ -25,7 +24,9 @@
 namespace {
 
 void Require(bool ok, const char* what) {
-  if (!ok) throw std::runtime_error(std::string("making development keys: ") + what + ": " + OpenSslError());
+  if (!ok)
+    throw std::runtime_error(std::string("making development keys: ") + what + ": " +
+                             OpenSslError());
 }
 
 bool IsDecimal(const std::string& text) {
@@ -44,7 +45,8 @@ CKey NewKey() {
 
 void AddName(X509_NAME* name, const char* field, const std::string& value) {
   Require(X509_NAME_add_entry_by_txt(name, field, MBSTRING_UTF8,
-                                     reinterpret_cast<const unsigned char*>(value.c_str()), -1, -1, 0) == 1,
+                                     reinterpret_cast<const unsigned char*>(value.c_str()), -1, -1,
+                                     0) == 1,
           field);
 }
 
@@ -57,17 +59,22 @@ void AddExtension(X509* certificate, X509* issuer, int nid, const char* value) {
 }
 
 // A certificate for "key", signed by "issuer_key"; "issuer" null makes it self-signed.
-CX509 NewCertificate(EVP_PKEY* key, X509* issuer, EVP_PKEY* issuer_key, long not_before_days, long not_after_days,
-                     const std::string& organisation, const std::string& serial_number,
-                     const std::string& common_name, bool is_ca) {
+CX509 NewCertificate(EVP_PKEY* key, X509* issuer, EVP_PKEY* issuer_key, long not_before_days,
+                     long not_after_days, const std::string& organisation,
+                     const std::string& serial_number, const std::string& common_name, bool is_ca) {
   CX509 certificate(X509_new());
   Require(certificate != nullptr, "X509_new");
   Require(X509_set_version(certificate.get(), X509_VERSION_3) == 1, "version");
   uint64_t serial = 0;
   Require(RAND_bytes(reinterpret_cast<unsigned char*>(&serial), sizeof serial) == 1, "serial");
-  Require(ASN1_INTEGER_set_uint64(X509_get_serialNumber(certificate.get()), serial >> 1) == 1, "serial");
-  Require(X509_gmtime_adj(X509_getm_notBefore(certificate.get()), 86400L * not_before_days) != nullptr, "validity");
-  Require(X509_gmtime_adj(X509_getm_notAfter(certificate.get()), 86400L * not_after_days) != nullptr, "validity");
+  Require(ASN1_INTEGER_set_uint64(X509_get_serialNumber(certificate.get()), serial >> 1) == 1,
+          "serial");
+  Require(
+      X509_gmtime_adj(X509_getm_notBefore(certificate.get()), 86400L * not_before_days) != nullptr,
+      "validity");
+  Require(
+      X509_gmtime_adj(X509_getm_notAfter(certificate.get()), 86400L * not_after_days) != nullptr,
+      "validity");
   Require(X509_set_pubkey(certificate.get(), key) == 1, "public key");
   X509_NAME* subject = X509_get_subject_name(certificate.get());
   AddName(subject, "O", organisation);
@@ -105,7 +112,8 @@ void WriteCertificate(const std::string& path, X509* certificate) {
   Require(PEM_write_bio_X509(bio.get(), certificate) == 1, path.c_str());
 }
 
-void WriteKey(const std::string& path, EVP_PKEY* key, const std::string& passphrase = std::string()) {
+void WriteKey(const std::string& path, EVP_PKEY* key,
+              const std::string& passphrase = std::string()) {
   CBio bio = CreateFile(path, 0600);
   const EVP_CIPHER* cipher = passphrase.empty() ? nullptr : EVP_aes_256_cbc();
   auto* bytes = reinterpret_cast<unsigned char*>(const_cast<char*>(passphrase.data()));
@@ -118,8 +126,8 @@ void WriteKey(const std::string& path, EVP_PKEY* key, const std::string& passphr
 
 CDevKeyFiles MakeDevelopmentKeys(const std::string& folder, const CDevKeyRequest& request) {
   if (!IsDecimal(request.signer_lcs_id) || !IsDecimal(request.local_lcs_id)) {
-    throw std::runtime_error("an lcs_id must be a decimal number (signer '" + request.signer_lcs_id +
-                             "', local '" + request.local_lcs_id + "')");
+    throw std::runtime_error("an lcs_id must be a decimal number (signer '" +
+                             request.signer_lcs_id + "', local '" + request.local_lcs_id + "')");
   }
   if (request.signer_lcs_id == request.local_lcs_id) {
     throw std::runtime_error("the signer's lcs_id must differ from the local one (both " +
@@ -127,20 +135,22 @@ CDevKeyFiles MakeDevelopmentKeys(const std::string& folder, const CDevKeyRequest
   }
   if (request.cstm_id.empty()) throw std::runtime_error("the cstm_id must not be empty");
   boost::filesystem::create_directories(folder);
-  CDevKeyFiles files{folder + "/ca.pem", request.ca_key_path.empty() ? folder + "/ca.key" : request.ca_key_path,
+  CDevKeyFiles files{folder + "/ca.pem",
+                     request.ca_key_path.empty() ? folder + "/ca.key" : request.ca_key_path,
                      folder + "/signer.pem", folder + "/signer.key"};
-  for (const std::string& path : {files.ca_certificate, files.ca_key, files.signer_certificate, files.signer_key}) {
+  for (const std::string& path :
+       {files.ca_certificate, files.ca_key, files.signer_certificate, files.signer_key}) {
     if (boost::filesystem::exists(boost::filesystem::symlink_status(path))) {
       throw std::runtime_error(path + " already exists; keys are never overwritten");
     }
   }
   CKey ca_key = NewKey();
-  CX509 ca = NewCertificate(ca_key.get(), nullptr, ca_key.get(), 0, request.valid_days, request.cstm_id, "",
-                            "signdb development CA", true);
+  CX509 ca = NewCertificate(ca_key.get(), nullptr, ca_key.get(), 0, request.valid_days,
+                            request.cstm_id, "", "signdb development CA", true);
   CKey signer_key = NewKey();
-  CX509 signer = NewCertificate(signer_key.get(), ca.get(), ca_key.get(), request.signer_not_before_days,
-                                request.signer_not_after_days, request.cstm_id,
-                                request.signer_lcs_id, "signdb signer", false);
+  CX509 signer = NewCertificate(signer_key.get(), ca.get(), ca_key.get(),
+                                request.signer_not_before_days, request.signer_not_after_days,
+                                request.cstm_id, request.signer_lcs_id, "signdb signer", false);
   WriteKey(files.ca_key, ca_key.get());
   WriteCertificate(files.ca_certificate, ca.get());
   WriteKey(files.signer_key, signer_key.get(), request.signer_passphrase);
@@ -148,15 +158,17 @@ CDevKeyFiles MakeDevelopmentKeys(const std::string& folder, const CDevKeyRequest
   return files;
 }
 
-void IssueSignerCertificate(const std::string& ca_certificate, const std::string& ca_key, const std::string& signer_key,
-                            const std::string& signer_passphrase, const std::string& cstm_id,
-                            const std::string& lcs_id, long not_before_days, long not_after_days,
+void IssueSignerCertificate(const std::string& ca_certificate, const std::string& ca_key,
+                            const std::string& signer_key, const std::string& signer_passphrase,
+                            const std::string& cstm_id, const std::string& lcs_id,
+                            long not_before_days, long not_after_days,
                             const std::string& certificate_out) {
   auto read_key = [](const std::string& path, const std::string& passphrase) {
     CBio bio(BIO_new_file(path.c_str(), "rb"));
     if (!bio) throw std::runtime_error("cannot read " + path + ": " + OpenSslError());
-    CKey key(PEM_read_bio_PrivateKey(bio.get(), nullptr, nullptr,
-                                     passphrase.empty() ? nullptr : const_cast<char*>(passphrase.c_str())));
+    CKey key(PEM_read_bio_PrivateKey(
+        bio.get(), nullptr, nullptr,
+        passphrase.empty() ? nullptr : const_cast<char*>(passphrase.c_str())));
     if (!key) throw std::runtime_error("no private key in " + path + ": " + OpenSslError());
     return key;
   };
@@ -169,8 +181,8 @@ void IssueSignerCertificate(const std::string& ca_certificate, const std::string
     throw std::runtime_error("the CA key " + ca_key + " does not belong to " + ca_certificate);
   }
   CKey signer = read_key(signer_key, signer_passphrase);
-  CX509 certificate = NewCertificate(signer.get(), ca.get(), issuer.get(), not_before_days, not_after_days, cstm_id,
-                                     lcs_id, "signdb signer", false);
+  CX509 certificate = NewCertificate(signer.get(), ca.get(), issuer.get(), not_before_days,
+                                     not_after_days, cstm_id, lcs_id, "signdb signer", false);
   WriteCertificate(certificate_out, certificate.get());
 }
 
@@ -187,8 +199,11 @@ std::string SubjectField(const std::string& certificate_path, int nid, const cha
   CX509 certificate(file ? PEM_read_bio_X509(file.get(), nullptr, nullptr, nullptr) : nullptr);
   if (!certificate) throw std::runtime_error("cannot read the certificate " + certificate_path);
   char text[256] = {};
-  int length = X509_NAME_get_text_by_NID(X509_get_subject_name(certificate.get()), nid, text, sizeof text);
-  if (length < 0) throw std::runtime_error(std::string("the certificate ") + certificate_path + " names no " + what);
+  int length =
+      X509_NAME_get_text_by_NID(X509_get_subject_name(certificate.get()), nid, text, sizeof text);
+  if (length < 0)
+    throw std::runtime_error(std::string("the certificate ") + certificate_path + " names no " +
+                             what);
   return std::string(text, static_cast<size_t>(length));
 }
 

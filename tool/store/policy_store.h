@@ -1,0 +1,105 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "refhost/settings.h"
+#include "tool/store/policy_binding.h"
+#include "tool/store/policy_lock.h"
+
+class CHashDB;
+class CRefHost;
+class CSignDB;
+class CSignerKeys;
+
+// How the runs of the tool treat a policy's files.
+struct CStoreOptions {
+  bool wait_for_locks = false;    // a policy lock held elsewhere is waited for (--wait)
+  bool say_when_waiting = false;  // and each wait is said on stderr
+  bool accept_unbound = false;    // a database without a policy binding is loaded (--bind)
+  bool sign_later = false;        // saves are kept as candidates to be signed elsewhere
+};
+
+// One policy's files in the data folder and everything done with them: the lock that readers and
+// writers take, the load that verifies the signature and the binding and finishes what a killed
+// save left, the save that keeps the previous pair and never leaves the policy without a loadable
+// signed pair, the candidate that waits for a signature from another host, and its acceptance.
+//
+// Its files are NAME.hdb and its signature, the revision file, the binding, the package owners,
+// the save marker, the lock, the candidate (see tool/common/policy_files.h) and NAME.previous.hdb.
+class CPolicyStore {
+ public:
+  // "options" is read at every use: it belongs to the run and outlives the store.
+  CPolicyStore(const CRefPolicySettings& policy, CSignDB& front, CRefHost& host,
+               CSignerKeys& signer, const CStoreOptions& options);
+  ~CPolicyStore();
+  CPolicyStore(const CPolicyStore&) = delete;
+  CPolicyStore& operator=(const CPolicyStore&) = delete;
+
+  const CRefPolicySettings& policy() const { return policy_; }
+  // What else is kept beside the database once a save or an accept has put it in place (the
+  // package owners): "note" is given the database's path; what it throws is a warning.
+  void NoteAfterSave(std::function<void(const std::string& hdb_path)> note) {
+    note_after_save_ = std::move(note);
+  }
+  // NAME.hdb, the signed database.
+  const std::string& database_file() const { return hdb_; }
+  // NAME.previous.hdb: the database the last save replaced, with its signature.
+  const std::string& previous_file() const { return previous_; }
+  // NAME.hdb.candidate: a database saved here that waits for its signature from another host.
+  const std::string& candidate_file() const { return candidate_; }
+  // The signature file that belongs to an HDB file (as the host names it).
+  std::string SignatureFileOf(const std::string& hdb_path) const;
+
+  // Takes the policy's lock for the store's life: exclusive before a run writes the database,
+  // shared (which Load takes by itself) when it only reads it. A lock held elsewhere is waited
+  // for with options.wait_for_locks; otherwise CToolError names the holder. While a watch service
+  // keeps the policy, a writer is refused at once (it would wait forever) and a reader waits for
+  // the service's save to end.
+  void Lock(CPolicyLock::CMode mode);
+  // Turns the lock held into "mode"; without "wait", false when another process's lock stands in
+  // the way (see CPolicyLock::Change).
+  bool ChangeLock(CPolicyLock::CMode mode, bool wait);
+
+  // An empty database of the policy, created by the module.
+  std::shared_ptr<CHashDB> New();
+  // The saved database, loaded (its signature and binding verified unless "verify" is false).
+  // Throws CToolError when there is none yet or when it is refused, with the module's reasons.
+  std::shared_ptr<CHashDB> Load(bool verify = true);
+  // Saves the database, writes the revision file and returns the HDB file's path. The database
+  // it replaces, if any, is kept with its signature as previous_file(). With sign_later, nothing
+  // is signed here and the database in place stays: the new one is kept as the candidate with
+  // its unsigned binding, and the candidate's path is returned.
+  std::string Save(const std::shared_ptr<CHashDB>& database);
+  // Puts the candidate signed elsewhere (its signature and signed binding beside it) in place of
+  // the database, with the steps of a save; throws CToolError when anything does not hold.
+  // Returns the candidate's revision.
+  uint64_t Accept();
+
+ private:
+  // The signed record that ties the database to the policy, root, host and revisions.
+  CPolicyBinding BindingOf(std::vector<uint64_t> revisions) const;
+  void WriteBinding(std::vector<uint64_t> revisions);
+  // The binding of the database; refuses (CToolError) one that is missing (unless --bind), not
+  // trusted, or of another policy, root or host. Which revisions it vouches for is the caller's
+  // to check.
+  std::optional<CPolicyBinding> RequireBinding(const std::string& loaded_path);
+  std::string SaveCandidate(const std::shared_ptr<CHashDB>& database);
+  void NoteSaved();
+
+  CRefPolicySettings policy_;
+  CSignDB& front_;
+  CRefHost& host_;
+  CSignerKeys& signer_;
+  const CStoreOptions& options_;
+  std::string hdb_;
+  std::string previous_;
+  std::string candidate_;
+  std::unique_ptr<CPolicyLock> lock_;
+  std::function<void(const std::string& hdb_path)> note_after_save_;
+};
