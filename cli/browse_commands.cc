@@ -21,60 +21,24 @@
 #include "tool/report/recorded_object_json.h"
 #include "tool/session/session.h"
 #include "tool/store/service_lock.h"
-#include "tool/watch/query_server.h"
+#include "tool/watch/query_protocol.h"
 #include "util/safe_text.h"
 #include "util/text_conversion.h"
 #include "util/text_format.h"
 
 namespace {
 
-// A path below the policy's root, given relative to it or in full: its relative form.
-std::string RelativeArgument(const CRefPolicySettings& policy, std::string path) {
-  auto drop_trailing_slashes = [](std::string& text) {
-    while (text.size() > 1 && text.back() == '/') text.pop_back();
-  };
-  drop_trailing_slashes(path);
-  if (!path.empty() && path[0] == '/') {
-    std::string root = policy.root;
-    drop_trailing_slashes(root);
-    if (path == root) return "";
-    std::string prefix = root == "/" ? root : root + "/";
-    if (path.rfind(prefix, 0) != 0) {
-      throw CToolError(path + " is not below the root of policy '" + policy.name + "' (" +
-                       policy.root + ")");
-    }
-    return path.substr(prefix.size());
-  }
-  while (path.rfind("./", 0) == 0) path = path.substr(2);
-  return path == "." ? "" : path;
-}
-
-}  // namespace
-
-namespace {
-
-// The running watch service's listing for a policy it watches; nullopt when it does not watch it.
-// What the running watch service answers to "request" about a policy it watches: its answer line
-// and that line parsed; nullopt when no service runs or it does not watch the policy (the saved
-// files tell then).
-struct CServiceAnswer {
-  std::string line;
-  Poco::JSON::Object::Ptr parsed;
-};
-std::optional<CServiceAnswer> AskAboutWatchedPolicy(CSession& session, const std::string& request,
-                                                    int timeout_ms) {
-  if (CServiceLock::Holder(session.DataFolder()) == 0) return std::nullopt;
-  CServiceAnswer answer;
+// What the running watch service answers to "request" about a policy it watches; nothing when no
+// service runs or it does not watch the policy (the saved files tell then).
+std::optional<CQueryAnswer> AskAboutWatchedPolicy(CSession& session, const CQueryRequest& request,
+                                                  int timeout_ms) {
+  std::optional<CQueryAnswer> answer;
   try {
-    answer.line = AskService(session.DataFolder() + "/watch.sock", request, timeout_ms);
+    answer = AskRunningWatchService(session.DataFolder(), request, timeout_ms);
   } catch (const std::exception& e) {
     throw CToolError(std::string("the watch service did not answer: ") + e.what());
   }
-  answer.parsed = Poco::JSON::Parser().parse(answer.line).extract<Poco::JSON::Object::Ptr>();
-  if (!answer.parsed->optValue<bool>("ok", false) &&
-      answer.parsed->optValue<std::string>("error", "").rfind("no policy named", 0) == 0) {
-    return std::nullopt;
-  }
+  if (answer && answer->code == CQueryCode::kNotWatched) return std::nullopt;
   return answer;
 }
 
@@ -83,18 +47,12 @@ std::optional<std::vector<CListedObject>> ListThroughService(CSession& session,
                                                              const CRefPolicySettings& policy,
                                                              const std::string& directory,
                                                              bool recursive) {
-  std::optional<CServiceAnswer> answer =
-      AskAboutWatchedPolicy(session,
-                            "{\"request\":\"list\",\"policy\":" + JsonString(policy.name) +
-                                ",\"path\":" + JsonString(directory) +
-                                ",\"recursive\":" + (recursive ? "true" : "false") + "}",
-                            60000);
+  std::optional<CQueryAnswer> answer =
+      AskAboutWatchedPolicy(session, CQueryRequest::List(policy.name, directory, recursive), 60000);
   if (!answer) return std::nullopt;
-  if (!answer->parsed->optValue<bool>("ok", false)) {
-    throw CToolError(answer->parsed->optValue<std::string>("error", answer->line));
-  }
+  if (!answer->ok()) throw CToolError(answer->error);
   std::vector<CListedObject> listed;
-  Poco::JSON::Array::Ptr entries = answer->parsed->getArray("entries");
+  Poco::JSON::Array::Ptr entries = answer->body->getArray("entries");
   for (size_t i = 0; entries && i < entries->size(); ++i) {
     listed.push_back(ListedFromJson(entries->getObject(static_cast<unsigned>(i))));
   }
@@ -108,7 +66,7 @@ int RunList(const CCommandLine& line) {
   CSession session(SessionOptionsOf(line));
   const CRefPolicySettings& policy = session.Policy(line.arguments[0]);
   std::string directory =
-      RelativeArgument(policy, line.arguments.size() > 1 ? line.arguments[1] : "");
+      RelativeToRoot(policy, line.arguments.size() > 1 ? line.arguments[1] : "");
   bool recursive = line.Has("--recursive");
   // A watched policy is listed as the service records it now; the saved file may be older.
   std::optional<std::vector<CListedObject>> listed =
@@ -167,21 +125,16 @@ int NotRecorded(const CRefPolicySettings& policy, const std::string& relative) {
 // The running watch service's answer for a policy it watches; nullopt when it does not watch it.
 std::optional<int> ShowThroughService(CSession& session, const CRefPolicySettings& policy,
                                       const std::string& relative, bool json) {
-  std::optional<CServiceAnswer> asked =
-      AskAboutWatchedPolicy(session,
-                            "{\"request\":\"show\",\"policy\":" + JsonString(policy.name) +
-                                ",\"path\":" + JsonString(relative) + "}",
-                            5000);
+  std::optional<CQueryAnswer> asked =
+      AskAboutWatchedPolicy(session, CQueryRequest::Show(policy.name, relative), 5000);
   if (!asked) return std::nullopt;
-  if (!asked->parsed->optValue<bool>("ok", false)) return NotRecorded(policy, relative);
-  const std::string& answer = asked->line;
-  Poco::JSON::Object::Ptr parsed = asked->parsed;
-  Poco::JSON::Object::Ptr object = parsed->getObject("object");
+  if (asked->code == CQueryCode::kNotRecorded) return NotRecorded(policy, relative);
+  if (!asked->ok()) throw CToolError(asked->error);
   if (json) {
-    const std::string head = "{\"ok\":true,\"object\":";  // the object as the service wrote it
-    std::cout << answer.substr(head.size(), answer.size() - head.size() - 1) << "\n";
+    std::cout << asked->RawObject() << "\n";
     return kExitOk;
   }
+  Poco::JSON::Object::Ptr object = asked->body->getObject("object");
   CObjectState state;
   state.is_dir = object->optValue<std::string>("kind", "") == "directory";
   state.hash = object->optValue<std::string>("hash", "");
@@ -203,7 +156,7 @@ int RunShow(const CCommandLine& line) {
   RequireShape(line, {"--json"}, 2, 2);
   CSession session(SessionOptionsOf(line));
   const CRefPolicySettings& policy = session.Policy(line.arguments[0]);
-  std::string relative = RelativeArgument(policy, line.arguments[1]);
+  std::string relative = RelativeToRoot(policy, line.arguments[1]);
   if (std::optional<int> status = ShowThroughService(session, policy, relative, line.Has("--json")))
     return *status;
   std::shared_ptr<CHashDB> database = session.Store(policy).Load();

@@ -21,7 +21,7 @@
 #include "tool/report/hash_holders.h"
 #include "tool/session/session.h"
 #include "tool/store/service_lock.h"
-#include "tool/watch/query_server.h"
+#include "tool/watch/query_protocol.h"
 #include "util/safe_text.h"
 #include "util/text_format.h"
 
@@ -50,12 +50,9 @@ struct CHolder {
 };
 
 // A service's answer, refused unless it says ok.
-Poco::JSON::Object::Ptr ParseAnswer(const std::string& line) {
-  Poco::JSON::Object::Ptr answer =
-      Poco::JSON::Parser().parse(line).extract<Poco::JSON::Object::Ptr>();
-  if (!answer->optValue<bool>("ok", false))
-    throw std::runtime_error(answer->optValue<std::string>("error", line));
-  return answer;
+Poco::JSON::Object::Ptr Answered(const CQueryAnswer& answer) {
+  if (!answer.ok()) throw std::runtime_error(answer.error);
+  return answer.body;
 }
 
 }  // namespace
@@ -72,15 +69,15 @@ int RunLookup(const CCommandLine& line) {
   std::set<std::string> watched;
   if (CServiceLock::Holder(session.DataFolder()) != 0) {
     try {
-      std::string socket = session.DataFolder() + "/watch.sock";
-      Poco::JSON::Object::Ptr status = ParseAnswer(AskService(socket, "{\"request\":\"status\"}"));
+      Poco::JSON::Object::Ptr status =
+          Answered(AskWatchService(session.DataFolder(), CQueryRequest::Status()));
       Poco::JSON::Array::Ptr policies = status->getArray("policies");
       for (size_t i = 0; policies && i < policies->size(); ++i) {
         watched.insert(
             policies->getObject(static_cast<unsigned>(i))->optValue<std::string>("name", ""));
       }
-      Poco::JSON::Object::Ptr answer = ParseAnswer(
-          AskService(socket, "{\"request\":\"lookup\",\"hash\":" + JsonString(hash) + "}"));
+      Poco::JSON::Object::Ptr answer =
+          Answered(AskWatchService(session.DataFolder(), CQueryRequest::Lookup(hash)));
       Poco::JSON::Array::Ptr found = answer->getArray("holders");
       for (size_t i = 0; found && i < found->size(); ++i) {
         Poco::JSON::Object::Ptr holder = found->getObject(static_cast<unsigned>(i));

@@ -2,10 +2,12 @@
 
 #include <algorithm>
 #include <iostream>
+#include <optional>
 
 #include "cli/command_line.h"
 #include "refhost/settings.h"
 #include "tool/common/exit_status.h"
+#include "util/relative_path.h"
 #include "util/safe_text.h"
 
 CSessionOptions SessionOptionsOf(const CCommandLine& line) {
@@ -33,13 +35,13 @@ std::vector<const CRefPolicySettings*> PoliciesOf(CSession& session, const CComm
   return policies;
 }
 
-std::string RelativeToRoot(const CRefPolicySettings& policy, std::string path) {
-  std::string root = policy.root == "/" ? "/" : policy.root + "/";
-  if (path == policy.root) return std::string();
-  if (path.compare(0, root.size(), root) == 0) path = path.substr(root.size());
-  while (path.size() > 1 && path.back() == '/') path.pop_back();
-  if (path == ".") path.clear();
-  return path;
+std::string RelativeToRoot(const CRefPolicySettings& policy, const std::string& path) {
+  std::optional<std::string> relative = RelativeBelow(policy.root, path);
+  if (!relative) {
+    throw CToolError(path + " is not below the root of policy '" + policy.name + "' (" +
+                     policy.root + ")");
+  }
+  return *relative;
 }
 
 void ReportPolicyError(const CRefPolicySettings& policy, const CToolError& error) {

@@ -18,8 +18,8 @@ CSessionOptions SessionOptionsOf(const CCommandLine& line);
 std::vector<const CRefPolicySettings*> PoliciesOf(CSession& session, const CCommandLine& line);
 
 // A path as the user gave it, relative to the policy's root (a full path below it is taken too;
-// the root itself is "").
-std::string RelativeToRoot(const CRefPolicySettings& policy, std::string path);
+// the root itself is ""); CToolError for a full path outside the root.
+std::string RelativeToRoot(const CRefPolicySettings& policy, const std::string& path);
 
 // Says on the standard error that one policy of several could not be worked on, and why.
 void ReportPolicyError(const CRefPolicySettings& policy, const CToolError& error);

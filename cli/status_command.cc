@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 
 #include <iostream>
+#include <optional>
 #include <string>
 
 #include "cli/command_line.h"
@@ -17,7 +18,7 @@
 #include "tool/common/exit_status.h"
 #include "tool/session/session.h"
 #include "tool/store/service_lock.h"
-#include "tool/watch/query_server.h"
+#include "tool/watch/query_protocol.h"
 #include "util/safe_text.h"
 #include "util/text_format.h"
 
@@ -30,17 +31,13 @@ std::string FileTimeText(const std::string& path) {
   return IsoSecondsText(status.st_mtime);
 }
 
-int PrintServiceStatus(const std::string& answer, bool json) {
+int PrintServiceStatus(const CQueryAnswer& answer, bool json) {
   if (json) {
-    std::cout << answer << "\n";
+    std::cout << answer.line << "\n";
     return kExitOk;
   }
-  Poco::JSON::Object::Ptr status =
-      Poco::JSON::Parser().parse(answer).extract<Poco::JSON::Object::Ptr>();
-  if (!status->optValue<bool>("ok", false)) {
-    throw CToolError("the watch service answered: " +
-                     status->optValue<std::string>("error", answer));
-  }
+  if (!answer.ok()) throw CToolError("the watch service answered: " + answer.error);
+  const Poco::JSON::Object::Ptr& status = answer.body;
   std::cout << "watch service: process " << status->optValue<int>("pid", 0) << "\n";
   Poco::JSON::Array::Ptr policies = status->getArray("policies");
   for (size_t i = 0; policies && i < policies->size(); ++i) {
@@ -68,13 +65,13 @@ int RunStatus(const CCommandLine& line) {
   CSession session(SessionOptionsOf(line));
   bool json = line.Has("--json");
   if (CServiceLock::Holder(session.DataFolder()) != 0) {
-    std::string answer;
+    std::optional<CQueryAnswer> answer;
     try {
-      answer = AskService(session.DataFolder() + "/watch.sock", "{\"request\":\"status\"}");
+      answer = AskWatchService(session.DataFolder(), CQueryRequest::Status());
     } catch (const std::runtime_error& e) {
       throw CToolError(e.what());
     }
-    return PrintServiceStatus(answer, json);
+    return PrintServiceStatus(*answer, json);
   }
   if (json) std::cout << "{\"ok\":true,\"pid\":null,\"policies\":[";
   bool first = true;

@@ -12,6 +12,7 @@
 #include <sstream>
 
 #include "util/account_names.h"
+#include "tool/watch/query_protocol.h"
 #include "tool/watch/batch_directories.h"
 #include "tool/report/change_log.h"
 #include "cli/command_line.h"
@@ -539,3 +540,35 @@ TEST(ChangeLog, LinesGatheredAreWrittenByFlushAndWhenTheLogCloses) {
 }
 
 }  // namespace
+
+TEST(QueryProtocolTest, ARequestIsReadBackAsItWasWritten) {
+  CQueryRequest written = CQueryRequest::List("etc", "a \"quoted\"/caf\xc3\xa9", true);
+  CQueryRequest read;
+  std::string refusal;
+  ASSERT_TRUE(CQueryRequest::Read(written.Line(), read, refusal)) << refusal;
+  EXPECT_EQ("list", read.kind);
+  EXPECT_EQ("etc", read.policy);
+  EXPECT_EQ("a \"quoted\"/caf\xc3\xa9", read.path);
+  EXPECT_TRUE(read.recursive);
+  ASSERT_TRUE(CQueryRequest::Read(CQueryRequest::Lookup("ab12").Line(), read, refusal));
+  EXPECT_EQ("ab12", read.hash);
+  EXPECT_FALSE(CQueryRequest::Read("{\"request\":\"show\",\"path\":7}", read, refusal));
+  EXPECT_EQ("bad-request", CQueryAnswer::Read(refusal).body->optValue<std::string>("code", ""));
+}
+
+TEST(QueryProtocolTest, AClientDecidesByTheCodeNotByTheReason) {
+  CQueryAnswer watched_elsewhere = CQueryAnswer::Read(
+      ErrorAnswer(CQueryCode::kNotWatched, "no policy named 'x' is watched, or so"));
+  EXPECT_EQ(CQueryCode::kNotWatched, watched_elsewhere.code);
+  EXPECT_EQ("no policy named 'x' is watched, or so", watched_elsewhere.error);
+  // A reason that reads like another refusal does not make it one.
+  CQueryAnswer failed =
+      CQueryAnswer::Read(ErrorAnswer(CQueryCode::kFailed, "no policy named 'x' is watched"));
+  EXPECT_EQ(CQueryCode::kFailed, failed.code);
+  // An answer without a code, from a service of another build, is a failure, never "ok".
+  EXPECT_EQ(CQueryCode::kFailed, CQueryAnswer::Read("{\"ok\":false,\"error\":\"x\"}").code);
+  EXPECT_TRUE(CQueryAnswer::Read("{\"ok\":true,\"holders\":[]}").ok());
+  EXPECT_THROW(CQueryAnswer::Read("not json"), std::runtime_error);
+  EXPECT_EQ("{\"path\":\"a\"}",
+            CQueryAnswer::Read("{\"ok\":true,\"object\":{\"path\":\"a\"}}").RawObject());
+}

@@ -396,6 +396,28 @@ TEST_P(WatchTest, BadRequestsGetAClearErrorAndTheServiceGoesOn) {
   EXPECT_TRUE(Ask("{\"request\":\"status\"}")->optValue<bool>("ok", false));
 }
 
+TEST_P(WatchTest, EveryRefusalCarriesACodeThatClientsDecideBy) {
+  Write("kept.conf", "kept");
+  Init();
+  Start();
+  auto code = [&](const std::string& request) { return Ask(request)->optValue<std::string>("code", ""); };
+  EXPECT_EQ("bad-request", code("this is not json"));
+  EXPECT_EQ("bad-request", code("[1,2]"));
+  EXPECT_EQ("bad-request", code("{\"request\":\"lookup\"}"));
+  EXPECT_EQ("bad-request", code("{\"request\":\"list\",\"policy\":\"t\",\"path\":\"\",\"recursive\":[1]}"));
+  EXPECT_EQ("unknown-request", code("{\"request\":\"drop\"}"));
+  EXPECT_EQ("not-watched", code("{\"request\":\"show\",\"policy\":\"nope\",\"path\":\"x\"}"));
+  EXPECT_EQ("not-watched", code("{\"request\":\"list\",\"policy\":\"nope\",\"path\":\"\"}"));
+  EXPECT_EQ("not-recorded", code("{\"request\":\"show\",\"policy\":\"t\",\"path\":\"missing.conf\"}"));
+  EXPECT_EQ("not-recorded", code("{\"request\":\"show\",\"policy\":\"t\",\"path\":\"/elsewhere/kept.conf\"}"));
+  std::string huge = "{\"request\":\"" + std::string(CQueryServer::kLongestRequest + 10, 'x');
+  EXPECT_EQ("bad-request", Parse(AskService(Socket(), huge))->optValue<std::string>("code", ""));
+  // An answer names no code; a full path below the root is taken as the relative one.
+  Poco::JSON::Object::Ptr shown = Ask("{\"request\":\"show\",\"policy\":\"t\",\"path\":\"" + Tree("kept.conf") + "\"}");
+  EXPECT_TRUE(shown->optValue<bool>("ok", false));
+  EXPECT_FALSE(shown->has("code"));
+}
+
 TEST_P(WatchTest, TheSocketIsTheOwnersAlone) {
   Init();
   Start();

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <string>
 
 // Paths relative to a policy's root, "/" between components, "" for the root itself.
@@ -33,4 +34,23 @@ inline std::string JoinRelative(const std::string& directory, const std::string&
 inline std::string JoinedPath(const std::string& root, const std::string& relative) {
   if (relative.empty()) return root;
   return root.empty() || root.back() == '/' ? root + relative : root + "/" + relative;
+}
+
+// "path" as a person or a client gives it, relative to "root": a full path below the root loses
+// the root, and "./" in front and slashes at the end go ("" is the root itself). Nothing when a
+// full path lies outside the root.
+inline std::optional<std::string> RelativeBelow(std::string root, std::string path) {
+  auto drop_trailing_slashes = [](std::string& text) {
+    while (text.size() > 1 && text.back() == '/') text.pop_back();
+  };
+  drop_trailing_slashes(path);
+  if (!path.empty() && path[0] == '/') {
+    drop_trailing_slashes(root);
+    if (path == root) return std::string();
+    std::string prefix = root == "/" ? root : root + "/";
+    if (path.compare(0, prefix.size(), prefix) != 0) return std::nullopt;
+    return path.substr(prefix.size());
+  }
+  while (path.compare(0, 2, "./") == 0) path.erase(0, 2);
+  return path == "." ? std::string() : path;
 }

@@ -12,7 +12,7 @@
 #include <stdexcept>
 #include <utility>
 
-#include "util/text_format.h"
+#include "tool/watch/query_protocol.h"
 
 namespace {
 
@@ -28,10 +28,6 @@ sockaddr_un AddressOf(const std::string& path) {
 }
 
 }  // namespace
-
-std::string ErrorAnswer(const std::string& reason) {
-  return "{\"ok\":false,\"error\":" + JsonString(reason) + "}";
-}
 
 CQueryServer::CQueryServer(std::string socket_path, CHandler handler)
     : path_(std::move(socket_path)), handler_(std::move(handler)) {
@@ -90,7 +86,8 @@ void CQueryServer::Accept() {
     int client = ::accept4(listen_fd_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
     if (client < 0) return;
     if (clients_.size() >= kMostClients) {
-      std::string refusal = ErrorAnswer("too many connections to the service; try again") + "\n";
+      std::string refusal =
+          ErrorAnswer(CQueryCode::kBusy, "too many connections to the service; try again") + "\n";
       (void)::send(client, refusal.data(), refusal.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
       ::close(client);
       continue;
@@ -124,8 +121,9 @@ bool CQueryServer::Serve(int client) {
       continue;
     }
     if (state.received.size() > kLongestRequest) {
-      state.unsent = ErrorAnswer("request too long: at most " + std::to_string(kLongestRequest) +
-                                 " bytes per line") +
+      state.unsent = ErrorAnswer(CQueryCode::kBadRequest, "request too long: at most " +
+                                                              std::to_string(kLongestRequest) +
+                                                              " bytes per line") +
                      "\n";
       Send(client, state);
       return false;

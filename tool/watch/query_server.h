@@ -58,9 +58,6 @@ class CQueryServer {
   std::map<int, CClient> clients_;  // by descriptor
 };
 
-// The answer to a request that cannot be answered: {"ok":false,"error":REASON}.
-std::string ErrorAnswer(const std::string& reason);
-
 // Sends one request line to the service at "socket_path" and returns its answer line. Throws
 // std::runtime_error when no service listens there or it does not answer within "timeout_ms".
 std::string AskService(const std::string& socket_path, const std::string& request,

@@ -1,0 +1,30 @@
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+class CPolicyWatch;
+
+// What the watch service answers to a query (see query_protocol.h), read from the databases it
+// keeps: its status, the holders of a hash, one recorded object, a directory's listing.
+//
+// Not thread-safe: the service's one thread asks it, between its other work.
+class CQueryAnswers {
+ public:
+  explicit CQueryAnswers(const std::vector<std::unique_ptr<CPolicyWatch>>& watches)
+      : watches_(watches) {}
+
+  // One request line (which may be anything a client sent) → one answer line.
+  std::string Answer(const std::string& line);
+
+ private:
+  std::string Status();
+  // Every file of the watched policies that carries the hash.
+  std::string Lookup(const std::string& hash);
+  std::string Show(CPolicyWatch& watch, const std::string& path);
+  std::string List(CPolicyWatch& watch, const std::string& path, bool recursive);
+  CPolicyWatch* Find(const std::string& name);
+
+  const std::vector<std::unique_ptr<CPolicyWatch>>& watches_;
+};

@@ -1,0 +1,163 @@
+#include "tool/watch/watch_service.h"
+
+#include <sys/epoll.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <iostream>
+#include <optional>
+#include <string>
+
+#include "tool/common/exit_status.h"
+#include "tool/session/session.h"
+#include "tool/watch/policy_watch.h"
+#include "tool/watch/query_answers.h"
+#include "tool/watch/query_protocol.h"
+#include "tool/watch/query_server.h"
+#include "util/safe_text.h"
+
+namespace {
+
+using CClock = std::chrono::steady_clock;
+
+// Objects read between two looks at the kernel's events: a few milliseconds of work.
+constexpr size_t kMostReadsPerTurn = 128;
+// A save that found the saved files being read is tried again this much later.
+constexpr std::chrono::milliseconds kSaveRetry{200};
+
+}  // namespace
+
+CWatchService::CWatchService(CSession& session, std::chrono::seconds save_period,
+                             bool force_inotify)
+    : session_(session),
+      save_period_(save_period),
+      force_inotify_(force_inotify),
+      log_(session.DataFolder() + "/watch-changes.ndjson") {}
+
+CWatchService::~CWatchService() = default;
+
+void CWatchService::Add(const CRefPolicySettings& policy, std::shared_ptr<CHashDB> database) {
+  watches_.push_back(std::make_unique<CPolicyWatch>(session_, policy, std::move(database), &log_));
+}
+
+void CWatchService::Run(const sigset_t& stop_signals) {
+  int signal_fd = ::signalfd(-1, &stop_signals, SFD_CLOEXEC | SFD_NONBLOCK);
+  int epoll_fd = ::epoll_create1(EPOLL_CLOEXEC);
+  if (signal_fd < 0 || epoll_fd < 0)
+    throw CToolError(std::string("cannot wait for events: ") + std::strerror(errno));
+
+  for (auto& watch : watches_) {
+    watch->Start(force_inotify_);
+    watch->Save(true);  // what the start-up reconcile found is kept at once
+  }
+  CQueryAnswers answers(watches_);
+  CQueryServer server(ServiceSocketOf(session_.DataFolder()),
+                      [&answers](const std::string& request) { return answers.Answer(request); });
+  auto add = [epoll_fd](int fd, uint64_t tag) {
+    epoll_event event{};
+    event.events = EPOLLIN;
+    event.data.u64 = tag;
+    if (::epoll_ctl(epoll_fd, EPOLL_CTL_ADD, fd, &event) != 0) {
+      throw CToolError(std::string("cannot wait for events: ") + std::strerror(errno));
+    }
+  };
+  constexpr uint64_t kSignalTag = ~0ull;
+  constexpr uint64_t kServerTag = ~0ull - 1;
+  add(signal_fd, kSignalTag);
+  add(server.fd(), kServerTag);
+  for (size_t i = 0; i < watches_.size(); ++i) add(watches_[i]->fd(), i);
+  for (auto& watch : watches_) {
+    std::cout << "watching policy " << watch->policy().name << " ("
+              << EscapedText(watch->policy().root) << ") with " << watch->watcher_kind() << "\n";
+  }
+  std::cout << "queries at " << server.path() << std::endl;
+
+  std::optional<CClock::time_point> save_due;
+  std::vector<std::optional<CClock::time_point>> shrink_due(watches_.size());
+  for (size_t i = 0; i < watches_.size(); ++i) {
+    if (watches_[i]->shrink_period().count() > 0)
+      shrink_due[i] = CClock::now() + watches_[i]->shrink_period();
+  }
+  for (;;) {
+    // Asleep until something happens: a queued write to read, unsaved changes to save, or a
+    // policy's shrink (only for policies with a touch period).
+    std::optional<CClock::time_point> wake = save_due;
+    for (const auto& due : shrink_due) {
+      if (due && (!wake || *due < *wake)) wake = due;
+    }
+    for (auto& watch : watches_) {
+      std::optional<CClock::time_point> due = watch->NextDue();
+      if (due && (!wake || *due < *wake)) wake = due;
+    }
+    int timeout = -1;
+    if (wake) {
+      auto left = std::chrono::ceil<std::chrono::milliseconds>(*wake - CClock::now()).count();
+      timeout = static_cast<int>(std::clamp<long long>(left, 0, 24LL * 3600 * 1000));
+    }
+    // Changes are logged as they happen: what is gathered goes out before the service sleeps.
+    if (timeout != 0) {
+      log_.Flush();
+      std::cout.flush();
+    }
+    epoll_event ready[16];
+    int count = ::epoll_wait(epoll_fd, ready, 16, timeout);
+    if (count < 0 && errno != EINTR)
+      throw CToolError(std::string("cannot wait for events: ") + std::strerror(errno));
+    bool stop = false;
+    for (int i = 0; i < count; ++i) {
+      uint64_t tag = ready[i].data.u64;
+      if (tag == kSignalTag) {
+        stop = true;
+      } else if (tag == kServerTag) {
+        log_.Flush();  // an answer never runs ahead of the change log
+        server.Process();
+      } else {
+        watches_[tag]->OnEvents();
+      }
+    }
+    CClock::time_point now = CClock::now();
+    for (auto& watch : watches_) watch->ApplyDue(now, kMostReadsPerTurn);
+    if (stop) break;
+    for (size_t i = 0; i < watches_.size(); ++i) {
+      if (!shrink_due[i] || *shrink_due[i] > now) continue;
+      try {
+        watches_[i]->Shrink();
+      } catch (const std::exception& e) {
+        std::cerr << "signdb watch: " << watches_[i]->policy().name
+                  << ": cannot shrink: " << EscapedText(e.what()) << "\n";
+      }
+      shrink_due[i] = CClock::now() + watches_[i]->shrink_period();
+    }
+    bool changed = std::any_of(watches_.begin(), watches_.end(),
+                               [](const auto& watch) { return watch->changed_since_save(); });
+    if (!changed) {
+      save_due.reset();
+    } else if (!save_due) {
+      save_due = now + save_period_;
+    } else if (*save_due <= now) {
+      // A reader of the saved files holds them: the loop goes on, and tries again shortly.
+      save_due = SaveAll(false) ? std::nullopt : std::optional(now + kSaveRetry);
+    }
+  }
+  // Stopped: what is still queued is read now, and everything saved.
+  for (auto& watch : watches_) watch->ApplyDue(CClock::time_point::max());
+  SaveAll(true);
+  ::close(epoll_fd);
+  ::close(signal_fd);
+}
+
+bool CWatchService::SaveAll(bool wait) {
+  bool all = true;
+  for (auto& watch : watches_) {
+    try {
+      all = watch->Save(false, wait) && all;
+    } catch (const std::exception& e) {
+      std::cerr << "signdb watch: " << watch->policy().name
+                << ": cannot save: " << EscapedText(e.what()) << "\n";
+    }
+  }
+  return all;
+}

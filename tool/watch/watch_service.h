@@ -1,0 +1,45 @@
+#pragma once
+
+#include <signal.h>
+
+#include <chrono>
+#include <memory>
+#include <vector>
+
+#include "tool/report/change_log.h"
+
+class CHashDB;
+class CPolicyWatch;
+class CSession;
+struct CRefPolicySettings;
+
+// The watch service: its policies, its query socket, and the one loop that waits for all of them
+// (the kernel's events, queued writes coming due, queries, saves on a period, shrinks, and the
+// stop signals). Every change it applies goes to the change log in the data folder.
+class CWatchService {
+ public:
+  CWatchService(CSession& session, std::chrono::seconds save_period, bool force_inotify);
+  ~CWatchService();
+  CWatchService(const CWatchService&) = delete;
+  CWatchService& operator=(const CWatchService&) = delete;
+
+  // A policy to keep, with its database as loaded (or empty, to be recorded by the start-up
+  // reconcile).
+  void Add(const CRefPolicySettings& policy, std::shared_ptr<CHashDB> database);
+
+  // Follows the events until SIGTERM or SIGINT; saves what changed, then returns.
+  // "stop_signals" must be blocked in every thread of the process (block them before any thread
+  // starts): they are taken from a descriptor, at a point where stopping loses nothing.
+  void Run(const sigset_t& stop_signals);
+
+ private:
+  // Saves every policy that changed; without "wait", one whose saved files are being read is left
+  // for later (returns false).
+  bool SaveAll(bool wait);
+
+  CSession& session_;
+  std::chrono::seconds save_period_;
+  bool force_inotify_;
+  CChangeLog log_;
+  std::vector<std::unique_ptr<CPolicyWatch>> watches_;
+};
