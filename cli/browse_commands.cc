@@ -17,6 +17,7 @@
 #include "tool/change/attribute_changes.h"
 #include "tool/change/object_state.h"
 #include "tool/common/exit_status.h"
+#include "tool/report/change_text.h"
 #include "tool/report/recorded_listing.h"
 #include "tool/report/recorded_object_json.h"
 #include "tool/session/session.h"

@@ -14,6 +14,7 @@
 #include "hashdb/hash_db.h"
 #include "tool/change/difference.h"
 #include "tool/common/exit_status.h"
+#include "tool/report/change_text.h"
 #include "tool/report/report_event.h"
 #include "tool/session/session.h"
 #include "tool/store/database_files.h"

@@ -16,6 +16,7 @@
 #include "hashdb/hash_db.h"
 #include "refhost/file_obj_info.h"
 #include "tool/common/exit_status.h"
+#include "tool/report/change_text.h"
 #include "tool/report/check_report.h"
 #include "tool/report/report_event.h"
 #include "tool/report/report_sink.h"

@@ -12,6 +12,7 @@
 #include <sstream>
 
 #include "util/account_names.h"
+#include "tool/report/change_text.h"
 #include "tool/watch/query_protocol.h"
 #include "tool/watch/batch_directories.h"
 #include "tool/report/change_log.h"
@@ -128,7 +129,27 @@ TEST(ToolDifferences, ATimeHeadsALineOnlyWhenNothingElseChanged) {
   CDifference linked = DescribeRecorded(CChange::kChanged, "f", &before, &after);
   EXPECT_EQ(linked.words, "link count changed");
   ASSERT_EQ(linked.changes.size(), 2u);
-  EXPECT_EQ(linked.changes[0].Text(), "link count 1 -> 2");
+  EXPECT_EQ(ChangeText(linked.changes[0], linked), "link count 1 -> 2");
+}
+
+TEST(ToolDifferences, AComparisonHoldsMachineValuesAndTheReportMakesTheWords) {
+  CObjectState before = FileState(0755, "inode=7 mode=0755 nlink=1 uid=0");
+  before.size = 1024;
+  CObjectState after = FileState(04755, "inode=7 mode=4755 nlink=1 uid=65534");
+  after.size = 2048;
+  CDifference changed = DescribeRecorded(CChange::kChanged, "bin/tool", &before, &after);
+  std::map<std::string, std::pair<std::string, std::string>> values;
+  for (const CAttributeChange& change : changed.changes)
+    values[change.attribute] = {change.old_value, change.new_value};
+  EXPECT_EQ(values["uid"], std::make_pair(std::string("0"), std::string("65534")));
+  EXPECT_EQ(values["mode"], std::make_pair(std::string("0755"), std::string("4755")));
+  EXPECT_EQ(values["size"], std::make_pair(std::string("1024"), std::string("2048")));
+  std::vector<std::string> texts;
+  for (const CAttributeChange& change : changed.changes)
+    texts.push_back(ChangeText(change, changed));
+  EXPECT_THAT(texts, testing::Contains("owner root (0) -> " + OwnerText("65534")));
+  EXPECT_THAT(texts, testing::Contains("mode -rwxr-xr-x (0755) -> -rwsr-xr-x (4755)"));
+  EXPECT_THAT(texts, testing::Contains("size 1,024 -> 2,048"));
 }
 
 TEST(ToolDifferences, EachExtendedAttributeCapabilityAndFlagIsItsOwnDifference) {
@@ -139,7 +160,7 @@ TEST(ToolDifferences, EachExtendedAttributeCapabilityAndFlagIsItsOwnDifference) 
   CDifference difference = DescribeRecorded(CChange::kChanged, "bin/tar", &before, &after);
   EXPECT_EQ(difference.words, "capabilities changed");
   std::vector<std::string> texts;
-  for (const CAttributeChange& change : difference.changes) texts.push_back(change.Text());
+  for (const CAttributeChange& change : difference.changes) texts.push_back(ChangeText(change, difference));
   EXPECT_THAT(texts, ElementsAre("capabilities none -> cap_dac_read_search=ep", "xattr user.gone \"x\" -> none",
                                  "xattr user.kept \"a\" -> \"b\"", "xattr user.new none -> 0x00ff",
                                  "flags none -> i (immutable)"));
@@ -155,7 +176,7 @@ TEST(ToolDifferences, ADeviceSwappedForAnotherIsADeviceChangeAndAFifoIsNotAFile)
   after.security = "device=1,1 inode=6 mode=0666 nlink=1 uid=0";
   CDifference swapped = DescribeRecorded(CChange::kChanged, "dev/null", &before, &after);
   EXPECT_EQ(swapped.words, "device changed");
-  EXPECT_EQ(swapped.changes[0].Text(), "device 1,3 -> 1,1");
+  EXPECT_EQ(ChangeText(swapped.changes[0], swapped), "device 1,3 -> 1,1");
   CObjectState fifo;
   fifo.attributes = S_IFIFO | 0600;
   fifo.security = "gid=0 inode=9 mode=0600 nlink=1 uid=0";
@@ -185,7 +206,7 @@ TEST(ToolDifferences, ARecordInTheOlderSecurityFormComparesOnWhatItHeldAndSaysSo
   CDifference difference = DescribeRecorded(CChange::kChanged, "etc/hosts", &before, &after);
   EXPECT_EQ(difference.words, "security attributes changed");
   ASSERT_EQ(difference.changes.size(), 1u);
-  EXPECT_THAT(difference.changes[0].Text(), HasSubstr("recorded in an older form"));
+  EXPECT_THAT(ChangeText(difference.changes[0], difference), HasSubstr("recorded in an older form"));
   after.security = "gid=0 inode=7 mode=0644 nlink=1 uid=1000";
   EXPECT_EQ(DescribeRecorded(CChange::kChanged, "etc/hosts", &before, &after).words, "owner changed");
 }

@@ -6,6 +6,7 @@
 #include <string>
 #include <string_view>
 
+#include "tool/report/change_text.h"
 #include "tool/change/attribute_changes.h"
 #include "tool/change/difference.h"
 #include "tool/report/report_event.h"

@@ -9,21 +9,17 @@
 #include <set>
 
 #include "refhost/security_text.h"
-#include "util/account_names.h"
-#include "util/safe_text.h"
 #include "util/text_format.h"
 
 namespace {
 
 using security_text::CSecurityItems;
 
-constexpr const char* kNone = "none";
-
-// Adds a change with machine values and display texts; "present" flags say whether each side has
-// the attribute at all.
+// Adds a change with its machine values; "present" flags say whether each side has the attribute
+// at all.
 void Add(std::vector<CAttributeChange>& changes, CAspect aspect, std::string attribute,
-         std::string old_value, std::string new_value, std::string old_display,
-         std::string new_display, bool old_present = true, bool new_present = true) {
+         std::string old_value, std::string new_value, bool old_present = true,
+         bool new_present = true) {
   CAttributeChange change;
   change.aspect = aspect;
   change.attribute = std::move(attribute);
@@ -31,8 +27,6 @@ void Add(std::vector<CAttributeChange>& changes, CAspect aspect, std::string att
   change.new_value = std::move(new_value);
   change.old_present = old_present;
   change.new_present = new_present;
-  change.old_display = old_present ? std::move(old_display) : kNone;
-  change.new_display = new_present ? std::move(new_display) : kNone;
   changes.push_back(std::move(change));
 }
 
@@ -57,15 +51,6 @@ CItemKind ItemKind(const std::string& key) {
   if (key == st::kFlags) return {CAspect::kFlags, "flags"};
   if (key.rfind(st::kXattrPrefix, 0) == 0) return {CAspect::kXattr, key};
   return {CAspect::kOtherSecurity, key};
-}
-
-std::string ItemDisplay(const std::string& key, const std::string& value, CObjectKind kind) {
-  namespace st = security_text;
-  if (key == st::kUid) return OwnerText(value);
-  if (key == st::kGid) return GroupText(value);
-  if (key == st::kMode) return PermissionText(value, kind);
-  if (key == st::kFlags) return FlagsText(value);
-  return EscapedText(value);
 }
 
 // How people read an aspect: the words that head a line, and the label of one difference.
@@ -119,16 +104,9 @@ bool AspectOfLabel(const std::string& label, CAspect& aspect) {
   return false;
 }
 
-namespace {
+const char* AspectLabel(CAspect aspect) { return WordsOf(aspect).label; }
 
-// The label of an attribute in a line for people.
-std::string Label(const CAttributeChange& change) {
-  if (change.aspect == CAspect::kXattr)
-    return "xattr " + EscapedText(change.attribute.substr(
-                          std::string_view(security_text::kXattrPrefix).size()));
-  if (change.aspect == CAspect::kOtherSecurity) return EscapedText(change.attribute);
-  return WordsOf(change.aspect).label;
-}
+namespace {
 
 void CompareSecurity(const CObjectState& recorded, const CObjectState& current, bool modes_compared,
                      std::vector<CAttributeChange>& changes) {
@@ -147,9 +125,7 @@ void CompareSecurity(const CObjectState& recorded, const CObjectState& current, 
     CSecurityItems& newer = old_legacy ? after : before;
     std::erase_if(newer, [](const auto& item) { return !kLegacyKeys.count(item.first); });
     Add(changes, CAspect::kSecurityForm, "security_form", old_legacy ? "legacy" : "current",
-        old_legacy ? "current" : "legacy",
-        old_legacy ? "recorded in an older form" : "current form",
-        old_legacy ? "current form ('signdb update' records it)" : "older form");
+        old_legacy ? "current" : "legacy");
   }
   std::set<std::string> keys;
   for (const auto& item : before) keys.insert(item.first);
@@ -165,17 +141,11 @@ void CompareSecurity(const CObjectState& recorded, const CObjectState& current, 
     std::string new_value = new_present ? new_item->second : std::string();
     if (old_present == new_present && old_value == new_value) continue;
     CItemKind kind = ItemKind(key);
-    Add(changes, kind.aspect, kind.attribute, old_value, new_value,
-        ItemDisplay(key, old_value, recorded.kind()), ItemDisplay(key, new_value, current.kind()),
-        old_present, new_present);
+    Add(changes, kind.aspect, kind.attribute, old_value, new_value, old_present, new_present);
   }
 }
 
 }  // namespace
-
-std::string CAttributeChange::Text() const {
-  return Label(*this) + " " + old_display + " -> " + new_display;
-}
 
 const char* HeadlineWords(CAspect aspect) { return WordsOf(aspect).headline; }
 
@@ -186,12 +156,10 @@ std::vector<CAttributeChange> CompareStates(const CObjectState& recorded,
   CObjectKind new_kind = current.kind();
   if (!recorded.hash.empty() && !current.hash.empty() &&
       !boost::algorithm::iequals(recorded.hash, current.hash)) {
-    Add(changes, CAspect::kContent, "hash", recorded.hash, current.hash, recorded.hash,
-        current.hash);
+    Add(changes, CAspect::kContent, "hash", recorded.hash, current.hash);
   }
   if (old_kind != new_kind) {
-    Add(changes, CAspect::kKind, "kind", KindType(old_kind), KindType(new_kind),
-        KindWords(old_kind), KindWords(new_kind));
+    Add(changes, CAspect::kKind, "kind", KindType(old_kind), KindType(new_kind));
   }
   bool modes_compared =
       recorded.attributes != kUnknownAttributes && current.attributes != kUnknownAttributes;
@@ -200,79 +168,32 @@ std::vector<CAttributeChange> CompareStates(const CObjectState& recorded,
     char new_mode[8];
     std::snprintf(old_mode, sizeof old_mode, "%04o", recorded.attributes & 07777u);
     std::snprintf(new_mode, sizeof new_mode, "%04o", current.attributes & 07777u);
-    Add(changes, CAspect::kMode, "mode", old_mode, new_mode, ModeText(recorded.attributes),
-        ModeText(current.attributes));
+    Add(changes, CAspect::kMode, "mode", old_mode, new_mode);
   }
   if (recorded.target != current.target) {
     Add(changes, CAspect::kTarget, "target_path", recorded.target, current.target,
-        "'" + EscapedText(recorded.target) + "'", "'" + EscapedText(current.target) + "'",
         !recorded.target.empty(), !current.target.empty());
   }
   if (!recorded.is_dir && !current.is_dir && recorded.size != current.size) {
     Add(changes, CAspect::kSize, "size", std::to_string(recorded.size),
-        std::to_string(current.size), GroupedNumber(recorded.size), GroupedNumber(current.size));
+        std::to_string(current.size));
   }
   CompareSecurity(recorded, current, modes_compared, changes);
   // A directory's modification time follows its entries, which are reported themselves.
   if (!recorded.is_dir && recorded.time_2 != kUnknownTime && current.time_2 != kUnknownTime &&
       recorded.time_2 != current.time_2) {
     Add(changes, CAspect::kModified, "mtime", IsoTimeText(recorded.time_2),
-        IsoTimeText(current.time_2), TimeText(recorded.time_2), TimeText(current.time_2));
+        IsoTimeText(current.time_2));
   }
   if (recorded.time_1 != kUnknownTime && current.time_1 != kUnknownTime &&
       recorded.time_1 != current.time_1) {
     Add(changes, CAspect::kStatusChanged, "ctime", IsoTimeText(recorded.time_1),
-        IsoTimeText(current.time_1), TimeText(recorded.time_1), TimeText(current.time_1));
+        IsoTimeText(current.time_1));
   }
   std::stable_sort(
       changes.begin(), changes.end(),
       [](const CAttributeChange& a, const CAttributeChange& b) { return a.aspect < b.aspect; });
   return changes;
-}
-
-std::string ModeText(uint32_t st_mode) {
-  char octal[8];
-  std::snprintf(octal, sizeof octal, "%04o", st_mode & 07777u);
-  return PermissionText(octal, KindOf(false, st_mode, false));
-}
-
-std::string PermissionText(const std::string& octal_mode, CObjectKind kind) {
-  unsigned mode = 0;
-  for (char c : octal_mode) {
-    if (c < '0' || c > '7') return EscapedText(octal_mode);
-    mode = mode * 8 + static_cast<unsigned>(c - '0');
-  }
-  std::string text(10, '-');
-  text[0] = KindLetter(kind);
-  const char* letters = "rwxrwxrwx";
-  for (int i = 0; i < 9; ++i) {
-    if (mode & (0400u >> i)) text[static_cast<size_t>(i) + 1] = letters[i];
-  }
-  auto special = [&](unsigned bit, size_t position, char with_x, char without_x) {
-    if (mode & bit) text[position] = text[position] == 'x' ? with_x : without_x;
-  };
-  special(S_ISUID, 3, 's', 'S');
-  special(S_ISGID, 6, 's', 'S');
-  special(S_ISVTX, 9, 't', 'T');
-  return text + " (" + EscapedText(octal_mode) + ")";
-}
-
-namespace {
-
-std::string AccountText(const std::string& id, const std::string& name) {
-  return name.empty() ? EscapedText(id) : EscapedText(name) + " (" + id + ")";
-}
-
-}  // namespace
-
-std::string OwnerText(const std::string& uid) { return AccountText(uid, UserNameOf(uid)); }
-std::string GroupText(const std::string& gid) { return AccountText(gid, GroupNameOf(gid)); }
-
-std::string FlagsText(const std::string& letters) {
-  std::string names;
-  for (char letter : letters)
-    names += (names.empty() ? "" : ", ") + std::string(security_text::InodeFlagName(letter));
-  return EscapedText(letters) + " (" + names + ")";
 }
 
 std::vector<std::string> Warnings(const CObjectState& state) {
@@ -288,33 +209,4 @@ std::vector<std::string> Warnings(const CObjectState& state) {
   }
   if (items.count(security_text::kCapabilities)) warnings.push_back("capabilities");
   return warnings;
-}
-
-std::string Summary(const CObjectState& state) {
-  CObjectKind kind = state.kind();
-  CSecurityItems items = security_text::Parse(state.security);
-  std::string text = std::string("kind ") + KindWords(kind);
-  if (state.attributes != kUnknownAttributes) text += "; mode " + ModeText(state.attributes);
-  auto item = [&](const char* key) {
-    auto found = items.find(key);
-    return found == items.end() ? std::string() : found->second;
-  };
-  if (!item(security_text::kUid).empty()) text += "; owner " + OwnerText(item(security_text::kUid));
-  if (!item(security_text::kGid).empty()) text += "; group " + GroupText(item(security_text::kGid));
-  if (!item(security_text::kCapabilities).empty()) {
-    text += "; capabilities " + EscapedText(item(security_text::kCapabilities));
-  }
-  if (!item(security_text::kAccessAcl).empty()) {
-    text += "; acl " + EscapedText(item(security_text::kAccessAcl));
-  }
-  if (!item(security_text::kDefaultAcl).empty()) {
-    text += "; default acl " + EscapedText(item(security_text::kDefaultAcl));
-  }
-  if (!item(security_text::kDevice).empty())
-    text += "; device " + EscapedText(item(security_text::kDevice));
-  if (!item(security_text::kFlags).empty())
-    text += "; flags " + FlagsText(item(security_text::kFlags));
-  if (!state.target.empty()) text += "; link target '" + EscapedText(state.target) + "'";
-  if (!state.hash.empty()) text += "; hash " + state.hash;
-  return text;
 }

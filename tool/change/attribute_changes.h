@@ -40,16 +40,14 @@ struct CAttributeChange {
   std::string new_value;
   bool old_present = true;
   bool new_present = true;
-  std::string old_display;  // for people: "root (0)", "-rwsr-xr-x (4755)", "none"
-  std::string new_display;
-
-  // "owner root (0) -> nobody (65534)"; safe to print.
-  std::string Text() const;
 };
 
 // "hash changed", "owner changed", "times changed", ...: a report line's words for a difference
 // headed by this aspect.
 const char* HeadlineWords(CAspect aspect);
+// How a report labels one difference of the aspect ("hash", "owner", "link target", "modified");
+// nullptr for security attributes of no known aspect, which are labelled by their key.
+const char* AspectLabel(CAspect aspect);
 // The aspect whose label in a report is "label" ("hash", "owner", "link target", "modified", ...).
 bool AspectOfLabel(const std::string& label, CAspect& aspect);
 
@@ -59,16 +57,5 @@ bool AspectOfLabel(const std::string& label, CAspect& aspect);
 std::vector<CAttributeChange> CompareStates(const CObjectState& recorded,
                                             const CObjectState& current);
 
-// Texts for people.
-std::string ModeText(uint32_t st_mode);  // "-rwsr-xr-x (4755)"
-std::string PermissionText(const std::string& octal_mode,
-                           CObjectKind kind);   // the same from "4755"
-std::string OwnerText(const std::string& uid);  // "root (0)", or "1234" without a name
-std::string GroupText(const std::string& gid);
-std::string FlagsText(const std::string& letters);  // "ia (immutable, append-only)"
-
 // What stands out about a new object: "setuid", "setgid", "world-writable", "capabilities".
 std::vector<std::string> Warnings(const CObjectState& state);
-// The main properties of an object for a "new" or "gone" line: kind, mode, owner, group,
-// capabilities, ACLs, device, flags, link target, hash. Safe to print.
-std::string Summary(const CObjectState& state);

@@ -5,7 +5,6 @@
 #include <map>
 
 #include "hashdb/hash_db.h"
-#include "util/safe_text.h"
 #include "util/text_conversion.h"
 
 namespace {
@@ -109,37 +108,4 @@ void PairRenamesAndSort(std::vector<CDifference>& differences) {
   std::sort(kept.begin(), kept.end(),
             [](const CDifference& a, const CDifference& b) { return a.path < b.path; });
   differences = std::move(kept);
-}
-
-std::string DifferenceText(const CDifference& difference) {
-  char words[40];
-  std::snprintf(words, sizeof words, "%-28s", difference.words.c_str());
-  std::string line = words;
-  line += difference.path.empty() ? std::string(".") : SafePath(difference.path);
-  if (difference.shown().is_dir) line += "/";
-  std::string detail;
-  auto add = [&detail](const std::string& text) { detail += (detail.empty() ? "" : "; ") + text; };
-  switch (difference.change) {
-    case CChange::kNew:
-      add(Summary(difference.current));
-      break;
-    case CChange::kGone:
-      add(Summary(difference.recorded));
-      break;
-    case CChange::kRenamed:
-      add("from " + SafePath(difference.from));
-      if (!difference.current.hash.empty()) add("hash " + difference.current.hash);
-      break;
-    case CChange::kChanged:
-      break;
-  }
-  for (const CAttributeChange& change : difference.changes) add(change.Text());
-  if (!detail.empty()) line += "  " + detail;
-  if (!difference.warnings.empty()) {
-    line += "  [";
-    for (size_t i = 0; i < difference.warnings.size(); ++i)
-      line += (i ? ", " : "") + difference.warnings[i];
-    line += "]";
-  }
-  return line;
 }

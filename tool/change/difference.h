@@ -59,7 +59,3 @@ CDifference RenamedDifference(const CDifference& gone, CDifference arrived);
 // Pairs a gone file and a new file that carry the same content, when no other gone or new file
 // carries it, into one rename; then sorts by path.
 void PairRenamesAndSort(std::vector<CDifference>& differences);
-
-// One line for people, safe to print whatever the names hold: the words, the path, then every
-// difference with its recorded and current value (or, for a new or gone object, what it is).
-std::string DifferenceText(const CDifference& difference);

@@ -5,6 +5,7 @@
 
 #include "refhost/settings.h"
 #include "tool/change/difference.h"
+#include "tool/report/change_text.h"
 #include "tool/report/report_event.h"
 #include "util/safe_text.h"
 #include "util/text_format.h"

@@ -6,6 +6,7 @@
 #include "refhost/settings.h"
 #include "tool/change/attribute_changes.h"
 #include "tool/common/exit_status.h"
+#include "tool/report/change_text.h"
 #include "util/json_line.h"
 #include "util/relative_path.h"
 #include "util/safe_text.h"

@@ -7,6 +7,7 @@
 
 #include "refhost/security_text.h"
 #include "tool/change/difference.h"
+#include "tool/report/change_text.h"
 #include "util/account_names.h"
 #include "util/json_line.h"
 #include "util/relative_path.h"

@@ -13,6 +13,7 @@
 #include "tool/change/difference.h"
 #include "tool/change/object_state.h"
 #include "tool/report/change_log.h"
+#include "tool/report/change_text.h"
 #include "tool/report/report_event.h"
 #include "tool/rules/policy_rules.h"
 #include "tool/scan/difference_apply.h"

@@ -1,0 +1,172 @@
+#include "tool/report/change_text.h"
+
+#include <sys/stat.h>
+
+#include <cstdio>
+#include <string_view>
+
+#include "refhost/security_text.h"
+#include "util/account_names.h"
+#include "util/safe_text.h"
+#include "util/text_format.h"
+
+namespace {
+
+using security_text::CSecurityItems;
+
+// How one side of a change reads: from the state it describes for what the state holds as a
+// number (mode, size, times, kind), from the change's machine value for the rest.
+std::string SideText(const CAttributeChange& change, bool old_side, const CObjectState& state) {
+  if (!(old_side ? change.old_present : change.new_present)) return "none";
+  const std::string& value = old_side ? change.old_value : change.new_value;
+  switch (change.aspect) {
+    case CAspect::kContent:
+      return value;
+    case CAspect::kKind:
+      return KindWords(state.kind());
+    case CAspect::kOwner:
+      return OwnerText(value);
+    case CAspect::kGroup:
+      return GroupText(value);
+    case CAspect::kMode:
+      return PermissionText(value, state.kind());
+    case CAspect::kFlags:
+      return FlagsText(value);
+    case CAspect::kTarget:
+      return "'" + EscapedText(value) + "'";
+    case CAspect::kSize:
+      return GroupedNumber(state.size);
+    case CAspect::kSecurityForm:
+      if (old_side) return value == "legacy" ? "recorded in an older form" : "current form";
+      return value == "current" ? "current form ('signdb update' records it)" : "older form";
+    case CAspect::kModified:
+      return TimeText(state.time_2);
+    case CAspect::kStatusChanged:
+      return TimeText(state.time_1);
+    default:
+      return EscapedText(value);
+  }
+}
+
+// The label of an attribute in a line.
+std::string Label(const CAttributeChange& change) {
+  if (change.aspect == CAspect::kXattr)
+    return "xattr " + EscapedText(change.attribute.substr(
+                          std::string_view(security_text::kXattrPrefix).size()));
+  if (change.aspect == CAspect::kOtherSecurity) return EscapedText(change.attribute);
+  return AspectLabel(change.aspect);
+}
+
+}  // namespace
+
+std::string ChangeText(const CAttributeChange& change, const CDifference& difference) {
+  return Label(change) + " " + SideText(change, true, difference.recorded) + " -> " +
+         SideText(change, false, difference.current);
+}
+
+std::string ModeText(uint32_t st_mode) {
+  char octal[8];
+  std::snprintf(octal, sizeof octal, "%04o", st_mode & 07777u);
+  return PermissionText(octal, KindOf(false, st_mode, false));
+}
+
+std::string PermissionText(const std::string& octal_mode, CObjectKind kind) {
+  unsigned mode = 0;
+  for (char c : octal_mode) {
+    if (c < '0' || c > '7') return EscapedText(octal_mode);
+    mode = mode * 8 + static_cast<unsigned>(c - '0');
+  }
+  std::string text(10, '-');
+  text[0] = KindLetter(kind);
+  const char* letters = "rwxrwxrwx";
+  for (int i = 0; i < 9; ++i) {
+    if (mode & (0400u >> i)) text[static_cast<size_t>(i) + 1] = letters[i];
+  }
+  auto special = [&](unsigned bit, size_t position, char with_x, char without_x) {
+    if (mode & bit) text[position] = text[position] == 'x' ? with_x : without_x;
+  };
+  special(S_ISUID, 3, 's', 'S');
+  special(S_ISGID, 6, 's', 'S');
+  special(S_ISVTX, 9, 't', 'T');
+  return text + " (" + EscapedText(octal_mode) + ")";
+}
+
+namespace {
+
+std::string AccountText(const std::string& id, const std::string& name) {
+  return name.empty() ? EscapedText(id) : EscapedText(name) + " (" + id + ")";
+}
+
+}  // namespace
+
+std::string OwnerText(const std::string& uid) { return AccountText(uid, UserNameOf(uid)); }
+std::string GroupText(const std::string& gid) { return AccountText(gid, GroupNameOf(gid)); }
+
+std::string FlagsText(const std::string& letters) {
+  std::string names;
+  for (char letter : letters)
+    names += (names.empty() ? "" : ", ") + std::string(security_text::InodeFlagName(letter));
+  return EscapedText(letters) + " (" + names + ")";
+}
+
+std::string ObjectSummary(const CObjectState& state) {
+  CObjectKind kind = state.kind();
+  CSecurityItems items = security_text::Parse(state.security);
+  std::string text = std::string("kind ") + KindWords(kind);
+  if (state.attributes != kUnknownAttributes) text += "; mode " + ModeText(state.attributes);
+  auto item = [&](const char* key) {
+    auto found = items.find(key);
+    return found == items.end() ? std::string() : found->second;
+  };
+  if (!item(security_text::kUid).empty()) text += "; owner " + OwnerText(item(security_text::kUid));
+  if (!item(security_text::kGid).empty()) text += "; group " + GroupText(item(security_text::kGid));
+  if (!item(security_text::kCapabilities).empty()) {
+    text += "; capabilities " + EscapedText(item(security_text::kCapabilities));
+  }
+  if (!item(security_text::kAccessAcl).empty()) {
+    text += "; acl " + EscapedText(item(security_text::kAccessAcl));
+  }
+  if (!item(security_text::kDefaultAcl).empty()) {
+    text += "; default acl " + EscapedText(item(security_text::kDefaultAcl));
+  }
+  if (!item(security_text::kDevice).empty())
+    text += "; device " + EscapedText(item(security_text::kDevice));
+  if (!item(security_text::kFlags).empty())
+    text += "; flags " + FlagsText(item(security_text::kFlags));
+  if (!state.target.empty()) text += "; link target '" + EscapedText(state.target) + "'";
+  if (!state.hash.empty()) text += "; hash " + state.hash;
+  return text;
+}
+
+std::string DifferenceText(const CDifference& difference) {
+  char words[40];
+  std::snprintf(words, sizeof words, "%-28s", difference.words.c_str());
+  std::string line = words;
+  line += difference.path.empty() ? std::string(".") : SafePath(difference.path);
+  if (difference.shown().is_dir) line += "/";
+  std::string detail;
+  auto add = [&detail](const std::string& text) { detail += (detail.empty() ? "" : "; ") + text; };
+  switch (difference.change) {
+    case CChange::kNew:
+      add(ObjectSummary(difference.current));
+      break;
+    case CChange::kGone:
+      add(ObjectSummary(difference.recorded));
+      break;
+    case CChange::kRenamed:
+      add("from " + SafePath(difference.from));
+      if (!difference.current.hash.empty()) add("hash " + difference.current.hash);
+      break;
+    case CChange::kChanged:
+      break;
+  }
+  for (const CAttributeChange& change : difference.changes) add(ChangeText(change, difference));
+  if (!detail.empty()) line += "  " + detail;
+  if (!difference.warnings.empty()) {
+    line += "  [";
+    for (size_t i = 0; i < difference.warnings.size(); ++i)
+      line += (i ? ", " : "") + difference.warnings[i];
+    line += "]";
+  }
+  return line;
+}

@@ -1,0 +1,29 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "tool/change/attribute_changes.h"
+#include "tool/change/difference.h"
+#include "tool/change/object_state.h"
+
+// Texts for people about objects and their changes, made from the change model's machine values
+// (and account names looked up as the text is made). Every text is safe to print, whatever the
+// names it holds.
+
+std::string ModeText(uint32_t st_mode);                                       // "-rwsr-xr-x (4755)"
+std::string PermissionText(const std::string& octal_mode, CObjectKind kind);  // from "4755"
+std::string OwnerText(const std::string& uid);  // "root (0)", or "1234" without a name
+std::string GroupText(const std::string& gid);
+std::string FlagsText(const std::string& letters);  // "ia (immutable, append-only)"
+
+// The main properties of an object for a "new" or "gone" line: kind, mode, owner, group,
+// capabilities, ACLs, device, flags, link target, hash.
+std::string ObjectSummary(const CObjectState& state);
+
+// One difference of "difference": "owner root (0) -> nobody (65534)", "size 1,024 -> 2,048".
+std::string ChangeText(const CAttributeChange& change, const CDifference& difference);
+
+// One line: the words, the path, then every difference with its recorded and current value (or,
+// for a new or gone object, what it is), and what stands out about a new object.
+std::string DifferenceText(const CDifference& difference);
