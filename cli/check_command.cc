@@ -7,7 +7,6 @@
 #include "cli/commands.h"
 #include "cli/policy_arguments.h"
 #include "tool/common/exit_status.h"
-#include "tool/report/check_report.h"
 #include "tool/report/report_event.h"
 #include "tool/report/report_sink.h"
 #include "tool/scan/tree_check.h"
@@ -16,6 +15,7 @@
 int RunCheck(const CCommandLine& line) {
   RequireShape(line, {"--json", "--all", "--report"}, 0, 1);
   CSession session(SessionOptionsOf(line));
+  std::unique_ptr<CReportSinks> report = ReportSinksOf(line);
   int status = kExitOk;
   for (const CRefPolicySettings* policy : PoliciesOf(session, line)) {
     int one = kExitOk;
@@ -24,10 +24,8 @@ int RunCheck(const CCommandLine& line) {
       const CTreeCheckResult& result = check.result;
       CReportContext context = CReportContext::Make(policy->name, policy->root, "check",
                                                     session.settings().policy_number);
-      PrintCheckReport(std::cout, result, *policy, context, line.Has("--json"), false);
-      for (const std::string& destination : line.Values("--report")) {
-        SendReport(destination, result, *policy, context, false);
-      }
+      SendCheckResult(*report, result, context, false);
+      report->Flush();
       one = !result.unreadable.empty()   ? kExitError
             : result.differences.empty() ? kExitOk
                                          : kExitDifferences;

@@ -14,10 +14,11 @@
 #include "hashdb/hash_db.h"
 #include "tool/change/difference.h"
 #include "tool/common/exit_status.h"
-#include "tool/report/change_text.h"
 #include "tool/report/report_event.h"
+#include "tool/report/stream_sinks.h"
 #include "tool/session/session.h"
 #include "tool/store/database_files.h"
+#include "util/json_line.h"
 #include "util/safe_text.h"
 #include "util/text_conversion.h"
 #include "util/text_format.h"
@@ -81,15 +82,30 @@ int RunDiff(const CCommandLine& line) {
                    [](const CDifference& a, const CDifference& b) { return a.path < b.path; });
   CReportContext context =
       CReportContext::Make(policy.name, policy.root, "diff", session.settings().policy_number);
-  for (const CDifference& difference : differences) {
-    std::cout << (json ? DifferenceJson(difference, context) : DifferenceText(difference)) << "\n";
-  }
+  std::unique_ptr<CReportSink> report;
   if (json) {
-    std::cout << "{\"@timestamp\":" << JsonString(context.timestamp)
-              << ",\"host\":{\"name\":" << JsonString(context.host_name)
-              << "},\"summary\":{\"policy\":" << JsonString(policy.name)
-              << ",\"previous\":" << JsonString(previous_path) << ",\"changed\":" << changed.size()
-              << ",\"new\":" << added.size() << ",\"removed\":" << removed.size() << "}}\n";
+    report = std::make_unique<CJsonSink>(std::cout);
+  } else {
+    report = std::make_unique<CTextSink>(std::cout);
+  }
+  for (const CDifference& difference : differences) report->Difference(difference, context);
+  if (json) {
+    std::cout << CJsonLine()
+                     .Open()
+                     .String("@timestamp", context.timestamp)
+                     .Open("host")
+                     .String("name", context.host_name)
+                     .Close()
+                     .Open("summary")
+                     .String("policy", policy.name)
+                     .String("previous", previous_path)
+                     .Number("changed", changed.size())
+                     .Number("new", added.size())
+                     .Number("removed", removed.size())
+                     .Close()
+                     .Close()
+                     .Take()
+              << "\n";
   } else {
     std::cout << "policy " << EscapedText(policy.name) << " since " << EscapedText(previous_path)
               << ": " << GroupedNumber(changed.size()) << " changed, "

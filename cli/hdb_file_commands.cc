@@ -15,6 +15,7 @@
 #include "tool/common/exit_status.h"
 #include "tool/report/hdb_dump.h"
 #include "tool/session/session.h"
+#include "util/json_line.h"
 #include "util/text_format.h"
 
 namespace {
@@ -56,17 +57,16 @@ int RunVerify(const CCommandLine& line) {
   bool good = database->VerifySignature(hdb_path, hdb, signature);
   std::vector<std::string> reasons = session.TakeProblems();
   if (line.Has("--json")) {
-    std::cout << "{\"file\":" << JsonString(hdb_path)
-              << ",\"signature\":" << JsonString(signature_path)
-              << ",\"valid\":" << (good ? "true" : "false")
-              << ",\"signer_cstm_id\":" << JsonString(signer_cstm_id)
-              << ",\"signer_lcs_id\":" << JsonString(signer_lcs_id)
-              << ",\"local_cstm_id\":" << JsonString(session.settings().local_cstm_id)
-              << ",\"local_lcs_id\":" << JsonString(session.settings().local_lcs_id)
-              << ",\"reasons\":[";
-    for (size_t i = 0; i < reasons.size(); ++i)
-      std::cout << (i ? "," : "") << JsonString(reasons[i]);
-    std::cout << "]}\n";
+    CJsonLine answer;
+    answer.Open().String("file", hdb_path).String("signature", signature_path);
+    answer.Bool("valid", good)
+        .String("signer_cstm_id", signer_cstm_id)
+        .String("signer_lcs_id", signer_lcs_id);
+    answer.String("local_cstm_id", session.settings().local_cstm_id)
+        .String("local_lcs_id", session.settings().local_lcs_id)
+        .OpenArray("reasons");
+    for (const std::string& reason : reasons) answer.Item(reason);
+    std::cout << answer.Close().Close().Take() << "\n";
   } else {
     std::cout << hdb_path << ": " << (good ? "signature good" : "REFUSED") << "\n"
               << "  signature file: " << signature_path << "\n";

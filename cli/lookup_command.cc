@@ -22,6 +22,7 @@
 #include "tool/session/session.h"
 #include "tool/store/service_lock.h"
 #include "tool/watch/query_protocol.h"
+#include "util/json_line.h"
 #include "util/safe_text.h"
 #include "util/text_format.h"
 
@@ -123,18 +124,17 @@ int RunLookup(const CCommandLine& line) {
   }
   size_t found = 0;
   if (line.Has("--json")) {
-    std::cout << "{\"hash\":" << JsonString(hash) << ",\"holders\":[";
-    for (size_t i = 0; i < holders.size(); ++i) {
-      std::cout << (i ? "," : "") << "{\"policy\":" << JsonString(holders[i].policy)
-                << ",\"path\":" << JsonString(holders[i].path);
+    CJsonLine answer;
+    answer.Open().String("hash", hash).OpenArray("holders");
+    for (const CHolder& holder : holders) {
+      answer.Open().String("policy", holder.policy).String("path", holder.path);
       if (verify) {
-        std::cout << ",\"verified\":" << (holders[i].verdict == "verified" ? "true" : "false");
-        if (holders[i].verdict != "verified")
-          std::cout << ",\"reason\":" << JsonString(holders[i].verdict);
+        answer.Bool("verified", holder.verdict == "verified");
+        if (holder.verdict != "verified") answer.String("reason", holder.verdict);
       }
-      std::cout << "}";
+      answer.Close();
     }
-    std::cout << "]}\n";
+    std::cout << answer.Close().Close().Take() << "\n";
   }
   for (const CHolder& holder : holders) {
     bool good = !verify || holder.verdict == "verified";

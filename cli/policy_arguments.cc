@@ -7,6 +7,8 @@
 #include "cli/command_line.h"
 #include "refhost/settings.h"
 #include "tool/common/exit_status.h"
+#include "tool/report/file_sink.h"
+#include "tool/report/stream_sinks.h"
 #include "util/relative_path.h"
 #include "util/safe_text.h"
 
@@ -53,4 +55,16 @@ void ReportPolicyError(const CRefPolicySettings& policy, const CToolError& error
 int WorstStatus(int a, int b) {
   if (a == kExitError || b == kExitError) return kExitError;
   return std::max(a, b);
+}
+
+std::unique_ptr<CReportSinks> ReportSinksOf(const CCommandLine& line) {
+  auto sinks = std::make_unique<CReportSinks>();
+  if (line.Has("--json")) {
+    sinks->Add(std::make_unique<CJsonSink>(std::cout));
+  } else {
+    sinks->Add(std::make_unique<CTextSink>(std::cout));
+  }
+  for (const std::string& destination : line.Values("--report"))
+    sinks->Add(MakeReportDestination(destination));
+  return sinks;
 }

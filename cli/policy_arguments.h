@@ -3,6 +3,7 @@
 #include <string>
 #include <vector>
 
+#include "tool/report/report_sink.h"
 #include "tool/session/session.h"
 
 class CToolError;
@@ -26,3 +27,8 @@ void ReportPolicyError(const CRefPolicySettings& policy, const CToolError& error
 
 // The exit status of several policies: an error over differences over nothing to report.
 int WorstStatus(int a, int b);
+
+// Where a check's or an update's report goes: standard output (lines for people, or JSON lines
+// with --json) and every --report destination. Throws CToolError for a destination it does not
+// know or cannot reach, before anything is checked.
+std::unique_ptr<CReportSinks> ReportSinksOf(const CCommandLine& line);

@@ -19,6 +19,7 @@
 #include "tool/session/session.h"
 #include "tool/store/service_lock.h"
 #include "tool/watch/query_protocol.h"
+#include "util/json_line.h"
 #include "util/safe_text.h"
 #include "util/text_format.h"
 
@@ -73,17 +74,20 @@ int RunStatus(const CCommandLine& line) {
     }
     return PrintServiceStatus(*answer, json);
   }
-  if (json) std::cout << "{\"ok\":true,\"pid\":null,\"policies\":[";
-  bool first = true;
+  CJsonLine answer;
+  answer.Open().Bool("ok", true).Null("pid").OpenArray("policies");
   for (const CRefPolicySettings& policy : session.settings().policies) {
     bool saved = session.front().HdbFileExists(policy.name);
     std::string path = session.Narrow(session.front().HdbFilePath(policy.name));
     std::string when = saved ? FileTimeText(path) : std::string();
     if (json) {
-      std::cout << (first ? "" : ",") << "{\"name\":" << JsonString(policy.name)
-                << ",\"root\":" << JsonString(policy.root) << ",\"watcher\":null,\"database\":"
-                << (saved ? JsonString(path) : std::string("null"))
-                << ",\"last_save\":" << JsonString(when) << "}";
+      answer.Open().String("name", policy.name).String("root", policy.root).Null("watcher");
+      if (saved) {
+        answer.String("database", path);
+      } else {
+        answer.Null("database");
+      }
+      answer.String("last_save", when).Close();
     } else {
       std::cout << "policy " << EscapedText(policy.name) << " (" << EscapedText(policy.root)
                 << "): not watched; "
@@ -91,10 +95,9 @@ int RunStatus(const CCommandLine& line) {
                           : std::string("no database yet"))
                 << "\n";
     }
-    first = false;
   }
   if (json) {
-    std::cout << "]}\n";
+    std::cout << answer.Close().Close().Take() << "\n";
   } else {
     std::cout << "no watch service runs on " << EscapedText(session.DataFolder()) << "\n";
   }

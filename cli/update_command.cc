@@ -17,7 +17,6 @@
 #include "refhost/file_obj_info.h"
 #include "tool/common/exit_status.h"
 #include "tool/report/change_text.h"
-#include "tool/report/check_report.h"
 #include "tool/report/report_event.h"
 #include "tool/report/report_sink.h"
 #include "tool/scan/difference_apply.h"
@@ -78,7 +77,8 @@ size_t AskEach(std::vector<CDifference>& differences) {
 
 // Accepts the chosen differences of one policy into its database and saves it; returns the status.
 int UpdatePolicy(CSession& session, const CRefPolicySettings& policy, const CCommandLine& line,
-                 const std::vector<std::string>& only, const std::vector<std::string>& except) {
+                 const std::vector<std::string>& only, const std::vector<std::string>& except,
+                 CReportSink& report) {
   CPolicyCheck check = CheckPolicy(session, policy, line.Has("--quiet"), true);
   const std::shared_ptr<CHashDB>& database = check.database;
   CTreeCheckResult& result = check.result;
@@ -111,9 +111,8 @@ int UpdatePolicy(CSession& session, const CRefPolicySettings& policy, const CCom
     saved = session.Store(policy).Save(database);
   CReportContext context =
       CReportContext::Make(policy.name, policy.root, "update", session.settings().policy_number);
-  PrintCheckReport(std::cout, result, policy, context, line.Has("--json"), true);
-  for (const std::string& destination : line.Values("--report"))
-    SendReport(destination, result, policy, context, true);
+  SendCheckResult(report, result, context, true);
+  report.Flush();
   if (!line.Has("--json")) {
     std::cout << (saved.empty() ? std::string("nothing to accept; the database stays as it is")
                                 : "saved " + saved + " (the one it replaced: " +
@@ -151,10 +150,11 @@ int RunUpdate(const CCommandLine& line) {
   } else if (!line.Values("--except").empty()) {
     throw CToolError("--except names paths of one policy: name the policy");
   }
+  std::unique_ptr<CReportSinks> report = ReportSinksOf(line);
   int status = kExitOk;
   for (const CRefPolicySettings* policy : policies) {
     try {
-      status = WorstStatus(status, UpdatePolicy(session, *policy, line, only, except));
+      status = WorstStatus(status, UpdatePolicy(session, *policy, line, only, except, *report));
     } catch (const CToolError& e) {
       if (policies.size() == 1 && !line.Has("--all")) throw;
       ReportPolicyError(*policy, e);

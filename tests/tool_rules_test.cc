@@ -18,6 +18,9 @@
 #include <string>
 
 #include "refhost/file_descriptor.h"
+#include "tool/report/change_log.h"
+#include "tool/report/report_event.h"
+#include "tool/report/report_sink.h"
 #include "tests/scoped_mount.h"
 #include "tests/tool_fixture.h"
 #include "tests/tool_json.h"
@@ -25,6 +28,7 @@
 namespace {
 
 using ::testing::AllOf;
+using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::Not;
 using ::testing::StartsWith;
@@ -280,6 +284,69 @@ class CSyslogSocket {
   CFileDescriptor fd_;
   bool bound_ = false;
 };
+
+TEST(ChangeLogTest, EachChangeGoesToTheSystemLogTheWayAReportIsSentThere) {
+  CTempDir dir;
+  CSyslogSocket syslog(dir / "log.sock");
+  ASSERT_TRUE(syslog.bound());
+  CDifference difference;
+  difference.change = CChange::kNew;
+  difference.words = "new";
+  difference.path = "etc/cron.daily/job";
+  CReportContext context = CReportContext::Make("t", "/srv/tree", "watch", 256);
+  {
+    CChangeLog log(dir / "changes.ndjson", CChangeLog::kRotateAt, dir / "log.sock");
+    log.Difference(difference, context, "create");
+    log.Unreadable("etc/secret", "permission denied", context);  // counted by the service, not logged
+  }
+  std::string line = DifferenceJson(difference, context, "create");
+  EXPECT_EQ(line + "\n", CTempDir::Read(dir / "changes.ndjson"));
+  std::vector<std::string> messages = syslog.Received();
+  ASSERT_EQ(1u, messages.size());
+  EXPECT_THAT(messages[0], AllOf(StartsWith("<29>"), HasSubstr(" signdb[" + std::to_string(::getpid()) + "]: "),
+                                 EndsWith("]: " + line)));
+}
+
+// Remembers every entry it is given, in order.
+class CRecordingSink : public CReportSink {
+ public:
+  void Difference(const CDifference& difference, const CReportContext&, const char*) override {
+    entries.push_back("difference " + difference.path);
+  }
+  void Unreadable(const std::string& path, const std::string& reason, const CReportContext&) override {
+    entries.push_back("unreadable " + path + " " + reason);
+  }
+  void Summary(const CReportSummary& summary, const CReportContext&) override {
+    std::string counts;
+    for (const auto& [words, count] : summary.changes) counts += " " + words + "=" + std::to_string(count);
+    entries.push_back("summary " + std::to_string(summary.differences) + "/" + std::to_string(summary.unreadable) +
+                      (summary.accepted ? " accepted" : "") + counts);
+  }
+  void Flush() override { entries.push_back("flush"); }
+  std::vector<std::string> entries;
+};
+
+TEST(ReportSinkTest, EverySinkGetsACheckEntryByEntryDifferencesUnreadableThenTheSummary) {
+  CTreeCheckResult result;
+  for (const char* path : {"a", "b", "c"}) {
+    CDifference difference;
+    difference.path = path;
+    difference.words = std::string(path) == "b" ? "gone" : "new";
+    result.differences.push_back(difference);
+  }
+  result.unreadable.emplace_back("d", "permission denied");
+  CRecordingSink first;
+  CRecordingSink second;
+  CReportSinks both;
+  both.Add(first);
+  both.Add(second);
+  SendCheckResult(both, result, CReportContext::Make("t", "/srv", "update", 256), true);
+  both.Flush();
+  std::vector<std::string> expected = {"difference a", "difference b", "difference c", "unreadable d permission denied",
+                                       "summary 3/1 accepted gone=1 new=2", "flush"};
+  EXPECT_EQ(expected, first.entries);
+  EXPECT_EQ(expected, second.entries);
+}
 
 TEST_F(ToolTest, CheckSendsEachFindingAndTheSummaryToTheSystemLogAndToAFile) {
   Write("etc/hosts", "h");

@@ -11,6 +11,9 @@
 #include <stdexcept>
 #include <utility>
 
+#include "tool/report/report_event.h"
+#include "tool/report/system_log.h"
+
 namespace {
 
 int OpenForAppend(const std::string& path) {
@@ -22,20 +25,24 @@ int OpenForAppend(const std::string& path) {
 
 }  // namespace
 
-CChangeLog::CChangeLog(std::string path, uint64_t rotate_at)
+CChangeLog::CChangeLog(std::string path, uint64_t rotate_at, const std::string& system_log)
     : path_(std::move(path)), rotate_at_(rotate_at) {
   fd_ = OpenForAppend(path_);
   struct stat status {};
   if (::fstat(fd_, &status) == 0) size_ = static_cast<uint64_t>(status.st_size);
   // The system log where something listens for it (the journal, a syslog daemon).
-  system_log_ = ::access("/dev/log", W_OK) == 0;
-  if (system_log_) ::openlog("signdb", LOG_PID, LOG_DAEMON);
+  if (CSystemLog::Listens(system_log)) {
+    try {
+      system_log_ = std::make_unique<CSystemLog>(system_log);
+    } catch (const std::exception&) {
+      // The file keeps the changes.
+    }
+  }
 }
 
 CChangeLog::~CChangeLog() {
   Flush();
   if (fd_ >= 0) ::close(fd_);
-  if (system_log_) ::closelog();
 }
 
 void CChangeLog::Write(const std::string& line) {
@@ -43,8 +50,13 @@ void CChangeLog::Write(const std::string& line) {
   pending_ += line;
   pending_ += '\n';
   size_ += line.size() + 1;
-  if (system_log_) ::syslog(LOG_NOTICE, "%s", line.c_str());
+  if (system_log_) system_log_->Send(LOG_NOTICE, line);  // a full or absent listener loses it
   if (pending_.size() >= kBuffer) Flush();
+}
+
+void CChangeLog::Difference(const CDifference& difference, const CReportContext& context,
+                            const char* watch_event) {
+  Write(DifferenceJson(difference, context, watch_event));
 }
 
 void CChangeLog::Flush() {

@@ -6,6 +6,8 @@
 #include <string_view>
 
 #include "refhost/security_text.h"
+#include "tool/report/report_event.h"
+#include "tool/report/report_sink.h"
 #include "util/account_names.h"
 #include "util/safe_text.h"
 #include "util/text_format.h"
@@ -167,6 +169,39 @@ std::string DifferenceText(const CDifference& difference) {
     for (size_t i = 0; i < difference.warnings.size(); ++i)
       line += (i ? ", " : "") + difference.warnings[i];
     line += "]";
+  }
+  return line;
+}
+
+std::string UnreadableText(const std::string& relative_path, const std::string& reason) {
+  char words[40];
+  std::snprintf(words, sizeof words, "%-28s", "unreadable");
+  return words + (relative_path.empty() ? std::string(".") : SafePath(relative_path)) + "  (" +
+         EscapedText(reason) + ")";
+}
+
+std::string SummaryText(const CReportSummary& summary, const CReportContext& context) {
+  char seconds[32];
+  std::snprintf(seconds, sizeof seconds, "%.2f", summary.seconds);
+  std::string line = "policy " + EscapedText(context.policy) + " (" + EscapedText(context.root) +
+                     "): checked " + GroupedNumber(summary.checked) + " objects (" +
+                     ByteSize(summary.bytes) + ") in " + seconds + " s: ";
+  if (summary.differences == 0) {
+    line += "no differences";
+  } else {
+    line += GroupedNumber(summary.differences) +
+            (summary.differences == 1 ? " difference" : " differences") +
+            (summary.accepted ? " accepted (" : " (");
+    bool first = true;
+    for (const auto& [words, count] : summary.changes) {
+      line += (first ? "" : ", ") + GroupedNumber(count) + " " + words;
+      first = false;
+    }
+    line += ")";
+  }
+  if (summary.unreadable != 0) {
+    line += "; " + GroupedNumber(summary.unreadable) +
+            (summary.unreadable == 1 ? " object could not be read" : " objects could not be read");
   }
   return line;
 }

@@ -7,6 +7,7 @@
 #include "hdbfile/hdb_format.h"
 #include "hdbfile/hdb_header.h"
 #include "hdbfile/hdb_record.h"
+#include "util/json_line.h"
 #include "util/safe_text.h"
 #include "util/text_conversion.h"
 #include "util/text_format.h"
@@ -30,15 +31,18 @@ void PrintHeader(const CHdbHeader& header, bool json, std::ostream& out) {
                          : header.platform_flag == 0 ? "Windows"
                                                      : "unknown";
   if (json) {
-    out << "{\"header\":{\"magic\":\"" << HexNumber(header.magic, 16)
-        << "\",\"version\":" << header.version << ",\"platform\":" << header.platform_flag
-        << ",\"second_flag\":" << header.second_flag
-        << ",\"header_length\":" << header.header_length
-        << ",\"policy_number\":" << header.policy_number << ",\"digest\":" << header.policy_value
-        << ",\"digest_name\":" << JsonString(DigestName(header.policy_value))
-        << ",\"nodes\":" << header.node_count
-        << ",\"revision\":" << (header.revision == kNoRevision ? std::string("null") : revision)
-        << "}}\n";
+    CJsonLine line;
+    line.Open().Open("header").String("magic", HexNumber(header.magic, 16));
+    line.Number("version", header.version).Number("platform", header.platform_flag);
+    line.Number("second_flag", header.second_flag).Number("header_length", header.header_length);
+    line.Number("policy_number", header.policy_number).Number("digest", header.policy_value);
+    line.String("digest_name", DigestName(header.policy_value)).Number("nodes", header.node_count);
+    if (header.revision == kNoRevision) {
+      line.Null("revision");
+    } else {
+      line.Number("revision", header.revision);
+    }
+    out << line.Close().Close().Take() << "\n";
     return;
   }
   out << "magic          " << HexNumber(header.magic, 16)
@@ -99,13 +103,12 @@ bool DumpHdb(const uint8_t* data, uint64_t size, bool json, std::ostream& out,
     std::string security(view.security);
     std::string target(view.target);
     if (json) {
-      out << "{\"record\":{\"offset\":" << offset
-          << ",\"directory\":" << (record.directory ? "true" : "false")
-          << ",\"attributes\":" << record.attributes << ",\"time_1\":" << record.time_1
-          << ",\"time_2\":" << record.time_2 << ",\"size\":" << record.size
-          << ",\"hash\":" << JsonString(hash) << ",\"path\":" << JsonString(path)
-          << ",\"security\":" << JsonString(security) << ",\"target\":" << JsonString(target)
-          << "}}\n";
+      CJsonLine line;
+      line.Open().Open("record").Number("offset", offset).Bool("directory", record.directory);
+      line.Number("attributes", record.attributes).Number("time_1", record.time_1);
+      line.Number("time_2", record.time_2).Number("size", record.size).String("hash", hash);
+      line.String("path", path).String("security", security).String("target", target);
+      out << line.Close().Close().Take() << "\n";
     } else {
       out << "@" << offset << (record.directory ? " d " : " f ")
           << AttributesText(record.attributes) << " size=" << record.size

@@ -1,10 +1,9 @@
 #include "tool/report/recorded_object_json.h"
 
-#include <sstream>
-
 #include "hashdb/hash_db.h"
 #include "refhost/security_text.h"
 #include "tool/change/object_state.h"
+#include "util/json_line.h"
 #include "util/text_format.h"
 
 std::string RecordedObjectJson(CHashDB& database, const std::wstring& full_path,
@@ -13,19 +12,14 @@ std::string RecordedObjectJson(CHashDB& database, const std::wstring& full_path,
   bool under_target = database.IsUnderTarget(full_path);
   bool touched = database.TouchedRecently(full_path);
   security_text::CSecurityItems items = security_text::Parse(state.security);
-  std::ostringstream out;
-  out << "{\"path\":" << JsonString(full_text) << ",\"relative\":" << JsonString(relative)
-      << ",\"kind\":" << JsonString(KindWords(state.kind())) << ",\"size\":" << state.size
-      << ",\"hash\":" << JsonString(state.hash) << ",\"attributes\":" << state.attributes
-      << ",\"time_1\":" << state.time_1 << ",\"time_2\":" << state.time_2
-      << ",\"security\":" << JsonString(state.security) << ",\"security_items\":{";
-  bool first = true;
-  for (const auto& [key, value] : items) {
-    out << (first ? "" : ",") << JsonString(key) << ":" << JsonString(value);
-    first = false;
-  }
-  out << "},\"target\":" << JsonString(state.target)
-      << ",\"under_link_target\":" << (under_target ? "true" : "false")
-      << ",\"touched_recently\":" << (touched ? "true" : "false") << "}";
-  return out.str();
+  CJsonLine out;
+  out.Open().String("path", full_text).String("relative", relative);
+  out.String("kind", KindWords(state.kind())).Number("size", state.size);
+  out.String("hash", state.hash).Number("attributes", state.attributes);
+  out.Number("time_1", state.time_1).Number("time_2", state.time_2);
+  out.String("security", state.security).Open("security_items");
+  for (const auto& [key, value] : items) out.String(key, value);
+  out.Close().String("target", state.target);
+  out.Bool("under_link_target", under_target).Bool("touched_recently", touched);
+  return out.Close().Take();
 }

@@ -3,11 +3,13 @@
 #include <Poco/Environment.h>
 
 #include <chrono>
+#include <cstdio>
 #include <sstream>
 
 #include "refhost/security_text.h"
 #include "tool/change/difference.h"
 #include "tool/report/change_text.h"
+#include "tool/report/report_sink.h"
 #include "util/account_names.h"
 #include "util/json_line.h"
 #include "util/relative_path.h"
@@ -186,4 +188,17 @@ std::string UnreadableJson(const std::string& relative_path, const std::string& 
   line.String("change", "unreadable").Close();
   line.Close();
   return line.Take();
+}
+
+std::string SummaryJson(const CReportSummary& summary, const CReportContext& context) {
+  char seconds[32];
+  std::snprintf(seconds, sizeof seconds, "%.2f", summary.seconds);
+  CJsonLine line;
+  OpenEvent(line, context);
+  line.Open("summary").String("policy", context.policy).String("root", context.root);
+  line.Number("checked", summary.checked).Number("bytes", summary.bytes).Raw("seconds", seconds);
+  line.Number("differences", summary.differences).Number("unreadable", summary.unreadable);
+  line.Bool("accepted", summary.accepted).Open("changes");
+  for (const auto& [words, count] : summary.changes) line.Number(words, count);
+  return line.Close().Close().Close().Take();
 }

@@ -4,6 +4,7 @@
 #include <string>
 
 struct CDifference;
+struct CReportSummary;
 
 // Where a report's JSON lines come from: the same for every line of one report.
 struct CReportContext {
@@ -33,3 +34,7 @@ std::string DifferenceJson(const CDifference& difference, const CReportContext& 
 // The same kind of line for an object that could not be read.
 std::string UnreadableJson(const std::string& relative_path, const std::string& reason,
                            const CReportContext& context);
+
+// A report's last line: {"@timestamp", "host", "summary": {policy, root, checked, bytes, seconds,
+// differences, unreadable, accepted, changes: {WORDS: COUNT}}}.
+std::string SummaryJson(const CReportSummary& summary, const CReportContext& context);

@@ -12,9 +12,9 @@
 #include "refhost/ref_host.h"
 #include "tool/change/difference.h"
 #include "tool/change/object_state.h"
-#include "tool/report/change_log.h"
 #include "tool/report/change_text.h"
 #include "tool/report/report_event.h"
+#include "tool/report/report_sink.h"
 #include "tool/rules/policy_rules.h"
 #include "tool/scan/difference_apply.h"
 #include "tool/scan/tree_check.h"
@@ -24,11 +24,11 @@
 #include "util/text_format.h"
 
 CPolicyWatch::CPolicyWatch(CSession& session, const CRefPolicySettings& policy,
-                           std::shared_ptr<CHashDB> database, CChangeLog* log)
+                           std::shared_ptr<CHashDB> database, CReportSink* report)
     : session_(session),
       policy_(policy),
       database_(std::move(database)),
-      log_(log),
+      report_(report),
       wide_root_(Wide("")),
       directories_(policy.root),
       judge_(session.Rules(policy), session.settings().policy_number),
@@ -244,11 +244,10 @@ void CPolicyWatch::Report(CDifference difference, const char* event) {
 }
 
 void CPolicyWatch::Log(const CDifference& difference, const char* event) {
-  std::cout << DifferenceText(difference) << "\n";
-  if (log_ == nullptr) return;
+  if (report_ == nullptr) return;
   CReportContext context =
       CReportContext::Make(policy_.name, policy_.root, "watch", session_.settings().policy_number);
-  log_->Write(DifferenceJson(difference, context, event));
+  report_->Difference(difference, context, event);
 }
 
 bool CPolicyWatch::Recorded(const std::string& relative) {

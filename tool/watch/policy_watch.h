@@ -15,7 +15,7 @@
 #include "tool/watch/watch_event.h"
 #include "tool/watch/write_queue.h"
 
-class CChangeLog;
+class CReportSink;
 struct CKnownContent;
 class CRefFileObjInfo;
 class CHashDB;
@@ -46,9 +46,9 @@ class CPolicyWatch {
     std::string last_save;    // UTC time of the last save, or empty
   };
 
-  // Every change applied is written to "log" (when given) as one JSON line.
+  // Every change applied is reported to "report" (when given), with the file event behind it.
   CPolicyWatch(CSession& session, const CRefPolicySettings& policy,
-               std::shared_ptr<CHashDB> database, CChangeLog* log = nullptr);
+               std::shared_ptr<CHashDB> database, CReportSink* report = nullptr);
   ~CPolicyWatch();
 
   // Starts following the tree's events (fanotify where it may, inotify otherwise or with
@@ -121,7 +121,7 @@ class CPolicyWatch {
   CSession& session_;
   const CRefPolicySettings& policy_;
   std::shared_ptr<CHashDB> database_;
-  CChangeLog* log_;
+  CReportSink* report_;
   std::wstring wide_root_;  // the root in the module's form, as every object read names it
   std::unique_ptr<CTreeWatcher> watcher_;
   std::string data_folder_relative_;  // the tool's own folder when it lies in the tree, else empty

@@ -35,12 +35,17 @@ CWatchService::CWatchService(CSession& session, std::chrono::seconds save_period
     : session_(session),
       save_period_(save_period),
       force_inotify_(force_inotify),
-      log_(session.DataFolder() + "/watch-changes.ndjson") {}
+      log_(session.DataFolder() + "/watch-changes.ndjson"),
+      lines_(std::cout) {
+  report_.Add(lines_);
+  report_.Add(log_);
+}
 
 CWatchService::~CWatchService() = default;
 
 void CWatchService::Add(const CRefPolicySettings& policy, std::shared_ptr<CHashDB> database) {
-  watches_.push_back(std::make_unique<CPolicyWatch>(session_, policy, std::move(database), &log_));
+  watches_.push_back(
+      std::make_unique<CPolicyWatch>(session_, policy, std::move(database), &report_));
 }
 
 void CWatchService::Run(const sigset_t& stop_signals) {
@@ -99,8 +104,7 @@ void CWatchService::Run(const sigset_t& stop_signals) {
     }
     // Changes are logged as they happen: what is gathered goes out before the service sleeps.
     if (timeout != 0) {
-      log_.Flush();
-      std::cout.flush();
+      report_.Flush();
     }
     epoll_event ready[16];
     int count = ::epoll_wait(epoll_fd, ready, 16, timeout);
@@ -112,7 +116,7 @@ void CWatchService::Run(const sigset_t& stop_signals) {
       if (tag == kSignalTag) {
         stop = true;
       } else if (tag == kServerTag) {
-        log_.Flush();  // an answer never runs ahead of the change log
+        report_.Flush();  // an answer never runs ahead of the change log
         server.Process();
       } else {
         watches_[tag]->OnEvents();

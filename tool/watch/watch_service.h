@@ -7,6 +7,8 @@
 #include <vector>
 
 #include "tool/report/change_log.h"
+#include "tool/report/report_sink.h"
+#include "tool/report/stream_sinks.h"
 
 class CHashDB;
 class CPolicyWatch;
@@ -41,5 +43,7 @@ class CWatchService {
   std::chrono::seconds save_period_;
   bool force_inotify_;
   CChangeLog log_;
+  CTextSink lines_;      // each change's line on standard output (the journal under systemd)
+  CReportSinks report_;  // both
   std::vector<std::unique_ptr<CPolicyWatch>> watches_;
 };
