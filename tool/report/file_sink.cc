@@ -7,7 +7,6 @@
 #include <cstring>
 
 #include "tool/common/exit_status.h"
-#include "tool/report/change_text.h"
 #include "tool/report/report_event.h"
 #include "tool/report/system_log.h"
 
@@ -18,25 +17,11 @@ CFileSink::CFileSink(std::string path)
     throw CToolError("cannot append the report to " + path_ + ": " + std::strerror(errno));
 }
 
-void CFileSink::Append(const CReportContext& context, const std::string& line) {
+void CFileSink::Put(CEntry, const CReportContext& context, const std::string& line) {
   std::string text = context.timestamp + " policy " + context.policy + ": " + line + "\n";
   if (::write(fd_.get(), text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
     throw CToolError("cannot append the report to " + path_ + ": " + std::strerror(errno));
   }
-}
-
-void CFileSink::Difference(const CDifference& difference, const CReportContext& context,
-                           const char*) {
-  Append(context, DifferenceText(difference));
-}
-
-void CFileSink::Unreadable(const std::string& relative_path, const std::string& reason,
-                           const CReportContext& context) {
-  Append(context, UnreadableText(relative_path, reason));
-}
-
-void CFileSink::Summary(const CReportSummary& summary, const CReportContext& context) {
-  Append(context, SummaryText(summary, context));
 }
 
 std::unique_ptr<CReportSink> MakeReportDestination(const std::string& destination) {

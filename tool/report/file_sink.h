@@ -4,22 +4,17 @@
 #include <string>
 
 #include "refhost/file_descriptor.h"
-#include "tool/report/report_sink.h"
+#include "tool/report/stream_sinks.h"
 
 // A report appended to a file, a line per entry: the report's time, "policy NAME: " and the line
 // a person reads. The file is made owner-only and never opened through a symbolic link. Throws
 // CToolError when it cannot be opened or written.
-class CFileSink : public CReportSink {
+class CFileSink : public CTextLineSink {
  public:
   explicit CFileSink(std::string path);
-  void Difference(const CDifference& difference, const CReportContext& context,
-                  const char* watch_event = nullptr) override;
-  void Unreadable(const std::string& relative_path, const std::string& reason,
-                  const CReportContext& context) override;
-  void Summary(const CReportSummary& summary, const CReportContext& context) override;
 
  private:
-  void Append(const CReportContext& context, const std::string& line);
+  void Put(CEntry entry, const CReportContext& context, const std::string& line) override;
 
   std::string path_;
   CFileDescriptor fd_;

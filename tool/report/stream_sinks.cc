@@ -3,17 +3,18 @@
 #include "tool/report/change_text.h"
 #include "tool/report/report_event.h"
 
-void CTextSink::Difference(const CDifference& difference, const CReportContext&, const char*) {
-  out_ << DifferenceText(difference) << "\n";
+void CTextLineSink::Difference(const CDifference& difference, const CReportContext& context,
+                               const char*) {
+  Put(CEntry::kDifference, context, DifferenceText(difference));
 }
 
-void CTextSink::Unreadable(const std::string& relative_path, const std::string& reason,
-                           const CReportContext&) {
-  out_ << UnreadableText(relative_path, reason) << "\n";
+void CTextLineSink::Unreadable(const std::string& relative_path, const std::string& reason,
+                               const CReportContext& context) {
+  Put(CEntry::kUnreadable, context, UnreadableText(relative_path, reason));
 }
 
-void CTextSink::Summary(const CReportSummary& summary, const CReportContext& context) {
-  out_ << SummaryText(summary, context) << "\n";
+void CTextLineSink::Summary(const CReportSummary& summary, const CReportContext& context) {
+  Put(CEntry::kSummary, context, SummaryText(summary, context));
 }
 
 void CJsonSink::Difference(const CDifference& difference, const CReportContext& context,

@@ -10,7 +10,6 @@
 #include <ctime>
 
 #include "tool/common/exit_status.h"
-#include "tool/report/change_text.h"
 #include "tool/report/report_event.h"
 
 namespace {
@@ -53,22 +52,11 @@ bool CSystemLog::Send(int severity, const std::string& text) {
   return true;
 }
 
-void CSystemLogSink::Send(int severity, const CReportContext& context, const std::string& line) {
+void CSystemLogSink::Put(CEntry entry, const CReportContext& context, const std::string& line) {
+  int severity = entry == CEntry::kDifference   ? LOG_WARNING
+                 : entry == CEntry::kUnreadable ? LOG_ERR
+                                                : LOG_NOTICE;
   if (!log_.Send(severity, "policy " + context.policy + ": " + line)) {
     throw CToolError("cannot send to the system log at " + log_.path() + ": " + log_.error());
   }
-}
-
-void CSystemLogSink::Difference(const CDifference& difference, const CReportContext& context,
-                                const char*) {
-  Send(LOG_WARNING, context, DifferenceText(difference));
-}
-
-void CSystemLogSink::Unreadable(const std::string& relative_path, const std::string& reason,
-                                const CReportContext& context) {
-  Send(LOG_ERR, context, UnreadableText(relative_path, reason));
-}
-
-void CSystemLogSink::Summary(const CReportSummary& summary, const CReportContext& context) {
-  Send(LOG_NOTICE, context, SummaryText(summary, context));
 }

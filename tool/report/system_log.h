@@ -3,7 +3,7 @@
 #include <string>
 
 #include "refhost/file_descriptor.h"
-#include "tool/report/report_sink.h"
+#include "tool/report/stream_sinks.h"
 
 // The system log's local socket (/dev/log, where journald and syslog daemons listen), written as
 // the C library's syslog(3) writes it: one RFC 3164 datagram per message, facility daemon, tag
@@ -32,17 +32,12 @@ class CSystemLog {
 // A report sent to the system log: differences as warnings, unreadable objects as errors, the
 // summary as a notice, each the line a person reads, after "policy NAME: ". Throws CToolError
 // when a message cannot be sent.
-class CSystemLogSink : public CReportSink {
+class CSystemLogSink : public CTextLineSink {
  public:
   explicit CSystemLogSink(std::string socket_path) : log_(std::move(socket_path)) {}
-  void Difference(const CDifference& difference, const CReportContext& context,
-                  const char* watch_event = nullptr) override;
-  void Unreadable(const std::string& relative_path, const std::string& reason,
-                  const CReportContext& context) override;
-  void Summary(const CReportSummary& summary, const CReportContext& context) override;
 
  private:
-  void Send(int severity, const CReportContext& context, const std::string& line);
+  void Put(CEntry entry, const CReportContext& context, const std::string& line) override;
 
   CSystemLog log_;
 };
