@@ -28,7 +28,7 @@ const std::map<std::string, std::string>& CommandHelp() {
        "  signdb init --ca-key-out /media/offline/signdb-ca.key --protect-key\n"
        "  signdb init --dir ./signdb-local --policy usr=/usr --policy etc=/etc\n"},
       {"scan",
-       "usage: signdb scan [POLICY | --all] [--quiet] [--sign-later]\n"
+       "usage: signdb scan [POLICY | --all] [--quiet] [--sign-later] [--replace]\n"
        "\n"
        "Records every file, directory and symbolic link below the policy's root (content hash, "
        "size,\n"
@@ -40,6 +40,11 @@ const std::map<std::string, std::string>& CommandHelp() {
        "and\n"
        "the exit status is 2.\n"
        "\n"
+       "A policy's database is its baseline, what was looked at and accepted: a scan of a policy\n"
+       "that has one is refused (it says how many differences are pending); accept them with\n"
+       "'signdb update', or record the tree afresh in its place with --replace.\n"
+       "\n"
+       "  --replace     replace the policy's baseline with the tree as it is now\n"
        "  --sign-later  sign nothing here: keep the new database as NAME.hdb.candidate for\n"
        "                'signdb sign' on the host that holds the signer key, then 'signdb accept'\n"
        "\n"

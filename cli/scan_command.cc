@@ -22,9 +22,37 @@
 
 namespace {
 
+// A policy's baseline is what a person looked at and accepted: a scan that would put the tree as
+// it is now in its place, taking in unseen whatever changed, is refused unless asked for by name.
+// Says how much is pending and the two ways forward.
+void RefuseToReplaceBaseline(CSession& session, const CRefPolicySettings& policy) {
+  const std::string& baseline = session.Store(policy).database_file();
+  std::vector<std::string> ways = {
+      "to look at what changed and accept it: signdb check " + policy.name +
+          ", then signdb update " + policy.name + " (all, or the paths you name)",
+      "to record the tree afresh in its place: signdb scan " + policy.name + " --replace"};
+  std::string pending;
+  try {
+    CPolicyCheck check = CheckPolicy(session, policy, true, true);
+    size_t count = check.result.differences.size();
+    pending = count == 0   ? "nothing is pending"
+              : count == 1 ? "1 difference is pending"
+                           : GroupedNumber(count) + " differences are pending";
+  } catch (const CToolError& e) {
+    throw CToolError("policy '" + policy.name + "' has a baseline (" + baseline +
+                         ") that cannot be used: " + e.what() + "; nothing was recorded",
+                     {ways[1] + ", once you know why it cannot be used"});
+  }
+  throw CToolError("policy '" + policy.name + "' has a baseline already (" + baseline +
+                       "): " + pending + "; nothing was recorded",
+                   ways);
+}
+
 int ScanPolicy(CSession& session, const CRefPolicySettings& policy, const CCommandLine& line) {
   session.RequireRoot(policy);
   session.Store(policy).Lock(CPolicyLock::CMode::kExclusive);
+  if (!line.Has("--replace") && session.Store(policy).HasBaseline())
+    RefuseToReplaceBaseline(session, policy);
   bool quiet = line.Has("--quiet");
   auto start = std::chrono::steady_clock::now();
   std::shared_ptr<CHashDB> database = session.NewDatabase(policy);
@@ -70,7 +98,7 @@ int ScanPolicy(CSession& session, const CRefPolicySettings& policy, const CComma
 }  // namespace
 
 int RunScan(const CCommandLine& line) {
-  RequireShape(line, {"--sign-later", "--all"}, 0, 1);
+  RequireShape(line, {"--sign-later", "--all", "--replace"}, 0, 1);
   CSession session(SessionOptionsOf(line));
   std::vector<const CRefPolicySettings*> policies = PoliciesOf(session, line);
   int status = kExitOk;

@@ -22,19 +22,61 @@
 #include "tool/scan/difference_apply.h"
 #include "tool/scan/tree_check.h"
 #include "tool/session/session.h"
+#include "util/relative_path.h"
+#include "util/safe_text.h"
 
 namespace {
 
-// Whether "path" is one of "named" or lies below one of them.
-bool NamedOrBelow(const std::string& path, const std::vector<std::string>& named) {
-  for (const std::string& name : named) {
-    if (name.empty() || path == name ||
-        (path.size() > name.size() && path.compare(0, name.size(), name) == 0 &&
-         path[name.size()] == '/')) {
-      return true;
+// Whether the difference is at or below "name" (a rename by its new or its old path).
+bool Touches(const CDifference& difference, const std::string& name) {
+  return IsBelowOrSame(difference.path, name) ||
+         (difference.change == CChange::kRenamed && IsBelowOrSame(difference.from, name));
+}
+
+// How many single-character edits turn "a" into "b".
+size_t EditDistance(const std::string& a, const std::string& b) {
+  std::vector<size_t> row(b.size() + 1);
+  for (size_t j = 0; j <= b.size(); ++j) row[j] = j;
+  for (size_t i = 1; i <= a.size(); ++i) {
+    size_t diagonal = row[0];
+    row[0] = i;
+    for (size_t j = 1; j <= b.size(); ++j) {
+      size_t above = row[j];
+      row[j] = std::min({row[j] + 1, row[j - 1] + 1, diagonal + (a[i - 1] == b[j - 1] ? 0 : 1)});
+      diagonal = above;
     }
   }
-  return false;
+  return row[b.size()];
+}
+
+// Refuses (before anything is accepted) a path named to update or to --except that no pending
+// difference lies at or below: a typo would otherwise accept what the person meant to hold back,
+// or accept nothing while saying so. Names the pending paths nearest to it.
+void RequireEveryNameMatches(const CRefPolicySettings& policy,
+                             const std::vector<CDifference>& pending,
+                             const std::vector<std::string>& names, const char* option) {
+  for (const std::string& name : names) {
+    if (std::any_of(pending.begin(), pending.end(),
+                    [&](const CDifference& difference) { return Touches(difference, name); }))
+      continue;
+    std::vector<std::pair<size_t, std::string>> nearest;
+    for (const CDifference& difference : pending)
+      nearest.emplace_back(EditDistance(name, difference.path), difference.path);
+    std::sort(nearest.begin(), nearest.end());
+    std::vector<std::string> hints;
+    if (pending.empty()) {
+      hints.push_back("no difference is pending in policy '" + policy.name + "'");
+    } else {
+      std::string listed;
+      for (size_t i = 0; i < nearest.size() && i < 3; ++i)
+        listed += (i ? ", " : "") + SafePath(nearest[i].second);
+      hints.push_back("pending nearest to it: " + listed);
+    }
+    throw CToolError(std::string(option) + SafePath(name.empty() ? "." : name) +
+                         " matches no pending difference of policy '" + policy.name +
+                         "'; nothing was accepted",
+                     std::move(hints));
+  }
 }
 
 // Asks on the terminal, difference by difference, which to accept; removes the others and
@@ -84,6 +126,8 @@ int UpdatePolicy(CSession& session, const CRefPolicySettings& policy, const CCom
   CTreeCheckResult& result = check.result;
   // Only what was named (a rename counts by its new and its old path), and nothing excepted.
   size_t left = 0;
+  RequireEveryNameMatches(policy, result.differences, only, "");
+  RequireEveryNameMatches(policy, result.differences, except, "--except ");
   if (line.Has("--packages")) {  // exactly what the packages explain
     auto kept = std::stable_partition(
         result.differences.begin(), result.differences.end(),
@@ -94,8 +138,8 @@ int UpdatePolicy(CSession& session, const CRefPolicySettings& policy, const CCom
   if (!only.empty() || !except.empty()) {
     auto chosen = [&](const CDifference& difference) {
       auto matches = [&](const std::vector<std::string>& named) {
-        return NamedOrBelow(difference.path, named) ||
-               (difference.change == CChange::kRenamed && NamedOrBelow(difference.from, named));
+        return std::any_of(named.begin(), named.end(),
+                           [&](const std::string& name) { return Touches(difference, name); });
       };
       return (only.empty() || matches(only)) && !matches(except);
     };

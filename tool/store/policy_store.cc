@@ -41,6 +41,12 @@ std::string CPolicyStore::SignatureFileOf(const std::string& hdb_path) const {
   return WideToUtf8(host_.Crypto()->SignatureFilePath(Utf8ToWide(hdb_path)));
 }
 
+bool CPolicyStore::HasBaseline() const {
+  boost::system::error_code missing;
+  uint64_t revision = 0;
+  return boost::filesystem::exists(hdb_, missing) || ReadRecordedRevision(hdb_, revision);
+}
+
 void CPolicyStore::Lock(CPolicyLock::CMode mode) {
   if (lock_) {
     // One lock per policy and process: closing a second descriptor would release the first.

@@ -53,6 +53,9 @@ class CPolicyStore {
   const std::string& previous_file() const { return previous_; }
   // NAME.hdb.candidate: a database saved here that waits for its signature from another host.
   const std::string& candidate_file() const { return candidate_; }
+  // Whether the policy has a baseline: a database, or the revision file a save leaves (a baseline
+  // that was saved and has gone since still counts).
+  bool HasBaseline() const;
   // The signature file that belongs to an HDB file (as the host names it).
   std::string SignatureFileOf(const std::string& hdb_path) const;
 
