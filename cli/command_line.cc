@@ -33,6 +33,7 @@ const std::vector<std::string>& CCommandLine::Values(const std::string& option) 
 
 CCommandLine ParseCommandLine(const std::vector<std::string>& args) {
   CCommandLine line;
+  line.words = args;
   bool options_ended = false;
   for (size_t i = 0; i < args.size(); ++i) {
     std::string arg = args[i];

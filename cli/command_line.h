@@ -9,6 +9,7 @@
 // "--" ends them.
 struct CCommandLine {
   std::string command;
+  std::vector<std::string> words;  // everything after the program's name, as given
   std::vector<std::string> arguments;
   std::map<std::string, std::vector<std::string>> values;  // --config FILE, --policy N=R, ...
   std::set<std::string> flags;                             // --json, --quiet, ...

@@ -18,6 +18,7 @@ int RunSelfTest(const CCommandLine& line);
 int RunRenew(const CCommandLine& line);
 int RunSign(const CCommandLine& line);
 int RunAccept(const CCommandLine& line);
+int RunJournal(const CCommandLine& line);
 int RunRules(const CCommandLine& line);
 int RunWatch(const CCommandLine& line);
 int RunStatus(const CCommandLine& line);

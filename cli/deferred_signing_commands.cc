@@ -8,6 +8,7 @@
 
 #include "cli/command_line.h"
 #include "cli/commands.h"
+#include "cli/journal_entry.h"
 #include "cli/policy_arguments.h"
 #include "refhost/pkcs7.h"
 #include "tool/common/exit_status.h"
@@ -62,8 +63,13 @@ int RunAccept(const CCommandLine& line) {
   RequireShape(line, {}, 1, 1);
   CSession session(SessionOptionsOf(line));
   const CRefPolicySettings& policy = session.Policy(line.arguments[0]);
-  uint64_t revision = session.Store(policy).Accept();
+  CJournalEntry entry = JournalEntryOf(line, "accept-candidate", policy);
+  uint64_t revision = session.Store(policy).Accept(&entry);
   std::cout << "accepted the candidate of policy " << policy.name << " (revision "
-            << RevisionText(revision) << "): it is the policy's database now\n";
+            << RevisionText(revision) << "): it is the policy's baseline now";
+  if (entry.sequence != 0)
+    std::cout << "; journalled in " << session.Store(policy).journal().path() << " (entry "
+              << entry.sequence << ")";
+  std::cout << "\n";
   return kExitOk;
 }

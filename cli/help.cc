@@ -190,6 +190,22 @@ const std::map<std::string, std::string>& CommandHelp() {
        "\n"
        "examples:\n"
        "  signdb accept etc\n"},
+      {"journal",
+       "usage: signdb journal POLICY [--json]\n"
+       "\n"
+       "Prints the policy's accept journal: every scan, update, replacement and accepted "
+       "candidate,\n"
+       "when, by whom (the user, the login behind sudo, the terminal), with which command, and "
+       "each\n"
+       "accepted path with its change and its old and new hash. Each entry holds the SHA-256 of "
+       "the\n"
+       "one before it and every save of the baseline signs the journal's head, so a journal that "
+       "was\n"
+       "cut, edited or swapped keeps the baseline from being used until it is put back.\n"
+       "\n"
+       "examples:\n"
+       "  signdb journal etc\n"
+       "  signdb journal etc --json | jq -r 'select(.event == \"accept\") | .changes[].path'\n"},
       {"rules",
        "usage: signdb rules POLICY PATH\n"
        "\n"
@@ -280,6 +296,7 @@ void PrintUsage(std::ostream& out) {
          "  dump FILE.hdb            print an HDB file's header and records\n"
          "  sign FILE.candidate      sign a candidate on the host that holds the signer key\n"
          "  accept POLICY            put a candidate signed elsewhere in place\n"
+         "  journal POLICY           who accepted what into the policy's baseline, and when\n"
          "  rules POLICY PATH        which rule applies to a path, and why\n"
          "  watch [POLICY...]        keep the databases up to date from file events, answer "
          "queries\n"

@@ -9,6 +9,7 @@
 
 #include "cli/command_line.h"
 #include "cli/commands.h"
+#include "cli/journal_entry.h"
 #include "cli/policy_arguments.h"
 #include "hashdb/hash_db.h"
 #include "refhost/file_obj_info.h"
@@ -17,6 +18,7 @@
 #include "tool/scan/tree_check.h"
 #include "tool/scan/tree_scanner.h"
 #include "tool/session/session.h"
+#include "tool/store/database_files.h"
 #include "util/safe_text.h"
 #include "util/text_format.h"
 
@@ -77,7 +79,20 @@ int ScanPolicy(CSession& session, const CRefPolicySettings& policy, const CComma
   for (const auto& [path, reason] : unreadable)
     std::cerr << "signdb: cannot read " << SafePath(path.empty() ? "." : path) << " ("
               << EscapedText(reason) << ")\n";
-  std::string saved = session.Store(policy).Save(database);
+  CPolicyStore& store = session.Store(policy);
+  CJournalEntry entry = JournalEntryOf(line, "scan", policy);
+  if (line.Has("--replace") && store.HasBaseline()) {
+    entry.event = "replace";
+    uint64_t replaced = 0;
+    entry.note = ReadRecordedRevision(store.database_file(), replaced)
+                     ? "replaced the baseline of revision " + RevisionText(replaced)
+                     : "replaced a baseline that could not be read";
+    std::string aside = store.SetBrokenJournalAside();
+    if (!aside.empty()) entry.note += "; the broken journal before it was set aside as " + aside;
+  }
+  entry.note += (entry.note.empty() ? "" : "; ") + std::string("recorded ") +
+                std::to_string(scanner.counters().objects) + " objects";
+  std::string saved = store.Save(database, &entry);
   double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   const CScanCounters& counters = scanner.counters();
   char elapsed[32];

@@ -12,6 +12,7 @@
 
 #include "cli/command_line.h"
 #include "cli/commands.h"
+#include "cli/journal_entry.h"
 #include "cli/policy_arguments.h"
 #include "hashdb/hash_db.h"
 #include "refhost/file_obj_info.h"
@@ -150,9 +151,12 @@ int UpdatePolicy(CSession& session, const CRefPolicySettings& policy, const CCom
   if (line.Has("--interactive")) left += AskEach(result.differences);
   ApplyDifferences(session, policy, *database, result.differences);
   std::string saved;
+  CJournalEntry entry =
+      JournalEntryOf(line, result.differences.empty() ? "bind" : "accept", policy);
+  entry.changes = JournalChangesOf(result.differences);
   // --bind saves even an unchanged tree: that is how a database gets its policy binding.
   if (!result.differences.empty() || line.Has("--bind"))
-    saved = session.Store(policy).Save(database);
+    saved = session.Store(policy).Save(database, &entry);
   CReportContext context =
       CReportContext::Make(policy.name, policy.root, "update", session.settings().policy_number);
   SendCheckResult(report, result, context, true);
@@ -162,6 +166,10 @@ int UpdatePolicy(CSession& session, const CRefPolicySettings& policy, const CCom
                                 : "saved " + saved + " (the one it replaced: " +
                                       session.Store(policy).previous_file() + ")")
               << "\n";
+    if (entry.sequence != 0) {
+      std::cout << "journalled in " << session.Store(policy).journal().path() << " (entry "
+                << entry.sequence << ": who accepted what, and when)\n";
+    }
     if (left > 0) {
       std::cout << left
                 << (left == 1 ? " difference was not chosen and stays"

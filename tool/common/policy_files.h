@@ -23,6 +23,9 @@ inline std::string LockFileOf(const std::string& hdb_path) { return hdb_path + "
 // A database saved here that waits for its signature from another host.
 inline std::string CandidateFileOf(const std::string& hdb_path) { return hdb_path + ".candidate"; }
 
+// The accept journal: who accepted what into the baseline, and when.
+inline std::string JournalFileOf(const std::string& hdb_path) { return hdb_path + ".journal"; }
+
 // The name under which the module keeps the database that the last save replaced
 // (NAME.previous.hdb beside NAME.hdb).
 inline std::string PreviousDatabaseName(const std::string& policy_name) {

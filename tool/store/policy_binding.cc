@@ -45,6 +45,12 @@ std::string RecordLine(const CPolicyBinding& binding) {
   Poco::JSON::Array revisions;
   for (uint64_t revision : binding.revisions) revisions.add(RevisionText(revision));
   record.set("revisions", revisions);
+  if (binding.journal_entries != 0) {
+    Poco::JSON::Object journal(Poco::JSON_PRESERVE_KEY_ORDER);
+    journal.set("entries", binding.journal_entries);
+    journal.set("head", binding.journal_hash);
+    record.set("journal", journal);
+  }
   std::ostringstream out;
   record.stringify(out);
   return out.str();
@@ -62,6 +68,10 @@ CPolicyBinding ParseRecord(const std::string& line, const std::string& path) {
     for (size_t i = 0; revisions && i < revisions->size(); ++i) {
       binding.revisions.push_back(
           std::stoull(revisions->getElement<std::string>(static_cast<unsigned>(i)), nullptr, 16));
+    }
+    if (Poco::JSON::Object::Ptr journal = record->getObject("journal")) {
+      binding.journal_entries = journal->getValue<uint64_t>("entries");
+      binding.journal_hash = journal->getValue<std::string>("head");
     }
   } catch (const std::exception&) {
     throw std::runtime_error("the policy binding " + path + " is damaged");

@@ -9,7 +9,8 @@ class CRefSigner;
 class CRefPkcs7Verifier;
 
 // What ties a policy's database to that policy: a signed record beside it (NAME.hdb.bind) naming
-// the policy, its root, the host and the revisions of the databases it vouches for. A database of
+// the policy, its root, the host, the revisions of the databases it vouches for and where the
+// policy's accept journal stood. A database of
 // another policy or host, or one put back from another save, is told apart by it even when its
 // own signature holds. One file, replaced atomically: during a save it names both the revision
 // in place and the one being saved, so every moment of a save has a record that holds.
@@ -20,6 +21,10 @@ struct CPolicyBinding {
   std::string root;
   std::string host;
   std::vector<uint64_t> revisions;
+  // Where the policy's accept journal stood when the record was made: its entries and the
+  // SHA-256 of the last one's line (none for a record made before the journal existed).
+  uint64_t journal_entries = 0;
+  std::string journal_hash;
 
   bool Vouches(uint64_t revision) const;
 };

@@ -4,7 +4,9 @@
 
 #include <boost/filesystem/operations.hpp>
 #include <cerrno>
+#include <chrono>
 #include <iostream>
+#include <system_error>
 
 #include "front/sign_db.h"
 #include "hashdb/hash_db.h"
@@ -39,6 +41,39 @@ CPolicyStore::~CPolicyStore() = default;
 
 std::string CPolicyStore::SignatureFileOf(const std::string& hdb_path) const {
   return WideToUtf8(host_.Crypto()->SignatureFilePath(Utf8ToWide(hdb_path)));
+}
+
+CAcceptJournal CPolicyStore::journal() const { return CAcceptJournal(JournalFileOf(hdb_)); }
+
+std::string CPolicyStore::SetBrokenJournalAside() {
+  CAcceptJournal journal = this->journal();
+  try {
+    journal.Head();
+    return std::string();
+  } catch (const std::exception&) {
+  }
+  auto now = std::chrono::system_clock::now().time_since_epoch();
+  std::string aside = journal.path() + ".broken-" +
+                      std::to_string(std::chrono::duration_cast<std::chrono::seconds>(now).count());
+  boost::system::error_code error;
+  boost::filesystem::rename(journal.path(), aside, error);
+  if (error) {
+    throw CToolError("cannot set the broken journal " + journal.path() +
+                     " aside: " + error.message());
+  }
+  return aside;
+}
+
+void CPolicyStore::RequireJournal(const CPolicyBinding& binding) const {
+  std::string mismatch =
+      journal().Mismatch(CJournalHead{binding.journal_entries, binding.journal_hash});
+  if (mismatch.empty()) return;
+  throw CToolError(
+      "the baseline of policy '" + policy_.name + "' is not used: " + mismatch,
+      {"the journal records who accepted what into the baseline; put it back from a backup, or "
+       "find out who changed it",
+       "to record the tree afresh with a new journal (the broken one is kept aside): signdb scan " +
+           policy_.name + " --replace"});
 }
 
 bool CPolicyStore::HasBaseline() const {
@@ -131,6 +166,7 @@ std::shared_ptr<CHashDB> CPolicyStore::Load(bool verify) {
                      " (from " + hdb_ +
                      ".dff); a database put back from an earlier save is never used");
   }
+  if (binding) RequireJournal(*binding);
   if (binding && !binding->Vouches(database->Revision())) {
     throw CToolError("the database " + pair.hdb + " is not the one last saved for policy '" +
                      policy_.name + "': its binding does not vouch for its revision " +
@@ -198,7 +234,7 @@ std::string CPolicyStore::SaveCandidate(const std::shared_ptr<CHashDB>& database
     // until the candidate is in place, for the database it replaces.
     std::vector<uint64_t> revisions = {stamp};
     if (before != 0) revisions.push_back(before);
-    WriteUnsignedPolicyBinding(candidate_, BindingOf(revisions));
+    WriteUnsignedPolicyBinding(candidate_, BindingOf(revisions, journal().Head()));
   } catch (const std::exception& e) {
     boost::system::error_code ignored;
     boost::filesystem::remove(candidate_, ignored);
@@ -212,7 +248,7 @@ std::string CPolicyStore::SaveCandidate(const std::shared_ptr<CHashDB>& database
   return candidate_;
 }
 
-uint64_t CPolicyStore::Accept() {
+uint64_t CPolicyStore::Accept(CJournalEntry* entry) {
   Lock(CPolicyLock::CMode::kExclusive);
   CSignatureOf signature_of = [this](const std::string& hdb) { return SignatureFileOf(hdb); };
   boost::system::error_code missing;
@@ -257,7 +293,16 @@ uint64_t CPolicyStore::Accept() {
     forget_candidate();
     return revision;
   }
-  std::string mismatch = PolicyBindingMismatch(*binding, BindingOf({}));
+  // The candidate's binding records the journal as it stood when the candidate was made; what was
+  // journalled since is not vouched for by it.
+  {
+    std::string moved =
+        journal().Mismatch(CJournalHead{binding->journal_entries, binding->journal_hash});
+    if (!moved.empty()) {
+      throw CToolError("the candidate " + candidate_ + " is not accepted: " + moved);
+    }
+  }
+  std::string mismatch = PolicyBindingMismatch(*binding, BindingOf({}, {}));
   if (mismatch.empty() && !binding->Vouches(revision))
     mismatch = "its binding does not vouch for its revision";
   if (mismatch.empty()) {
@@ -293,17 +338,31 @@ uint64_t CPolicyStore::Accept() {
                                 policy_.name + "' again"});
   }
   forget_candidate();
+  if (entry != nullptr) {
+    entry->revision = revision;
+    try {
+      journal().Append(*entry);
+    } catch (const std::exception& e) {
+      // The candidate is in place and vouched for; only the record of its acceptance is lost.
+      std::cerr << "signdb: warning: the acceptance was not journalled: " << e.what() << "\n";
+    }
+  }
   return revision;
 }
 
-std::string CPolicyStore::Save(const std::shared_ptr<CHashDB>& database) {
+std::string CPolicyStore::Save(const std::shared_ptr<CHashDB>& database, CJournalEntry* entry) {
   Lock(CPolicyLock::CMode::kExclusive);
   if (options_.sign_later) return SaveCandidate(database);
   signer_.Prepare();
   CSignatureOf signature_of = [this](const std::string& hdb) { return SignatureFileOf(hdb); };
   boost::system::error_code missing;
+  CSaveMarker marker;
+  CJournalHead journal_head;
+  bool journalled = false;  // the entry is in the journal
   auto not_saved = [&](const std::exception& e) {
     int error = errno;  // what the failed write said, read before anything else can change it
+    if (const auto* failed = dynamic_cast<const std::system_error*>(&e))
+      error = failed->code().value();
     // Looked at while what the failed save wrote still takes its room.
     std::string cause = StorageProblemOf(boost::filesystem::path(hdb_).parent_path().string());
     if (cause.empty() && (error == ENOSPC || error == EDQUOT || error == EROFS || error == EIO)) {
@@ -315,6 +374,21 @@ std::string CPolicyStore::Save(const std::shared_ptr<CHashDB>& database) {
     } catch (const std::exception&) {
       // The folder may refuse the removal for the reason the save failed; said in the hints.
     }
+    if (journalled) {
+      // The journal already holds the acceptance: it says that the save did not land.
+      CJournalEntry failed;
+      failed.event = "not-saved";
+      failed.policy = policy_.name;
+      failed.who = entry->who;
+      failed.command = entry->command;
+      failed.note = "the save of revision " + RevisionText(marker.saving) + " (entry " +
+                    std::to_string(entry->sequence) + ") failed: " + e.what();
+      try {
+        journal().Append(failed);
+      } catch (const std::exception&) {
+        // The binding in place still matches the journal; the failure is said below.
+      }
+    }
     std::vector<std::string> hints;
     if (!cause.empty()) hints.push_back(cause);
     hints.push_back(
@@ -322,7 +396,6 @@ std::string CPolicyStore::Save(const std::shared_ptr<CHashDB>& database) {
         (boost::filesystem::exists(hdb_, missing) ? " stays as it was" : " does not exist yet"));
     return CToolError(e.what(), std::move(hints));
   };
-  CSaveMarker marker;
   try {
     // What a killed run left is finished first, so that the pair kept as the previous one and the
     // revision file are those of the last complete save.
@@ -337,12 +410,20 @@ std::string CPolicyStore::Save(const std::shared_ptr<CHashDB>& database) {
     } while (marker.saving == ~0ull || marker.saving == database->Revision() ||
              marker.saving == marker.before);
     WriteSaveMarker(hdb_, marker);
+    // What is accepted is journalled before the binding that records the journal's head.
+    if (entry != nullptr) {
+      entry->revision = marker.saving;
+      journal_head = journal().Append(*entry);
+      journalled = true;
+    } else {
+      journal_head = journal().Head();
+    }
     // Vouches for the database in place and the one about to replace it, whichever a kill leaves.
     std::vector<uint64_t> revisions = {marker.saving};
     if (marker.before != 0) revisions.push_back(marker.before);
     if (database->Revision() != 0 && database->Revision() != marker.before)
       revisions.push_back(database->Revision());
-    WriteBinding(revisions);
+    WriteBinding(revisions, journal_head);
     CSaveHooks(host_).PresetNextRevision(marker.saving);
   } catch (const std::exception& e) {
     throw not_saved(e);
@@ -354,7 +435,7 @@ std::string CPolicyStore::Save(const std::shared_ptr<CHashDB>& database) {
   }
   front_.WriteRevisionFile(policy_.name);
   try {
-    WriteBinding({marker.saving});
+    WriteBinding({marker.saving}, journal_head);
   } catch (const std::exception& e) {  // the one written before the save vouches for it already
     std::cerr << "signdb: " << e.what() << "\n";
   }
@@ -363,13 +444,14 @@ std::string CPolicyStore::Save(const std::shared_ptr<CHashDB>& database) {
   return WideToUtf8(database->HdbFilePath(false));
 }
 
-CPolicyBinding CPolicyStore::BindingOf(std::vector<uint64_t> revisions) const {
-  return CPolicyBinding{policy_.name, policy_.root, Poco::Environment::nodeName(),
-                        std::move(revisions)};
+CPolicyBinding CPolicyStore::BindingOf(std::vector<uint64_t> revisions,
+                                       const CJournalHead& journal) const {
+  return CPolicyBinding{policy_.name,         policy_.root,    Poco::Environment::nodeName(),
+                        std::move(revisions), journal.entries, journal.hash};
 }
 
-void CPolicyStore::WriteBinding(std::vector<uint64_t> revisions) {
-  WritePolicyBinding(hdb_, BindingOf(std::move(revisions)), *signer_.Signer());
+void CPolicyStore::WriteBinding(std::vector<uint64_t> revisions, const CJournalHead& journal) {
+  WritePolicyBinding(hdb_, BindingOf(std::move(revisions), journal), *signer_.Signer());
 }
 
 std::optional<CPolicyBinding> CPolicyStore::RequireBinding(const std::string& loaded_path) {
@@ -389,7 +471,7 @@ std::optional<CPolicyBinding> CPolicyStore::RequireBinding(const std::string& lo
         {"a database saved before bindings existed is bound once with 'signdb update " +
          policy_.name + " --bind'; otherwise, find out who removed it"});
   }
-  std::string mismatch = PolicyBindingMismatch(*binding, BindingOf({}));
+  std::string mismatch = PolicyBindingMismatch(*binding, BindingOf({}, {}));
   if (!mismatch.empty()) {
     throw CToolError("the database " + loaded_path + " is not the one of policy '" + policy_.name +
                      "': " + mismatch + "; a database of another policy or host is never used");

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "refhost/settings.h"
+#include "tool/store/accept_journal.h"
 #include "tool/store/policy_binding.h"
 #include "tool/store/policy_lock.h"
 
@@ -56,6 +57,11 @@ class CPolicyStore {
   // Whether the policy has a baseline: a database, or the revision file a save leaves (a baseline
   // that was saved and has gone since still counts).
   bool HasBaseline() const;
+  // NAME.hdb.journal: who accepted what into the baseline, and when.
+  CAcceptJournal journal() const;
+  // Moves a journal whose chain is broken aside (NAME.hdb.journal.broken-TIME), so that a new
+  // baseline starts a new journal; returns where it went, or "" when it holds (or there is none).
+  std::string SetBrokenJournalAside();
   // The signature file that belongs to an HDB file (as the host names it).
   std::string SignatureFileOf(const std::string& hdb_path) const;
 
@@ -71,23 +77,28 @@ class CPolicyStore {
 
   // An empty database of the policy, created by the module.
   std::shared_ptr<CHashDB> New();
-  // The saved database, loaded (its signature and binding verified unless "verify" is false).
-  // Throws CToolError when there is none yet or when it is refused, with the module's reasons.
+  // The saved database, loaded (its signature, its binding and the journal the binding records
+  // verified unless "verify" is false). Throws CToolError when there is none yet or when it is
+  // refused, with the module's reasons.
   std::shared_ptr<CHashDB> Load(bool verify = true);
   // Saves the database, writes the revision file and returns the HDB file's path. The database
-  // it replaces, if any, is kept with its signature as previous_file(). With sign_later, nothing
-  // is signed here and the database in place stays: the new one is kept as the candidate with
-  // its unsigned binding, and the candidate's path is returned.
-  std::string Save(const std::shared_ptr<CHashDB>& database);
+  // it replaces, if any, is kept with its signature as previous_file(). "entry", when given, is
+  // appended to the journal first (with the revision the save writes), and the signed binding
+  // records the journal's head. With sign_later, nothing is signed here and the database in place
+  // stays: the new one is kept as the candidate with its unsigned binding, and the candidate's
+  // path is returned; the entry waits for the candidate's acceptance.
+  std::string Save(const std::shared_ptr<CHashDB>& database, CJournalEntry* entry = nullptr);
   // Puts the candidate signed elsewhere (its signature and signed binding beside it) in place of
-  // the database, with the steps of a save; throws CToolError when anything does not hold.
-  // Returns the candidate's revision.
-  uint64_t Accept();
+  // the database, with the steps of a save, and appends "entry" to the journal once it is in
+  // place; throws CToolError when anything does not hold. Returns the candidate's revision.
+  uint64_t Accept(CJournalEntry* entry = nullptr);
 
  private:
   // The signed record that ties the database to the policy, root, host and revisions.
-  CPolicyBinding BindingOf(std::vector<uint64_t> revisions) const;
-  void WriteBinding(std::vector<uint64_t> revisions);
+  CPolicyBinding BindingOf(std::vector<uint64_t> revisions, const CJournalHead& journal) const;
+  void WriteBinding(std::vector<uint64_t> revisions, const CJournalHead& journal);
+  // Refuses (CToolError) a journal that is not the one "binding" was made with.
+  void RequireJournal(const CPolicyBinding& binding) const;
   // The binding of the database; refuses (CToolError) one that is missing (unless --bind), not
   // trusted, or of another policy, root or host. Which revisions it vouches for is the caller's
   // to check.
