@@ -26,6 +26,47 @@ namespace {
 
 constexpr long kDefaultSavePeriodSeconds = 300;
 
+// The service's live record of a policy as it starts: the one it saved last, or else a copy of the
+// baseline (verified as every load verifies it), or else, for a policy that has no baseline yet,
+// an empty one. The start-up reconcile then takes in what changed while no service ran; the
+// baseline itself is never written by the service.
+std::shared_ptr<CHashDB> LiveRecordAtStart(CSession& session, const CRefPolicySettings& policy,
+                                           bool rescan) {
+  CPolicyStore& live = session.LiveStore(policy);
+  auto afresh = [&](const CToolError& e) {
+    if (!rescan) throw e;
+    std::cerr << "signdb watch: " << EscapedText(e.what()) << "; recording the tree of policy '"
+              << policy.name << "' afresh (--rescan)\n";
+    return live.New();
+  };
+  if (live.HasBaseline()) {
+    try {
+      return live.Load();
+    } catch (const CToolError& e) {
+      return afresh(e);
+    }
+  }
+  CPolicyStore& baseline = session.Store(policy);
+  if (!baseline.HasBaseline()) {
+    std::cout << "policy " << EscapedText(policy.name)
+              << " has no baseline yet: the service records the tree, and nothing is accepted "
+                 "until 'signdb scan "
+              << EscapedText(policy.name) << "'\n";
+    return live.New();
+  }
+  std::shared_ptr<CHashDB> database = live.New();
+  try {
+    baseline.Load();
+    session.LoadFile(database, baseline.database_file(),
+                     baseline.SignatureFileOf(baseline.database_file()), true);
+  } catch (const CToolError& e) {
+    baseline.Unlock();
+    return afresh(e);
+  }
+  baseline.Unlock();  // update and scan take it while the service runs
+  return database;
+}
+
 }  // namespace
 
 int RunWatch(const CCommandLine& line) {
@@ -77,22 +118,14 @@ int RunWatch(const CCommandLine& line) {
       // Nothing is loaded or changed yet: a stop while another run's lock is waited for ends the
       // process at once.
       ::pthread_sigmask(SIG_UNBLOCK, &stop_signals, nullptr);
-      session.Store(*policy).Lock(CPolicyLock::CMode::kExclusive);
+      session.LiveStore(*policy).Lock(CPolicyLock::CMode::kExclusive);
+      // A live record that starts from the baseline reads it: a scan or an update that writes it
+      // is waited for here too.
+      if (!session.LiveStore(*policy).HasBaseline() && session.Store(*policy).HasBaseline())
+        session.Store(*policy).Lock(CPolicyLock::CMode::kShared);
       ::pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
     }
-    std::shared_ptr<CHashDB> database;
-    if (!session.front().HdbFileExists(policy->name)) {
-      database = session.NewDatabase(*policy);  // recorded afresh by the start-up reconcile
-    } else {
-      try {
-        database = session.Store(*policy).Load();
-      } catch (const CToolError& e) {
-        if (!line.Has("--rescan")) throw;
-        std::cerr << "signdb watch: " << EscapedText(e.what()) << "; recording the tree of policy '"
-                  << policy->name << "' afresh (--rescan)\n";
-        database = session.NewDatabase(*policy);
-      }
-    }
+    std::shared_ptr<CHashDB> database = LiveRecordAtStart(session, *policy, line.Has("--rescan"));
     service.Add(*policy, database);
   }
   service.Run(stop_signals);

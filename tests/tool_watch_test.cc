@@ -21,10 +21,16 @@
 #include <Poco/JSON/Object.h>
 #include <Poco/JSON/Parser.h>
 
+#include <gmock/gmock.h>
+
 #include "tool/watch/query_server.h"
 #include "tests/tool_fixture.h"
 #include "tests/tool_json.h"
 #include "tests/watch_fixture.h"
+
+using ::testing::HasSubstr;
+using ::testing::Not;
+using ::testing::StartsWith;
 
 // Run with each watcher: the default (fanotify where the process may use it) and inotify.
 class WatchTest : public WatchFixture, public ::testing::WithParamInterface<std::string> {
@@ -200,8 +206,9 @@ TEST_P(WatchTest, AFileWrittenThousandsOfTimesIsReadAFewTimes) {
   EXPECT_LT(policy->optValue<uint64_t>("applied", 0), 200u) << "each write read on its own";
 }
 
-TEST_P(WatchTest, AfterSigtermTheSavedDatabaseIsWhatACheckOfTheTreeExpects) {
+TEST_P(WatchTest, AfterSigtermTheLiveRecordHoldsTheTreeAndTheBaselineIsUntouched) {
   ScanSample();
+  std::string baseline = CTempDir::Read(Data("t.hdb"));
   Start();
   Write("etc/new.conf", "x=1\n");
   ASSERT_EQ(0, ::rename(Tree("etc/motd").c_str(), Tree("docs/motd").c_str()));
@@ -210,9 +217,16 @@ TEST_P(WatchTest, AfterSigtermTheSavedDatabaseIsWhatACheckOfTheTreeExpects) {
   ASSERT_EQ(0, RunShell("mkdir -p tree/var/lib && echo state > tree/var/lib/s && ln -sfn etc tree/hosts-link").status);
   ASSERT_TRUE(EventuallyRecorded("var/lib/s", Sha256("state\n")));
   EXPECT_EQ(0, Stop(SIGTERM));
+  EXPECT_EQ(baseline, CTempDir::Read(Data("t.hdb")));
+  EXPECT_EQ(0, Tool("verify '" + Data("t.live.hdb") + "'").status);
+  // Nothing was accepted: every change is still there to be looked at.
   CToolRun check = Tool("check t");
-  EXPECT_EQ(0, check.status) << check.out << check.err;
-  EXPECT_NE(std::string::npos, check.out.find("no differences")) << check.out;
+  EXPECT_EQ(1, check.status) << check.out << check.err;
+  EXPECT_THAT(LineAbout(check, "etc/new.conf"), StartsWith("new"));
+  EXPECT_THAT(LineAbout(check, "bin/tool"), StartsWith("gone"));
+  // Started again, it goes on from its live record: a new file is recorded once, as new.
+  Start();
+  EXPECT_EQ(Sha256("x=1\n"), Shown("etc/new.conf")->optValue<std::string>("hash", ""));
 }
 
 TEST_P(WatchTest, ChangesMadeWhileTheServiceWasKilledAreFoundWhenItStartsAgain) {
@@ -228,6 +242,37 @@ TEST_P(WatchTest, ChangesMadeWhileTheServiceWasKilledAreFoundWhenItStartsAgain) 
   EXPECT_EQ(Sha256("while down"), Shown("a")->optValue<std::string>("hash", ""));
   EXPECT_TRUE(Shown("b").isNull());
   EXPECT_EQ(Sha256("new while down"), Shown("c")->optValue<std::string>("hash", ""));
+}
+
+TEST_P(WatchTest, WhatChangedBeforeTheServiceStartedIsReportedAndNeverAccepted) {
+  ScanSample();
+  std::string baseline = CTempDir::Read(Data("t.hdb"));
+  Write("etc/cron.daily/job", "#!/bin/sh\n");
+  ASSERT_EQ(0, ::chmod(Tree("etc/cron.daily/job").c_str(), 04755));
+  Write("etc/passwd", "root:x:0:0::/root:/bin/sh\ntoor::0:0::/:/bin/sh\n");
+  Start();
+  // The start-up reconcile logs them...
+  EXPECT_TRUE(Eventually([&] { return !Logged("etc/cron.daily/job").isNull() && !Logged("etc/passwd").isNull(); }));
+  // ... and takes them into the live record only: the baseline is as it was, and check finds them.
+  EXPECT_EQ(baseline, CTempDir::Read(Data("t.hdb")));
+  CToolRun check = Tool("check t");
+  EXPECT_EQ(1, check.status) << check.out << check.err;
+  EXPECT_THAT(LineAbout(check, "etc/cron.daily/job"), StartsWith("new"));
+  EXPECT_THAT(LineAbout(check, "etc/passwd"), StartsWith("hash changed"));
+  // Killed, with another change meanwhile, and started again: still nothing accepted.
+  ASSERT_EQ(137, Stop(SIGKILL));
+  Write("etc/motd", "changed while down\n");
+  Start();
+  EXPECT_EQ(Sha256("changed while down\n"), Shown("etc/motd")->optValue<std::string>("hash", ""));
+  EXPECT_EQ(baseline, CTempDir::Read(Data("t.hdb")));
+  // Accepting one leaves exactly the others pending.
+  CToolRun update = Tool("update t etc/passwd");
+  EXPECT_EQ(0, update.status) << update.err;
+  CToolRun after = Tool("check t");
+  EXPECT_EQ(1, after.status);
+  EXPECT_EQ(LineAbout(after, "etc/passwd"), "");
+  EXPECT_THAT(LineAbout(after, "etc/cron.daily/job"), StartsWith("new"));
+  EXPECT_THAT(LineAbout(after, "etc/motd"), StartsWith("hash changed"));
 }
 
 TEST_P(WatchTest, EventsTheKernelDroppedLeadToAReconcileThatFindsWhatWasMissed) {
@@ -332,7 +377,7 @@ TEST_P(WatchTest, ShowAndLookupAskTheRunningServiceForWhatItWatches) {
   EXPECT_NE(std::string::npos, again.out.find(Tree("two"))) << again.out;
 }
 
-TEST_P(WatchTest, LsListsWhatTheServiceRecordsNowAndTheSavedFileAgreesOnceItStops) {
+TEST_P(WatchTest, LsListsWhatTheServiceRecordsNowAndTheBaselineOnceItStops) {
   ScanSample();
   Start();
   Write("etc/fresh", "new\n");
@@ -348,7 +393,8 @@ TEST_P(WatchTest, LsListsWhatTheServiceRecordsNowAndTheSavedFileAgreesOnceItStop
   ASSERT_EQ(0, Stop());
   CToolRun saved = Tool("ls t --recursive --json");
   EXPECT_EQ(0, saved.status) << saved.err;
-  EXPECT_EQ(saved.out, live.out);
+  EXPECT_EQ(std::string::npos, saved.out.find("etc/fresh")) << "the baseline took in nothing";
+  EXPECT_NE(std::string::npos, live.out.find("etc/fresh"));
 }
 
 TEST_P(WatchTest, ALongAnswerGoesOutAsItsClientReadsItAndOthersAreAnsweredMeanwhile) {
@@ -438,26 +484,34 @@ TEST_P(WatchTest, ASecondServiceOnTheSameDataFolderRefusesAndNamesTheFirst) {
   EXPECT_NE(std::string::npos, second.err.find("(process " + std::to_string(pid_) + ")")) << second.err;
 }
 
-TEST_P(WatchTest, WhileItRunsAWriterIsToldAtOnceAndAReaderReadsTheSavedDatabase) {
+TEST_P(WatchTest, AChangeIsPendingUntilAcceptedWhileTheServiceRunsAndNotOnceChangedBack) {
   ScanSample();
   Start();
-  std::string service = "signdb watch (process " + std::to_string(pid_) + ")";
-  // A writer would wait for ever: refused at once, --wait or not.
-  for (const char* command : {"update t", "update t --wait", "scan t --wait"}) {
-    CToolRun writer = RunShell("timeout 60 '" SIGNDB_TOOL_PATH "' --config '" + config_ + "' " + command);
-    EXPECT_EQ(2, writer.status) << command << ": " << writer.err;
-    EXPECT_NE(std::string::npos, writer.err.find("is kept up to date by " + service)) << command << ": " << writer.err;
-  }
-  CToolRun check = Tool("check t");
-  EXPECT_EQ(0, check.status) << check.out << check.err;
-  CToolRun list = Tool("ls t etc");
-  EXPECT_EQ(0, list.status) << list.err;
-  EXPECT_NE(std::string::npos, list.out.find("motd")) << list.out;
+  Write("etc/hosts", "10.6.6.6 intruder\n");
+  ASSERT_TRUE(EventuallyRecorded("etc/hosts", Sha256("10.6.6.6 intruder\n")));
+  CToolRun pending = Tool("check t");
+  EXPECT_EQ(1, pending.status) << pending.out << pending.err;
+  EXPECT_THAT(LineAbout(pending, "etc/hosts"), StartsWith("hash changed"));
+  Write("etc/hosts", "127.0.0.1 localhost\n");
+  ASSERT_TRUE(EventuallyRecorded("etc/hosts", Sha256("127.0.0.1 localhost\n")));
+  // The content is back to what the baseline holds (its times tell that it was rewritten).
+  CToolRun back = Tool("check t");
+  EXPECT_THAT(LineAbout(back, "etc/hosts"), Not(HasSubstr("hash"))) << back.out;
+  // Accepted while the service runs: update no longer waits for it to stop.
+  Write("etc/hosts", "10.0.0.2 moved\n");
+  Write("etc/motd", "new motd\n");
+  ASSERT_TRUE(EventuallyRecorded("etc/motd", Sha256("new motd\n")));
+  CToolRun update = RunShell("timeout 60 '" SIGNDB_TOOL_PATH "' --config '" + config_ + "' update t etc/hosts");
+  EXPECT_EQ(0, update.status) << update.err;
+  CToolRun after = Tool("check t");
+  EXPECT_EQ(1, after.status) << after.out;
+  EXPECT_EQ(LineAbout(after, "etc/hosts"), "");
+  EXPECT_THAT(LineAbout(after, "etc/motd"), StartsWith("hash changed"));
 }
 
-TEST_P(WatchTest, AtStartItWaitsForAReaderOfTheDatabaseInsteadOfGivingUp) {
+TEST_P(WatchTest, AtStartItWaitsForAWriterOfTheBaselineInsteadOfGivingUp) {
   ScanSample();
-  int lock_fd = HoldReadLock();
+  int lock_fd = HoldLock("t.hdb", true);
   ASSERT_GE(lock_fd, 0);
   // A daily check that reads the database as the service starts: it ends after a while.
   std::thread reader([lock_fd] {
@@ -466,7 +520,7 @@ TEST_P(WatchTest, AtStartItWaitsForAReaderOfTheDatabaseInsteadOfGivingUp) {
   });
   Start();
   reader.join();
-  EXPECT_NE(std::string::npos, CTempDir::Read(dir_ / "watch.err").find("is being read by process " +
+  EXPECT_NE(std::string::npos, CTempDir::Read(dir_ / "watch.err").find("is being written by process " +
                                                                           std::to_string(::getpid()) +
                                                                           "; waiting for it to finish"));
   EXPECT_EQ(Sha256("welcome\n"), Shown("etc/motd")->optValue<std::string>("hash", ""));
@@ -474,7 +528,7 @@ TEST_P(WatchTest, AtStartItWaitsForAReaderOfTheDatabaseInsteadOfGivingUp) {
 
 TEST_P(WatchTest, AStopWhileItWaitsAtStartForALockEndsItAtOnce) {
   ScanSample();
-  int lock_fd = HoldReadLock();
+  int lock_fd = HoldLock("t.hdb", true);
   ASSERT_GE(lock_fd, 0);
   std::string command = "exec '" SIGNDB_TOOL_PATH "' --config '" + config_ + "' watch " + watcher_ + " 2>'" +
                         (dir_ / "watch.err") + "'";
@@ -496,29 +550,30 @@ TEST_P(WatchTest, ASaveWaitsWhileTheSavedFilesAreReadAndTheServiceKeepsAnswering
   ScanSample();
   Start("--save-period 1");
   struct stat before {};
-  ASSERT_EQ(0, ::stat(Data("t.hdb").c_str(), &before));
-  // A reader of the saved files, as "signdb ls" would be.
-  int lock_fd = HoldReadLock();
+  ASSERT_EQ(0, ::stat(Data("t.live.hdb").c_str(), &before));
+  // A reader of the saved live record.
+  int lock_fd = HoldLock("t.live.hdb", false);
   ASSERT_GE(lock_fd, 0) << "the service keeps readers out: " << std::strerror(errno);
   Write("new.txt", "during the read\n");
   ASSERT_TRUE(EventuallyRecorded("new.txt", Sha256("during the read\n")));
   std::this_thread::sleep_for(2500ms);  // the save was due after 1 s
   EXPECT_TRUE(Ask("{\"request\":\"status\"}")->optValue<bool>("ok", false));
   struct stat during {};
-  ASSERT_EQ(0, ::stat(Data("t.hdb").c_str(), &during));
+  ASSERT_EQ(0, ::stat(Data("t.live.hdb").c_str(), &during));
   EXPECT_EQ(before.st_ino, during.st_ino);
   EXPECT_EQ(before.st_mtim.tv_nsec, during.st_mtim.tv_nsec);
   ::close(lock_fd);  // the read ends: the save follows
   EXPECT_TRUE(Eventually(
       [&] {
         struct stat after {};
-        return ::stat(Data("t.hdb").c_str(), &after) == 0 &&
+        return ::stat(Data("t.live.hdb").c_str(), &after) == 0 &&
                (after.st_ino != before.st_ino || after.st_mtim.tv_nsec != before.st_mtim.tv_nsec);
       },
       3s));
   EXPECT_EQ(0, Stop());
   CToolRun check = Tool("check t");
-  EXPECT_EQ(0, check.status) << check.out << check.err;
+  EXPECT_EQ(1, check.status) << check.out << check.err;
+  EXPECT_THAT(LineAbout(check, "new.txt"), StartsWith("new"));
 }
 
 TEST_P(WatchTest, ATamperedDatabaseStopsTheServiceUnlessItIsToRecordTheTreeAfresh) {

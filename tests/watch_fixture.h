@@ -107,10 +107,12 @@ class WatchFixture : public ToolTest {
 
   // Takes policy t's lock shared, as a run that reads its saved files does; closing the
   // descriptor returned lets it go. -1 when it is held exclusively elsewhere.
-  int HoldReadLock() const {
-    int fd = ::open(Data("t.hdb.lock").c_str(), O_RDONLY | O_CLOEXEC);
+  // A lock on one of the policy's records ("t.hdb" the baseline, "t.live.hdb" the service's live
+  // record), as another run of the tool takes it: shared for a reader, exclusive for a writer.
+  int HoldLock(const std::string& record, bool writer) const {
+    int fd = ::open(Data(record + ".lock").c_str(), (writer ? O_RDWR : O_RDONLY) | O_CLOEXEC);
     struct flock shared {};
-    shared.l_type = F_RDLCK;
+    shared.l_type = writer ? F_WRLCK : F_RDLCK;
     shared.l_whence = SEEK_SET;
     if (fd >= 0 && ::fcntl(fd, F_SETLK, &shared) != 0) {
       int error = errno;

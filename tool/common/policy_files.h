@@ -26,6 +26,10 @@ inline std::string CandidateFileOf(const std::string& hdb_path) { return hdb_pat
 // The accept journal: who accepted what into the baseline, and when.
 inline std::string JournalFileOf(const std::string& hdb_path) { return hdb_path + ".journal"; }
 
+// The name under which the module keeps the watch service's live record of a policy (NAME.live.hdb
+// beside NAME.hdb): what the service sees of the tree now, never the baseline.
+inline std::string LiveRecordName(const std::string& policy_name) { return policy_name + ".live"; }
+
 // The name under which the module keeps the database that the last save replaced
 // (NAME.previous.hdb beside NAME.hdb).
 inline std::string PreviousDatabaseName(const std::string& policy_name) {

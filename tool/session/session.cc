@@ -107,6 +107,7 @@ CSession::CSession(const CSessionOptions& options) {
 // Everything from the module goes before the module is unloaded.
 CSession::~CSession() {
   stores_.clear();
+  live_stores_.clear();
   front_.reset();
   loader_.reset();
 }
@@ -151,6 +152,15 @@ std::string CSession::DataFolder() const {
 
 std::shared_ptr<CHashDB> CSession::NewDatabase(const CRefPolicySettings& policy) {
   return front_->CreateHashDB(std::make_shared<CRefPolicy>(policy));
+}
+
+CPolicyStore& CSession::LiveStore(const CRefPolicySettings& policy) {
+  std::unique_ptr<CPolicyStore>& store = live_stores_[policy.name];
+  if (!store) {
+    store = std::make_unique<CPolicyStore>(policy, *front_, *host_, *signer_, store_options_,
+                                           CPolicyRecord::kLive);
+  }
+  return *store;
 }
 
 CPolicyStore& CSession::Store(const CRefPolicySettings& policy) {

@@ -59,6 +59,8 @@ class CSession {
   // The store of the policy's files (its lock, load, save, candidate and accept), one per
   // policy for the whole session.
   CPolicyStore& Store(const CRefPolicySettings& policy);
+  // The store of the watch service's live record of the policy.
+  CPolicyStore& LiveStore(const CRefPolicySettings& policy);
   // Policy locks held elsewhere are waited for from now on, as with --wait, and each wait is
   // said on stderr (a service's log tells why its start took long).
   void WaitForLocks() {
@@ -97,6 +99,7 @@ class CSession {
   std::unique_ptr<CSaveHooks> hooks_;
   std::unique_ptr<CSignerKeys> signer_;
   CStoreOptions store_options_;
-  std::map<std::string, std::unique_ptr<CPolicyStore>> stores_;  // by policy name
-  std::map<std::string, CPolicyRules> rules_;                    // by policy name
+  std::map<std::string, std::unique_ptr<CPolicyStore>> stores_;       // by policy name
+  std::map<std::string, std::unique_ptr<CPolicyStore>> live_stores_;  // by policy name
+  std::map<std::string, CPolicyRules> rules_;                         // by policy name
 };

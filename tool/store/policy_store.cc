@@ -20,21 +20,31 @@
 #include "tool/common/exit_status.h"
 #include "tool/common/policy_files.h"
 #include "tool/store/database_files.h"
-#include "tool/store/service_lock.h"
 #include "tool/store/signed_load.h"
 #include "tool/store/signer_keys.h"
 #include "util/text_conversion.h"
 #include "util/text_format.h"
 
+namespace {
+
+CRefPolicySettings NamedFor(CRefPolicySettings policy, CPolicyRecord record) {
+  if (record == CPolicyRecord::kLive) policy.name = LiveRecordName(policy.name);
+  return policy;
+}
+
+}  // namespace
+
 CPolicyStore::CPolicyStore(const CRefPolicySettings& policy, CSignDB& front, CRefHost& host,
-                           CSignerKeys& signer, const CStoreOptions& options)
+                           CSignerKeys& signer, const CStoreOptions& options, CPolicyRecord record)
     : policy_(policy),
+      record_(record),
+      module_policy_(NamedFor(policy, record)),
       front_(front),
       host_(host),
       signer_(signer),
       options_(options),
-      hdb_(WideToUtf8(front.HdbFilePath(policy.name))),
-      previous_(WideToUtf8(front.HdbFilePath(PreviousDatabaseName(policy.name)))),
+      hdb_(WideToUtf8(front.HdbFilePath(module_policy_.name))),
+      previous_(WideToUtf8(front.HdbFilePath(PreviousDatabaseName(module_policy_.name)))),
       candidate_(CandidateFileOf(hdb_)) {}
 
 CPolicyStore::~CPolicyStore() = default;
@@ -43,7 +53,10 @@ std::string CPolicyStore::SignatureFileOf(const std::string& hdb_path) const {
   return WideToUtf8(host_.Crypto()->SignatureFilePath(Utf8ToWide(hdb_path)));
 }
 
-CAcceptJournal CPolicyStore::journal() const { return CAcceptJournal(JournalFileOf(hdb_)); }
+// One journal per policy: the baseline's.
+CAcceptJournal CPolicyStore::journal() const {
+  return CAcceptJournal(JournalFileOf(WideToUtf8(front_.HdbFilePath(policy_.name))));
+}
 
 std::string CPolicyStore::SetBrokenJournalAside() {
   CAcceptJournal journal = this->journal();
@@ -93,22 +106,8 @@ void CPolicyStore::Lock(CPolicyLock::CMode mode) {
     try {
       lock_ = std::make_unique<CPolicyLock>(hdb_, policy_.name, mode, false);
     } catch (const CPolicyLockBusy& busy) {
-      // A watch service keeps the policy's lock shared while it runs (and exclusive while it
-      // saves): it never finishes, so a writer is told so at once, --wait or not, and a reader
-      // waits for the save to end.
-      std::string data_folder =
-          boost::filesystem::absolute(hdb_).parent_path().lexically_normal().string();
-      int service = busy.holder() != 0 ? CServiceLock::Holder(data_folder) : 0;
-      bool by_service = service != 0 && service == busy.holder();
-      if (by_service && mode == CPolicyLock::CMode::kExclusive) {
-        throw CToolError("policy '" + policy_.name +
-                         "' is kept up to date by signdb watch (process " +
-                         std::to_string(service) +
-                         "), which takes in every change as it happens; stop the service " +
-                         "to scan or update the policy ('signdb status' shows what it watches)");
-      }
-      if (!by_service && !options_.wait_for_locks) throw CToolError(busy.what());
-      if (!by_service && options_.say_when_waiting)
+      if (!options_.wait_for_locks) throw CToolError(busy.what());
+      if (options_.say_when_waiting)
         std::cerr << "signdb: " << busy.holding() << "; waiting for it to finish\n";
       lock_ = std::make_unique<CPolicyLock>(hdb_, policy_.name, mode, true);
     }
@@ -129,7 +128,7 @@ bool CPolicyStore::ChangeLock(CPolicyLock::CMode mode, bool wait) {
 }
 
 std::shared_ptr<CHashDB> CPolicyStore::New() {
-  return front_.CreateHashDB(std::make_shared<CRefPolicy>(policy_));
+  return front_.CreateHashDB(std::make_shared<CRefPolicy>(module_policy_));
 }
 
 std::shared_ptr<CHashDB> CPolicyStore::Load(bool verify) {
@@ -166,7 +165,7 @@ std::shared_ptr<CHashDB> CPolicyStore::Load(bool verify) {
                      " (from " + hdb_ +
                      ".dff); a database put back from an earlier save is never used");
   }
-  if (binding) RequireJournal(*binding);
+  if (binding && record_ == CPolicyRecord::kBaseline) RequireJournal(*binding);
   if (binding && !binding->Vouches(database->Revision())) {
     throw CToolError("the database " + pair.hdb + " is not the one last saved for policy '" +
                      policy_.name + "': its binding does not vouch for its revision " +
@@ -415,7 +414,7 @@ std::string CPolicyStore::Save(const std::shared_ptr<CHashDB>& database, CJourna
       entry->revision = marker.saving;
       journal_head = journal().Append(*entry);
       journalled = true;
-    } else {
+    } else if (record_ == CPolicyRecord::kBaseline) {
       journal_head = journal().Head();
     }
     // Vouches for the database in place and the one about to replace it, whichever a kill leaves.
@@ -433,7 +432,7 @@ std::string CPolicyStore::Save(const std::shared_ptr<CHashDB>& database, CJourna
   } catch (const std::exception& e) {
     throw not_saved(e);
   }
-  front_.WriteRevisionFile(policy_.name);
+  front_.WriteRevisionFile(module_policy_.name);
   try {
     WriteBinding({marker.saving}, journal_head);
   } catch (const std::exception& e) {  // the one written before the save vouches for it already

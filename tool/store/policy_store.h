@@ -18,6 +18,10 @@ class CRefHost;
 class CSignDB;
 class CSignerKeys;
 
+// Which of a policy's two records a store keeps: the baseline (NAME.hdb), which only a person's
+// acceptance changes, or the watch service's live record (NAME.live.hdb), which follows the tree.
+enum class CPolicyRecord { kBaseline, kLive };
+
 // How the runs of the tool treat a policy's files.
 struct CStoreOptions {
   bool wait_for_locks = false;    // a policy lock held elsewhere is waited for (--wait)
@@ -37,7 +41,8 @@ class CPolicyStore {
  public:
   // "options" is read at every use: it belongs to the run and outlives the store.
   CPolicyStore(const CRefPolicySettings& policy, CSignDB& front, CRefHost& host,
-               CSignerKeys& signer, const CStoreOptions& options);
+               CSignerKeys& signer, const CStoreOptions& options,
+               CPolicyRecord record = CPolicyRecord::kBaseline);
   ~CPolicyStore();
   CPolicyStore(const CPolicyStore&) = delete;
   CPolicyStore& operator=(const CPolicyStore&) = delete;
@@ -67,13 +72,14 @@ class CPolicyStore {
 
   // Takes the policy's lock for the store's life: exclusive before a run writes the database,
   // shared (which Load takes by itself) when it only reads it. A lock held elsewhere is waited
-  // for with options.wait_for_locks; otherwise CToolError names the holder. While a watch service
-  // keeps the policy, a writer is refused at once (it would wait forever) and a reader waits for
-  // the service's save to end.
+  // for with options.wait_for_locks; otherwise CToolError names the holder. The watch service
+  // locks its live record only, so the baseline is read and accepted into while it runs.
   void Lock(CPolicyLock::CMode mode);
   // Turns the lock held into "mode"; without "wait", false when another process's lock stands in
   // the way (see CPolicyLock::Change).
   bool ChangeLock(CPolicyLock::CMode mode, bool wait);
+  // Lets the lock go (a long-running reader that has what it needs).
+  void Unlock() { lock_.reset(); }
 
   // An empty database of the policy, created by the module.
   std::shared_ptr<CHashDB> New();
@@ -107,6 +113,8 @@ class CPolicyStore {
   void NoteSaved();
 
   CRefPolicySettings policy_;
+  CPolicyRecord record_;
+  CRefPolicySettings module_policy_;  // the policy as the module names the record's file
   CSignDB& front_;
   CRefHost& host_;
   CSignerKeys& signer_;

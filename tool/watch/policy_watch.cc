@@ -361,14 +361,15 @@ bool CPolicyWatch::Save(bool always, bool wait) {
   if (!always && changes == saved_changes_) return true;
   // The policy's lock is shared between saves, so that readers of the saved files may run, and
   // exclusive while the files are written.
-  if (!session_.Store(policy_).ChangeLock(CPolicyLock::CMode::kExclusive, wait)) return false;
+  CPolicyStore& live = session_.LiveStore(policy_);
+  if (!live.ChangeLock(CPolicyLock::CMode::kExclusive, wait)) return false;
   try {
-    session_.Store(policy_).Save(database_);
+    live.Save(database_);
   } catch (...) {
-    session_.Store(policy_).ChangeLock(CPolicyLock::CMode::kShared, true);
+    live.ChangeLock(CPolicyLock::CMode::kShared, true);
     throw;
   }
-  session_.Store(policy_).ChangeLock(CPolicyLock::CMode::kShared, true);
+  live.ChangeLock(CPolicyLock::CMode::kShared, true);
   saved_changes_ = changes;
   counters_.last_save = IsoSecondsText(std::time(nullptr));
   return true;
