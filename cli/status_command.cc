@@ -39,7 +39,13 @@ int PrintServiceStatus(const CQueryAnswer& answer, bool json) {
   }
   if (!answer.ok()) throw CToolError("the watch service answered: " + answer.error);
   const Poco::JSON::Object::Ptr& status = answer.body;
-  std::cout << "watch service: process " << status->optValue<int>("pid", 0) << "\n";
+  std::cout << "watch service: process " << status->optValue<int>("pid", 0)
+            << "; changes logged to "
+            << EscapedText(status->optValue<std::string>("change_log", ""))
+            << (status->optValue<bool>("system_log", false)
+                    ? " and the system log"
+                    : " only (no system log listens at /dev/log)")
+            << "\n";
   Poco::JSON::Array::Ptr policies = status->getArray("policies");
   for (size_t i = 0; policies && i < policies->size(); ++i) {
     Poco::JSON::Object::Ptr policy = policies->getObject(static_cast<unsigned>(i));

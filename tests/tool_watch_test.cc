@@ -275,6 +275,21 @@ TEST_P(WatchTest, WhatChangedBeforeTheServiceStartedIsReportedAndNeverAccepted) 
   EXPECT_THAT(LineAbout(after, "etc/motd"), StartsWith("hash changed"));
 }
 
+TEST_P(WatchTest, WhereTheChangesGoIsSaidAtStartAndInTheStatusNeverSilentlyNowhere) {
+  Init();
+  Start();
+  Poco::JSON::Object::Ptr status = Ask("{\"request\":\"status\"}");
+  EXPECT_EQ(Data("watch-changes.ndjson"), status->optValue<std::string>("change_log", ""));
+  bool listened = ::access("/dev/log", W_OK) == 0;
+  ASSERT_TRUE(status->has("system_log"));
+  EXPECT_EQ(listened, status->getValue<bool>("system_log"));
+  CToolRun said = Tool("status");
+  EXPECT_THAT(said.out, HasSubstr("changes logged to " + Data("watch-changes.ndjson") +
+                                  (listened ? " and the system log" : " only (no system log listens at /dev/log)")));
+  std::string out = CTempDir::Read(dir_ / "watch.out");
+  EXPECT_EQ(!listened, out.find("no system log listens at /dev/log") != std::string::npos) << out;
+}
+
 TEST_P(WatchTest, EventsTheKernelDroppedLeadToAReconcileThatFindsWhatWasMissed) {
   Write("many/seed", "s");
   Init();

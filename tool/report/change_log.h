@@ -44,6 +44,8 @@ class CChangeLog : public CReportSink {
   void Unreadable(const std::string&, const std::string&, const CReportContext&) override {}
   void Summary(const CReportSummary&, const CReportContext&) override {}
   const std::string& path() const { return path_; }
+  // Whether something listened at the system log's socket when the log was opened.
+  bool reaches_system_log() const { return system_log_ != nullptr; }
 
  private:
   void Rotate();

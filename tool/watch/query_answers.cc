@@ -62,6 +62,8 @@ std::string CQueryAnswers::Status() {
   answer.Open()
       .Bool("ok", true)
       .Number("pid", static_cast<uint64_t>(::getpid()))
+      .String("change_log", change_log_)
+      .Bool("system_log", system_log_)
       .OpenArray("policies");
   for (const auto& watch : watches_) {
     const CPolicyWatch::CCounters& counters = watch->counters();

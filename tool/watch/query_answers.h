@@ -12,8 +12,11 @@ class CPolicyWatch;
 // Not thread-safe: the service's one thread asks it, between its other work.
 class CQueryAnswers {
  public:
-  explicit CQueryAnswers(const std::vector<std::unique_ptr<CPolicyWatch>>& watches)
-      : watches_(watches) {}
+  // "change_log": where the service logs its changes; "system_log": whether they reach the system
+  // log too (a status says so).
+  CQueryAnswers(const std::vector<std::unique_ptr<CPolicyWatch>>& watches, std::string change_log,
+                bool system_log)
+      : watches_(watches), change_log_(std::move(change_log)), system_log_(system_log) {}
 
   // One request line (which may be anything a client sent) → one answer line.
   std::string Answer(const std::string& line);
@@ -27,4 +30,6 @@ class CQueryAnswers {
   CPolicyWatch* Find(const std::string& name);
 
   const std::vector<std::unique_ptr<CPolicyWatch>>& watches_;
+  std::string change_log_;
+  bool system_log_;
 };

@@ -58,7 +58,7 @@ void CWatchService::Run(const sigset_t& stop_signals) {
     watch->Start(force_inotify_);
     watch->Save(true);  // what the start-up reconcile found is kept at once
   }
-  CQueryAnswers answers(watches_);
+  CQueryAnswers answers(watches_, log_.path(), log_.reaches_system_log());
   CQueryServer server(ServiceSocketOf(session_.DataFolder()),
                       [&answers](const std::string& request) { return answers.Answer(request); });
   auto add = [epoll_fd](int fd, uint64_t tag) {
@@ -77,6 +77,10 @@ void CWatchService::Run(const sigset_t& stop_signals) {
   for (auto& watch : watches_) {
     std::cout << "watching policy " << watch->policy().name << " ("
               << EscapedText(watch->policy().root) << ") with " << watch->watcher_kind() << "\n";
+  }
+  if (!log_.reaches_system_log()) {
+    std::cout << "no system log listens at /dev/log: changes go to " << log_.path()
+              << " and to standard output only\n";
   }
   std::cout << "queries at " << server.path() << std::endl;
 
