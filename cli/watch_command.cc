@@ -12,6 +12,7 @@
 
 #include "cli/command_line.h"
 #include "cli/commands.h"
+#include "cli/journal_entry.h"
 #include "cli/policy_arguments.h"
 #include "front/sign_db.h"
 #include "hashdb/hash_db.h"
@@ -31,10 +32,18 @@ constexpr long kDefaultSavePeriodSeconds = 300;
 // an empty one. The start-up reconcile then takes in what changed while no service ran; the
 // baseline itself is never written by the service.
 std::shared_ptr<CHashDB> LiveRecordAtStart(CSession& session, const CRefPolicySettings& policy,
-                                           bool rescan) {
+                                           const CCommandLine& line) {
   CPolicyStore& live = session.LiveStore(policy);
   auto afresh = [&](const CToolError& e) {
-    if (!rescan) throw e;
+    if (!line.Has("--rescan")) throw e;
+    CJournalEntry refused = JournalEntryOf(line, "refused-load", policy);
+    refused.note = std::string(e.what()) + "; the tree is recorded afresh (--rescan)";
+    try {
+      session.Store(policy).journal().Append(refused);
+    } catch (const std::exception& failed) {
+      std::cerr << "signdb watch: cannot journal the refused load: " << EscapedText(failed.what())
+                << "\n";
+    }
     std::cerr << "signdb watch: " << EscapedText(e.what()) << "; recording the tree of policy '"
               << policy.name << "' afresh (--rescan)\n";
     return live.New();
@@ -125,8 +134,8 @@ int RunWatch(const CCommandLine& line) {
         session.Store(*policy).Lock(CPolicyLock::CMode::kShared);
       ::pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
     }
-    std::shared_ptr<CHashDB> database = LiveRecordAtStart(session, *policy, line.Has("--rescan"));
-    service.Add(*policy, database);
+    std::shared_ptr<CHashDB> database = LiveRecordAtStart(session, *policy, line);
+    service.Add(*policy, database, JournalEntryOf(line, "", *policy));
   }
   service.Run(stop_signals);
   return kExitOk;

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <fstream>
+#include <thread>
 
 #include "tests/temp_dir.h"
 #include "tests/tool_fixture.h"
@@ -107,6 +108,25 @@ TEST(AcceptJournalTest, ALineCutShortByAStopIsNoEntryAndTheNextAppendTakesItsPla
   ASSERT_EQ(2u, entries.size());
   EXPECT_EQ("accept", entries[1].event);
   EXPECT_EQ(2u, Lines(CTempDir::Read(journal.path())).size());
+}
+
+TEST(AcceptJournalTest, TwoAppendersAtOnceTakeTurnsAndTheChainHolds) {
+  CTempDir dir;
+  auto append = [&](const char* event) {
+    CAcceptJournal journal(dir / "t.hdb.journal");
+    for (int i = 0; i < 40; ++i) {
+      CJournalEntry entry;
+      entry.event = event;
+      journal.Append(entry);
+    }
+  };
+  std::thread service(append, "lost-events");
+  std::thread person(append, "accept");
+  service.join();
+  person.join();
+  std::vector<CJournalEntry> entries = CAcceptJournal(dir / "t.hdb.journal").Read();
+  ASSERT_EQ(80u, entries.size());
+  for (size_t i = 0; i < entries.size(); ++i) EXPECT_EQ(i + 1, entries[i].sequence);
 }
 
 class ToolJournalTest : public ToolTest {};

@@ -290,6 +290,22 @@ TEST_P(WatchTest, WhereTheChangesGoIsSaidAtStartAndInTheStatusNeverSilentlyNowhe
   EXPECT_EQ(!listened, out.find("no system log listens at /dev/log") != std::string::npos) << out;
 }
 
+TEST_P(WatchTest, TheServicesStartAndStopAreJournalledBesideTheAcceptancesAndTheBaselineStillLoads) {
+  ScanSample();
+  Write("etc/motd", "changed before the start\n");
+  Start();
+  CToolRun update = Tool("update t etc/motd");
+  EXPECT_EQ(0, update.status) << update.err;
+  EXPECT_EQ(0, Stop());
+  std::vector<std::string> events;
+  for (const std::string& line : Tool("journal t --json").OutLines())
+    events.push_back(Poco::JSON::Parser().parse(line).extract<Poco::JSON::Object::Ptr>()->getValue<std::string>("event"));
+  EXPECT_EQ((std::vector<std::string>{"scan", "service-start", "accept", "service-stop"}), events);
+  EXPECT_THAT(Tool("journal t").out, HasSubstr("changes found at start are pending, not accepted"));
+  // Entries after the one the baseline was saved with are the service's: the baseline loads.
+  EXPECT_EQ(0, Tool("check t").status);
+}
+
 TEST_P(WatchTest, EventsTheKernelDroppedLeadToAReconcileThatFindsWhatWasMissed) {
   Write("many/seed", "s");
   Init();

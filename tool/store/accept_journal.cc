@@ -5,6 +5,7 @@
 #include <Poco/JSON/Object.h>
 #include <Poco/JSON/Parser.h>
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -137,7 +138,12 @@ std::vector<std::string> CAcceptJournal::CheckedLines(std::vector<CJournalHead>*
     throw std::runtime_error("cannot read the journal " + path_ + ": " + std::strerror(errno));
   }
   std::vector<uint8_t> bytes = ReadWholeFile(path_, kLongestJournal);
-  std::string text(bytes.begin(), bytes.end());
+  return ChainedLines(std::string(bytes.begin(), bytes.end()), heads, whole_bytes);
+}
+
+std::vector<std::string> CAcceptJournal::ChainedLines(std::string text,
+                                                      std::vector<CJournalHead>* heads,
+                                                      uint64_t* whole_bytes) const {
   // A line is appended and synced before any binding records it: a last line cut short (the
   // machine stopped while it was written) was never recorded, and is not an entry.
   size_t last_newline = text.rfind('\n');
@@ -167,9 +173,34 @@ std::vector<std::string> CAcceptJournal::CheckedLines(std::vector<CJournalHead>*
 }
 
 CJournalHead CAcceptJournal::Append(CJournalEntry& entry) {
+  bool created = ::access(path_.c_str(), F_OK) != 0;
+  CFileDescriptor fd(
+      ::open(path_.c_str(), O_RDWR | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
+  if (!fd.valid()) {
+    throw std::runtime_error("cannot append to the journal " + path_ + ": " + std::strerror(errno));
+  }
+  // Two appenders (an update and the watch service, say) take turns: each reads the line it
+  // follows and writes its own while the other waits.
+  while (::flock(fd.get(), LOCK_EX) != 0) {
+    if (errno != EINTR) {
+      throw std::runtime_error("cannot lock the journal " + path_ + ": " + std::strerror(errno));
+    }
+  }
+  std::string text;
+  char buffer[65536];
+  for (ssize_t length;
+       (length = ::pread(fd.get(), buffer, sizeof buffer, static_cast<off_t>(text.size()))) != 0;) {
+    if (length < 0) {
+      if (errno == EINTR) continue;
+      throw std::runtime_error("cannot read the journal " + path_ + ": " + std::strerror(errno));
+    }
+    text.append(buffer, static_cast<size_t>(length));
+    if (text.size() > kLongestJournal)
+      throw std::runtime_error("the journal " + path_ + " is larger than it can be");
+  }
   std::vector<CJournalHead> heads;
   uint64_t whole = 0;
-  CheckedLines(&heads, &whole);
+  ChainedLines(std::move(text), &heads, &whole);
   entry.sequence = heads.size() + 1;
   if (entry.time.empty()) {
     auto now = std::chrono::system_clock::now().time_since_epoch();
@@ -177,22 +208,16 @@ CJournalHead CAcceptJournal::Append(CJournalEntry& entry) {
         static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(now).count()));
   }
   std::string line = EntryLine(entry, heads.empty() ? std::string() : heads.back().hash);
-  std::string text = line + "\n";
-  bool created = heads.empty() && ::access(path_.c_str(), F_OK) != 0;
-  CFileDescriptor fd(
-      ::open(path_.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
-  if (!fd.valid()) {
-    throw std::runtime_error("cannot append to the journal " + path_ + ": " + std::strerror(errno));
-  }
+  std::string written = line + "\n";
   // A line cut short before goes; a line this cannot write whole (a full disk) goes too: the
   // journal holds whole lines only.
   errno = 0;
   if (::ftruncate(fd.get(), static_cast<off_t>(whole)) != 0 ||
-      ::write(fd.get(), text.data(), text.size()) != static_cast<ssize_t>(text.size()) ||
+      ::write(fd.get(), written.data(), written.size()) != static_cast<ssize_t>(written.size()) ||
       ::fsync(fd.get()) != 0) {
     int error = errno != 0 ? errno : ENOSPC;  // a short write sets no error
     if (::ftruncate(fd.get(), static_cast<off_t>(whole)) != 0) {
-      // What is left past the last whole line is not an entry (see CheckedLines).
+      // What is left past the last whole line is not an entry (see ChainedLines).
     }
     throw std::system_error(error, std::generic_category(),
                             "cannot append to the journal " + path_);

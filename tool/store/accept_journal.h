@@ -52,7 +52,8 @@ struct CJournalHead {
 // chain. Names that are not valid UTF-8 are kept in hexadecimal beside their readable form, so a
 // hostile name reads back exactly and can forge no line.
 //
-// Appended only under the policy's exclusive lock.
+// Appends take turns on the journal's own lock (flock), whoever makes them; readers need none (a
+// line being written is not an entry until its newline is there).
 class CAcceptJournal {
  public:
   explicit CAcceptJournal(std::string path) : path_(std::move(path)) {}
@@ -75,6 +76,8 @@ class CAcceptJournal {
   // The lines, each checked against the one before; the head after each is in "heads", and the
   // bytes the whole lines take in "whole_bytes".
   std::vector<std::string> CheckedLines(std::vector<CJournalHead>* heads,
+                                        uint64_t* whole_bytes) const;
+  std::vector<std::string> ChainedLines(std::string text, std::vector<CJournalHead>* heads,
                                         uint64_t* whole_bytes) const;
 
   std::string path_;

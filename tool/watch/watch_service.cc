@@ -43,9 +43,24 @@ CWatchService::CWatchService(CSession& session, std::chrono::seconds save_period
 
 CWatchService::~CWatchService() = default;
 
-void CWatchService::Add(const CRefPolicySettings& policy, std::shared_ptr<CHashDB> database) {
+void CWatchService::Add(const CRefPolicySettings& policy, std::shared_ptr<CHashDB> database,
+                        CJournalEntry journal_entry) {
   watches_.push_back(
       std::make_unique<CPolicyWatch>(session_, policy, std::move(database), &report_));
+  journal_entries_.push_back(std::move(journal_entry));
+  lost_journalled_.push_back(0);
+}
+
+void CWatchService::Journal(size_t i, const std::string& event, const std::string& note) {
+  CJournalEntry entry = journal_entries_[i];
+  entry.event = event;
+  entry.note = note;
+  try {
+    session_.Store(watches_[i]->policy()).journal().Append(entry);
+  } catch (const std::exception& e) {
+    std::cerr << "signdb watch: " << watches_[i]->policy().name << ": cannot journal the service's "
+              << event << ": " << EscapedText(e.what()) << "\n";
+  }
 }
 
 void CWatchService::Run(const sigset_t& stop_signals) {
@@ -54,9 +69,13 @@ void CWatchService::Run(const sigset_t& stop_signals) {
   if (signal_fd < 0 || epoll_fd < 0)
     throw CToolError(std::string("cannot wait for events: ") + std::strerror(errno));
 
-  for (auto& watch : watches_) {
-    watch->Start(force_inotify_);
-    watch->Save(true);  // what the start-up reconcile found is kept at once
+  for (size_t i = 0; i < watches_.size(); ++i) {
+    watches_[i]->Start(force_inotify_);
+    watches_[i]->Save(true);  // what the start-up reconcile found is kept at once
+    Journal(i, "service-start",
+            std::string("watching with ") + watches_[i]->watcher_kind() + "; " +
+                std::to_string(watches_[i]->counters().applied) +
+                " changes found at start are pending, not accepted");
   }
   CQueryAnswers answers(watches_, log_.path(), log_.reaches_system_log());
   CQueryServer server(ServiceSocketOf(session_.DataFolder()),
@@ -128,6 +147,13 @@ void CWatchService::Run(const sigset_t& stop_signals) {
     }
     CClock::time_point now = CClock::now();
     for (auto& watch : watches_) watch->ApplyDue(now, kMostReadsPerTurn);
+    for (size_t i = 0; i < watches_.size(); ++i) {
+      uint64_t lost = watches_[i]->counters().lost;
+      if (lost == lost_journalled_[i]) continue;
+      lost_journalled_[i] = lost;
+      Journal(i, "lost-events",
+              "the kernel dropped file events; the tree was reconciled with the live record");
+    }
     if (stop) break;
     for (size_t i = 0; i < watches_.size(); ++i) {
       if (!shrink_due[i] || *shrink_due[i] > now) continue;
@@ -153,6 +179,7 @@ void CWatchService::Run(const sigset_t& stop_signals) {
   // Stopped: what is still queued is read now, and everything saved.
   for (auto& watch : watches_) watch->ApplyDue(CClock::time_point::max());
   SaveAll(true);
+  for (size_t i = 0; i < watches_.size(); ++i) Journal(i, "service-stop", "");
   ::close(epoll_fd);
   ::close(signal_fd);
 }

@@ -9,6 +9,7 @@
 #include "tool/report/change_log.h"
 #include "tool/report/report_sink.h"
 #include "tool/report/stream_sinks.h"
+#include "tool/store/accept_journal.h"
 
 class CHashDB;
 class CPolicyWatch;
@@ -25,9 +26,11 @@ class CWatchService {
   CWatchService(const CWatchService&) = delete;
   CWatchService& operator=(const CWatchService&) = delete;
 
-  // A policy to keep, with its database as loaded (or empty, to be recorded by the start-up
-  // reconcile).
-  void Add(const CRefPolicySettings& policy, std::shared_ptr<CHashDB> database);
+  // A policy to keep, with its live record as loaded (or empty, to be recorded by the start-up
+  // reconcile). "journal_entry" says who runs the service and how, for the entries it appends to
+  // the policy's journal (its start and stop, events the kernel dropped).
+  void Add(const CRefPolicySettings& policy, std::shared_ptr<CHashDB> database,
+           CJournalEntry journal_entry);
 
   // Follows the events until SIGTERM or SIGINT; saves what changed, then returns.
   // "stop_signals" must be blocked in every thread of the process (block them before any thread
@@ -38,6 +41,9 @@ class CWatchService {
   // Saves every policy that changed; without "wait", one whose saved files are being read is left
   // for later (returns false).
   bool SaveAll(bool wait);
+  // Appends an entry for the i-th policy to its journal; a journal that cannot take it is said on
+  // stderr and stops nothing.
+  void Journal(size_t i, const std::string& event, const std::string& note);
 
   CSession& session_;
   std::chrono::seconds save_period_;
@@ -46,4 +52,6 @@ class CWatchService {
   CTextSink lines_;      // each change's line on standard output (the journal under systemd)
   CReportSinks report_;  // both
   std::vector<std::unique_ptr<CPolicyWatch>> watches_;
+  std::vector<CJournalEntry> journal_entries_;  // for each watch
+  std::vector<uint64_t> lost_journalled_;       // for each watch: the drops journalled so far
 };
