@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Builds the module, the reference host and the signdb tool, then runs the main job in ./demo:
 # signdb init, a scan of a scratch copy of /etc, a few changes to that copy, and the check that
-# reports them; then update accepts them and the next check is clean.
+# reports them; then update accepts them, the next check is clean, and the journal says who
+# accepted what.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -39,3 +40,6 @@ echo "(exit status $status: 1 means differences found)"
 step signdb update etc
 "$signdb" "${config[@]}" update etc >/dev/null
 "$signdb" "${config[@]}" check etc
+
+step "signdb journal etc   (who accepted what, and when)"
+"$signdb" "${config[@]}" journal etc
