@@ -53,7 +53,7 @@ void RefuseToReplaceBaseline(CSession& session, const CRefPolicySettings& policy
 int ScanPolicy(CSession& session, const CRefPolicySettings& policy, const CCommandLine& line) {
   session.RequireRoot(policy);
   session.Store(policy).Lock(CPolicyLock::CMode::kExclusive);
-  if (!line.Has("--replace") && session.Store(policy).HasBaseline())
+  if (!line.Has("--replace") && session.Store(policy).HasRecord())
     RefuseToReplaceBaseline(session, policy);
   bool quiet = line.Has("--quiet");
   auto start = std::chrono::steady_clock::now();
@@ -81,7 +81,7 @@ int ScanPolicy(CSession& session, const CRefPolicySettings& policy, const CComma
               << EscapedText(reason) << ")\n";
   CPolicyStore& store = session.Store(policy);
   CJournalEntry entry = JournalEntryOf(line, "scan", policy);
-  if (line.Has("--replace") && store.HasBaseline()) {
+  if (line.Has("--replace") && store.HasRecord()) {
     entry.event = "replace";
     uint64_t replaced = 0;
     entry.note = ReadRecordedRevision(store.database_file(), replaced)

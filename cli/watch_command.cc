@@ -48,7 +48,7 @@ std::shared_ptr<CHashDB> LiveRecordAtStart(CSession& session, const CRefPolicySe
               << policy.name << "' afresh (--rescan)\n";
     return live.New();
   };
-  if (live.HasBaseline()) {
+  if (live.HasRecord()) {
     try {
       return live.Load();
     } catch (const CToolError& e) {
@@ -56,18 +56,17 @@ std::shared_ptr<CHashDB> LiveRecordAtStart(CSession& session, const CRefPolicySe
     }
   }
   CPolicyStore& baseline = session.Store(policy);
-  if (!baseline.HasBaseline()) {
+  if (!baseline.HasRecord()) {
     std::cout << "policy " << EscapedText(policy.name)
               << " has no baseline yet: the service records the tree, and nothing is accepted "
                  "until 'signdb scan "
               << EscapedText(policy.name) << "'\n";
     return live.New();
   }
-  std::shared_ptr<CHashDB> database = live.New();
+  std::shared_ptr<CHashDB> database;
   try {
-    baseline.Load();
-    session.LoadFile(database, baseline.database_file(),
-                     baseline.SignatureFileOf(baseline.database_file()), true);
+    // The baseline read once, into the live record's database.
+    database = baseline.Load(true, live.New());
   } catch (const CToolError& e) {
     baseline.Unlock();
     return afresh(e);
@@ -130,7 +129,7 @@ int RunWatch(const CCommandLine& line) {
       session.LiveStore(*policy).Lock(CPolicyLock::CMode::kExclusive);
       // A live record that starts from the baseline reads it: a scan or an update that writes it
       // is waited for here too.
-      if (!session.LiveStore(*policy).HasBaseline() && session.Store(*policy).HasBaseline())
+      if (!session.LiveStore(*policy).HasRecord() && session.Store(*policy).HasRecord())
         session.Store(*policy).Lock(CPolicyLock::CMode::kShared);
       ::pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
     }

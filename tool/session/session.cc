@@ -11,7 +11,6 @@
 
 #include "front/sign_db.h"
 #include "hashdb/hash_db.h"
-#include "host/crypto_service.h"
 #include "refhost/module_loader.h"
 #include "refhost/policy.h"
 #include "refhost/ref_host.h"
@@ -205,7 +204,7 @@ void CSession::LoadFile(const std::shared_ptr<CHashDB>& database, const std::str
 }
 
 std::string CSession::SignatureFileOf(const std::string& hdb_path) {
-  return Narrow(host_->Crypto()->SignatureFilePath(Wide(hdb_path)));
+  return ::SignatureFileOf(*host_, hdb_path);
 }
 
 std::vector<std::string> CSession::TakeProblems() { return hooks_->TakeProblems(); }

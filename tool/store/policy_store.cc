@@ -10,7 +10,6 @@
 
 #include "front/sign_db.h"
 #include "hashdb/hash_db.h"
-#include "host/crypto_service.h"
 #include "host/utility_service.h"
 #include "refhost/file_io.h"
 #include "refhost/pkcs7.h"
@@ -49,8 +48,8 @@ CPolicyStore::CPolicyStore(const CRefPolicySettings& policy, CSignDB& front, CRe
 
 CPolicyStore::~CPolicyStore() = default;
 
-std::string CPolicyStore::SignatureFileOf(const std::string& hdb_path) const {
-  return WideToUtf8(host_.Crypto()->SignatureFilePath(Utf8ToWide(hdb_path)));
+CSignatureOf CPolicyStore::signature_of() const {
+  return [this](const std::string& hdb) { return SignatureFileOf(hdb); };
 }
 
 // One journal per policy: the baseline's.
@@ -89,7 +88,7 @@ void CPolicyStore::RequireJournal(const CPolicyBinding& binding) const {
            policy_.name + " --replace"});
 }
 
-bool CPolicyStore::HasBaseline() const {
+bool CPolicyStore::HasRecord() const {
   boost::system::error_code missing;
   uint64_t revision = 0;
   return boost::filesystem::exists(hdb_, missing) || ReadRecordedRevision(hdb_, revision);
@@ -131,10 +130,9 @@ std::shared_ptr<CHashDB> CPolicyStore::New() {
   return front_.CreateHashDB(std::make_shared<CRefPolicy>(module_policy_));
 }
 
-std::shared_ptr<CHashDB> CPolicyStore::Load(bool verify) {
+std::shared_ptr<CHashDB> CPolicyStore::Load(bool verify, std::shared_ptr<CHashDB> into) {
   Lock(CPolicyLock::CMode::kShared);
-  CSignatureOf signature_of = [this](const std::string& hdb) { return SignatureFileOf(hdb); };
-  CSignedPair pair = FindSignedPair(hdb_, signature_of);
+  CSignedPair pair = FindSignedPair(hdb_, signature_of());
   uint64_t recorded = 0;
   bool has_record = ReadRecordedRevision(hdb_, recorded);
   if (!boost::filesystem::exists(pair.hdb)) {
@@ -148,7 +146,7 @@ std::shared_ptr<CHashDB> CPolicyStore::Load(bool verify) {
     throw CToolError("policy '" + policy_.name + "' has no database yet (" + hdb_ +
                      "); run 'signdb scan " + policy_.name + "' first");
   }
-  std::shared_ptr<CHashDB> database = New();
+  std::shared_ptr<CHashDB> database = into ? std::move(into) : New();
   LoadSignedFile(host_, *database, pair.hdb, pair.signature, verify);
   bool writer = lock_->mode() == CPolicyLock::CMode::kExclusive;
   CSaveMarker marker;
@@ -172,7 +170,7 @@ std::shared_ptr<CHashDB> CPolicyStore::Load(bool verify) {
                      RevisionText(database->Revision()) +
                      "; a database put back from another save is never used");
   }
-  if (writer && (saving || pair.interrupted)) FinishInterruptedSave(hdb_, signature_of);
+  if (writer && (saving || pair.interrupted)) FinishInterruptedSave(hdb_, signature_of());
   if (pair.interrupted || completed_save) {
     if (writer) {
       std::cerr << "signdb: the last save of policy '" << policy_.name
@@ -197,12 +195,11 @@ void CPolicyStore::NoteSaved() {
 }
 
 std::string CPolicyStore::SaveCandidate(const std::shared_ptr<CHashDB>& database) {
-  CSignatureOf signature_of = [this](const std::string& hdb) { return SignatureFileOf(hdb); };
   CSaveHooks hooks(host_);
   uint64_t before = 0;
   uint64_t stamp = 0;
   try {
-    FinishInterruptedSave(hdb_, signature_of);
+    FinishInterruptedSave(hdb_, signature_of());
     for (const std::string& old :
          {candidate_, SignatureFileOf(candidate_), BindingFileOf(candidate_)}) {
       boost::filesystem::remove(old);
@@ -225,7 +222,7 @@ std::string CPolicyStore::SaveCandidate(const std::shared_ptr<CHashDB>& database
   hooks.SignHere();
   uint64_t written = 0;
   try {
-    CompleteReplacement(hdb_, signature_of);  // the module's temporary file goes
+    CompleteReplacement(hdb_, signature_of());  // the module's temporary file goes
     if (!ReadHeaderRevision(candidate_, written) || written != stamp) {
       throw std::runtime_error(declined.empty() ? "the candidate was not written" : declined);
     }
@@ -249,7 +246,6 @@ std::string CPolicyStore::SaveCandidate(const std::shared_ptr<CHashDB>& database
 
 uint64_t CPolicyStore::Accept(CJournalEntry* entry) {
   Lock(CPolicyLock::CMode::kExclusive);
-  CSignatureOf signature_of = [this](const std::string& hdb) { return SignatureFileOf(hdb); };
   boost::system::error_code missing;
   if (!boost::filesystem::exists(candidate_, missing)) {
     throw CToolError("policy '" + policy_.name + "' has no candidate (" + candidate_ +
@@ -277,12 +273,12 @@ uint64_t CPolicyStore::Accept(CJournalEntry* entry) {
     }
   };
   // An accept killed after the candidate was put in place: only its last steps are left.
-  CSignedPair in_place = FindSignedPair(hdb_, signature_of);
+  CSignedPair in_place = FindSignedPair(hdb_, signature_of());
   uint64_t placed = 0;
   if (boost::filesystem::exists(in_place.hdb, missing) &&
       ReadHeaderRevision(in_place.hdb, placed) && placed == revision) {
     try {
-      FinishInterruptedSave(hdb_, signature_of);
+      FinishInterruptedSave(hdb_, signature_of());
       uint64_t recorded = 0;
       if (!ReadRecordedRevision(hdb_, recorded) || recorded != revision)
         WriteRecordedRevision(hdb_, revision);
@@ -318,7 +314,7 @@ uint64_t CPolicyStore::Accept(CJournalEntry* entry) {
   // previous pair, the new pair, the revision file.
   CSaveMarker marker;
   try {
-    FinishInterruptedSave(hdb_, signature_of);
+    FinishInterruptedSave(hdb_, signature_of());
     ReadRecordedRevision(hdb_, marker.before);
     marker.saving = revision;
     WriteSaveMarker(hdb_, marker);
@@ -326,9 +322,9 @@ uint64_t CPolicyStore::Accept(CJournalEntry* entry) {
     WriteWholeFile(BindingFileOf(hdb_), bytes.data(), bytes.size());
     if (boost::filesystem::exists(hdb_, missing) &&
         boost::filesystem::exists(SignatureFileOf(hdb_), missing)) {
-      ReplacePairWithCopy(hdb_, previous_, signature_of);
+      ReplacePairWithCopy(hdb_, previous_, signature_of());
     }
-    ReplacePairWithCopy(candidate_, hdb_, signature_of);
+    ReplacePairWithCopy(candidate_, hdb_, signature_of());
     WriteRecordedRevision(hdb_, revision);
     RemoveSaveMarker(hdb_);
     NoteSaved();
@@ -353,7 +349,6 @@ std::string CPolicyStore::Save(const std::shared_ptr<CHashDB>& database, CJourna
   Lock(CPolicyLock::CMode::kExclusive);
   if (options_.sign_later) return SaveCandidate(database);
   signer_.Prepare();
-  CSignatureOf signature_of = [this](const std::string& hdb) { return SignatureFileOf(hdb); };
   boost::system::error_code missing;
   CSaveMarker marker;
   CJournalHead journal_head;
@@ -369,7 +364,7 @@ std::string CPolicyStore::Save(const std::shared_ptr<CHashDB>& database, CJourna
     }
     // What the failed save wrote goes, or, when it failed between its moves, is finished.
     try {
-      FinishInterruptedSave(hdb_, signature_of);
+      FinishInterruptedSave(hdb_, signature_of());
     } catch (const std::exception&) {
       // The folder may refuse the removal for the reason the save failed; said in the hints.
     }
@@ -398,10 +393,10 @@ std::string CPolicyStore::Save(const std::shared_ptr<CHashDB>& database, CJourna
   try {
     // What a killed run left is finished first, so that the pair kept as the previous one and the
     // revision file are those of the last complete save.
-    FinishInterruptedSave(hdb_, signature_of);
+    FinishInterruptedSave(hdb_, signature_of());
     if (boost::filesystem::exists(hdb_, missing) &&
         boost::filesystem::exists(SignatureFileOf(hdb_), missing)) {
-      ReplacePairWithCopy(hdb_, previous_, signature_of);
+      ReplacePairWithCopy(hdb_, previous_, signature_of());
     }
     ReadRecordedRevision(hdb_, marker.before);
     do {

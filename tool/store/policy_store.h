@@ -10,8 +10,10 @@
 
 #include "refhost/settings.h"
 #include "tool/store/accept_journal.h"
+#include "tool/store/database_files.h"
 #include "tool/store/policy_binding.h"
 #include "tool/store/policy_lock.h"
+#include "tool/store/signed_load.h"
 
 class CHashDB;
 class CRefHost;
@@ -59,16 +61,18 @@ class CPolicyStore {
   const std::string& previous_file() const { return previous_; }
   // NAME.hdb.candidate: a database saved here that waits for its signature from another host.
   const std::string& candidate_file() const { return candidate_; }
-  // Whether the policy has a baseline: a database, or the revision file a save leaves (a baseline
+  // Whether the record was ever saved: its database, or the revision file a save leaves (a record
   // that was saved and has gone since still counts).
-  bool HasBaseline() const;
+  bool HasRecord() const;
   // NAME.hdb.journal: who accepted what into the baseline, and when.
   CAcceptJournal journal() const;
   // Moves a journal whose chain is broken aside (NAME.hdb.journal.broken-TIME), so that a new
   // baseline starts a new journal; returns where it went, or "" when it holds (or there is none).
   std::string SetBrokenJournalAside();
   // The signature file that belongs to an HDB file (as the host names it).
-  std::string SignatureFileOf(const std::string& hdb_path) const;
+  std::string SignatureFileOf(const std::string& hdb_path) const {
+    return ::SignatureFileOf(host_, hdb_path);
+  }
 
   // Takes the policy's lock for the store's life: exclusive before a run writes the database,
   // shared (which Load takes by itself) when it only reads it. A lock held elsewhere is waited
@@ -85,8 +89,9 @@ class CPolicyStore {
   std::shared_ptr<CHashDB> New();
   // The saved database, loaded (its signature, its binding and the journal the binding records
   // verified unless "verify" is false). Throws CToolError when there is none yet or when it is
-  // refused, with the module's reasons.
-  std::shared_ptr<CHashDB> Load(bool verify = true);
+  // refused, with the module's reasons. "into", when given, is the (empty) database to load it
+  // into: another record's, which starts as a copy of this one.
+  std::shared_ptr<CHashDB> Load(bool verify = true, std::shared_ptr<CHashDB> into = nullptr);
   // Saves the database, writes the revision file and returns the HDB file's path. The database
   // it replaces, if any, is kept with its signature as previous_file(). "entry", when given, is
   // appended to the journal first (with the revision the save writes), and the signed binding
@@ -100,6 +105,8 @@ class CPolicyStore {
   uint64_t Accept(CJournalEntry* entry = nullptr);
 
  private:
+  // How the host names each HDB file's signature, for the steps of a save.
+  CSignatureOf signature_of() const;
   // The signed record that ties the database to the policy, root, host and revisions.
   CPolicyBinding BindingOf(std::vector<uint64_t> revisions, const CJournalHead& journal) const;
   void WriteBinding(std::vector<uint64_t> revisions, const CJournalHead& journal);

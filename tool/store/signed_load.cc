@@ -4,12 +4,17 @@
 
 #include "hashdb/hash_db.h"
 #include "host/buffer.h"
+#include "host/crypto_service.h"
 #include "host/utility_service.h"
 #include "refhost/pkcs7.h"
 #include "refhost/ref_host.h"
 #include "refhost/save_hooks.h"
 #include "tool/common/exit_status.h"
 #include "util/text_conversion.h"
+
+std::string SignatureFileOf(CRefHost& host, const std::string& hdb_path) {
+  return WideToUtf8(host.Crypto()->SignatureFilePath(Utf8ToWide(hdb_path)));
+}
 
 void LoadSignedFile(CRefHost& host, CHashDB& database, const std::string& hdb_path,
                     const std::string& signature_path, bool verify) {

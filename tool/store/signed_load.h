@@ -5,6 +5,9 @@
 class CHashDB;
 class CRefHost;
 
+// The signature file that belongs to an HDB file, as the host names it.
+std::string SignatureFileOf(CRefHost& host, const std::string& hdb_path);
+
 // Loads the HDB file "hdb_path", with its signature "signature_path", into "database" through the
 // module (its signature verified unless "verify" is false). Throws CToolError when the file or its
 // signature is missing or unreadable, or when the module refuses it: the module's reasons, and
