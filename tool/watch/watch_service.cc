@@ -72,10 +72,12 @@ void CWatchService::Run(const sigset_t& stop_signals) {
   for (size_t i = 0; i < watches_.size(); ++i) {
     watches_[i]->Start(force_inotify_);
     watches_[i]->Save(true);  // what the start-up reconcile found is kept at once
+    // What the start-up reconcile took in changed while no service ran; none of it is accepted.
+    uint64_t taken_in = watches_[i]->counters().applied;
     Journal(i, "service-start",
-            std::string("watching with ") + watches_[i]->watcher_kind() + "; " +
-                std::to_string(watches_[i]->counters().applied) +
-                " changes found at start are pending, not accepted");
+            std::string("watching with ") + watches_[i]->watcher_kind() +
+                "; the start-up reconcile took in " + std::to_string(taken_in) +
+                (taken_in == 1 ? " change" : " changes") + ", none accepted");
   }
   CQueryAnswers answers(watches_, log_.path(), log_.reaches_system_log());
   CQueryServer server(ServiceSocketOf(session_.DataFolder()),
