@@ -167,6 +167,33 @@ int CRefFileObjInfo::OpenDirectoryBelow(int from, const std::string& relative) {
   return directory.release();
 }
 
+std::shared_ptr<CRefFileObjInfo> CRefFileObjInfo::Absent(CUtilityService& utility, CCfgService& cfg,
+                                                         const std::wstring& root, const std::wstring& path) {
+  auto info = std::make_shared<CRefFileObjInfo>();
+  info->path_ = path;
+  info->relative_ = cfg.RelativePath(root, path);
+  info->description_ = utility.ToNarrow(path);
+  info->gone_ = true;
+  return info;
+}
+
+std::shared_ptr<CRefFileObjInfo> CRefFileObjInfo::FromRecord(CUtilityService& utility, CCfgService& cfg,
+                                                             const std::wstring& root, const std::wstring& path,
+                                                             const CRecordedValues& values) {
+  std::shared_ptr<CRefFileObjInfo> info = Absent(utility, cfg, root, path);
+  info->gone_ = false;
+  info->is_dir_ = values.is_dir;
+  info->size_ = values.size;
+  info->time_1_ = values.time_1;
+  info->time_2_ = values.time_2;
+  info->attributes_ = values.attributes;
+  info->hash_ = values.hash;
+  info->security_ = values.security;
+  info->target_ = values.target;
+  if (!values.target.empty()) info->target_wide_ = utility.ToWide(values.target);
+  return info;
+}
+
 std::shared_ptr<CRefFileObjInfo> CRefFileObjInfo::FromDisk(CUtilityService& utility, CCfgService& cfg,
                                                            const std::wstring& root, const std::wstring& path,
                                                            uint32_t policy_number, bool likely_regular,

@@ -34,6 +34,18 @@ struct CKnownContent {
   std::string hash;
 };
 
+// An object's values as a database records them (see CRefFileObjInfo::FromRecord).
+struct CRecordedValues {
+  bool is_dir = false;
+  uint64_t size = 0;
+  uint64_t time_1 = 0xFFFFFFFFFFFFFFFFull;
+  uint64_t time_2 = 0xFFFFFFFFFFFFFFFFull;
+  uint32_t attributes = 0xFFFFFFFFu;
+  std::string hash;
+  std::string security;
+  std::string target;
+};
+
 class CRefFileObjInfo : public CObjInfo {
  public:
   // Throws std::runtime_error when the object exists but cannot be read (its hash included).
@@ -66,6 +78,16 @@ class CRefFileObjInfo : public CObjInfo {
                                                       const std::string& name, bool likely_regular,
                                                       CFileDescriptor* opened_directory,
                                                       const CKnownContent* known = nullptr);
+
+  // The object at "path" as another database records it rather than as the disk shows it: what
+  // the watch service's live record says is there now, to be checked against the baseline and
+  // accepted into it exactly as it was shown. Nothing is read from the disk.
+  static std::shared_ptr<CRefFileObjInfo> FromRecord(CUtilityService& utility, CCfgService& cfg,
+                                                     const std::wstring& root, const std::wstring& path,
+                                                     const CRecordedValues& values);
+  // An object at "path" that is not there (a record that holds nothing at that path).
+  static std::shared_ptr<CRefFileObjInfo> Absent(CUtilityService& utility, CCfgService& cfg,
+                                                 const std::wstring& root, const std::wstring& path);
 
   bool IsDirectory() override { return is_dir_; }
   std::wstring RelativePath() override { return relative_; }

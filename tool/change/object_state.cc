@@ -93,3 +93,4 @@ std::optional<CObjectState> RecordedStateIfAny(CHashDB& database, const std::wst
   state.target = WideToUtf8(database.TargetOfObject(full_path, target_is_dir));
   return state;
 }
+

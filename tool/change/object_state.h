@@ -5,8 +5,9 @@
 #include <optional>
 #include <string>
 
+#include "refhost/file_obj_info.h"
+
 class CHashDB;
-class CRefFileObjInfo;
 
 // The kind of a file-system object. The attributes field holds st_mode, whose type bits say it;
 // a record without known attributes still tells a directory and a symbolic link by their fields.
@@ -24,17 +25,11 @@ char KindLetter(CObjectKind kind);
 constexpr uint32_t kUnknownAttributes = 0xFFFFFFFFu;
 constexpr uint64_t kUnknownTime = ~0ull;
 
-// Everything recorded about one object, or read from the disk now.
-struct CObjectState {
-  bool is_dir = false;
-  std::string hash;  // empty: none (a directory, a link, a device, or not hashed)
-  uint64_t size = 0;
-  uint32_t attributes = kUnknownAttributes;  // st_mode
-  uint64_t time_1 = kUnknownTime;            // status change, ns since the epoch
-  uint64_t time_2 = kUnknownTime;            // modification
-  std::string security;                      // refhost/security_text.h
-  std::string target;                        // a symbolic link's target
-
+// Everything recorded about one object, or read from the disk now: is_dir, hash (empty: none, for
+// a directory, a link, a device, or not hashed), size, attributes (st_mode), time_1 (status
+// change, ns since the epoch), time_2 (modification), security (refhost/security_text.h) and a
+// symbolic link's target.
+struct CObjectState : CRecordedValues {
   CObjectKind kind() const { return KindOf(is_dir, attributes, !target.empty()); }
 };
 
