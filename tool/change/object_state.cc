@@ -93,4 +93,3 @@ std::optional<CObjectState> RecordedStateIfAny(CHashDB& database, const std::wst
   state.target = WideToUtf8(database.TargetOfObject(full_path, target_is_dir));
   return state;
 }
-

@@ -62,7 +62,8 @@ CTreeCheckResult CheckRecordAgainstBaseline(CSession& session, const CRefPolicyS
       if (!recorded) continue;
       uint32_t status =
           baseline->CheckObject(CRefFileObjInfo::Absent(*host.Utility(), *host.Cfg(), root, full));
-      if (status != kCheckUnchanged) result.differences.push_back(judge.Gone(relative, *recorded, status));
+      if (status != kCheckUnchanged)
+        result.differences.push_back(judge.Gone(relative, *recorded, status));
       continue;
     }
     std::shared_ptr<CRefFileObjInfo> info =
