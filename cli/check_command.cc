@@ -1,7 +1,10 @@
-// signdb check [POLICY | --all]: compares a policy's tree (or every policy's) with its signed
-// database and reports every difference; the databases stay as they were saved.
+// signdb check [POLICY | --all] [--walk]: reports every difference between a policy's tree (or
+// every policy's) and its signed baseline; the databases stay as they were saved. While the watch
+// service keeps the policy, its live record is what the tree is (the answer comes at once);
+// otherwise, or with --walk, the tree is walked.
 
 #include <iostream>
+#include <optional>
 
 #include "cli/command_line.h"
 #include "cli/commands.h"
@@ -11,17 +14,21 @@
 #include "tool/report/report_sink.h"
 #include "tool/scan/tree_check.h"
 #include "tool/session/session.h"
+#include "tool/watch/pending_answer.h"
 
 int RunCheck(const CCommandLine& line) {
-  RequireShape(line, {"--json", "--all", "--report"}, 0, 1);
+  RequireShape(line, {"--json", "--all", "--report", "--walk"}, 0, 1);
   CSession session(SessionOptionsOf(line));
   std::unique_ptr<CReportSinks> report = ReportSinksOf(line);
   int status = kExitOk;
   for (const CRefPolicySettings* policy : PoliciesOf(session, line)) {
     int one = kExitOk;
     try {
-      CPolicyCheck check = CheckPolicy(session, *policy, line.Has("--quiet"), false);
-      const CTreeCheckResult& result = check.result;
+      std::optional<CTreeCheckResult> pending;
+      if (!line.Has("--walk")) pending = PendingFromService(session, *policy);
+      CTreeCheckResult result =
+          pending ? std::move(*pending)
+                  : CheckPolicy(session, *policy, line.Has("--quiet"), false).result;
       CReportContext context = CReportContext::Make(policy->name, policy->root, "check",
                                                     session.settings().policy_number);
       SendCheckResult(*report, result, context, false);

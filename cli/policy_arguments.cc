@@ -9,6 +9,7 @@
 #include "tool/common/exit_status.h"
 #include "tool/report/file_sink.h"
 #include "tool/report/stream_sinks.h"
+#include "tool/watch/pending_answer.h"
 #include "util/relative_path.h"
 #include "util/safe_text.h"
 
@@ -67,4 +68,16 @@ std::unique_ptr<CReportSinks> ReportSinksOf(const CCommandLine& line) {
   for (const std::string& destination : line.Values("--report"))
     sinks->Add(MakeReportDestination(destination));
   return sinks;
+}
+
+std::optional<CTreeCheckResult> PendingFromService(CSession& session,
+                                                   const CRefPolicySettings& policy) {
+  try {
+    return AskPending(session, policy);
+  } catch (const std::runtime_error& e) {
+    std::cerr << "signdb: the watch service did not say what is pending in policy '"
+              << EscapedText(policy.name) << "' (" << EscapedText(e.what())
+              << "); walking the tree instead\n";
+    return std::nullopt;
+  }
 }

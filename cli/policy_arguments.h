@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -27,6 +28,11 @@ void ReportPolicyError(const CRefPolicySettings& policy, const CToolError& error
 
 // The exit status of several policies: an error over differences over nothing to report.
 int WorstStatus(int a, int b);
+
+// What the running watch service says is pending in the policy, when it keeps the policy; nothing
+// otherwise, or when it cannot answer (said on the standard error: the caller walks the tree).
+std::optional<CTreeCheckResult> PendingFromService(CSession& session,
+                                                   const CRefPolicySettings& policy);
 
 // Where a check's or an update's report goes: standard output (lines for people, or JSON lines
 // with --json) and every --report destination. Throws CToolError for a destination it does not

@@ -469,7 +469,7 @@ TEST_P(WatchTest, BadRequestsGetAClearErrorAndTheServiceGoesOn) {
             Ask("this is not json")->optValue<std::string>("error", ""));
   EXPECT_EQ("no policy named 'nope' is watched",
             Ask("{\"request\":\"show\",\"policy\":\"nope\",\"path\":\"x\"}")->optValue<std::string>("error", ""));
-  EXPECT_EQ("unknown request 'drop': status, lookup, show or list", Ask("{\"request\":\"drop\"}")->optValue<std::string>("error", ""));
+  EXPECT_EQ("unknown request 'drop': status, lookup, show, list or pending", Ask("{\"request\":\"drop\"}")->optValue<std::string>("error", ""));
   std::string huge = "{\"request\":\"" + std::string(CQueryServer::kLongestRequest + 10, 'x');
   EXPECT_EQ("request too long: at most 65536 bytes per line", Parse(AskService(Socket(), huge))->optValue<std::string>("error", ""));
   EXPECT_TRUE(Ask("{\"request\":\"status\"}")->optValue<bool>("ok", false));

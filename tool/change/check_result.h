@@ -14,4 +14,6 @@ struct CTreeCheckResult {
   uint64_t checked = 0;
   uint64_t bytes = 0;
   double seconds = 0;
+  // Read from the watch service's live record rather than from a walk of the disk.
+  bool from_live_record = false;
 };

@@ -26,6 +26,14 @@ enum class CPackageVerdict {
   kDiffersFromPackage,  // a file of a package whose content is not what the package holds
 };
 
+// Where the watch service says it after a change: whether the object now differs from what the
+// policy's baseline holds (pending until a person accepts it) or is as the baseline holds it again.
+enum class CBaselineVerdict {
+  kNotSaid,     // a check, an update, a diff: the difference is against the baseline itself
+  kPending,     // differs from the baseline
+  kAsBaseline,  // back to what the baseline holds: nothing to accept
+};
+
 struct CDifference {
   CChange change = CChange::kNew;
   std::string words;  // the report's words: "new", "gone", "renamed", or the headline of "changes"
@@ -39,6 +47,7 @@ struct CDifference {
   std::shared_ptr<CRefFileObjInfo> info;  // the object as it is now; null when gone
   CPackageVerdict package_verdict = CPackageVerdict::kNone;
   std::string package;  // "name version" of the package that owns it, when one does
+  CBaselineVerdict baseline = CBaselineVerdict::kNotSaid;
 
   // The state that describes the object in a report: the current one unless it is gone.
   const CObjectState& shown() const { return change == CChange::kGone ? recorded : current; }

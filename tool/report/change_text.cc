@@ -170,6 +170,9 @@ std::string DifferenceText(const CDifference& difference) {
       line += (i ? ", " : "") + difference.warnings[i];
     line += "]";
   }
+  if (difference.baseline == CBaselineVerdict::kPending) line += "  (pending)";
+  if (difference.baseline == CBaselineVerdict::kAsBaseline)
+    line += "  (as the baseline holds it: not pending)";
   return line;
 }
 
@@ -183,9 +186,15 @@ std::string UnreadableText(const std::string& relative_path, const std::string& 
 std::string SummaryText(const CReportSummary& summary, const CReportContext& context) {
   char seconds[32];
   std::snprintf(seconds, sizeof seconds, "%.2f", summary.seconds);
-  std::string line = "policy " + EscapedText(context.policy) + " (" + EscapedText(context.root) +
-                     "): checked " + GroupedNumber(summary.checked) + " objects (" +
-                     ByteSize(summary.bytes) + ") in " + seconds + " s: ";
+  std::string line =
+      "policy " + EscapedText(context.policy) + " (" + EscapedText(context.root) + "): ";
+  if (summary.from_live_record) {
+    line += "compared the watch service's live record (" + GroupedNumber(summary.checked) +
+            " objects) with the baseline in " + seconds + " s: ";
+  } else {
+    line += "checked " + GroupedNumber(summary.checked) + " objects (" + ByteSize(summary.bytes) +
+            ") in " + seconds + " s: ";
+  }
   if (summary.differences == 0) {
     line += "no differences";
   } else {

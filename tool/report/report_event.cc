@@ -125,6 +125,8 @@ std::string DifferenceJson(const CDifference& difference, const CReportContext& 
   line.String("change", difference.words);
   if (!difference.package.empty()) line.String("package", difference.package);
   line.Number("status", difference.status);
+  if (difference.baseline != CBaselineVerdict::kNotSaid)
+    line.Bool("pending", difference.baseline == CBaselineVerdict::kPending);
   if (difference.change == CChange::kRenamed) {
     SetName(line, "from", difference.from);
     SetName(line, "from_path", JoinedPath(context.root, difference.from));
@@ -198,7 +200,8 @@ std::string SummaryJson(const CReportSummary& summary, const CReportContext& con
   line.Open("summary").String("policy", context.policy).String("root", context.root);
   line.Number("checked", summary.checked).Number("bytes", summary.bytes).Raw("seconds", seconds);
   line.Number("differences", summary.differences).Number("unreadable", summary.unreadable);
-  line.Bool("accepted", summary.accepted).Open("changes");
+  line.Bool("accepted", summary.accepted);
+  line.String("source", summary.from_live_record ? "live-record" : "walk").Open("changes");
   for (const auto& [words, count] : summary.changes) line.Number(words, count);
   return line.Close().Close().Close().Take();
 }

@@ -8,6 +8,7 @@ CReportSummary CReportSummary::Of(const CTreeCheckResult& result, bool accepted)
   summary.differences = result.differences.size();
   summary.unreadable = result.unreadable.size();
   summary.accepted = accepted;
+  summary.from_live_record = result.from_live_record;
   for (const CDifference& difference : result.differences) ++summary.changes[difference.words];
   return summary;
 }

@@ -20,6 +20,7 @@ struct CReportSummary {
   size_t differences = 0;
   size_t unreadable = 0;
   bool accepted = false;                    // an update took the differences in
+  bool from_live_record = false;            // the watch service's record, not a walk, was read
   std::map<std::string, uint64_t> changes;  // how many of each kind, by the report's words
 
   static CReportSummary Of(const CTreeCheckResult& result, bool accepted);

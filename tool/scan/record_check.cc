@@ -15,6 +15,41 @@
 #include "tool/session/session.h"
 #include "util/text_conversion.h"
 
+std::optional<CDifference> DifferenceFromBaseline(CSession& session,
+                                                  const CRefPolicySettings& policy,
+                                                  const CJudge& judge, CHashDB& baseline,
+                                                  CHashDB& record, const std::string& relative) {
+  std::wstring full = session.WideFullPath(policy, relative);
+  std::optional<CObjectState> recorded = RecordedStateIfAny(baseline, full);
+  std::optional<CObjectState> now = RecordedStateIfAny(record, full);
+  if (!recorded && !now) return std::nullopt;
+  CObjectKind kind = now ? now->kind() : recorded->kind();
+  // What a walk no longer looks at is not reported (excluded since it was recorded).
+  const CPolicyRules& rules = judge.rules();
+  if (!relative.empty() && !rules.empty() && rules.ExcludedHereOrAbove(relative, kind)) {
+    return std::nullopt;
+  }
+  if (recorded) {
+    // A comparison leaves the other record's hash on the baseline's node as the one it carried
+    // over (a file changed back to it would check as unchanged); clearing the node's mark drops
+    // it, so that the check below compares with what the baseline holds.
+    baseline.Mark(true, full, false);
+  }
+  CRefHost& host = session.host();
+  std::wstring root = session.WideFullPath(policy, "");
+  if (!now) {
+    uint32_t status =
+        baseline.CheckObject(CRefFileObjInfo::Absent(*host.Utility(), *host.Cfg(), root, full));
+    if (status == kCheckUnchanged) return std::nullopt;
+    return judge.Gone(relative, *recorded, status);
+  }
+  std::shared_ptr<CRefFileObjInfo> info =
+      CRefFileObjInfo::FromRecord(*host.Utility(), *host.Cfg(), root, full, *now);
+  uint32_t status = baseline.CheckObject(info);
+  if (status == kCheckUnchanged) return std::nullopt;
+  return judge.Present(relative, recorded, info, status);
+}
+
 CTreeCheckResult CheckRecordAgainstBaseline(CSession& session, const CRefPolicySettings& policy,
                                             const std::shared_ptr<CHashDB>& baseline,
                                             const std::shared_ptr<CHashDB>& record) {
@@ -32,8 +67,6 @@ CTreeCheckResult CheckRecordAgainstBaseline(CSession& session, const CRefPolicyS
   for (const CPathEntryList* list : {&changed, &in_baseline_only, &in_record_only}) {
     for (const CPathEntry& entry : *list) paths.insert(WideToUtf8(entry.second));
   }
-  CRefHost& host = session.host();
-  std::wstring root = session.WideFullPath(policy, "");
   // A directory of the record where the baseline has a file: the comparison does not go below
   // it, and everything there is new.
   for (const CPathEntry& entry : in_baseline_only) {
@@ -43,39 +76,14 @@ CTreeCheckResult CheckRecordAgainstBaseline(CSession& session, const CRefPolicyS
     for (const CPathEntry& node : *below) paths.insert(WideToUtf8(node.second));
   }
 
-  const CPolicyRules& rules = session.Rules(policy);
-  CJudge judge(rules, session.settings().policy_number);
+  CJudge judge(session.Rules(policy), session.settings().policy_number);
   for (const std::string& relative : paths) {
-    std::wstring full = session.WideFullPath(policy, relative);
-    std::optional<CObjectState> recorded = RecordedStateIfAny(*baseline, full);
-    std::optional<CObjectState> now = RecordedStateIfAny(*record, full);
-    CObjectKind kind = now ? now->kind() : recorded ? recorded->kind() : CObjectKind::kFile;
-    // What a walk no longer looks at is not reported (excluded since it was recorded).
-    if (!relative.empty() && !rules.empty() && rules.ExcludedHereOrAbove(relative, kind)) continue;
-    if (recorded) {
-      // The comparison left the record's hash on the baseline's node as the one it carried over
-      // (a file changed back to it would check as unchanged); clearing the node's mark drops it,
-      // so that the check below compares with what the baseline holds.
-      baseline->Mark(true, full, false);
-    }
-    if (!now) {
-      if (!recorded) continue;
-      uint32_t status =
-          baseline->CheckObject(CRefFileObjInfo::Absent(*host.Utility(), *host.Cfg(), root, full));
-      if (status != kCheckUnchanged)
-        result.differences.push_back(judge.Gone(relative, *recorded, status));
-      continue;
-    }
-    std::shared_ptr<CRefFileObjInfo> info =
-        CRefFileObjInfo::FromRecord(*host.Utility(), *host.Cfg(), root, full, *now);
-    uint32_t status = baseline->CheckObject(info);
-    if (status == kCheckUnchanged) continue;
-    if (std::optional<CDifference> difference = judge.Present(relative, recorded, info, status)) {
-      result.differences.push_back(std::move(*difference));
-    }
+    std::optional<CDifference> difference =
+        DifferenceFromBaseline(session, policy, judge, *baseline, *record, relative);
+    if (difference) result.differences.push_back(std::move(*difference));
   }
   judge.Settle(result.differences);
-  ExplainByPackages(result.differences, policy, rules.dpkg_root(),
+  ExplainByPackages(result.differences, policy, session.Rules(policy).dpkg_root(),
                     session.Narrow(baseline->HdbFilePath(false)));
   result.seconds =
       std::chrono::duration<double>(std::chrono::steady_clock::now() - start_time).count();

@@ -1,10 +1,14 @@
 #pragma once
 
 #include <memory>
+#include <optional>
+#include <string>
 
 #include "tool/change/check_result.h"
 
 class CHashDB;
+class CJudge;
+struct CDifference;
 class CSession;
 struct CRefPolicySettings;
 
@@ -20,3 +24,11 @@ struct CRefPolicySettings;
 CTreeCheckResult CheckRecordAgainstBaseline(CSession& session, const CRefPolicySettings& policy,
                                             const std::shared_ptr<CHashDB>& baseline,
                                             const std::shared_ptr<CHashDB>& record);
+
+// How the object at "relative" in "record" differs from what "baseline" holds there, as the judge
+// says (its rules' exclusions included); nothing when it does not. One path of the above: the
+// watch service asks it of each change it applies, to say whether the change is pending.
+std::optional<CDifference> DifferenceFromBaseline(CSession& session,
+                                                  const CRefPolicySettings& policy,
+                                                  const CJudge& judge, CHashDB& baseline,
+                                                  CHashDB& record, const std::string& relative);

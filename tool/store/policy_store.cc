@@ -117,6 +117,21 @@ void CPolicyStore::Lock(CPolicyLock::CMode mode) {
   }
 }
 
+bool CPolicyStore::TryLock(CPolicyLock::CMode mode) {
+  if (lock_) {
+    Lock(mode);
+    return true;
+  }
+  try {
+    lock_ = std::make_unique<CPolicyLock>(hdb_, policy_.name, mode, false);
+  } catch (const CPolicyLockBusy&) {
+    return false;
+  } catch (const std::runtime_error& e) {
+    throw CToolError(e.what());
+  }
+  return true;
+}
+
 bool CPolicyStore::ChangeLock(CPolicyLock::CMode mode, bool wait) {
   if (!lock_) throw std::logic_error("a lock is changed only once it is held");
   try {

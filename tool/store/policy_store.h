@@ -79,6 +79,9 @@ class CPolicyStore {
   // for with options.wait_for_locks; otherwise CToolError names the holder. The watch service
   // locks its live record only, so the baseline is read and accepted into while it runs.
   void Lock(CPolicyLock::CMode mode);
+  // The same without ever waiting, whatever the options say: false when another process holds
+  // the lock in the way (a long-running reader that must not wait on a writer who asks it).
+  bool TryLock(CPolicyLock::CMode mode);
   // Turns the lock held into "mode"; without "wait", false when another process's lock stands in
   // the way (see CPolicyLock::Change).
   bool ChangeLock(CPolicyLock::CMode mode, bool wait);

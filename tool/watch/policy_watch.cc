@@ -12,6 +12,7 @@
 #include "refhost/ref_host.h"
 #include "tool/change/difference.h"
 #include "tool/change/object_state.h"
+#include "tool/common/exit_status.h"
 #include "tool/report/change_text.h"
 #include "tool/report/report_event.h"
 #include "tool/report/report_sink.h"
@@ -34,7 +35,9 @@ CPolicyWatch::CPolicyWatch(CSession& session, const CRefPolicySettings& policy,
       judge_(session.Rules(policy), session.settings().policy_number),
       rotations_(session.Rules(policy)),
       packages_(policy, session.Rules(policy).dpkg_root(),
-                session.Narrow(database_->HdbFilePath(false))) {
+                session.Narrow(database_->HdbFilePath(false))),
+      baseline_(session, policy),
+      started_(std::time(nullptr)) {
   std::string data = session_.DataFolder();
   std::string root = policy_.root;
   while (root.size() > 1 && root.back() == '/') root.pop_back();
@@ -58,7 +61,93 @@ std::wstring CPolicyWatch::Wide(const std::string& relative) {
   return session_.WideFullPath(policy_, relative);
 }
 
+void CPolicyWatch::RefreshBaseline() {
+  try {
+    baseline_.Refresh();
+    baseline_refusal_said_.clear();
+  } catch (const CToolError& e) {
+    if (baseline_refusal_said_ == e.what()) return;
+    baseline_refusal_said_ = e.what();
+    std::cerr << "signdb watch: " << EscapedText(e.what())
+              << "; every change stays pending until the baseline loads\n";
+  }
+  baseline_looked_at_ = CClock::now();
+}
+
+std::optional<CTreeCheckResult> CPolicyWatch::Pending() {
+  if (!baseline_.Refresh()) return std::nullopt;
+  if (!baseline_.refusal().empty()) throw CToolError(baseline_.refusal());
+  if (!baseline_.held()) {
+    throw CToolError("policy '" + policy_.name + "' has no baseline yet; run 'signdb scan " +
+                     policy_.name + "' first");
+  }
+  uint64_t changes = database_->ChangeCounter();
+  CTreeCheckResult result = baseline_.Pending(database_);
+  result.checked = nodes();
+  for (const auto& [path, reason] : unreadable_) result.unreadable.emplace_back(path, reason);
+  summary_.known = true;
+  summary_.error.clear();
+  summary_.count = result.differences.size();
+  summary_.since = PendingSince(result);
+  summary_.as_of = std::time(nullptr);
+  summary_changes_ = changes;
+  summary_generation_ = baseline_.generation();
+  summary_made_ = CClock::now();
+  return result;
+}
+
+const CPolicyWatch::CPendingSummary& CPolicyWatch::PendingSummary() {
+  RefreshBaseline();
+  bool new_baseline = baseline_.generation() != summary_generation_;
+  bool live_changed = database_->ChangeCounter() != summary_changes_;
+  if (!new_baseline && (!live_changed || CClock::now() - summary_made_ < std::chrono::seconds(1)))
+    return summary_;
+  try {
+    Pending();  // a writer holding the baseline leaves the last count
+  } catch (const std::exception& e) {
+    summary_ = CPendingSummary{};
+    summary_.error = e.what();
+    summary_generation_ = baseline_.generation();
+    summary_changes_ = database_->ChangeCounter();
+    summary_made_ = CClock::now();
+  }
+  return summary_;
+}
+
+std::time_t CPolicyWatch::PendingSince(const CTreeCheckResult& pending) {
+  std::map<std::string, std::time_t> kept;
+  std::time_t oldest = 0;
+  auto note = [&](const std::string& path) {
+    auto found = pending_since_.find(path);
+    std::time_t since = found != pending_since_.end() ? found->second : started_;
+    kept.emplace(path, since);
+    if (oldest == 0 || since < oldest) oldest = since;
+  };
+  for (const CDifference& difference : pending.differences) {
+    note(difference.path);
+    if (difference.change == CChange::kRenamed) note(difference.from);
+  }
+  pending_since_ = std::move(kept);  // what was accepted or changed back is forgotten
+  return oldest;
+}
+
+CBaselineVerdict CPolicyWatch::NoteVerdict(const std::string& relative) {
+  CBaselineVerdict verdict = baseline_.VerdictOf(judge_, *database_, relative);
+  if (verdict == CBaselineVerdict::kPending) {
+    pending_since_.emplace(relative, std::time(nullptr));
+  } else {
+    pending_since_.erase(relative);
+  }
+  return verdict;
+}
+
+void CPolicyWatch::NoteUnreadable(const std::string& relative, const std::string& reason) {
+  ++counters_.failures;
+  unreadable_[relative] = reason;
+}
+
 void CPolicyWatch::Start(bool force_inotify) {
+  RefreshBaseline();
   watcher_ = MakeTreeWatcher(
       policy_.root,
       [this](const std::string& relative, bool directory) { return Excluded(relative, directory); },
@@ -80,6 +169,8 @@ void CPolicyWatch::Reconcile() {
   ++counters_.reconciles;
   CTreeCheckResult result = CheckTree(session_, policy_, database_, true);
   ApplyDifferences(session_, policy_, *database_, result.differences);
+  unreadable_.clear();
+  for (const auto& [path, reason] : result.unreadable) unreadable_[path] = reason;
   // Judged, settled and explained by the walk already.
   for (const CDifference& difference : result.differences) Log(difference, "reconcile");
   counters_.applied += result.differences.size();
@@ -96,7 +187,7 @@ void CPolicyWatch::OnEvents() {
     try {
       Apply(event);
     } catch (const std::exception& e) {
-      ++counters_.failures;
+      NoteUnreadable(event.path, e.what());
       std::cerr << "signdb watch: " << policy_.name << ": " << EventKindName(event.kind) << " "
                 << EscapedText(event.path) << ": " << EscapedText(e.what()) << "\n";
     }
@@ -168,7 +259,7 @@ void CPolicyWatch::ApplyDue(CClock::time_point now, size_t most) {
                               : "attributes",
              queued.content);
     } catch (const std::exception& e) {
-      ++counters_.failures;
+      NoteUnreadable(path, e.what());
       std::cerr << "signdb watch: " << policy_.name << ": " << EscapedText(path) << ": "
                 << EscapedText(e.what()) << "\n";
     }
@@ -199,6 +290,7 @@ void CPolicyWatch::Record(const std::string& relative, bool content, const char*
   if (!content && recorded && !recorded->is_dir)
     known = CKnownContent{recorded->size, recorded->time_2, recorded->hash};
   std::shared_ptr<CRefFileObjInfo> info = Read(relative, known ? &*known : nullptr, likely_regular);
+  unreadable_.erase(relative);
   if (info->IsGone()) {
     if (recorded && !relative.empty())
       Removed(relative, *recorded, database_->CheckObject(info), event);
@@ -240,11 +332,17 @@ void CPolicyWatch::Report(CDifference difference, const char* event) {
   } catch (const std::exception& e) {  // reported without the packages' word rather than not at all
     std::cerr << "signdb watch: " << policy_.name << ": " << EscapedText(e.what()) << "\n";
   }
-  Log(difference, event);
+  Log(std::move(difference), event);
 }
 
-void CPolicyWatch::Log(const CDifference& difference, const char* event) {
+void CPolicyWatch::Log(CDifference difference, const char* event) {
   if (report_ == nullptr) return;
+  // An acceptance made meanwhile is seen before the change is said pending or not.
+  if (CClock::now() - baseline_looked_at_ > std::chrono::seconds(1)) RefreshBaseline();
+  difference.baseline = NoteVerdict(difference.path);
+  if (difference.change == CChange::kRenamed &&
+      NoteVerdict(difference.from) == CBaselineVerdict::kPending)
+    difference.baseline = CBaselineVerdict::kPending;
   CReportContext context =
       CReportContext::Make(policy_.name, policy_.root, "watch", session_.settings().policy_number);
   report_->Difference(difference, context, event);

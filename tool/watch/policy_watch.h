@@ -3,6 +3,8 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <ctime>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -13,6 +15,7 @@
 #include "tool/watch/batch_directories.h"
 #include "tool/watch/tree_watcher.h"
 #include "tool/watch/watch_event.h"
+#include "tool/watch/watched_baseline.h"
 #include "tool/watch/write_queue.h"
 
 class CReportSink;
@@ -77,6 +80,24 @@ class CPolicyWatch {
   // returns false when a reader of the saved files holds them (try again later).
   bool Save(bool always = false, bool wait = true);
 
+  // What differs between the live record and the baseline, as a check reports it, with the
+  // objects the service could not read; nothing while a writer holds the baseline (ask again).
+  // Throws CToolError when the baseline is refused or there is none.
+  std::optional<CTreeCheckResult> Pending();
+  // How many differences are pending, as of when, and since when the oldest of them is (the
+  // service's start for what it found pending as it started): for a status, counted again when
+  // the baseline changed, or the live record did and the count is a second old.
+  struct CPendingSummary {
+    bool known = false;
+    size_t count = 0;
+    std::time_t since = 0;  // 0: nothing pending
+    std::time_t as_of = 0;
+    std::string error;  // why it is not known (no baseline, or a refused one)
+  };
+  const CPendingSummary& PendingSummary();
+  // Loads the baseline again if an acceptance changed it; says on stderr when it is refused.
+  void RefreshBaseline();
+
   const CRefPolicySettings& policy() const { return policy_; }
   const std::shared_ptr<CHashDB>& database() const { return database_; }
   const CCounters& counters() const { return counters_; }
@@ -110,7 +131,13 @@ class CPolicyWatch {
   void Report(CDifference difference, const char* event);
   // Writes a change applied: its line on standard output, and to the change log with the event
   // that led to it.
-  void Log(const CDifference& difference, const char* event);
+  void Log(CDifference difference, const char* event);
+  // The time the oldest of "pending" was first seen by this service; 0 when nothing is pending.
+  std::time_t PendingSince(const CTreeCheckResult& pending);
+  // Whether the object at "relative" is pending now, and since when.
+  CBaselineVerdict NoteVerdict(const std::string& relative);
+  // An object that could not be read, until it is read again.
+  void NoteUnreadable(const std::string& relative, const std::string& reason);
   void Move(const std::string& from, const std::string& to, bool directory);
   // Moves the record at "from", with everything below it, to "to".
   void MoveRecord(const std::string& from, const std::string& to);
@@ -133,7 +160,17 @@ class CPolicyWatch {
   CJudge judge_;
   CLiveRotations rotations_;
   CPackageExplainer packages_;
-  uint64_t saved_changes_ = 0;  // the database's change count at the last save
+  CWatchedBaseline baseline_;
+  std::string baseline_refusal_said_;  // the refusal said last on stderr
+  CClock::time_point baseline_looked_at_{};
+  std::map<std::string, std::time_t> pending_since_;  // by path: first seen differing
+  std::time_t started_ = 0;
+  CPendingSummary summary_;
+  uint64_t summary_changes_ = ~0ull;     // the live record's change count it was made at
+  uint64_t summary_generation_ = ~0ull;  // and the baseline's
+  CClock::time_point summary_made_{};
+  std::map<std::string, std::string> unreadable_;  // by path: why it could not be read
+  uint64_t saved_changes_ = 0;                     // the database's change count at the last save
   CCounters counters_;
   std::vector<CWatchEvent> events_;  // reused between reads
 };

@@ -10,11 +10,13 @@
 #include "tool/report/hash_holders.h"
 #include "tool/report/recorded_listing.h"
 #include "tool/report/recorded_object_json.h"
+#include "tool/watch/pending_answer.h"
 #include "tool/watch/policy_watch.h"
 #include "tool/watch/query_protocol.h"
 #include "util/json_line.h"
 #include "util/relative_path.h"
 #include "util/text_conversion.h"
+#include "util/text_format.h"
 
 namespace {
 
@@ -44,6 +46,7 @@ std::string CQueryAnswers::Answer(const std::string& line) {
                          "no policy named '" + request.policy + "' is watched");
     }
     if (request.kind == "show") return Show(*watch, request.path);
+    if (request.kind == "pending") return Pending(*watch);
     return List(*watch, request.path, request.recursive);
   } catch (const std::exception& e) {
     return ErrorAnswer(CQueryCode::kFailed, e.what());
@@ -76,7 +79,20 @@ std::string CQueryAnswers::Status() {
     answer.Number("failures", counters.failures).Number("shrunk", counters.shrunk);
     answer.Number("unwatched", watch->unwatched())
         .Number("changes", watch->database()->ChangeCounter());
-    answer.String("last_save", counters.last_save).Close();
+    answer.String("last_save", counters.last_save);
+    const CPolicyWatch::CPendingSummary& pending = watch->PendingSummary();
+    if (pending.known) {
+      answer.Number("pending", pending.count);
+      if (pending.since != 0) {
+        answer.String("pending_since", IsoSecondsText(pending.since));
+      } else {
+        answer.Null("pending_since");
+      }
+      answer.String("pending_as_of", IsoSecondsText(pending.as_of));
+    } else {
+      answer.Null("pending").String("pending_error", pending.error);
+    }
+    answer.Close();
   }
   return answer.Close().Close().Take();
 }
@@ -105,6 +121,15 @@ std::string CQueryAnswers::List(CPolicyWatch& watch, const std::string& path, bo
     answer.Raw({}, ListedJson(object));
   }
   return answer.Close().Close().Take();
+}
+
+std::string CQueryAnswers::Pending(CPolicyWatch& watch) {
+  std::optional<CTreeCheckResult> pending = watch.Pending();
+  if (!pending) {
+    return ErrorAnswer(CQueryCode::kBusy, "the baseline of policy '" + watch.policy().name +
+                                              "' is being written; ask again");
+  }
+  return PendingAnswer(*pending);
 }
 
 std::string CQueryAnswers::Show(CPolicyWatch& watch, const std::string& path) {

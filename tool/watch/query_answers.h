@@ -7,7 +7,8 @@
 class CPolicyWatch;
 
 // What the watch service answers to a query (see query_protocol.h), read from the databases it
-// keeps: its status, the holders of a hash, one recorded object, a directory's listing.
+// keeps: its status, the holders of a hash, one recorded object, a directory's listing, and what
+// is pending.
 //
 // Not thread-safe: the service's one thread asks it, between its other work.
 class CQueryAnswers {
@@ -27,6 +28,8 @@ class CQueryAnswers {
   std::string Lookup(const std::string& hash);
   std::string Show(CPolicyWatch& watch, const std::string& path);
   std::string List(CPolicyWatch& watch, const std::string& path, bool recursive);
+  // What differs between the policy's live record and its baseline.
+  std::string Pending(CPolicyWatch& watch);
   CPolicyWatch* Find(const std::string& name);
 
   const std::vector<std::unique_ptr<CPolicyWatch>>& watches_;

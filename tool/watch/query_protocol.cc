@@ -58,11 +58,16 @@ CQueryRequest CQueryRequest::List(const std::string& policy, const std::string& 
   return CQueryRequest{"list", "", policy, path, recursive};
 }
 
+CQueryRequest CQueryRequest::Pending(const std::string& policy) {
+  return CQueryRequest{"pending", "", policy, "", false};
+}
+
 std::string CQueryRequest::Line() const {
   CJsonLine line;
   line.Open().String("request", kind);
   if (kind == "lookup") line.String("hash", hash);
   if (kind == "show" || kind == "list") line.String("policy", policy).String("path", path);
+  if (kind == "pending") line.String("policy", policy);
   if (kind == "list") line.Bool("recursive", recursive);
   return line.Close().Take();
 }
@@ -108,9 +113,10 @@ bool CQueryRequest::Read(const std::string& line, CQueryRequest& request, std::s
     return false;
   }
   if (request.kind != "status" && request.kind != "lookup" && request.kind != "show" &&
-      request.kind != "list") {
-    refusal = ErrorAnswer(CQueryCode::kUnknownRequest,
-                          "unknown request '" + request.kind + "': status, lookup, show or list");
+      request.kind != "list" && request.kind != "pending") {
+    refusal =
+        ErrorAnswer(CQueryCode::kUnknownRequest, "unknown request '" + request.kind +
+                                                     "': status, lookup, show, list or pending");
     return false;
   }
   if (request.kind == "lookup" && request.hash.empty()) {

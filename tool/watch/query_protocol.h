@@ -12,6 +12,7 @@
 //   {"request":"lookup","hash":H}
 //   {"request":"show","policy":P,"path":R}      R relative to the policy's root, "" the root
 //   {"request":"list","policy":P,"path":R,"recursive":B}
+//   {"request":"pending","policy":P}            what differs from the baseline (pending_answer.h)
 //
 // An answer is {"ok":true,...} or {"ok":false,"code":C,"error":REASON}: clients decide by the
 // code, people read the reason.
@@ -30,7 +31,7 @@ enum class CQueryCode {
 std::string ServiceSocketOf(const std::string& data_folder);
 
 struct CQueryRequest {
-  std::string kind;  // status, lookup, show or list
+  std::string kind;  // status, lookup, show, list or pending
   std::string hash;
   std::string policy;
   std::string path;
@@ -40,6 +41,7 @@ struct CQueryRequest {
   static CQueryRequest Lookup(const std::string& hash);
   static CQueryRequest Show(const std::string& policy, const std::string& path);
   static CQueryRequest List(const std::string& policy, const std::string& path, bool recursive);
+  static CQueryRequest Pending(const std::string& policy);
 
   // The request as one line (no newline).
   std::string Line() const;
