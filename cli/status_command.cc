@@ -32,6 +32,21 @@ std::string FileTimeText(const std::string& path) {
   return IsoSecondsText(status.st_mtime);
 }
 
+// How many changes are pending in a policy the service keeps, and since when.
+std::string PendingText(const Poco::JSON::Object& policy) {
+  if (policy.isNull("pending")) {
+    return "pending: not known (" + EscapedText(policy.optValue<std::string>("pending_error", "")) +
+           ")";
+  }
+  uint64_t count = policy.optValue<uint64_t>("pending", 0);
+  std::string as_of = policy.optValue<std::string>("pending_as_of", "");
+  if (count == 0)
+    return "nothing pending: the live record is what the baseline holds (" + as_of + ")";
+  return GroupedNumber(count) + (count == 1 ? " change" : " changes") + " pending since " +
+         policy.optValue<std::string>("pending_since", "") + " (as of " + as_of +
+         "): 'signdb check' lists them, 'signdb update' accepts them";
+}
+
 int PrintServiceStatus(const CQueryAnswer& answer, bool json) {
   if (json) {
     std::cout << answer.line << "\n";
@@ -61,6 +76,7 @@ int PrintServiceStatus(const CQueryAnswer& answer, bool json) {
               << policy->optValue<uint64_t>("lost", 0) << " lost, "
               << policy->optValue<uint64_t>("failures", 0) << " failures; last saved "
               << (saved.empty() ? std::string("never") : saved) << "\n";
+    std::cout << "  " << PendingText(*policy) << "\n";
   }
   return kExitOk;
 }

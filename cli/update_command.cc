@@ -7,6 +7,7 @@
 #include <cctype>
 #include <cstdint>
 #include <iostream>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -23,6 +24,7 @@
 #include "tool/scan/difference_apply.h"
 #include "tool/scan/tree_check.h"
 #include "tool/session/session.h"
+#include "tool/watch/query_protocol.h"
 #include "util/relative_path.h"
 #include "util/safe_text.h"
 
@@ -80,6 +82,19 @@ void RequireEveryNameMatches(const CRefPolicySettings& policy,
   }
 }
 
+// Lets the watch service take the new baseline before the update ends, so that what it says is
+// pending from then on (a check, its status) no longer holds what was accepted: the lock turns
+// shared, which lets the service read the baseline, and its status is asked (which reads it).
+void TellServiceOfNewBaseline(CSession& session, const CRefPolicySettings& policy) {
+  session.Store(policy).ChangeLock(CPolicyLock::CMode::kShared, true);
+  try {
+    AskRunningWatchService(session.DataFolder(), CQueryRequest::Status(), 30000);
+  } catch (const std::runtime_error& e) {
+    std::cerr << "signdb: the watch service did not answer after the update ("
+              << EscapedText(e.what()) << "); it takes the new baseline when it next looks\n";
+  }
+}
+
 // Asks on the terminal, difference by difference, which to accept; removes the others and
 // returns how many.
 size_t AskEach(std::vector<CDifference>& differences) {
@@ -122,9 +137,21 @@ size_t AskEach(std::vector<CDifference>& differences) {
 int UpdatePolicy(CSession& session, const CRefPolicySettings& policy, const CCommandLine& line,
                  const std::vector<std::string>& only, const std::vector<std::string>& except,
                  CReportSink& report) {
-  CPolicyCheck check = CheckPolicy(session, policy, line.Has("--quiet"), true);
-  const std::shared_ptr<CHashDB>& database = check.database;
-  CTreeCheckResult& result = check.result;
+  // While the watch service keeps the policy, what is accepted is what its live record holds,
+  // exactly as the service shows it; otherwise (or with --walk) the tree is walked.
+  session.Store(policy).Lock(CPolicyLock::CMode::kExclusive);
+  std::optional<CTreeCheckResult> pending;
+  if (!line.Has("--walk")) pending = PendingFromService(session, policy);
+  std::shared_ptr<CHashDB> database;
+  CTreeCheckResult result;
+  if (pending) {
+    database = session.Store(policy).Load();
+    result = std::move(*pending);
+  } else {
+    CPolicyCheck check = CheckPolicy(session, policy, line.Has("--quiet"), true);
+    database = std::move(check.database);
+    result = std::move(check.result);
+  }
   // Only what was named (a rename counts by its new and its old path), and nothing excepted.
   size_t left = 0;
   RequireEveryNameMatches(policy, result.differences, only, "");
@@ -155,8 +182,10 @@ int UpdatePolicy(CSession& session, const CRefPolicySettings& policy, const CCom
       JournalEntryOf(line, result.differences.empty() ? "bind" : "accept", policy);
   entry.changes = JournalChangesOf(result.differences);
   // --bind saves even an unchanged tree: that is how a database gets its policy binding.
-  if (!result.differences.empty() || line.Has("--bind"))
+  if (!result.differences.empty() || line.Has("--bind")) {
     saved = session.Store(policy).Save(database, &entry);
+    if (result.from_live_record) TellServiceOfNewBaseline(session, policy);
+  }
   CReportContext context =
       CReportContext::Make(policy.name, policy.root, "update", session.settings().policy_number);
   SendCheckResult(report, result, context, true);
@@ -185,7 +214,7 @@ int UpdatePolicy(CSession& session, const CRefPolicySettings& policy, const CCom
 int RunUpdate(const CCommandLine& line) {
   RequireShape(line,
                {"--json", "--bind", "--sign-later", "--all", "--except", "--report", "--packages",
-                "--interactive"},
+                "--interactive", "--walk"},
                0, SIZE_MAX);
   if (line.Has("--interactive") && (::isatty(0) == 0 || line.Has("--json"))) {
     throw CToolError("update -i asks on a terminal: run it on one, without --json");

@@ -540,6 +540,86 @@ TEST_P(WatchTest, AChangeIsPendingUntilAcceptedWhileTheServiceRunsAndNotOnceChan
   EXPECT_THAT(LineAbout(after, "etc/motd"), StartsWith("hash changed"));
 }
 
+// While the service runs, check reads what is pending from it (the same lines a walk gives, at
+// once); --walk walks the disk as without a service.
+TEST_P(WatchTest, WhileItRunsCheckAnswersFromTheLiveRecordAndWalkStillWalksTheDisk) {
+  ScanSample();
+  Start();
+  Write("etc/hosts", "10.6.6.6 intruder\n");
+  ASSERT_TRUE(EventuallyRecorded("etc/hosts", Sha256("10.6.6.6 intruder\n")));
+  CToolRun live = Tool("check t");
+  EXPECT_EQ(1, live.status) << live.out << live.err;
+  EXPECT_THAT(LineAbout(live, "etc/hosts"), StartsWith("hash changed"));
+  EXPECT_THAT(live.out, HasSubstr("compared the watch service's live record ("));
+  CToolRun walked = Tool("check t --walk");
+  EXPECT_EQ(1, walked.status);
+  EXPECT_EQ(LineAbout(walked, "etc/hosts"), LineAbout(live, "etc/hosts"));
+  EXPECT_THAT(walked.out, Not(HasSubstr("live record")));
+  CToolRun json = Tool("check t --json");
+  Poco::JSON::Object::Ptr summary = Parse(json.OutLines().back())->getObject("summary");
+  ASSERT_TRUE(summary) << json.out;
+  EXPECT_EQ("live-record", summary->optValue<std::string>("source", ""));
+  EXPECT_EQ("walk", Parse(Tool("check t --walk --json").OutLines().back())
+                        ->getObject("summary")
+                        ->optValue<std::string>("source", ""));
+}
+
+// A file changed and changed back (its rules look at its content only) is pending, then not:
+// the service says so on each line it logs, its status counts it, and check finds nothing.
+TEST_P(WatchTest, AChangeChangedBackIsNoLongerPendingAndTheServiceSaysSo) {
+  ScanSample();
+  EditFirstPolicy(config_, [](Poco::JSON::Object::Ptr policy) {
+    policy->set("rules", Poco::JSON::Parser()
+                             .parse(R"([{"path":"etc/hosts","check":"content"}])")
+                             .extract<Poco::JSON::Array::Ptr>());
+  });
+  Start();
+  auto pending = [&] { return Ask("{\"request\":\"status\"}")->getArray("policies")->getObject(0); };
+  EXPECT_EQ(0u, pending()->optValue<uint64_t>("pending", 99));
+  EXPECT_TRUE(pending()->isNull("pending_since"));
+  Write("etc/hosts", "10.6.6.6 intruder\n");
+  ASSERT_TRUE(Eventually([&] { return !Logged("etc/hosts").isNull(); }));
+  EXPECT_TRUE(Logged("etc/hosts")->getObject("signdb")->getValue<bool>("pending"));
+  EXPECT_TRUE(Eventually([&] { return pending()->optValue<uint64_t>("pending", 0) == 1; }, 3s));
+  EXPECT_FALSE(pending()->isNull("pending_since"));
+  Write("etc/hosts", "127.0.0.1 localhost\n");
+  ASSERT_TRUE(Eventually([&] { return !Logged("etc/hosts")->getObject("signdb")->getValue<bool>("pending"); }));
+  EXPECT_THAT(CTempDir::Read(dir_ / "watch.out"), HasSubstr("(as the baseline holds it: not pending)"));
+  EXPECT_TRUE(Eventually([&] { return pending()->optValue<uint64_t>("pending", 99) == 0; }, 3s));
+  CToolRun check = Tool("check t");
+  EXPECT_EQ(0, check.status) << check.out << check.err;
+}
+
+// What was pending when the service started is counted in its status; an update accepts exactly
+// what it names, and the count and check shrink by exactly that, at once.
+TEST_P(WatchTest, AnUpdateWhileItRunsShrinksWhatIsPendingByExactlyWhatItAccepted) {
+  ScanSample();
+  Write("etc/motd", "changed before the start\n");
+  Write("etc/new.conf", "x=1\n");
+  ASSERT_EQ(0, ::chmod(Tree("bin/tool").c_str(), 04755));
+  Start();
+  CToolRun before = Tool("check t");
+  EXPECT_EQ(1, before.status) << before.out << before.err;
+  size_t listed = before.OutLines().size() - 1;  // without the summary
+  Poco::JSON::Object::Ptr status = Ask("{\"request\":\"status\"}")->getArray("policies")->getObject(0);
+  EXPECT_EQ(listed, status->optValue<uint64_t>("pending", 0)) << before.out;
+  EXPECT_FALSE(status->isNull("pending_since"));
+  EXPECT_THAT(Tool("status").out, HasSubstr(std::to_string(listed) + " changes pending since "));
+  CToolRun update = Tool("update t bin/tool");
+  EXPECT_EQ(0, update.status) << update.out << update.err;
+  // Said at once, without waiting for the service to look again.
+  status = Ask("{\"request\":\"status\"}")->getArray("policies")->getObject(0);
+  EXPECT_EQ(listed - 1, status->optValue<uint64_t>("pending", 0));
+  CToolRun after = Tool("check t");
+  EXPECT_EQ(listed - 1, after.OutLines().size() - 1) << after.out;
+  EXPECT_EQ("", LineAbout(after, "bin/tool"));
+  EXPECT_THAT(LineAbout(after, "etc/motd"), StartsWith("hash changed"));
+  EXPECT_THAT(LineAbout(after, "etc/new.conf"), StartsWith("new"));
+  // The baseline now holds the mode the service showed.
+  CToolRun walked = Tool("check t --walk");
+  EXPECT_EQ("", LineAbout(walked, "bin/tool")) << walked.out;
+}
+
 TEST_P(WatchTest, AtStartItWaitsForAWriterOfTheBaselineInsteadOfGivingUp) {
   ScanSample();
   int lock_fd = HoldLock("t.hdb", true);
