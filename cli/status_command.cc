@@ -57,8 +57,9 @@ int PrintServiceStatus(const CQueryAnswer& answer, bool json) {
   std::cout << "watch service: process " << status->optValue<int>("pid", 0)
             << "; changes logged to "
             << EscapedText(status->optValue<std::string>("change_log", ""))
-            << (status->optValue<bool>("system_log", false)
-                    ? " and the system log"
+            << (status->optValue<bool>("system_log", false) ? " and the system log"
+                : status->optValue<std::string>("change_lines", "") == "journal"
+                    ? " and standard output (the journal under systemd)"
                     : " only (no system log listens at /dev/log)")
             << "\n";
   Poco::JSON::Array::Ptr policies = status->getArray("policies");

@@ -18,6 +18,7 @@
 #include "hashdb/hash_db.h"
 #include "tool/common/exit_status.h"
 #include "tool/session/session.h"
+#include "tool/session/watch_settings.h"
 #include "tool/store/service_lock.h"
 #include "tool/store/signer_keys.h"
 #include "tool/watch/watch_service.h"
@@ -119,7 +120,8 @@ int RunWatch(const CCommandLine& line) {
   // A check or scan that runs as the service starts (a daily timer, say) is waited for: a service
   // that gave up would not be started again.
   session.WaitForLocks();
-  CWatchService service(session, std::chrono::seconds(save_period), line.Has("--inotify"));
+  CWatchService service(session, std::chrono::seconds(save_period), line.Has("--inotify"),
+                        ReadWatchSettings(session.config_path()).change_lines);
   for (const CRefPolicySettings* policy : policies) {
     session.RequireRoot(*policy);
     {

@@ -40,6 +40,15 @@ void EditFirstPolicy(const std::string& config_path, const CEdit& edit) {
   std::ofstream(config_path, std::ios::trunc) << text.str() << "\n";
 }
 
+// Sets a member of a JSON configuration's top level in place.
+inline void SetConfigMember(const std::string& config_path, const std::string& key, const std::string& json) {
+  Poco::JSON::Object::Ptr config = ParseJson(CTempDir::Read(config_path));
+  config->set(key, Poco::JSON::Parser().parse(json));
+  std::ostringstream text;
+  config->stringify(text, 2);
+  std::ofstream(config_path, std::ios::trunc) << text.str() << "\n";
+}
+
 inline std::string Action(const Poco::JSON::Object::Ptr& line) {
   return line->getObject("event")->getValue<std::string>("action");
 }

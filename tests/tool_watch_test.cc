@@ -290,6 +290,39 @@ TEST_P(WatchTest, WhereTheChangesGoIsSaidAtStartAndInTheStatusNeverSilentlyNowhe
   EXPECT_EQ(!listened, out.find("no system log listens at /dev/log") != std::string::npos) << out;
 }
 
+// The configuration says where change lines go besides the change log: the journal (standard
+// output, under systemd), the system log, or both; a system log asked for and absent is said,
+// and standard output takes the lines instead.
+TEST_P(WatchTest, WhereChangeLinesGoIsTheConfigurationsChoiceAndNeverNowhere) {
+  ScanSample();
+  SetConfigMember(config_, "watch", R"({"change_lines":"journal"})");
+  Start();
+  Poco::JSON::Object::Ptr status = Ask("{\"request\":\"status\"}");
+  EXPECT_EQ("journal", status->optValue<std::string>("change_lines", ""));
+  EXPECT_FALSE(status->optValue<bool>("system_log", true)) << "not asked for";
+  EXPECT_TRUE(status->optValue<bool>("standard_output", false));
+  EXPECT_THAT(Tool("status").out, HasSubstr(" and standard output (the journal under systemd)"));
+  Write("etc/hosts", "10.6.6.6 intruder\n");
+  EXPECT_TRUE(Eventually([&] {
+    return CTempDir::Read(dir_ / "watch.out").find("etc/hosts") != std::string::npos;
+  }));
+  EXPECT_EQ(0, Stop());
+
+  SetConfigMember(config_, "watch", R"({"change_lines":"system-log"})");
+  Start();
+  status = Ask("{\"request\":\"status\"}");
+  bool listened = ::access("/dev/log", W_OK) == 0;
+  EXPECT_EQ(listened, status->optValue<bool>("system_log", !listened));
+  EXPECT_EQ(!listened, status->optValue<bool>("standard_output", listened)) << "never nowhere";
+  EXPECT_EQ(0, Stop());
+
+  SetConfigMember(config_, "watch", R"({"change_lines":"syslog"})");
+  CToolRun refused = Tool("watch");
+  EXPECT_EQ(2, refused.status) << refused.out << refused.err;
+  EXPECT_THAT(refused.err, HasSubstr("\"change_lines\""));
+  EXPECT_THAT(refused.err, HasSubstr("not \"syslog\""));
+}
+
 TEST_P(WatchTest, TheServicesStartAndStopAreJournalledBesideTheAcceptancesAndTheBaselineStillLoads) {
   ScanSample();
   Write("etc/motd", "changed before the start\n");

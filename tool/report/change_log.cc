@@ -31,7 +31,7 @@ CChangeLog::CChangeLog(std::string path, uint64_t rotate_at, const std::string& 
   struct stat status {};
   if (::fstat(fd_, &status) == 0) size_ = static_cast<uint64_t>(status.st_size);
   // The system log where something listens for it (the journal, a syslog daemon).
-  if (CSystemLog::Listens(system_log)) {
+  if (!system_log.empty() && CSystemLog::Listens(system_log)) {
     try {
       system_log_ = std::make_unique<CSystemLog>(system_log);
     } catch (const std::exception&) {

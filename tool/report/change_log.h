@@ -26,7 +26,8 @@ class CChangeLog : public CReportSink {
   static constexpr const char* kSystemLog = "/dev/log";
 
   // Opens (or creates, owner-only) "path" for appending, and the system log at "system_log" when
-  // something listens there. Throws std::runtime_error when the file cannot be opened.
+  // something listens there ("" for none). Throws std::runtime_error when the file cannot be
+  // opened.
   explicit CChangeLog(std::string path, uint64_t rotate_at = kRotateAt,
                       const std::string& system_log = kSystemLog);
   ~CChangeLog() override;

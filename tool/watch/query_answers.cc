@@ -67,6 +67,8 @@ std::string CQueryAnswers::Status() {
       .Number("pid", static_cast<uint64_t>(::getpid()))
       .String("change_log", change_log_)
       .Bool("system_log", system_log_)
+      .Bool("standard_output", standard_output_)
+      .String("change_lines", change_lines_)
       .OpenArray("policies");
   for (const auto& watch : watches_) {
     const CPolicyWatch::CCounters& counters = watch->counters();

@@ -13,11 +13,16 @@ class CPolicyWatch;
 // Not thread-safe: the service's one thread asks it, between its other work.
 class CQueryAnswers {
  public:
-  // "change_log": where the service logs its changes; "system_log": whether they reach the system
-  // log too (a status says so).
+  // "change_log": where the service logs its changes; "system_log" and "standard_output": whether
+  // they reach the system log and standard output too; "change_lines": what the configuration
+  // asked (a status says all of it).
   CQueryAnswers(const std::vector<std::unique_ptr<CPolicyWatch>>& watches, std::string change_log,
-                bool system_log)
-      : watches_(watches), change_log_(std::move(change_log)), system_log_(system_log) {}
+                bool system_log, bool standard_output, std::string change_lines)
+      : watches_(watches),
+        change_log_(std::move(change_log)),
+        system_log_(system_log),
+        standard_output_(standard_output),
+        change_lines_(std::move(change_lines)) {}
 
   // One request line (which may be anything a client sent) → one answer line.
   std::string Answer(const std::string& line);
@@ -35,4 +40,6 @@ class CQueryAnswers {
   const std::vector<std::unique_ptr<CPolicyWatch>>& watches_;
   std::string change_log_;
   bool system_log_;
+  bool standard_output_;
+  std::string change_lines_;
 };

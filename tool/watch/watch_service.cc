@@ -31,13 +31,17 @@ constexpr std::chrono::milliseconds kSaveRetry{200};
 }  // namespace
 
 CWatchService::CWatchService(CSession& session, std::chrono::seconds save_period,
-                             bool force_inotify)
+                             bool force_inotify, CChangeLines change_lines)
     : session_(session),
       save_period_(save_period),
       force_inotify_(force_inotify),
-      log_(session.DataFolder() + "/watch-changes.ndjson"),
+      log_(session.DataFolder() + "/watch-changes.ndjson", CChangeLog::kRotateAt,
+           change_lines == CChangeLines::kJournal ? std::string() : CChangeLog::kSystemLog),
+      change_lines_(change_lines),
       lines_(std::cout) {
-  report_.Add(lines_);
+  // Standard output when asked for, and whenever the system log asked for is not there.
+  to_standard_output_ = change_lines != CChangeLines::kSystemLog || !log_.reaches_system_log();
+  if (to_standard_output_) report_.Add(lines_);
   report_.Add(log_);
 }
 
@@ -79,7 +83,8 @@ void CWatchService::Run(const sigset_t& stop_signals) {
                 "; the start-up reconcile took in " + std::to_string(taken_in) +
                 (taken_in == 1 ? " change" : " changes") + ", none accepted");
   }
-  CQueryAnswers answers(watches_, log_.path(), log_.reaches_system_log());
+  CQueryAnswers answers(watches_, log_.path(), log_.reaches_system_log(), to_standard_output_,
+                        ChangeLinesName(change_lines_));
   CQueryServer server(ServiceSocketOf(session_.DataFolder()),
                       [&answers](const std::string& request) { return answers.Answer(request); });
   auto add = [epoll_fd](int fd, uint64_t tag) {
@@ -99,9 +104,14 @@ void CWatchService::Run(const sigset_t& stop_signals) {
     std::cout << "watching policy " << watch->policy().name << " ("
               << EscapedText(watch->policy().root) << ") with " << watch->watcher_kind() << "\n";
   }
-  if (!log_.reaches_system_log()) {
+  // Where the change lines go is said once, at start: never silently nowhere.
+  if (change_lines_ != CChangeLines::kJournal && !log_.reaches_system_log()) {
     std::cout << "no system log listens at /dev/log: changes go to " << log_.path()
               << " and to standard output only\n";
+  } else {
+    std::cout << "changes go to " << log_.path() << (to_standard_output_ ? ", standard output" : "")
+              << (log_.reaches_system_log() ? " and the system log" : "") << " (change_lines "
+              << ChangeLinesName(change_lines_) << ")\n";
   }
   std::cout << "queries at " << server.path() << std::endl;
 

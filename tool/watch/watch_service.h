@@ -9,6 +9,7 @@
 #include "tool/report/change_log.h"
 #include "tool/report/report_sink.h"
 #include "tool/report/stream_sinks.h"
+#include "tool/session/watch_settings.h"
 #include "tool/store/accept_journal.h"
 
 class CHashDB;
@@ -21,7 +22,10 @@ struct CRefPolicySettings;
 // stop signals). Every change it applies goes to the change log in the data folder.
 class CWatchService {
  public:
-  CWatchService(CSession& session, std::chrono::seconds save_period, bool force_inotify);
+  // "change_lines": where each change's line goes besides the change log (never nowhere: without
+  // a system log, standard output takes them).
+  CWatchService(CSession& session, std::chrono::seconds save_period, bool force_inotify,
+                CChangeLines change_lines);
   ~CWatchService();
   CWatchService(const CWatchService&) = delete;
   CWatchService& operator=(const CWatchService&) = delete;
@@ -49,7 +53,9 @@ class CWatchService {
   std::chrono::seconds save_period_;
   bool force_inotify_;
   CChangeLog log_;
-  CTextSink lines_;      // each change's line on standard output (the journal under systemd)
+  CChangeLines change_lines_;
+  CTextSink lines_;  // each change's line on standard output (the journal under systemd)
+  bool to_standard_output_ = false;
   CReportSinks report_;  // both
   std::vector<std::unique_ptr<CPolicyWatch>> watches_;
   std::vector<CJournalEntry> journal_entries_;  // for each watch
