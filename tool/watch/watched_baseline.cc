@@ -1,5 +1,6 @@
 #include "tool/watch/watched_baseline.h"
 
+#include <malloc.h>
 #include <sys/stat.h>
 
 #include <string>
@@ -62,6 +63,9 @@ bool CWatchedBaseline::Refresh() {
   }
   refusal_.clear();
   identity_ = identity;
+  // The load's buffers (the file read whole, the pieces each worker parsed) are free now: given
+  // back, so that a long-running service does not keep a second file's worth of them.
+  ::malloc_trim(0);
   return true;
 }
 
