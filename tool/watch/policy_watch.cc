@@ -132,6 +132,8 @@ std::time_t CPolicyWatch::PendingSince(const CTreeCheckResult& pending) {
 }
 
 CBaselineVerdict CPolicyWatch::NoteVerdict(const std::string& relative) {
+  // Without a baseline everything is pending, since the service started: nothing to remember.
+  if (!baseline_.held()) return CBaselineVerdict::kPending;
   CBaselineVerdict verdict = baseline_.VerdictOf(judge_, *database_, relative);
   if (verdict == CBaselineVerdict::kPending) {
     pending_since_.emplace(relative, std::time(nullptr));
