@@ -1,5 +1,7 @@
-// signdb update POLICY: takes the tree as it is now into the policy's database: what changed or is
-// new is recorded anew, what is gone is removed, and the database is saved.
+// signdb update POLICY [PATH...]: accepts what is pending into the policy's baseline (what changed
+// or is new is recorded anew, what is gone is removed), signs and saves it, and journals who
+// accepted what. What is pending comes from the watch service's live record while it keeps the
+// policy, else from a walk of the tree.
 
 #include <unistd.h>
 
