@@ -104,12 +104,29 @@ class ToolTest : public ::testing::Test {
   }
 
   // The report line about "path" (the words come first, the path after them), or "".
+  // The report line about "path" without its severity column (its first 10 characters), or "".
   static std::string LineAbout(const CToolRun& run, const std::string& path) {
     for (const std::string& line : run.OutLines()) {
-      std::istringstream words(line.substr(std::min<size_t>(28, line.size())));
+      if (line.size() < 10) continue;
+      std::string rest = line.substr(10);
+      std::istringstream words(rest.substr(std::min<size_t>(28, rest.size())));
       std::string first;
       words >> first;
-      if (first == path) return line;
+      if (first == path) return rest;
+    }
+    return std::string();
+  }
+  // The severity a report gives the line about "path", or "".
+  static std::string SeverityAbout(const CToolRun& run, const std::string& path) {
+    for (const std::string& line : run.OutLines()) {
+      if (line.size() < 10) continue;
+      std::istringstream words(line.substr(std::min<size_t>(38, line.size())));
+      std::string first;
+      words >> first;
+      if (first == path) {
+        std::string severity = line.substr(0, 9);
+        return severity.substr(0, severity.find(' '));
+      }
     }
     return std::string();
   }

@@ -177,14 +177,14 @@ TEST_P(JudgeTest, TheSameChangesReadTheSameFromACheckAndFromTheService) {
   lines.pop_back();  // the summary
   ASSERT_EQ(checked.size(), lines.size());
   for (const std::string& line : lines) {
-    std::string path = line.substr(28, line.find(' ', 28) - 28);
+    std::string path = line.substr(38, line.find(' ', 38) - 38);
     std::string last;
     for (std::string said : service.OutLines()) {
       const std::string pending = "  (pending)";
       if (said.size() > pending.size() && said.compare(said.size() - pending.size(), pending.size(), pending) == 0)
         said.resize(said.size() - pending.size());
-      if (said.size() > 28 && said.compare(28, path.size() + 1, path + " ") == 0) last = said;
-      if (said.size() > 28 && said.compare(28, std::string::npos, path) == 0) last = said;
+      if (said.size() > 38 && said.compare(38, path.size() + 1, path + " ") == 0) last = said;
+      if (said.size() > 38 && said.compare(38, std::string::npos, path) == 0) last = said;
     }
     EXPECT_EQ(line, last);
   }

@@ -13,6 +13,8 @@
 
 #include "util/account_names.h"
 #include "tool/report/change_text.h"
+#include "tool/judge/severity.h"
+#include "tool/rules/policy_rules.h"
 #include "tool/watch/query_protocol.h"
 #include "tool/watch/batch_directories.h"
 #include "tool/report/change_log.h"
@@ -31,6 +33,7 @@
 
 namespace {
 
+using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 
@@ -114,7 +117,7 @@ TEST(ToolDifferences, EveryDifferenceIsNamedWithItsOldAndNewValueMostImportantFi
   CDifference difference = DescribeRecorded(CChange::kChanged, "bin/su", &before, &after);
   EXPECT_EQ(difference.words, "owner changed");
   EXPECT_EQ(DifferenceText(difference),
-            "owner changed               bin/su  owner root (0) -> " +
+            "medium    owner changed               bin/su  owner root (0) -> " +
                 (UserName(65534).empty() ? std::string("65534") : UserName(65534) + " (65534)") +
                 "; mode -rw-r--r-- (0644) -> -rwsr-xr-x (4755); status changed 1970-01-01 00:00:01.000000000 UTC"
                 " -> 1970-01-01 00:00:02.000000000 UTC");
@@ -189,14 +192,14 @@ TEST(ToolDifferences, ANewObjectShowsWhatItIsAndFlagsWhatStandsOut) {
   CObjectState state = FileState(04777, "caps=cap_net_raw=ep gid=0 inode=7 mode=4777 nlink=1 uid=0");
   CDifference created = DescribeRecorded(CChange::kNew, "bin/x", nullptr, &state);
   EXPECT_EQ(DifferenceText(created),
-            "new                         bin/x  kind file; mode -rwsrwxrwx (4777); owner root (0); group root (0); "
+            "medium    new                         bin/x  kind file; mode -rwsrwxrwx (4777); owner root (0); group root (0); "
             "capabilities cap_net_raw=ep; hash ab  [setuid, world-writable, capabilities]");
 }
 
 TEST(ToolDifferences, ANewObjectWithAnAclShowsItsEntries) {
   CObjectState state = FileState(0664, "acl.access=u::rw-,u:1000:rw-,g::r--,m::rw-,o::r-- gid=0 mode=0664 uid=0");
   EXPECT_EQ(DifferenceText(DescribeRecorded(CChange::kNew, "x", nullptr, &state)),
-            "new                         x  kind file; mode -rw-rw-r-- (0664); owner root (0); group root (0); "
+            "medium    new                         x  kind file; mode -rw-rw-r-- (0664); owner root (0); group root (0); "
             "acl u::rw-,u:1000:rw-,g::r--,m::rw-,o::r--; hash ab");
 }
 
@@ -592,4 +595,80 @@ TEST(QueryProtocolTest, AClientDecidesByTheCodeNotByTheReason) {
   EXPECT_THROW(CQueryAnswer::Read("not json"), std::runtime_error);
   EXPECT_EQ("{\"path\":\"a\"}",
             CQueryAnswer::Read("{\"ok\":true,\"object\":{\"path\":\"a\"}}").RawObject());
+}
+
+namespace {
+
+// A difference as the judge grades it, with every aspect reported.
+CDifference Graded(CChange change, const std::string& full_path, const CObjectState* before,
+                   const CObjectState* after) {
+  CDifference difference = DescribeRecorded(change, full_path.substr(1), before, after);
+  Grade(difference, full_path, EverythingSelection());
+  return difference;
+}
+
+}  // namespace
+
+TEST(ToolSeverity, WhatAnIntruderAddsIsCriticalAndNamed) {
+  CObjectState plain = FileState(0755, "mode=0755 uid=0");
+  CObjectState setuid = FileState(04755, "mode=4755 uid=0");
+  CDifference su = Graded(CChange::kChanged, "/srv/bin/tool", &plain, &setuid);
+  EXPECT_EQ(su.severity, CSeverity::kCritical);
+  EXPECT_THAT(su.warnings, ElementsAre("setuid added"));
+  CObjectState config = FileState(0644, "mode=0644 uid=0");
+  CObjectState writable = FileState(0646, "mode=0646 uid=0");
+  CDifference open = Graded(CChange::kChanged, "/srv/app.conf", &config, &writable);
+  EXPECT_EQ(open.severity, CSeverity::kCritical);
+  EXPECT_THAT(open.warnings, ElementsAre("world-writable added"));
+  CObjectState capable = FileState(0755, "caps=cap_net_raw=ep mode=0755 uid=0");
+  CDifference cap = Graded(CChange::kChanged, "/srv/bin/tool", &plain, &capable);
+  EXPECT_EQ(cap.severity, CSeverity::kCritical);
+  EXPECT_THAT(cap.warnings, ElementsAre("capabilities added"));
+  // Taken away is no danger: a setuid bit removed is an ordinary mode change.
+  EXPECT_EQ(Graded(CChange::kChanged, "/srv/bin/tool", &setuid, &plain).severity, CSeverity::kMedium);
+  // A file that became a symbolic link.
+  CObjectState link = plain;
+  link.attributes = S_IFLNK | 0777;
+  link.target = "/etc/shadow";
+  link.hash.clear();
+  CDifference swapped = Graded(CChange::kChanged, "/srv/app.conf", &config, &link);
+  EXPECT_EQ(swapped.severity, CSeverity::kCritical);
+  EXPECT_THAT(swapped.warnings, Contains("now a symlink"));
+  // A new setuid file.
+  EXPECT_EQ(Graded(CChange::kNew, "/srv/x", nullptr, &setuid).severity, CSeverity::kCritical);
+}
+
+TEST(ToolSeverity, ContentOfProgramsAndPlacesOfPersistenceIsHighTheRestLower) {
+  CObjectState program = FileState(0755, "mode=0755 uid=0");
+  CObjectState rebuilt = program;
+  rebuilt.hash = "cd";
+  EXPECT_EQ(Graded(CChange::kChanged, "/usr/bin/tool", &program, &rebuilt).severity, CSeverity::kHigh);
+  CObjectState library = FileState(0644, "mode=0644 uid=0");
+  CObjectState patched = library;
+  patched.hash = "cd";
+  EXPECT_EQ(Graded(CChange::kChanged, "/usr/lib/x86_64-linux-gnu/libc.so.6", &library, &patched).severity,
+            CSeverity::kHigh);
+  EXPECT_EQ(Graded(CChange::kChanged, "/lib/modules/6.1/kernel/x.ko.xz", &library, &patched).severity,
+            CSeverity::kHigh);
+  EXPECT_EQ(Graded(CChange::kChanged, "/etc/motd", &library, &patched).severity, CSeverity::kMedium);
+  EXPECT_EQ(Graded(CChange::kChanged, "/etc/cron.d/job", &library, &patched).severity, CSeverity::kHigh);
+  EXPECT_EQ(Graded(CChange::kNew, "/root/.ssh/authorized_keys", nullptr, &patched).severity, CSeverity::kHigh);
+  CObjectState touched = library;
+  touched.time_2 = 3000000000ull;
+  EXPECT_EQ(Graded(CChange::kChanged, "/etc/motd", &library, &touched).severity, CSeverity::kLow);
+  EXPECT_EQ(Graded(CChange::kChanged, "/etc/cron.d/job", &library, &touched).severity, CSeverity::kLow);
+}
+
+TEST(ToolSeverity, ThePlacesOfPersistenceAreKnown) {
+  for (const char* place :
+       {"/etc/crontab", "/etc/cron.daily/logrotate", "/etc/cron.d/php", "/var/spool/cron/crontabs/root",
+        "/etc/systemd/system/evil.service", "/lib/systemd/system/ssh.service", "/etc/init.d/x", "/etc/rc.local",
+        "/etc/ld.so.preload", "/etc/pam.d/sshd", "/etc/sudoers", "/etc/sudoers.d/90-cloud", "/etc/passwd",
+        "/etc/shadow", "/etc/ssh/sshd_config", "/root/.ssh/authorized_keys", "/home/ann/.ssh/authorized_keys",
+        "/root/.bashrc", "/home/ann/.profile", "/home/ann/.config/systemd/user/x.service", "/etc/profile.d/x.sh"}) {
+    EXPECT_TRUE(IsPersistencePlace(place)) << place;
+  }
+  for (const char* other : {"/etc/motd", "/home/ann/notes.txt", "/var/log/syslog", "/tmp/x"}) {
+    EXPECT_FALSE(IsPersistencePlace(other)) << other;
+  }
 }

@@ -362,11 +362,11 @@ TEST_F(ToolTest, CheckSendsEachFindingAndTheSummaryToTheSystemLogAndToAFile) {
   EXPECT_EQ(check.status, 1) << check.err;
   std::vector<std::string> messages = syslog.Received();
   ASSERT_EQ(messages.size(), 2u);
-  EXPECT_THAT(messages[0], AllOf(StartsWith("<28>"), HasSubstr(" signdb["), HasSubstr("]: policy t: hash changed"),
+  EXPECT_THAT(messages[0], AllOf(StartsWith("<28>"), HasSubstr(" signdb["), HasSubstr("]: policy t: medium    hash changed"),
                                  HasSubstr("etc/hosts")));
   EXPECT_THAT(messages[1], AllOf(StartsWith("<29>"), HasSubstr("policy t: policy t (")));
   std::string appended = CTempDir::Read(file);
-  EXPECT_THAT(appended, AllOf(HasSubstr(" policy t: hash changed"), HasSubstr("1 difference")));
+  EXPECT_THAT(appended, AllOf(HasSubstr(" policy t: medium    hash changed"), HasSubstr("1 difference (1 medium: ")));
   struct stat status {};
   ASSERT_EQ(::stat(file.c_str(), &status), 0);
   EXPECT_EQ(status.st_mode & 07777, 0600u);

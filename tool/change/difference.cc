@@ -41,7 +41,26 @@ const char* WordsOfStatus(uint32_t status) {
   }
 }
 
+constexpr const char* kSeverityWords[] = {"low", "medium", "high", "critical"};
+
 }  // namespace
+
+const char* SeverityWord(CSeverity severity) { return kSeverityWords[static_cast<int>(severity)]; }
+
+bool SeverityOfWord(const std::string& word, CSeverity& severity) {
+  for (int i = 0; i < 4; ++i) {
+    if (word == kSeverityWords[i]) {
+      severity = static_cast<CSeverity>(i);
+      return true;
+    }
+  }
+  return false;
+}
+
+int SeverityScore(CSeverity severity) {
+  static constexpr int kScores[] = {21, 47, 73, 99};
+  return kScores[static_cast<int>(severity)];
+}
 
 void SetHeadline(CDifference& difference) {
   if (difference.change != CChange::kChanged) {

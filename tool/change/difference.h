@@ -26,6 +26,16 @@ enum class CPackageVerdict {
   kDiffersFromPackage,  // a file of a package whose content is not what the package holds
 };
 
+// How dangerous a difference is, as the judge grades it (rules may set it for a path). Reports
+// list the most severe first.
+enum class CSeverity { kLow, kMedium, kHigh, kCritical };
+// "low", "medium", "high", "critical".
+const char* SeverityWord(CSeverity severity);
+// The word's severity; false for another word.
+bool SeverityOfWord(const std::string& word, CSeverity& severity);
+// The ECS event.severity of it: 21, 47, 73, 99 (the scale of risk scores that SIEMs use).
+int SeverityScore(CSeverity severity);
+
 // Where the watch service says it after a change: whether the object now differs from what the
 // policy's baseline holds (pending until a person accepts it) or is as the baseline holds it again.
 enum class CBaselineVerdict {
@@ -43,7 +53,10 @@ struct CDifference {
   CObjectState recorded;  // what the database holds (changed, gone, renamed: the old path's record)
   CObjectState current;   // what is there now (changed, new, renamed)
   std::vector<CAttributeChange> changes;  // every difference, most important first
-  std::vector<std::string> warnings;      // what stands out about a new object: "setuid", ...
+  // What stands out: about a new object what it is ("setuid", "world-writable", ...), about a
+  // changed one what was added ("setuid added", "now a symlink", ...).
+  std::vector<std::string> warnings;
+  CSeverity severity = CSeverity::kMedium;
   std::shared_ptr<CRefFileObjInfo> info;  // the object as it is now; null when gone
   CPackageVerdict package_verdict = CPackageVerdict::kNone;
   std::string package;  // "name version" of the package that owns it, when one does

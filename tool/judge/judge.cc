@@ -1,11 +1,21 @@
 #include "tool/judge/judge.h"
 
+#include <algorithm>
+#include <utility>
+
 #include "refhost/file_obj_info.h"
 #include "tool/judge/change_selection.h"
+#include "tool/judge/severity.h"
 #include "tool/rules/policy_rules.h"
+#include "util/relative_path.h"
 
-CJudge::CJudge(const CPolicyRules& rules, uint32_t policy_number)
-    : rules_(rules), policy_number_(policy_number) {}
+CJudge::CJudge(const CPolicyRules& rules, uint32_t policy_number, std::string root)
+    : rules_(rules), policy_number_(policy_number), root_(std::move(root)) {}
+
+void CJudge::Grade(CDifference& difference) const {
+  ::Grade(difference, JoinedPath(root_, difference.path),
+          rules_.SelectionFor(difference.path, difference.shown().kind()));
+}
 
 bool CJudge::Excluded(const std::string& relative, CObjectKind kind) const {
   return !relative.empty() && rules_.Excluded(relative, kind);
@@ -28,10 +38,9 @@ std::optional<CDifference> CJudge::Present(const std::string& relative,
     difference.changes = CompareStates(difference.recorded, difference.current);
   }
   SetHeadline(difference);
-  if (!ApplySelection(difference, rules_.SelectionFor(relative, difference.shown().kind()),
-                      policy_number_)) {
-    return std::nullopt;
-  }
+  CSelection selection = rules_.SelectionFor(relative, difference.shown().kind());
+  if (!ApplySelection(difference, selection, policy_number_)) return std::nullopt;
+  ::Grade(difference, JoinedPath(root_, relative), selection);
   return difference;
 }
 
@@ -43,16 +52,25 @@ CDifference CJudge::Gone(const std::string& relative, const CObjectState& record
   difference.path = relative;
   difference.recorded = recorded;
   SetHeadline(difference);
+  Grade(difference);
   return difference;
 }
 
 CDifference CJudge::Renamed(const CDifference& gone, CDifference arrived) const {
-  return RenamedDifference(gone, std::move(arrived));
+  CDifference renamed = RenamedDifference(gone, std::move(arrived));
+  Grade(renamed);
+  return renamed;
 }
 
 void CJudge::Settle(std::vector<CDifference>& differences) const {
   PairRenamesAndSort(differences);
+  for (CDifference& difference : differences) {
+    if (difference.change == CChange::kRenamed) Grade(difference);  // paired just now
+  }
   ForgiveRotations(differences, rules_);
+  std::stable_sort(
+      differences.begin(), differences.end(),
+      [](const CDifference& a, const CDifference& b) { return a.severity > b.severity; });
 }
 
 bool CLiveRotations::Forgives(const CDifference& difference) {

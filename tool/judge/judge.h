@@ -23,8 +23,9 @@ class CRefFileObjInfo;
 // Stateless apart from the rules it reads: safe to use from several threads at once.
 class CJudge {
  public:
-  // "rules" must outlive the judge.
-  CJudge(const CPolicyRules& rules, uint32_t policy_number);
+  // "rules" must outlive the judge; "root" is the policy's root (where a path lies on this
+  // system weighs in its severity).
+  CJudge(const CPolicyRules& rules, uint32_t policy_number, std::string root);
 
   // Whether the rules leave the object out, by its path or by its kind: it is neither recorded
   // nor reported, and a record of it made before the rule is left alone.
@@ -44,8 +45,13 @@ class CJudge {
   // A recorded object ("gone" at its old path) that arrived where "arrived" (a new object) is.
   CDifference Renamed(const CDifference& gone, CDifference arrived) const;
 
+  // Grades a difference (see severity.h): Present, Gone and Renamed do it; a difference made
+  // elsewhere (a directory's move as the service sees it) is graded here.
+  void Grade(CDifference& difference) const;
+
   // What a whole walk found, settled: a gone and a new file with the same content become one
-  // rename, a log rotated in place is no change, and the rest is sorted by path.
+  // rename, a log rotated in place is no change, and the rest is sorted, the most severe first,
+  // then by path.
   void Settle(std::vector<CDifference>& differences) const;
 
   const CPolicyRules& rules() const { return rules_; }
@@ -53,6 +59,7 @@ class CJudge {
  private:
   const CPolicyRules& rules_;
   uint32_t policy_number_;
+  std::string root_;
 };
 
 // The rotations of logs as a service sees them, one change at a time (a rename, then a new file

@@ -11,6 +11,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "tool/change/difference.h"
 #include "tool/report/report_event.h"
 #include "tool/report/system_log.h"
 
@@ -45,18 +46,22 @@ CChangeLog::~CChangeLog() {
   if (fd_ >= 0) ::close(fd_);
 }
 
-void CChangeLog::Write(const std::string& line) {
+void CChangeLog::Write(const std::string& line, int severity) {
   if (size_ > 0 && size_ + line.size() + 1 > rotate_at_) Rotate();
   pending_ += line;
   pending_ += '\n';
   size_ += line.size() + 1;
-  if (system_log_) system_log_->Send(LOG_NOTICE, line);  // a full or absent listener loses it
+  if (system_log_) system_log_->Send(severity, line);  // a full or absent listener loses it
   if (pending_.size() >= kBuffer) Flush();
 }
 
 void CChangeLog::Difference(const CDifference& difference, const CReportContext& context,
                             const char* watch_event) {
-  Write(DifferenceJson(difference, context, watch_event));
+  // A critical change reaches those who watch the system log for critical messages.
+  int severity = difference.severity == CSeverity::kCritical ? LOG_CRIT
+                 : difference.severity == CSeverity::kHigh   ? LOG_WARNING
+                                                             : LOG_NOTICE;
+  Write(DifferenceJson(difference, context, watch_event), severity);
 }
 
 void CChangeLog::Flush() {

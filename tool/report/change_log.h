@@ -1,5 +1,7 @@
 #pragma once
 
+#include <syslog.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -37,7 +39,8 @@ class CChangeLog : public CReportSink {
   // Appends one line (without its newline) and hands it to the system log. Lines are gathered and
   // written together by Flush (the service flushes before it waits for events again, and a full
   // buffer is flushed at once): a burst of changes costs a write per kBuffer bytes, not per line.
-  void Write(const std::string& line);
+  // "severity": the system log's (LOG_NOTICE, LOG_WARNING, LOG_CRIT).
+  void Write(const std::string& line, int severity = LOG_NOTICE);
   void Flush() override;
 
   void Difference(const CDifference& difference, const CReportContext& context,

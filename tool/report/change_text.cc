@@ -141,8 +141,9 @@ std::string ObjectSummary(const CObjectState& state) {
 }
 
 std::string DifferenceText(const CDifference& difference) {
-  char words[40];
-  std::snprintf(words, sizeof words, "%-28s", difference.words.c_str());
+  char words[48];
+  std::snprintf(words, sizeof words, "%-9s %-28s", SeverityWord(difference.severity),
+                difference.words.c_str());
   std::string line = words;
   line += difference.path.empty() ? std::string(".") : SafePath(difference.path);
   if (difference.shown().is_dir) line += "/";
@@ -177,8 +178,9 @@ std::string DifferenceText(const CDifference& difference) {
 }
 
 std::string UnreadableText(const std::string& relative_path, const std::string& reason) {
-  char words[40];
-  std::snprintf(words, sizeof words, "%-28s", "unreadable");
+  // What an object that cannot be read holds is not known: graded high.
+  char words[48];
+  std::snprintf(words, sizeof words, "%-9s %-28s", SeverityWord(CSeverity::kHigh), "unreadable");
   return words + (relative_path.empty() ? std::string(".") : SafePath(relative_path)) + "  (" +
          EscapedText(reason) + ")";
 }
@@ -202,6 +204,14 @@ std::string SummaryText(const CReportSummary& summary, const CReportContext& con
             (summary.differences == 1 ? " difference" : " differences") +
             (summary.accepted ? " accepted (" : " (");
     bool first = true;
+    for (int severity = 3; severity >= 0; --severity) {
+      if (summary.by_severity[severity] == 0) continue;
+      line += (first ? "" : ", ") + GroupedNumber(summary.by_severity[severity]) + " " +
+              SeverityWord(static_cast<CSeverity>(severity));
+      first = false;
+    }
+    line += ": ";
+    first = true;
     for (const auto& [words, count] : summary.changes) {
       line += (first ? "" : ", ") + GroupedNumber(count) + " " + words;
       first = false;

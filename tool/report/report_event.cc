@@ -113,6 +113,7 @@ std::string DifferenceJson(const CDifference& difference, const CReportContext& 
   line.OpenArray("category").Item("file").Close();
   line.OpenArray("type").Item(EventType(difference.change)).Close();
   line.String("action", difference.words).String("code", std::to_string(difference.status));
+  line.Number("severity", static_cast<uint64_t>(SeverityScore(difference.severity)));
   line.String("module", "signdb").String("dataset", "signdb." + context.dataset).Close();
 
   const CObjectState& shown = difference.shown();
@@ -122,7 +123,7 @@ std::string DifferenceJson(const CDifference& difference, const CReportContext& 
   line.Open("signdb").String("policy", context.policy);
   SetName(line, "root", context.root);
   SetName(line, "relative_path", difference.path);
-  line.String("change", difference.words);
+  line.String("change", difference.words).String("severity", SeverityWord(difference.severity));
   if (!difference.package.empty()) line.String("package", difference.package);
   line.Number("status", difference.status);
   if (difference.baseline != CBaselineVerdict::kNotSaid)
@@ -200,7 +201,11 @@ std::string SummaryJson(const CReportSummary& summary, const CReportContext& con
   line.Open("summary").String("policy", context.policy).String("root", context.root);
   line.Number("checked", summary.checked).Number("bytes", summary.bytes).Raw("seconds", seconds);
   line.Number("differences", summary.differences).Number("unreadable", summary.unreadable);
-  line.Bool("accepted", summary.accepted);
+  line.Bool("accepted", summary.accepted).Open("severity");
+  for (int severity = 3; severity >= 0; --severity) {
+    line.Number(SeverityWord(static_cast<CSeverity>(severity)), summary.by_severity[severity]);
+  }
+  line.Close();
   line.String("source", summary.from_live_record ? "live-record" : "walk").Open("changes");
   for (const auto& [words, count] : summary.changes) line.Number(words, count);
   return line.Close().Close().Close().Take();

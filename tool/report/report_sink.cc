@@ -9,7 +9,10 @@ CReportSummary CReportSummary::Of(const CTreeCheckResult& result, bool accepted)
   summary.unreadable = result.unreadable.size();
   summary.accepted = accepted;
   summary.from_live_record = result.from_live_record;
-  for (const CDifference& difference : result.differences) ++summary.changes[difference.words];
+  for (const CDifference& difference : result.differences) {
+    ++summary.changes[difference.words];
+    ++summary.by_severity[static_cast<int>(difference.severity)];
+  }
   return summary;
 }
 

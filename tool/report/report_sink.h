@@ -22,6 +22,7 @@ struct CReportSummary {
   bool accepted = false;                    // an update took the differences in
   bool from_live_record = false;            // the watch service's record, not a walk, was read
   std::map<std::string, uint64_t> changes;  // how many of each kind, by the report's words
+  uint64_t by_severity[4] = {0, 0, 0, 0};   // how many of each severity, by CSeverity
 
   static CReportSummary Of(const CTreeCheckResult& result, bool accepted);
 };

@@ -171,9 +171,10 @@ CPolicyRules CPolicyRules::Load(const std::string& config_path, const std::strin
     int line = LineOf(text, path, search_from);
     try {
       for (const std::string& key : entry->getNames()) {
-        if (key != "path" && key != "kind" && key != "exclude" && key != "check") {
+        if (key != "path" && key != "kind" && key != "exclude" && key != "check" &&
+            key != "severity") {
           throw std::invalid_argument("unknown key \"" + key +
-                                      "\" (a rule has path, kind, exclude or check)");
+                                      "\" (a rule has path, kind, exclude or check, severity)");
         }
       }
       CRule rule{CPathPattern(path), {}, false, CSelection(), line};
@@ -188,6 +189,8 @@ CPolicyRules CPolicyRules::Load(const std::string& config_path, const std::strin
       bool exclude = entry->has("exclude");
       if (exclude == entry->has("check"))
         throw std::invalid_argument("a rule has either \"exclude\" or \"check\"");
+      if (exclude && entry->has("severity"))
+        throw std::invalid_argument("an excluded path has no severity: nothing is reported");
       if (exclude) {
         Poco::Dynamic::Var value = entry->get("exclude");
         if (!value.isBoolean() || !value.extract<bool>())
@@ -205,6 +208,16 @@ CPolicyRules CPolicyRules::Load(const std::string& config_path, const std::strin
           rule.selection.name += (rule.selection.name.empty() ? "" : ", ") + word;
         }
         if (rule.selection.aspects.none()) rule.selection.aspects.set();  // a modifier alone
+        if (entry->has("severity")) {
+          Poco::Dynamic::Var value = entry->get("severity");
+          if (!value.isString() ||
+              !SeverityOfWord(value.extract<std::string>(), rule.selection.severity)) {
+            throw std::invalid_argument(
+                "\"severity\" is one of \"low\", \"medium\", \"high\", \"critical\"");
+          }
+          rule.selection.has_severity = true;
+          rule.selection.name += std::string(", severity ") + SeverityWord(rule.selection.severity);
+        }
       }
       if (const std::string* first = rule.pattern.FirstLiteral()) {
         rules.by_first_name_[*first].push_back(rules.rules_.size());

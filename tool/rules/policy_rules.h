@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "tool/change/attribute_changes.h"
+#include "tool/change/difference.h"
 #include "tool/change/object_state.h"
 #include "tool/rules/path_pattern.h"
 
@@ -21,7 +22,9 @@ struct CSelection {
   // ...) is not reported as a change.
   bool may_grow = false;
   bool directory_times = true;  // false: a directory's times are not reported
-  std::string name;             // the group or list, for explanations
+  bool has_severity = false;    // the rule sets the severity of every change at the path
+  CSeverity severity = CSeverity::kMedium;
+  std::string name;  // the group or list, for explanations
 
   bool Reports(CAspect aspect) const { return aspects.test(static_cast<size_t>(aspect)); }
 };
@@ -33,6 +36,7 @@ struct CSelection {
 //                                                                 device, fifo, socket (or a list)
 //   {"path": "log/**", "check": "log"}                           a group, or a list of groups and
 //   {"path": "etc/**", "check": ["content", "permissions"]}     aspect words
+//   {"path": "srv/app/**", "check": "everything", "severity": "high"}
 //
 // Groups: "everything" (the default), "read-only" (everything but the status-change time),
 // "permissions" (kind, owner, group, mode, ACLs, capabilities, SELinux label, xattrs, flags),

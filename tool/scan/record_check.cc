@@ -76,7 +76,7 @@ CTreeCheckResult CheckRecordAgainstBaseline(CSession& session, const CRefPolicyS
     for (const CPathEntry& node : *below) paths.insert(WideToUtf8(node.second));
   }
 
-  CJudge judge(session.Rules(policy), session.settings().policy_number);
+  CJudge judge(session.Rules(policy), session.settings().policy_number, policy.root);
   for (const std::string& relative : paths) {
     std::optional<CDifference> difference =
         DifferenceFromBaseline(session, policy, judge, *baseline, *record, relative);

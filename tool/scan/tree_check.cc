@@ -50,7 +50,7 @@ CTreeCheckResult CheckTree(CSession& session, const CRefPolicySettings& policy,
   scanner.Exclude(session.DataFolder());
   const CPolicyRules& rules = session.Rules(policy);
   scanner.SetRules(&rules);
-  CJudge judge(rules, session.settings().policy_number);
+  CJudge judge(rules, session.settings().policy_number, policy.root);
   // What the database records where "info" is, with the hash that its check handed back.
   auto recorded_state = [&](const std::shared_ptr<CRefFileObjInfo>& info) {
     std::optional<CObjectState> recorded = RecordedStateIfAny(*database, info->Path());

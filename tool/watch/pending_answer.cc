@@ -140,6 +140,7 @@ std::string PendingAnswer(const CTreeCheckResult& result) {
   for (const CDifference& difference : result.differences) {
     line.Open().String("change", NameOf(kChangeNames, difference.change));
     line.String("words", difference.words).Number("status", difference.status);
+    line.String("severity", SeverityWord(difference.severity));
     line.String("path", Hex(difference.path)).String("from", Hex(difference.from));
     WriteState(line, "recorded", difference.recorded);
     WriteState(line, "current", difference.current);
@@ -189,6 +190,8 @@ CTreeCheckResult ReadPendingAnswer(const Poco::JSON::Object& answer, CSession& s
       difference.change = Named(kChangeNames, Member<std::string>(*object, "change"));
       difference.words = Member<std::string>(*object, "words");
       difference.status = static_cast<uint32_t>(Member<uint64_t>(*object, "status"));
+      if (!SeverityOfWord(Member<std::string>(*object, "severity"), difference.severity))
+        throw std::runtime_error("a pending answer names an unknown severity");
       difference.path = Text(*object, "path");
       difference.from = Text(*object, "from");
       difference.recorded = ReadState(*ObjectMember(*object, "recorded"));

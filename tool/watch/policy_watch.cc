@@ -32,7 +32,7 @@ CPolicyWatch::CPolicyWatch(CSession& session, const CRefPolicySettings& policy,
       report_(report),
       wide_root_(Wide("")),
       directories_(policy.root),
-      judge_(session.Rules(policy), session.settings().policy_number),
+      judge_(session.Rules(policy), session.settings().policy_number, policy.root),
       rotations_(session.Rules(policy)),
       packages_(policy, session.Rules(policy).dpkg_root(),
                 session.Narrow(database_->HdbFilePath(false))),
@@ -420,6 +420,7 @@ void CPolicyWatch::Move(const std::string& from, const std::string& to, bool dir
   CObjectState state = RecordedState(*database_, Wide(to));
   CDifference renamed = DescribeRecorded(CChange::kRenamed, to, &state, &state);
   renamed.from = from;
+  judge_.Grade(renamed);
   Report(std::move(renamed), "moved");
   // A rename changes the object's status change time: read its attributes again.
   queued_.Add(to, CClock::now(), false);

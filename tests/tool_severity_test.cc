@@ -1,0 +1,100 @@
+// What a person reading a report at night sees first: the dangerous change, graded and named, above
+// the benign ones.
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include <Poco/JSON/Array.h>
+#include <Poco/JSON/Object.h>
+#include <Poco/JSON/Parser.h>
+#include <gmock/gmock.h>
+
+#include "tests/tool_fixture.h"
+#include "tests/tool_json.h"
+
+namespace {
+
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+
+class SeverityTest : public ToolTest {};
+
+TEST_F(SeverityTest, ACriticalChangeAmongTwentyBenignOnesIsListedFirstAndCounted) {
+  for (int i = 0; i < 20; ++i) Write("notes/n" + std::to_string(10 + i), "note\n");
+  Write("zz/bin/tool", "#!/bin/sh\n");
+  ASSERT_EQ(0, ::chmod(Tree("zz/bin/tool").c_str(), 0755));
+  Init();
+  ASSERT_EQ(0, Tool("scan t").status);
+  for (int i = 0; i < 20; ++i) Write("notes/n" + std::to_string(10 + i), "edited note\n");
+  ASSERT_EQ(0, ::chmod(Tree("zz/bin/tool").c_str(), 04755));
+
+  CToolRun check = Tool("check t");
+  EXPECT_EQ(1, check.status) << check.err;
+  std::vector<std::string> lines = check.OutLines();
+  ASSERT_GE(lines.size(), 22u) << check.out;
+  EXPECT_THAT(lines.front(), StartsWith("critical  mode changed"));
+  EXPECT_THAT(lines.front(), HasSubstr("zz/bin/tool"));
+  EXPECT_THAT(lines.front(), HasSubstr("[setuid added]"));
+  EXPECT_EQ("medium", SeverityAbout(check, "notes/n10"));
+  EXPECT_THAT(lines.back(), HasSubstr("21 differences (1 critical, 20 medium: "));
+
+  CToolRun json = Tool("check t --json");
+  Poco::JSON::Object::Ptr first = ParseJson(json.OutLines().front());
+  EXPECT_EQ(99, first->getObject("event")->getValue<int>("severity"));
+  EXPECT_EQ("critical", first->getObject("signdb")->getValue<std::string>("severity"));
+  Poco::JSON::Object::Ptr summary = ParseJson(json.OutLines().back())->getObject("summary");
+  EXPECT_EQ(1, summary->getObject("severity")->getValue<int>("critical"));
+  EXPECT_EQ(20, summary->getObject("severity")->getValue<int>("medium"));
+}
+
+TEST_F(SeverityTest, SetuidWorldWritableAndCapabilitiesAddedToExistingFilesAreCriticalAndTagged) {
+  Write("bin/su-like", "#!/bin/sh\n");
+  Write("bin/pinger", "#!/bin/sh\n");
+  Write("etc/app.conf", "x=1\n");
+  ASSERT_EQ(0, ::chmod(Tree("bin/su-like").c_str(), 0755));
+  ASSERT_EQ(0, ::chmod(Tree("bin/pinger").c_str(), 0755));
+  Init();
+  ASSERT_EQ(0, Tool("scan t").status);
+  ASSERT_EQ(0, RunShell("chmod u+s tree/bin/su-like && chmod o+w tree/etc/app.conf").status);
+  if (::geteuid() != 0) GTEST_SKIP() << "setcap needs root";
+  ASSERT_EQ(0, RunShell("setcap cap_net_raw+ep tree/bin/pinger").status);
+  CToolRun check = Tool("check t");
+  EXPECT_EQ(1, check.status) << check.err;
+  EXPECT_EQ("critical", SeverityAbout(check, "bin/su-like"));
+  EXPECT_THAT(LineAbout(check, "bin/su-like"), HasSubstr("[setuid added]"));
+  EXPECT_EQ("critical", SeverityAbout(check, "etc/app.conf"));
+  EXPECT_THAT(LineAbout(check, "etc/app.conf"), HasSubstr("[world-writable added]"));
+  EXPECT_EQ("critical", SeverityAbout(check, "bin/pinger"));
+  EXPECT_THAT(LineAbout(check, "bin/pinger"), HasSubstr("[capabilities added]"));
+}
+
+TEST_F(SeverityTest, ARuleSetsThePathsSeverityAndAWordItDoesNotKnowIsRefused) {
+  Write("srv/data.txt", "a\n");
+  Write("srv/app.conf", "b\n");
+  Init();
+  ASSERT_EQ(0, Tool("scan t").status);
+  Write("srv/data.txt", "changed\n");
+  Write("srv/app.conf", "changed\n");
+  EditFirstPolicy(config_, [](Poco::JSON::Object::Ptr policy) {
+    policy->set("rules", Poco::JSON::Parser()
+                             .parse(R"([{"path":"srv/*.conf","check":"everything","severity":"high"}])")
+                             .extract<Poco::JSON::Array::Ptr>());
+  });
+  CToolRun check = Tool("check t");
+  EXPECT_EQ("high", SeverityAbout(check, "srv/app.conf")) << check.out;
+  EXPECT_EQ("medium", SeverityAbout(check, "srv/data.txt"));
+  EXPECT_EQ("srv/app.conf", check.OutLines().front().substr(38, 12)) << "the more severe first";
+  EditFirstPolicy(config_, [](Poco::JSON::Object::Ptr policy) {
+    policy->set("rules", Poco::JSON::Parser()
+                             .parse(R"([{"path":"srv/**","check":"everything","severity":"urgent"}])")
+                             .extract<Poco::JSON::Array::Ptr>());
+  });
+  CToolRun refused = Tool("check t");
+  EXPECT_EQ(2, refused.status);
+  EXPECT_THAT(refused.err, HasSubstr("rule 1 of policy 't': \"severity\" is one of"));
+}
+
+}  // namespace
