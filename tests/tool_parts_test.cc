@@ -13,6 +13,7 @@
 
 #include "util/account_names.h"
 #include "tool/report/change_text.h"
+#include "tool/judge/hard_links.h"
 #include "tool/judge/severity.h"
 #include "tool/rules/policy_rules.h"
 #include "tool/watch/query_protocol.h"
@@ -670,5 +671,15 @@ TEST(ToolSeverity, ThePlacesOfPersistenceAreKnown) {
   }
   for (const char* other : {"/etc/motd", "/home/ann/notes.txt", "/var/log/syslog", "/tmp/x"}) {
     EXPECT_FALSE(IsPersistencePlace(other)) << other;
+  }
+}
+
+TEST(ToolSeverity, SecretsAreTheFilesThatHoldPasswordHashesAndPrivateKeys) {
+  for (const char* secret : {"/etc/shadow", "/etc/gshadow", "/etc/ssh/ssh_host_ed25519_key",
+                             "/etc/ssl/private/site.pem", "/srv/tls/site.key", "/root/.ssh/id_ed25519"}) {
+    EXPECT_TRUE(IsSecretFile(secret)) << secret;
+  }
+  for (const char* open : {"/etc/passwd", "/etc/ssh/ssh_host_ed25519_key.pub", "/root/.ssh/id_ed25519.pub"}) {
+    EXPECT_FALSE(IsSecretFile(open)) << open;
   }
 }

@@ -5,6 +5,7 @@
 
 #include "refhost/file_obj_info.h"
 #include "tool/judge/change_selection.h"
+#include "tool/judge/hard_links.h"
 #include "tool/judge/severity.h"
 #include "tool/rules/policy_rules.h"
 #include "util/relative_path.h"
@@ -68,6 +69,7 @@ void CJudge::Settle(std::vector<CDifference>& differences) const {
     if (difference.change == CChange::kRenamed) Grade(difference);  // paired just now
   }
   ForgiveRotations(differences, rules_);
+  NameHardLinks(differences, root_);
   std::stable_sort(
       differences.begin(), differences.end(),
       [](const CDifference& a, const CDifference& b) { return a.severity > b.severity; });
