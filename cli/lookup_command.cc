@@ -64,7 +64,7 @@ int RunLookup(const CCommandLine& line) {
   std::string hash = NormalisedHash(line.arguments[0], session.settings().policy_number);
   bool verify = line.Has("--verify");
   std::vector<CHolder> holders;
-  bool refused = false;
+  std::vector<std::string> unsearched;  // policies whose database was refused
   bool any_database = false;
   // The running watch service answers for the policies it watches (it holds their databases).
   std::set<std::string> watched;
@@ -97,8 +97,10 @@ int RunLookup(const CCommandLine& line) {
     try {
       database = session.Store(policy).Load();
     } catch (const CToolError& e) {
-      std::cerr << "signdb: " << EscapedText(e.what()) << "\n";
-      refused = true;
+      std::cerr << "signdb: policy '" << EscapedText(policy.name)
+                << "' could not be searched: " << EscapedText(e.what()) << "\n";
+      for (const std::string& hint : e.hints()) std::cerr << "  " << EscapedText(hint) << "\n";
+      unsearched.push_back(policy.name);
       continue;
     }
     any_database = true;
@@ -119,13 +121,16 @@ int RunLookup(const CCommandLine& line) {
       holder.verdict = e.what();
     }
   }
+  bool refused = !unsearched.empty();
   if (!any_database && !refused) {
     throw CToolError("no policy has a database yet; run 'signdb scan POLICY' first");
   }
   size_t found = 0;
   if (line.Has("--json")) {
     CJsonLine answer;
-    answer.Open().String("hash", hash).OpenArray("holders");
+    answer.Open().String("hash", hash).OpenArray("unsearched");
+    for (const std::string& name : unsearched) answer.Item(name);
+    answer.Close().OpenArray("holders");
     for (const CHolder& holder : holders) {
       answer.Open().String("policy", holder.policy).String("path", holder.path);
       if (verify) {
@@ -148,8 +153,13 @@ int RunLookup(const CCommandLine& line) {
     }
   }
   if (found == 0 && !line.Has("--json")) {
-    std::cerr << "signdb: no recorded file carries " << hash << (verify ? " (and still does)" : "")
-              << "\n";
+    if (!any_database) {
+      std::cerr << "signdb: nothing was searched: no database could be used\n";
+    } else {
+      std::cerr << "signdb: no recorded file carries " << hash
+                << (verify ? " (and still does)" : "")
+                << (refused ? " in the policies that could be searched" : "") << "\n";
+    }
   }
   if (found > 0) return kExitOk;
   return refused ? kExitError : kExitDifferences;

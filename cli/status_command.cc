@@ -103,6 +103,18 @@ int RunStatus(const CCommandLine& line) {
     bool saved = session.front().HdbFileExists(policy.name);
     std::string path = session.Narrow(session.front().HdbFilePath(policy.name));
     std::string when = saved ? FileTimeText(path) : std::string();
+    // A file's time is no save time when its signature does not hold: it is loaded to tell.
+    std::string refusal;
+    if (saved) {
+      try {
+        session.Store(policy).Load();
+        session.Store(policy).Unlock();
+      } catch (const CToolError& e) {
+        refusal = e.what();
+        if (!refusal.empty() && refusal.back() == ':') refusal.pop_back();
+        if (!e.hints().empty()) refusal += ": " + e.hints().front();
+      }
+    }
     if (json) {
       answer.Open().String("name", policy.name).String("root", policy.root).Null("watcher");
       if (saved) {
@@ -110,12 +122,20 @@ int RunStatus(const CCommandLine& line) {
       } else {
         answer.Null("database");
       }
-      answer.String("last_save", when).Close();
+      if (refusal.empty()) {
+        answer.String("last_save", when).Null("refused");
+      } else {
+        answer.Null("last_save").String("refused", refusal);
+      }
+      answer.Close();
     } else {
       std::cout << "policy " << EscapedText(policy.name) << " (" << EscapedText(policy.root)
                 << "): not watched; "
-                << (saved ? "saved " + when + " in " + EscapedText(path)
-                          : std::string("no database yet"))
+                << (!saved ? std::string("no database yet")
+                    : refusal.empty()
+                        ? "saved " + when + " in " + EscapedText(path)
+                        : "its database is refused (" + EscapedText(refusal) + "); 'signdb check " +
+                              EscapedText(policy.name) + "' says why and what to do")
                 << "\n";
     }
   }

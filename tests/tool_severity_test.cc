@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -115,6 +116,40 @@ TEST_F(SeverityTest, AHardLinkToARecordedFileIsNamedAsOneAndCriticalForASecret) 
   EXPECT_THAT(LineAbout(check, "docs/readme.hl"), HasSubstr("[hard link to docs/readme]"));
   EXPECT_EQ("high", SeverityAbout(check, "docs/readme.hl"));
   EXPECT_THAT(check.OutLines().front(), HasSubstr("docs/.cache"));
+}
+
+}  // namespace
+
+namespace {
+
+// A tampered database, as every command that meets it tells it: what happened, what to do; a
+// lookup that could not search says so, and status gives no save time for it.
+TEST_F(SeverityTest, ATamperedDatabaseSaysWhatHappenedAndWhatToDoWhereverItIsMet) {
+  Write("etc/hosts", "127.0.0.1 localhost\n");
+  Init();
+  ASSERT_EQ(0, Tool("scan t").status);
+  std::string hdb = CTempDir::Read(Data("t.hdb"));
+  hdb[hdb.size() / 2] ^= 0x20;
+  std::ofstream(Data("t.hdb"), std::ios::binary | std::ios::trunc) << hdb;
+
+  CToolRun check = Tool("check t");
+  EXPECT_EQ(2, check.status);
+  EXPECT_THAT(check.err, HasSubstr("What happened: the database or its signature is not what its signer signed"));
+  EXPECT_THAT(check.err, HasSubstr("restore " + Data("t.hdb") + " and its signature from a backup"));
+  EXPECT_THAT(check.err, HasSubstr("'signdb scan t --replace'"));
+
+  CToolRun lookup = Tool("lookup " + Sha256("127.0.0.1 localhost\n"));
+  EXPECT_EQ(2, lookup.status);
+  EXPECT_THAT(lookup.err, HasSubstr("policy 't' could not be searched: "));
+  EXPECT_THAT(lookup.err, HasSubstr("nothing was searched"));
+  EXPECT_THAT(lookup.err, ::testing::Not(HasSubstr("no recorded file carries")));
+
+  CToolRun status = Tool("status");
+  EXPECT_THAT(status.out, HasSubstr("its database is refused ("));
+  EXPECT_THAT(status.out, ::testing::Not(HasSubstr("saved 2")));
+  Poco::JSON::Object::Ptr policy = ParseJson(Tool("status --json").out)->getArray("policies")->getObject(0);
+  EXPECT_TRUE(policy->isNull("last_save"));
+  EXPECT_THAT(policy->optValue<std::string>("refused", ""), HasSubstr("signature verify failure"));
 }
 
 }  // namespace

@@ -145,6 +145,22 @@ std::shared_ptr<CHashDB> CPolicyStore::New() {
   return front_.CreateHashDB(std::make_shared<CRefPolicy>(module_policy_));
 }
 
+std::vector<std::string> CPolicyStore::WithNextSteps(std::vector<std::string> reasons) const {
+  const std::string& name = policy_.name;
+  reasons.push_back(
+      "What happened: the database or its signature is not what its signer signed "
+      "(changed, damaged or swapped since), or its signer is not trusted here. "
+      "Nothing was read from it.");
+  reasons.push_back("If nobody here changed it, take it as an intrusion: restore " + hdb_ +
+                    " and its signature from a backup, then run 'signdb check " + name +
+                    "' and 'signdb journal " + name + "' (who accepted what, and when).");
+  reasons.push_back("If the change was yours (a file copied or edited by hand), 'signdb verify " +
+                    hdb_ + "' names its signer; to start again from the tree as it is now, " +
+                    "make sure of the tree by other means first, then run 'signdb scan " + name +
+                    " --replace' (the journal records it).");
+  return reasons;
+}
+
 std::shared_ptr<CHashDB> CPolicyStore::Load(bool verify, std::shared_ptr<CHashDB> into) {
   Lock(CPolicyLock::CMode::kShared);
   CSignedPair pair = FindSignedPair(hdb_, signature_of());
@@ -162,7 +178,11 @@ std::shared_ptr<CHashDB> CPolicyStore::Load(bool verify, std::shared_ptr<CHashDB
                      "); run 'signdb scan " + policy_.name + "' first");
   }
   std::shared_ptr<CHashDB> database = into ? std::move(into) : New();
-  LoadSignedFile(host_, *database, pair.hdb, pair.signature, verify);
+  try {
+    LoadSignedFile(host_, *database, pair.hdb, pair.signature, verify);
+  } catch (const CToolError& refused) {
+    throw CToolError(refused.what(), WithNextSteps(refused.hints()));
+  }
   bool writer = lock_->mode() == CPolicyLock::CMode::kExclusive;
   CSaveMarker marker;
   bool saving = ReadSaveMarker(hdb_, marker);

@@ -121,6 +121,8 @@ class CPolicyStore {
   std::optional<CPolicyBinding> RequireBinding(const std::string& loaded_path);
   std::string SaveCandidate(const std::shared_ptr<CHashDB>& database);
   void NoteSaved();
+  // A refused load's reasons, followed by what happened and what to do about it.
+  std::vector<std::string> WithNextSteps(std::vector<std::string> reasons) const;
 
   CRefPolicySettings policy_;
   CPolicyRecord record_;
