@@ -17,7 +17,7 @@
 #include "tool/watch/pending_answer.h"
 
 int RunCheck(const CCommandLine& line) {
-  RequireShape(line, {"--json", "--all", "--report", "--walk"}, 0, 1);
+  RequireShape(line, {"--json", "--all", "--report", "--walk", "--long"}, 0, 1);
   CSession session(SessionOptionsOf(line));
   std::unique_ptr<CReportSinks> report = ReportSinksOf(line);
   int status = kExitOk;

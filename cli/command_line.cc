@@ -9,9 +9,10 @@ const std::set<std::string> kValueOptions = {
     "--config",     "--module", "--dir",  "--policy", "--signature", "--passphrase-fd",
     "--ca-key-out", "--ca-key", "--days", "--except", "--report",    "--save-period"};
 const std::set<std::string> kFlagOptions = {
-    "--help",   "--json",        "--quiet",       "--verify",     "--force",   "--recursive",
-    "--wait",   "--bind",        "--protect-key", "--sign-later", "--all",     "--packages",
-    "--system", "--interactive", "--rescan",      "--inotify",    "--replace", "--walk"};
+    "--help",      "--json",     "--quiet",  "--verify",      "--force",
+    "--recursive", "--wait",     "--bind",   "--protect-key", "--sign-later",
+    "--all",       "--packages", "--system", "--interactive", "--rescan",
+    "--inotify",   "--replace",  "--walk",   "--long"};
 const std::map<std::string, std::string> kShortForms = {{"-h", "--help"},
                                                         {"-q", "--quiet"},
                                                         {"-R", "--recursive"},

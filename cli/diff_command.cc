@@ -50,7 +50,7 @@ void Describe(CSession& session, const CRefPolicySettings& policy, CChange chang
 }  // namespace
 
 int RunDiff(const CCommandLine& line) {
-  RequireShape(line, {"--json"}, 1, 2);
+  RequireShape(line, {"--json", "--long"}, 1, 2);
   CSession session(SessionOptionsOf(line));
   const CRefPolicySettings& policy = session.Policy(line.arguments[0]);
   std::string previous_path =
@@ -86,7 +86,8 @@ int RunDiff(const CCommandLine& line) {
   if (json) {
     report = std::make_unique<CJsonSink>(std::cout);
   } else {
-    report = std::make_unique<CTextSink>(std::cout);
+    report = std::make_unique<CTextSink>(
+        std::cout, line.Has("--long") ? CLineForm::kLong : CLineForm::kCompact);
   }
   for (const CDifference& difference : differences) report->Difference(difference, context);
   if (json) {

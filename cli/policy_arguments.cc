@@ -63,7 +63,8 @@ std::unique_ptr<CReportSinks> ReportSinksOf(const CCommandLine& line) {
   if (line.Has("--json")) {
     sinks->Add(std::make_unique<CJsonSink>(std::cout));
   } else {
-    sinks->Add(std::make_unique<CTextSink>(std::cout));
+    sinks->Add(std::make_unique<CTextSink>(
+        std::cout, line.Has("--long") ? CLineForm::kLong : CLineForm::kCompact));
   }
   for (const std::string& destination : line.Values("--report"))
     sinks->Add(MakeReportDestination(destination));

@@ -110,7 +110,7 @@ size_t AskEach(std::vector<CDifference>& differences) {
       continue;
     }
     if (!all) {
-      std::cout << DifferenceText(difference) << "\n"
+      std::cout << DifferenceText(difference, CLineForm::kCompact) << "\n"
                 << "accept? [y]es, [n]o, [a]ll that follow, [q]uit (accept nothing more): "
                 << std::flush;
       std::string answer;
@@ -216,7 +216,7 @@ int UpdatePolicy(CSession& session, const CRefPolicySettings& policy, const CCom
 int RunUpdate(const CCommandLine& line) {
   RequireShape(line,
                {"--json", "--bind", "--sign-later", "--all", "--except", "--report", "--packages",
-                "--interactive", "--walk"},
+                "--interactive", "--walk", "--long"},
                0, SIZE_MAX);
   if (line.Has("--interactive") && (::isatty(0) == 0 || line.Has("--json"))) {
     throw CToolError("update -i asks on a terminal: run it on one, without --json");

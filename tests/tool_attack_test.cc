@@ -220,7 +220,7 @@ TEST_F(ToolAttackTest, ANewDeviceFifoAndSocketAreReportedAsWhatTheyAreAndNeverRe
   ::close(sock);
   bool device = ::mknod(Tree("disk").c_str(), S_IFBLK | 0660, makedev(7, 0)) == 0;
   // A FIFO that were opened for reading would hold the check until a writer came: it finishes.
-  CToolRun check = Tool("check t");
+  CToolRun check = Tool("check t --long");
   EXPECT_EQ(check.status, 1) << check.err;
   EXPECT_THAT(LineAbout(check, "pipe"),
               AllOf(StartsWith("new"), HasSubstr("kind fifo; mode prw------- (0600)")));
@@ -248,7 +248,7 @@ TEST_F(ToolAttackTest, ANewSetuidFileShowsItsModeAndIsFlagged) {
   ASSERT_EQ(::chmod(Tree("bin/su2").c_str(), 04755), 0);
   Write("bin/open", "x");
   ASSERT_EQ(::chmod(Tree("bin/open").c_str(), 0666), 0);
-  CToolRun check = Tool("check t");
+  CToolRun check = Tool("check t --long");
   EXPECT_THAT(LineAbout(check, "bin/su2"),
               AllOf(StartsWith("new"), HasSubstr("mode -rwsr-xr-x (4755)"), HasSubstr("owner "),
                     HasSubstr("[setuid]")));

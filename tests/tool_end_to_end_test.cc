@@ -120,7 +120,7 @@ TEST_F(ToolTest, AProgressLineShowsOnATerminalUnlessQuiet) {
 TEST_F(ToolTest, AContentChangeIsReportedWithTheRecordedAndCurrentHash) {
   ScanSample();
   Write("etc/hosts", "10.0.0.1 intruder\n");
-  CToolRun run = Tool("check t");
+  CToolRun run = Tool("check t --long");
   EXPECT_EQ(run.status, 1);
   EXPECT_THAT(LineAbout(run, "etc/hosts"),
               AllOf(StartsWith("hash changed"),
@@ -142,7 +142,7 @@ TEST_F(ToolTest, AContentChangeIsReportedWithTheRecordedAndCurrentHash) {
 TEST_F(ToolTest, AChmodIsReportedAsAModeChangeInLsAndOctalForm) {
   ScanSample();
   ASSERT_EQ(::chmod(Tree("etc/passwd").c_str(), 0600), 0);
-  CToolRun run = Tool("check t");
+  CToolRun run = Tool("check t --long");
   EXPECT_EQ(run.status, 1);
   EXPECT_THAT(LineAbout(run, "etc/passwd"),
               AllOf(StartsWith("mode changed"), HasSubstr("mode -rw-r--r-- (0644) -> -rw------- (0600)"),
@@ -171,7 +171,7 @@ TEST_F(ToolTest, ANewFileAndARemovedFileAreReportedAsNewAndGone) {
   ScanSample();
   Write("etc/cron.d/job", "* * * * * root /tmp/x\n");
   boost::filesystem::remove(Tree("bin/tool"));
-  CToolRun run = Tool("check t");
+  CToolRun run = Tool("check t --long");
   EXPECT_EQ(run.status, 1);
   EXPECT_THAT(LineAbout(run, "etc/cron.d/"), StartsWith("new"));
   EXPECT_THAT(LineAbout(run, "etc/cron.d/job"), StartsWith("new"));
@@ -366,7 +366,7 @@ TEST_F(ToolTest, DiffListsWhatChangedSinceThePreviousDatabase) {
   Write("added", "a\n");
   boost::filesystem::remove(Tree("bin/tool"));
   ASSERT_EQ(Tool("update t").status, 0);
-  CToolRun run = Tool("diff t");
+  CToolRun run = Tool("diff t --long");
   EXPECT_EQ(run.status, 1) << run.err;
   EXPECT_THAT(LineAbout(run, "etc/hosts"),
               AllOf(StartsWith("hash changed"),

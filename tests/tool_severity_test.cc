@@ -153,3 +153,40 @@ TEST_F(SeverityTest, ATamperedDatabaseSaysWhatHappenedAndWhatToDoWhereverItIsMet
 }
 
 }  // namespace
+
+namespace {
+
+// The default line fits a 120-column terminal: short hashes, times to the second, no time that
+// another change explains; --long keeps every digit.
+TEST_F(SeverityTest, DefaultLinesFitATerminalAndLongKeepsEveryDigit) {
+  Write("etc/hosts", "127.0.0.1 localhost\n");
+  Write("etc/passwd", "root:x:0:0::/root:/bin/sh\n");
+  Write("etc/motd", "welcome\n");
+  Write("bin/tool", "#!/bin/sh\n");
+  Init();
+  ASSERT_EQ(0, Tool("scan t").status);
+  Write("etc/hosts", "10.6.6.6 intruder\n");
+  ASSERT_EQ(0, ::chmod(Tree("etc/passwd").c_str(), 0600));
+  ASSERT_EQ(0, ::unlink(Tree("bin/tool").c_str()));
+  Write("etc/new.conf", "x=1\n");
+  ASSERT_EQ(0, RunShell("touch -d '2030-01-01 00:00:00' tree/etc/motd").status);
+
+  CToolRun check = Tool("check t");
+  EXPECT_EQ(1, check.status) << check.err;
+  for (const std::string& line : check.OutLines()) {
+    if (line.rfind("policy ", 0) == 0) continue;
+    EXPECT_LE(line.size(), 120u) << line;
+  }
+  EXPECT_THAT(LineAbout(check, "etc/hosts"), HasSubstr("hash " + Sha256("127.0.0.1 localhost\n").substr(0, 12) + ".. -> "));
+  EXPECT_THAT(LineAbout(check, "etc/hosts"), ::testing::Not(HasSubstr("modified")));
+  EXPECT_THAT(LineAbout(check, "etc/passwd"), ::testing::Not(HasSubstr("status changed")));
+  EXPECT_THAT(LineAbout(check, "etc/motd"), ::testing::ContainsRegex("modified [0-9-]+ [0-9:]+ UTC -> 2030-01-01 00:00:00 UTC"));
+
+  CToolRun full = Tool("check t --long");
+  EXPECT_THAT(LineAbout(full, "etc/hosts"), HasSubstr("hash " + Sha256("127.0.0.1 localhost\n") + " -> " +
+                                                      Sha256("10.6.6.6 intruder\n")));
+  EXPECT_THAT(LineAbout(full, "etc/passwd"), HasSubstr("; status changed "));
+  EXPECT_THAT(LineAbout(full, "etc/motd"), HasSubstr("2030-01-01 00:00:00.000000000 UTC"));
+}
+
+}  // namespace

@@ -16,14 +16,35 @@ namespace {
 
 using security_text::CSecurityItems;
 
+// A hash as a line of the form shows it.
+std::string HashText(const std::string& hash, CLineForm form) {
+  if (form == CLineForm::kLong || hash.size() <= 14) return hash;
+  return hash.substr(0, 12) + "..";
+}
+
+// A time as a line of the form shows it: to the second when "other" (the other side's) differs
+// from it at that resolution.
+std::string TimeOf(uint64_t nanoseconds, uint64_t other, CLineForm form) {
+  if (form == CLineForm::kLong || nanoseconds == ~0ull || other == ~0ull ||
+      nanoseconds / 1000000000ull == other / 1000000000ull) {
+    return TimeText(nanoseconds);
+  }
+  std::string text = TimeText(nanoseconds - nanoseconds % 1000000000ull);
+  size_t fraction = text.find('.');
+  return fraction == std::string::npos ? text
+                                       : text.erase(fraction, text.find(' ', fraction) - fraction);
+}
+
 // How one side of a change reads: from the state it describes for what the state holds as a
-// number (mode, size, times, kind), from the change's machine value for the rest.
-std::string SideText(const CAttributeChange& change, bool old_side, const CObjectState& state) {
+// number (mode, size, times, kind), from the change's machine value for the rest. "other" is the
+// state of the other side.
+std::string SideText(const CAttributeChange& change, bool old_side, const CObjectState& state,
+                     const CObjectState& other, CLineForm form) {
   if (!(old_side ? change.old_present : change.new_present)) return "none";
   const std::string& value = old_side ? change.old_value : change.new_value;
   switch (change.aspect) {
     case CAspect::kContent:
-      return value;
+      return HashText(value, form);
     case CAspect::kKind:
       return KindWords(state.kind());
     case CAspect::kOwner:
@@ -42,9 +63,9 @@ std::string SideText(const CAttributeChange& change, bool old_side, const CObjec
       if (old_side) return value == "legacy" ? "recorded in an older form" : "current form";
       return value == "current" ? "current form ('signdb update' records it)" : "older form";
     case CAspect::kModified:
-      return TimeText(state.time_2);
+      return TimeOf(state.time_2, other.time_2, form);
     case CAspect::kStatusChanged:
-      return TimeText(state.time_1);
+      return TimeOf(state.time_1, other.time_1, form);
     default:
       return EscapedText(value);
   }
@@ -61,9 +82,11 @@ std::string Label(const CAttributeChange& change) {
 
 }  // namespace
 
-std::string ChangeText(const CAttributeChange& change, const CDifference& difference) {
-  return Label(change) + " " + SideText(change, true, difference.recorded) + " -> " +
-         SideText(change, false, difference.current);
+std::string ChangeText(const CAttributeChange& change, const CDifference& difference,
+                       CLineForm form) {
+  return Label(change) + " " +
+         SideText(change, true, difference.recorded, difference.current, form) + " -> " +
+         SideText(change, false, difference.current, difference.recorded, form);
 }
 
 std::string ModeText(uint32_t st_mode) {
@@ -111,9 +134,40 @@ std::string FlagsText(const std::string& letters) {
   return EscapedText(letters) + " (" + names + ")";
 }
 
-std::string ObjectSummary(const CObjectState& state) {
+std::string ObjectSummary(const CObjectState& state, CLineForm form) {
   CObjectKind kind = state.kind();
   CSecurityItems items = security_text::Parse(state.security);
+  if (form == CLineForm::kCompact && state.attributes != kUnknownAttributes) {
+    // As ls shows it: "-rwsr-xr-x root:root", then what else it has.
+    auto item = [&](const char* key) {
+      auto found = items.find(key);
+      return found == items.end() ? std::string() : found->second;
+    };
+    std::string mode = ModeText(state.attributes);
+    // A kind that the mode's letter alone would leave to guess is named.
+    std::string text = kind == CObjectKind::kFile || kind == CObjectKind::kDirectory
+                           ? std::string()
+                           : std::string(KindWords(kind)) + " ";
+    text += mode.substr(0, mode.find(' '));
+    std::string uid = item(security_text::kUid);
+    std::string gid = item(security_text::kGid);
+    if (!uid.empty() || !gid.empty()) {
+      std::string user = uid.empty() ? std::string() : UserNameOf(uid);
+      std::string group = gid.empty() ? std::string() : GroupNameOf(gid);
+      text += " " + EscapedText(user.empty() ? uid : user) + ":" +
+              EscapedText(group.empty() ? gid : group);
+    }
+    if (!item(security_text::kCapabilities).empty())
+      text += " caps " + EscapedText(item(security_text::kCapabilities));
+    if (!item(security_text::kAccessAcl).empty()) text += " acl";
+    if (!item(security_text::kDevice).empty())
+      text += " device " + EscapedText(item(security_text::kDevice));
+    if (!item(security_text::kFlags).empty())
+      text += " flags " + EscapedText(item(security_text::kFlags));
+    if (!state.target.empty()) text += " -> '" + EscapedText(state.target) + "'";
+    if (!state.hash.empty()) text += " " + HashText(state.hash, form);
+    return text;
+  }
   std::string text = std::string("kind ") + KindWords(kind);
   if (state.attributes != kUnknownAttributes) text += "; mode " + ModeText(state.attributes);
   auto item = [&](const char* key) {
@@ -136,11 +190,11 @@ std::string ObjectSummary(const CObjectState& state) {
   if (!item(security_text::kFlags).empty())
     text += "; flags " + FlagsText(item(security_text::kFlags));
   if (!state.target.empty()) text += "; link target '" + EscapedText(state.target) + "'";
-  if (!state.hash.empty()) text += "; hash " + state.hash;
+  if (!state.hash.empty()) text += "; hash " + HashText(state.hash, form);
   return text;
 }
 
-std::string DifferenceText(const CDifference& difference) {
+std::string DifferenceText(const CDifference& difference, CLineForm form) {
   char words[48];
   std::snprintf(words, sizeof words, "%-9s %-28s", SeverityWord(difference.severity),
                 difference.words.c_str());
@@ -151,19 +205,29 @@ std::string DifferenceText(const CDifference& difference) {
   auto add = [&detail](const std::string& text) { detail += (detail.empty() ? "" : "; ") + text; };
   switch (difference.change) {
     case CChange::kNew:
-      add(ObjectSummary(difference.current));
+      add(ObjectSummary(difference.current, form));
       break;
     case CChange::kGone:
-      add(ObjectSummary(difference.recorded));
+      add(ObjectSummary(difference.recorded, form));
       break;
     case CChange::kRenamed:
       add("from " + SafePath(difference.from));
-      if (!difference.current.hash.empty()) add("hash " + difference.current.hash);
+      if (!difference.current.hash.empty()) add("hash " + HashText(difference.current.hash, form));
       break;
     case CChange::kChanged:
       break;
   }
-  for (const CAttributeChange& change : difference.changes) add(ChangeText(change, difference));
+  bool content = false;
+  for (const CAttributeChange& change : difference.changes)
+    content = content || change.aspect == CAspect::kContent;
+  for (const CAttributeChange& change : difference.changes) {
+    if (form == CLineForm::kCompact) {
+      // What the rest explains: a rewrite sets the modification time, any change the status one.
+      if (change.aspect == CAspect::kModified && content) continue;
+      if (change.aspect == CAspect::kStatusChanged && difference.changes.size() > 1) continue;
+    }
+    add(ChangeText(change, difference, form));
+  }
   if (!detail.empty()) line += "  " + detail;
   if (!difference.warnings.empty()) {
     line += "  [";

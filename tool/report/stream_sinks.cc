@@ -5,7 +5,7 @@
 
 void CTextLineSink::Difference(const CDifference& difference, const CReportContext& context,
                                const char*) {
-  Put(CEntry::kDifference, context, DifferenceText(difference));
+  Put(CEntry::kDifference, context, DifferenceText(difference, form_));
 }
 
 void CTextLineSink::Unreadable(const std::string& relative_path, const std::string& reason,

@@ -2,12 +2,14 @@
 
 #include <ostream>
 
+#include "tool/report/change_text.h"
 #include "tool/report/report_sink.h"
 
 // A sink that writes every entry as the line a person reads (see change_text.h); where each line
 // goes is the subclass's.
 class CTextLineSink : public CReportSink {
  public:
+  explicit CTextLineSink(CLineForm form = CLineForm::kLong) : form_(form) {}
   void Difference(const CDifference& difference, const CReportContext& context,
                   const char* watch_event = nullptr) override;
   void Unreadable(const std::string& relative_path, const std::string& reason,
@@ -17,12 +19,16 @@ class CTextLineSink : public CReportSink {
  protected:
   enum class CEntry { kDifference, kUnreadable, kSummary };
   virtual void Put(CEntry entry, const CReportContext& context, const std::string& line) = 0;
+
+ private:
+  CLineForm form_;
 };
 
 // A report for people on a stream (standard output): one line per entry.
 class CTextSink : public CTextLineSink {
  public:
-  explicit CTextSink(std::ostream& out) : out_(out) {}
+  explicit CTextSink(std::ostream& out, CLineForm form = CLineForm::kCompact)
+      : CTextLineSink(form), out_(out) {}
   void Flush() override { out_.flush(); }
 
  private:

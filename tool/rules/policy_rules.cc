@@ -312,7 +312,13 @@ std::string_view CPolicyRules::ExcludedAncestor(std::string_view relative_path) 
 
 CSelection CPolicyRules::SelectionFor(std::string_view relative_path, CObjectKind kind) const {
   const CRule* rule = Deciding(relative_path, kind, nullptr);
-  return rule == nullptr || rule->exclude ? EverythingSelection() : rule->selection;
+  if (rule != nullptr && !rule->exclude) return rule->selection;
+  // No rule: everything but a directory's times, which change with every entry that comes or
+  // goes (and each entry is reported itself).
+  CSelection selection = EverythingSelection();
+  selection.directory_times = false;
+  selection.name = "everything but directory times (no rule)";
+  return selection;
 }
 
 std::string CPolicyRules::Explain(std::string_view relative_path, CObjectKind kind) const {
@@ -320,7 +326,7 @@ std::string CPolicyRules::Explain(std::string_view relative_path, CObjectKind ki
   const CRule* rule = Deciding(relative_path, kind, &index);
   if (rule == nullptr) {
     return "no rule matches (" + std::to_string(rules_.size()) +
-           " rules looked at): everything is checked";
+           " rules looked at): everything is checked but a directory's times";
   }
   std::string where = "rule " + std::to_string(index + 1) +
                       (rule->line > 0 ? " (line " + std::to_string(rule->line) + ")" : "") +
