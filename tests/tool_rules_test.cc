@@ -129,6 +129,23 @@ TEST_F(ToolRulesTest, ALogRotatedInPlaceIsNotAChange) {
   EXPECT_THAT(check.out, HasSubstr("plain/syslog")) << "without the rule, the same moves are changes";
 }
 
+// The natural rule names the live log only: its rotated names, whatever their form, rotate with it.
+TEST_F(ToolRulesTest, ALogRuleForTheLiveNameForgivesItsRotationWhateverTheRotatedName) {
+  Write("app.log", "a\nb\n");
+  Write("web.log", "x\ny\n");
+  Init();
+  SetPolicy(R"([{"path": "*.log", "check": "log"}])");
+  ASSERT_EQ(Tool("scan t").status, 0);
+  boost::filesystem::rename(Tree("app.log"), Tree("app.log.1"));
+  Write("app.log", "c\n");
+  ASSERT_EQ(0, RunShell("gzip -c tree/web.log > tree/web.log-20261124.gz").status);
+  Write("web.log", "");
+  CToolRun check = Tool("check t");
+  EXPECT_EQ(check.status, 0) << check.out;
+  EXPECT_THAT(check.out, Not(HasSubstr("app.log"))) << check.out;
+  EXPECT_THAT(check.out, Not(HasSubstr("web.log"))) << check.out;
+}
+
 TEST_F(ToolRulesTest, DirectoryTimesCanBeIgnoredAndAttributesChosen) {
   Write("d/f", "1");
   Write("etc/conf", "x");

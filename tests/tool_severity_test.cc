@@ -190,3 +190,29 @@ TEST_F(SeverityTest, DefaultLinesFitATerminalAndLongKeepsEveryDigit) {
 }
 
 }  // namespace
+
+namespace {
+
+// A directory renamed is one "renamed" line, as the watch service shows it; what moved with it is
+// no line of its own.
+TEST_F(SeverityTest, ARenamedDirectoryIsOneRenamedLine) {
+  Write("docs/a", "a\n");
+  Write("docs/b", "b\n");
+  Write("docs/sub/c", "c\n");
+  Write("keep/x", "x\n");
+  Init();
+  ASSERT_EQ(0, Tool("scan t").status);
+  ASSERT_EQ(0, ::rename(Tree("docs").c_str(), Tree("keep/archive").c_str()));
+  CToolRun check = Tool("check t");
+  EXPECT_EQ(1, check.status) << check.err;
+  std::vector<std::string> lines = check.OutLines();
+  ASSERT_EQ(2u, lines.size()) << check.out;
+  EXPECT_THAT(LineAbout(check, "keep/archive/"), StartsWith("renamed"));
+  EXPECT_THAT(LineAbout(check, "keep/archive/"), HasSubstr("from docs"));
+  EXPECT_THAT(lines.back(), HasSubstr("1 difference ("));
+  // Accepted, nothing is left.
+  ASSERT_EQ(0, Tool("update t").status);
+  EXPECT_EQ(0, Tool("check t").status);
+}
+
+}  // namespace

@@ -5,6 +5,7 @@
 #include <map>
 
 #include "hashdb/hash_db.h"
+#include "refhost/security_text.h"
 #include "util/text_conversion.h"
 
 namespace {
@@ -100,7 +101,83 @@ CDifference RenamedDifference(const CDifference& gone, CDifference arrived) {
   return renamed;
 }
 
+namespace {
+
+std::string InodeOf(const CObjectState& state) {
+  security_text::CSecurityItems items = security_text::Parse(state.security);
+  auto found = items.find(security_text::kInode);
+  return found == items.end() ? std::string() : found->second;
+}
+
+bool Below(const std::string& path, const std::string& folder) {
+  return path.size() > folder.size() + 1 && path.compare(0, folder.size(), folder) == 0 &&
+         path[folder.size()] == '/';
+}
+
+// A directory renamed or moved: a gone directory and a new one that is the same inode become one
+// rename, and what moved with it unchanged (the same name below it, inode and content) is no
+// difference of its own.
+void PairDirectoryRenames(std::vector<CDifference>& differences) {
+  std::map<std::string, std::pair<std::vector<size_t>, std::vector<size_t>>> by_inode;
+  for (size_t i = 0; i < differences.size(); ++i) {
+    const CDifference& d = differences[i];
+    if (d.change == CChange::kGone && d.recorded.is_dir) {
+      std::string inode = InodeOf(d.recorded);
+      if (!inode.empty()) by_inode[inode].first.push_back(i);
+    } else if (d.change == CChange::kNew && d.current.is_dir) {
+      std::string inode = InodeOf(d.current);
+      if (!inode.empty()) by_inode[inode].second.push_back(i);
+    }
+  }
+  // The outermost first: a directory below one that moved with it moved too.
+  std::vector<std::pair<size_t, size_t>> pairs;
+  for (const auto& [inode, indexes] : by_inode) {
+    if (indexes.first.size() == 1 && indexes.second.size() == 1)
+      pairs.emplace_back(indexes.first.front(), indexes.second.front());
+  }
+  std::sort(pairs.begin(), pairs.end(), [&](const auto& a, const auto& b) {
+    return differences[a.first].path.size() < differences[b.first].path.size();
+  });
+  std::vector<bool> dropped(differences.size(), false);
+  for (const auto& [gone_index, new_index] : pairs) {
+    if (dropped[gone_index] || dropped[new_index]) continue;
+    std::string from = differences[gone_index].path;
+    std::string to = differences[new_index].path;
+    // What lay below it, by its name there: gone from the old place, new in the new one.
+    std::map<std::string, size_t> gone_below;
+    for (size_t i = 0; i < differences.size(); ++i) {
+      if (!dropped[i] && differences[i].change == CChange::kGone &&
+          Below(differences[i].path, from))
+        gone_below.emplace(differences[i].path.substr(from.size()), i);
+    }
+    for (size_t i = 0; i < differences.size(); ++i) {
+      const CDifference& arrived = differences[i];
+      if (dropped[i] || arrived.change != CChange::kNew || !Below(arrived.path, to)) continue;
+      auto found = gone_below.find(arrived.path.substr(to.size()));
+      if (found == gone_below.end()) continue;
+      const CObjectState& was = differences[found->second].recorded;
+      const CObjectState& is = arrived.current;
+      if (was.is_dir != is.is_dir || was.hash != is.hash || InodeOf(was) != InodeOf(is) ||
+          was.attributes != is.attributes || was.target != is.target)
+        continue;
+      dropped[i] = dropped[found->second] = true;
+    }
+    CDifference& arrived = differences[new_index];
+    arrived = RenamedDifference(differences[gone_index], std::move(arrived));
+    dropped[gone_index] = true;
+  }
+  std::vector<CDifference> kept;
+  kept.reserve(differences.size());
+  for (size_t i = 0; i < differences.size(); ++i) {
+    if (!dropped[i]) kept.push_back(std::move(differences[i]));
+  }
+  differences = std::move(kept);
+}
+
+}  // namespace
+
 void PairRenamesAndSort(std::vector<CDifference>& differences) {
+  PairDirectoryRenames(differences);
   // hash -> (gone indexes, new indexes)
   std::map<std::string, std::pair<std::vector<size_t>, std::vector<size_t>>> by_hash;
   for (size_t i = 0; i < differences.size(); ++i) {

@@ -78,6 +78,7 @@ CDifference DescribeRecorded(CChange change, const std::string& relative_path,
 // changed on the way (a move always sets the status-change time: that alone is no change).
 CDifference RenamedDifference(const CDifference& gone, CDifference arrived);
 
-// Pairs a gone file and a new file that carry the same content, when no other gone or new file
-// carries it, into one rename; then sorts by path.
+// Pairs a gone directory and a new one that are the same inode into one rename (what moved with
+// it unchanged is no difference of its own), then a gone file and a new file that carry the same
+// content, when no other gone or new file carries it; then sorts by path.
 void PairRenamesAndSort(std::vector<CDifference>& differences);

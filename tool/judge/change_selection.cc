@@ -100,9 +100,15 @@ bool ApplySelection(CDifference& difference, const CSelection& selection, uint32
   return true;
 }
 
+bool GrowsAsLog(const CPolicyRules& rules, const std::string& path, CObjectKind kind) {
+  if (rules.SelectionFor(path, kind).may_grow) return true;
+  std::string log = RotatedFrom(path);
+  return !log.empty() && rules.SelectionFor(log, kind).may_grow;
+}
+
 void ForgiveRotations(std::vector<CDifference>& differences, const CPolicyRules& rules) {
   auto grows = [&](const std::string& path, const CDifference& difference) {
-    return rules.SelectionFor(path, difference.shown().kind()).may_grow;
+    return GrowsAsLog(rules, path, difference.shown().kind());
   };
   // The logs that show a rotation: one of their rotated names is new or changed.
   std::set<std::string> rotated;

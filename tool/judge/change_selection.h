@@ -17,6 +17,10 @@ bool ApplySelection(CDifference& difference, const CSelection& selection, uint32
 // "log/syslog.2.gz", "log/syslog-20261123"); empty when it is none.
 std::string RotatedFrom(std::string path);
 
+// Whether the object at "path" is a log that may grow, or a rotated name of one ("app.log.1",
+// "app.log-20261124.gz" when a rule lets "app.log" grow, whatever it says of the rotated names).
+bool GrowsAsLog(const CPolicyRules& rules, const std::string& path, CObjectKind kind);
+
 // A log rotated in place (NAME emptied or replaced, NAME.1 or NAME-20261123, maybe compressed,
 // appearing, older ones shifting or going) is not a change: drops those differences of objects
 // whose rules let them grow.

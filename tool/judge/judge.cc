@@ -77,7 +77,7 @@ void CJudge::Settle(std::vector<CDifference>& differences) const {
 
 bool CLiveRotations::Forgives(const CDifference& difference) {
   if (difference.change == CChange::kGone) return false;
-  if (!rules_.SelectionFor(difference.path, difference.shown().kind()).may_grow) return false;
+  if (!GrowsAsLog(rules_, difference.path, difference.shown().kind())) return false;
   std::string log = RotatedFrom(difference.path);
   if (difference.change == CChange::kRenamed) {
     // NAME to NAME.1, or NAME.1 to NAME.2: the log moves along its rotated names.

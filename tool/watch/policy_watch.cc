@@ -356,28 +356,7 @@ bool CPolicyWatch::Recorded(const std::string& relative) {
 }
 
 void CPolicyWatch::MoveRecord(const std::string& from, const std::string& to) {
-  std::shared_ptr<CObjInfo> none;
-  std::string from_parent = ParentOf(from);
-  std::string to_parent = ParentOf(to);
-  std::string from_name = NameOf(from);
-  std::string to_name = NameOf(to);
-  if (from_parent == to_parent || from_name == to_name) {
-    database_->RenameObject(none, Wide(from), Wide(to));
-    return;
-  }
-  // A move keeps the object's name: it moves under a name that is free in both directories,
-  // then takes its new name there.
-  std::string passing = from_name;
-  for (unsigned n = 0; Recorded(JoinRelative(to_parent, passing)) ||
-                       (passing != from_name && Recorded(JoinRelative(from_parent, passing)));
-       ++n) {
-    passing = ".signdb-moving-" + std::to_string(n);
-  }
-  if (passing != from_name)
-    database_->RenameObject(none, Wide(from), Wide(JoinRelative(from_parent, passing)));
-  database_->RenameObject(none, Wide(JoinRelative(from_parent, passing)),
-                          Wide(JoinRelative(to_parent, passing)));
-  database_->RenameObject(none, Wide(JoinRelative(to_parent, passing)), Wide(to));
+  ::MoveRecord(session_, policy_, *database_, from, to);
 }
 
 void CPolicyWatch::Move(const std::string& from, const std::string& to, bool directory) {
