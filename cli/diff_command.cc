@@ -1,5 +1,5 @@
 // signdb diff POLICY [PREVIOUS.hdb]: what changed, is new and was removed between a previous
-// database of the policy and its current one.
+// database of the policy and its current one, read as a check reads the tree.
 
 #include <algorithm>
 #include <boost/filesystem/operations.hpp>
@@ -16,38 +16,13 @@
 #include "tool/common/exit_status.h"
 #include "tool/report/report_event.h"
 #include "tool/report/stream_sinks.h"
+#include "tool/scan/record_check.h"
 #include "tool/session/session.h"
 #include "tool/store/database_files.h"
 #include "util/json_line.h"
 #include "util/safe_text.h"
 #include "util/text_conversion.h"
 #include "util/text_format.h"
-
-namespace {
-
-// Describes each entry of one of the comparison's lists from the two databases' records.
-void Describe(CSession& session, const CRefPolicySettings& policy, CChange change,
-              CPathEntryList& entries, CHashDB& previous, CHashDB& current,
-              std::vector<CDifference>& differences) {
-  for (const CPathEntry& entry : entries) {
-    std::string relative = WideToUtf8(entry.second);
-    std::wstring full = session.WideFullPath(policy, relative);
-    // The comparison lists a file that became a directory, or the other way round, as new.
-    CChange kind = change == CChange::kNew && previous.ExistsAs(full, !entry.first)
-                       ? CChange::kChanged
-                       : change;
-    std::optional<CObjectState> before;
-    std::optional<CObjectState> after;
-    if (kind != CChange::kNew) before = RecordedState(previous, full);
-    if (kind != CChange::kGone) after = RecordedState(current, full);
-    CDifference difference =
-        DescribeRecorded(kind, relative, before ? &*before : nullptr, after ? &*after : nullptr);
-    if (change == CChange::kGone) difference.words = "removed";
-    differences.push_back(std::move(difference));
-  }
-}
-
-}  // namespace
 
 int RunDiff(const CCommandLine& line) {
   RequireShape(line, {"--json", "--long"}, 1, 2);
@@ -71,15 +46,23 @@ int RunDiff(const CCommandLine& line) {
   std::shared_ptr<CHashDB> previous = session.NewDatabase(policy);
   session.LoadFile(previous, previous_pair.hdb, previous_pair.signature, true);
   std::shared_ptr<CHashDB> current = session.Store(policy).Load();
-  CPathEntryList changed, added, removed;
-  current->CompareWithPrevious(previous, changed, added, removed);
   bool json = line.Has("--json");
-  std::vector<CDifference> differences;
-  Describe(session, policy, CChange::kChanged, changed, *previous, *current, differences);
-  Describe(session, policy, CChange::kNew, added, *previous, *current, differences);
-  Describe(session, policy, CChange::kGone, removed, *previous, *current, differences);
-  std::stable_sort(differences.begin(), differences.end(),
-                   [](const CDifference& a, const CDifference& b) { return a.path < b.path; });
+  // Read as a check reads the tree against its baseline: the rules, renames (of directories
+  // too) and grades apply; what the previous database held and the current one does not is
+  // "removed".
+  std::vector<CDifference> differences =
+      CheckRecordAgainstBaseline(session, policy, previous, current).differences;
+  size_t changed = 0, added = 0, removed = 0;
+  for (CDifference& difference : differences) {
+    if (difference.change == CChange::kGone) {
+      difference.words = "removed";
+      ++removed;
+    } else if (difference.change == CChange::kNew) {
+      ++added;
+    } else {
+      ++changed;  // renamed or changed
+    }
+  }
   CReportContext context =
       CReportContext::Make(policy.name, policy.root, "diff", session.settings().policy_number);
   std::unique_ptr<CReportSink> report;
@@ -100,18 +83,17 @@ int RunDiff(const CCommandLine& line) {
                      .Open("summary")
                      .String("policy", policy.name)
                      .String("previous", previous_path)
-                     .Number("changed", changed.size())
-                     .Number("new", added.size())
-                     .Number("removed", removed.size())
+                     .Number("changed", changed)
+                     .Number("new", added)
+                     .Number("removed", removed)
                      .Close()
                      .Close()
                      .Take()
               << "\n";
   } else {
     std::cout << "policy " << EscapedText(policy.name) << " since " << EscapedText(previous_path)
-              << ": " << GroupedNumber(changed.size()) << " changed, "
-              << GroupedNumber(added.size()) << " new, " << GroupedNumber(removed.size())
-              << " removed\n";
+              << ": " << GroupedNumber(changed) << " changed, " << GroupedNumber(added) << " new, "
+              << GroupedNumber(removed) << " removed\n";
   }
-  return changed.empty() && added.empty() && removed.empty() ? kExitOk : kExitDifferences;
+  return differences.empty() ? kExitOk : kExitDifferences;
 }

@@ -216,3 +216,37 @@ TEST_F(SeverityTest, ARenamedDirectoryIsOneRenamedLine) {
 }
 
 }  // namespace
+
+namespace {
+
+// diff reads two databases as check reads the tree: renames paired (a directory's too), the
+// rules honoured (a log that grew is no change), the most severe first.
+TEST_F(SeverityTest, DiffPairsRenamesAndHonoursTheRules) {
+  Write("log/app.log", "one\n");
+  Write("docs/report.txt", "a report with its own content\n");
+  Write("old/a", "a\n");
+  Write("bin/tool", "#!/bin/sh\n");
+  ASSERT_EQ(0, ::chmod(Tree("bin/tool").c_str(), 0755));
+  Init();
+  EditFirstPolicy(config_, [](Poco::JSON::Object::Ptr policy) {
+    policy->set("rules", Poco::JSON::Parser()
+                             .parse(R"([{"path":"log/**","check":"log"}])")
+                             .extract<Poco::JSON::Array::Ptr>());
+  });
+  ASSERT_EQ(0, Tool("scan t").status);
+  Append("log/app.log", "two\n");
+  ASSERT_EQ(0, ::rename(Tree("docs/report.txt").c_str(), Tree("docs/renamed.txt").c_str()));
+  ASSERT_EQ(0, ::rename(Tree("old").c_str(), Tree("new").c_str()));
+  ASSERT_EQ(0, ::chmod(Tree("bin/tool").c_str(), 04755));
+  ASSERT_EQ(0, Tool("update t").status);
+  CToolRun diff = Tool("diff t");
+  EXPECT_EQ(1, diff.status) << diff.err;
+  EXPECT_THAT(LineAbout(diff, "docs/renamed.txt"), StartsWith("renamed"));
+  EXPECT_THAT(LineAbout(diff, "new/"), StartsWith("renamed"));
+  EXPECT_EQ("", LineAbout(diff, "new/a"));
+  EXPECT_EQ("", LineAbout(diff, "log/app.log")) << diff.out;
+  EXPECT_THAT(diff.OutLines().front(), HasSubstr("bin/tool")) << "the critical change first";
+  EXPECT_EQ("critical", SeverityAbout(diff, "bin/tool"));
+}
+
+}  // namespace
