@@ -250,3 +250,25 @@ TEST_F(SeverityTest, DiffPairsRenamesAndHonoursTheRules) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST_F(SeverityTest, ShowJsonNamesAFileAsCheckJsonDoes) {
+  Write("etc/hosts", "127.0.0.1 localhost\n");
+  ASSERT_EQ(0, ::chmod(Tree("etc/hosts").c_str(), 0640));
+  Init();
+  ASSERT_EQ(0, Tool("scan t").status);
+  CToolRun show = Tool("show t etc/hosts --json");
+  ASSERT_EQ(0, show.status) << show.err;
+  Poco::JSON::Object::Ptr object = ParseJson(show.out);
+  EXPECT_FALSE(object->has("time_1"));
+  EXPECT_FALSE(object->has("attributes"));
+  Poco::JSON::Object::Ptr file = object->getObject("file");
+  ASSERT_TRUE(file) << show.out;
+  EXPECT_EQ("0640", file->getValue<std::string>("mode"));
+  EXPECT_EQ("file", file->getValue<std::string>("type"));
+  EXPECT_THAT(file->getValue<std::string>("mtime"), ::testing::MatchesRegex("[0-9-]+T[0-9:.]+Z"));
+  EXPECT_EQ(Sha256("127.0.0.1 localhost\n"), file->getObject("hash")->getValue<std::string>("sha256"));
+}
+
+}  // namespace

@@ -39,6 +39,8 @@ const char* EventType(CChange change) {
   }
 }
 
+}  // namespace
+
 void AddFile(CJsonLine& line, const CObjectState& state, const security_text::CSecurityItems& items,
              const std::string& full_path, const CReportContext& context) {
   auto item = [&items](const char* key) {
@@ -72,6 +74,8 @@ void AddFile(CJsonLine& line, const CObjectState& state, const security_text::CS
   if (!state.hash.empty()) line.Open("hash").String(context.hash_name, state.hash).Close();
   line.Close();
 }
+
+namespace {
 
 void Value(CJsonLine& line, const std::string& key, bool present, const std::string& value) {
   if (present) {

@@ -3,10 +3,15 @@
 #include <cstdint>
 #include <string>
 
+#include "refhost/security_text.h"
+#include "tool/change/object_state.h"
+
 struct CDifference;
 struct CReportSummary;
 
 // Where a report's JSON lines come from: the same for every line of one report.
+class CJsonLine;
+
 struct CReportContext {
   std::string timestamp;  // the report's time, ISO 8601 in UTC with milliseconds
   std::string host_name;
@@ -38,3 +43,8 @@ std::string UnreadableJson(const std::string& relative_path, const std::string& 
 // A report's last line: {"@timestamp", "host", "summary": {policy, root, checked, bytes, seconds,
 // differences, unreadable, accepted, changes: {WORDS: COUNT}}}.
 std::string SummaryJson(const CReportSummary& summary, const CReportContext& context);
+
+// The ECS "file" object of a report line for an object in "state" at "full_path": type, mode,
+// uid, gid, owner, group, size, inode, mtime, ctime, target_path, attributes, hash.
+void AddFile(CJsonLine& line, const CObjectState& state, const security_text::CSecurityItems& items,
+             const std::string& full_path, const CReportContext& context);
