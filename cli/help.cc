@@ -7,7 +7,8 @@ namespace {
 const std::map<std::string, std::string>& CommandHelp() {
   static const std::map<std::string, std::string> help = {
       {"init",
-       "usage: signdb init [--dir DIR | --config FILE] [--policy NAME=ROOT]... [--force]\n"
+       "usage: signdb init [--dir DIR | --config FILE] [--policy NAME=ROOT... | --system] "
+       "[--force]\n"
        "                   [--ca-key-out PATH] [--protect-key [--passphrase-fd N]]\n"
        "\n"
        "Writes a configuration, a development CA with a signing certificate and key, and a data\n"
@@ -16,6 +17,13 @@ const std::map<std::string, std::string>& CommandHelp() {
        "data/\n"
        "beside it. Each --policy names a monitored directory (default: etc=/etc). An existing\n"
        "configuration is replaced only with --force; existing keys are always kept.\n"
+       "\n"
+       "--system writes policies for the whole installed system instead: 'system' for /, and one\n"
+       "for each of /boot, /usr, /var and /opt that is a file system of its own, with rules that\n"
+       "leave out the kernel's state, scratch space, caches and users' own files, but watch where\n"
+       "an intruder leaves a way back in (SSH keys, shell start files and user units of root and\n"
+       "every home, crontabs, cron, systemd units, PAM, sudoers, ld.so.preload). 'signdb rules\n"
+       "system PATH' says which rule applies to a path, and why.\n"
        "\n"
        "The CA key makes signers that this host trusts: whoever holds it can re-sign a database.\n"
        "Write it straight to removable media with --ca-key-out, or move keys/ca.key off the host\n"
@@ -26,7 +34,8 @@ const std::map<std::string, std::string>& CommandHelp() {
        "examples:\n"
        "  signdb init\n"
        "  signdb init --ca-key-out /media/offline/signdb-ca.key --protect-key\n"
-       "  signdb init --dir ./signdb-local --policy usr=/usr --policy etc=/etc\n"},
+       "  signdb init --dir ./signdb-local --policy usr=/usr --policy etc=/etc\n"
+       "  signdb init --system\n"},
       {"scan",
        "usage: signdb scan [POLICY | --all] [--quiet] [--sign-later] [--replace]\n"
        "\n"

@@ -451,9 +451,23 @@ TEST_F(ToolTest, InitForTheSystemWritesPoliciesWhoseRulesFitAnInstalledSystem) {
   EXPECT_THAT(rule("/etc/passwd"), HasSubstr("checks read-only"));
   EXPECT_THAT(rule("/var/log/syslog"), HasSubstr("checks log"));
   EXPECT_THAT(rule("/var/lib/misc/state"), HasSubstr("checks permissions"));
-  for (const char* excluded : {"/proc/1/status", "/home/someone/notes", "/tmp/x", "/var/tmp/x", "/var/cache/apt/pkgcache.bin",
-                               "/var/spool/cron/x", "/var/lib/apt/lists/x"}) {
+  for (const char* excluded : {"/proc/1/status", "/tmp/x", "/var/tmp/x", "/var/cache/apt/pkgcache.bin",
+                               "/var/spool/postfix/x", "/var/lib/apt/lists/x", "/home/ann/.config/chromium/x"}) {
     EXPECT_THAT(rule(excluded), HasSubstr("below the excluded directory")) << excluded;
+  }
+  // Users' own files stay out...
+  for (const char* excluded : {"/home/ann/notes", "/root/secret.txt", "/home/ann/.cache"}) {
+    EXPECT_THAT(rule(excluded), HasSubstr("excluded: not recorded")) << excluded;
+  }
+  // ... but not the places where an intruder leaves a way back in.
+  for (const char* place :
+       {"/root/.ssh/authorized_keys", "/home/ann/.ssh/authorized_keys", "/home/ann/.ssh/config", "/root/.bashrc",
+        "/root/.profile", "/home/ann/.bashrc", "/home/ann/.profile", "/home/ann/.bash_profile", "/home/ann/.zshrc",
+        "/home/ann/.config/systemd/user/x.service", "/root/.config/systemd/user/y.timer",
+        "/home/ann/.config/autostart/x.desktop", "/var/spool/cron/crontabs/root", "/etc/crontab",
+        "/etc/cron.d/job", "/etc/cron.daily/job", "/etc/systemd/system/evil.service", "/etc/ld.so.preload",
+        "/etc/pam.d/sshd", "/etc/sudoers", "/etc/sudoers.d/90-local"}) {
+    EXPECT_THAT(rule(place), AllOf(HasSubstr("checks read-only"), Not(HasSubstr("exclud")))) << place;
   }
   CToolRun both = Tool("init --system --policy x=/");
   EXPECT_EQ(both.status, 2);
