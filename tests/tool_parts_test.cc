@@ -13,6 +13,7 @@
 
 #include "util/account_names.h"
 #include "tool/report/change_text.h"
+#include "tool/report/content_diff.h"
 #include "tool/judge/hard_links.h"
 #include "tool/judge/severity.h"
 #include "tool/rules/policy_rules.h"
@@ -682,4 +683,43 @@ TEST(ToolSeverity, SecretsAreTheFilesThatHoldPasswordHashesAndPrivateKeys) {
   for (const char* open : {"/etc/passwd", "/etc/ssh/ssh_host_ed25519_key.pub", "/root/.ssh/id_ed25519.pub"}) {
     EXPECT_FALSE(IsSecretFile(open)) << open;
   }
+}
+
+TEST(ToolContent, TheLinesTakenOutAndPutInAreShownInOrderAndCapped) {
+  std::string before = "a=1\nb=2\nc=3\n";
+  std::string after = "a=1\nb=20\nc=3\nd=4\n";
+  EXPECT_THAT(LineChanges(before, after, 10), ElementsAre("- b=2", "+ b=20", "+ d=4"));
+  EXPECT_THAT(LineChanges(before, after, 2), ElementsAre("- b=2", "+ b=20", "... 1 more lines changed"));
+  EXPECT_THAT(RedactedLineChanges("root:$6$secret:19000::\n", "root:$6$other:19001::\n", 10),
+              ElementsAre("- root (rest of the line withheld)", "+ root (rest of the line withheld)"));
+  EXPECT_THAT(LineChanges("x\n", "x\n\x1b[2Jevil\n", 10), ElementsAre("+ \\e[2Jevil"));
+}
+
+TEST(ToolContent, AccountsAreSummarisedOneByOneAndNoPasswordHashIsShown) {
+  std::string passwd = "root:x:0:0:root:/root:/bin/bash\nann:x:1000:1000::/home/ann:/bin/bash\n";
+  std::string added = passwd + "bob:x:1001:1001::/home/bob:/bin/bash\ntoor::0:0::/:/bin/sh\n";
+  std::vector<CAccountChange> changes = AccountChanges("/etc/passwd", passwd, added);
+  ASSERT_EQ(changes.size(), 2u);
+  EXPECT_EQ(changes[0].text, "account bob added: uid 1001, gid 1001, home /home/bob, shell /bin/bash");
+  EXPECT_FALSE(changes[0].critical);
+  EXPECT_EQ(changes[1].text, "account toor added: uid 0, gid 0, home /, shell /bin/sh, no password");
+  EXPECT_TRUE(changes[1].critical);
+
+  std::string shadow = "root:$6$abc$longhash:19000:0:99999:7:::\n";
+  std::vector<CAccountChange> secret =
+      AccountChanges("/etc/shadow", shadow, "root:$6$xyz$otherhash:19001:0:99999:7:::\ntoor::19001::::::\n");
+  ASSERT_EQ(secret.size(), 2u);
+  EXPECT_EQ(secret[0].text, "password of root changed: password set -> password set");
+  EXPECT_EQ(secret[1].text, "password entry of toor added: no password");
+  EXPECT_TRUE(secret[1].critical);
+  for (const CAccountChange& change : secret) EXPECT_THAT(change.text, Not(HasSubstr("$6$")));
+
+  std::vector<CAccountChange> groups =
+      AccountChanges("/etc/group", "sudo:x:27:ann\nusers:x:100:\n", "sudo:x:27:ann,toor\nusers:x:100:bob\n");
+  ASSERT_EQ(groups.size(), 2u);
+  EXPECT_EQ(groups[0].text, "group sudo members ann -> ann,toor");
+  EXPECT_TRUE(groups[0].critical);
+  EXPECT_FALSE(groups[1].critical);
+  EXPECT_TRUE(IsAccountFile("/etc/passwd-"));
+  EXPECT_FALSE(IsAccountFile("/etc/hosts"));
 }
