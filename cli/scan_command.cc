@@ -14,6 +14,7 @@
 #include "hashdb/hash_db.h"
 #include "refhost/file_obj_info.h"
 #include "tool/common/exit_status.h"
+#include "tool/scan/kept_content.h"
 #include "tool/scan/progress_line.h"
 #include "tool/scan/tree_check.h"
 #include "tool/scan/tree_scanner.h"
@@ -93,6 +94,7 @@ int ScanPolicy(CSession& session, const CRefPolicySettings& policy, const CComma
   entry.note += (entry.note.empty() ? "" : "; ") + std::string("recorded ") +
                 std::to_string(scanner.counters().objects) + " objects";
   std::string saved = store.Save(database, &entry);
+  KeepRecordedContent(session, policy, *database);
   double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   const CScanCounters& counters = scanner.counters();
   char elapsed[32];

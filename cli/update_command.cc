@@ -24,6 +24,7 @@
 #include "tool/report/report_event.h"
 #include "tool/report/report_sink.h"
 #include "tool/scan/difference_apply.h"
+#include "tool/scan/kept_content.h"
 #include "tool/scan/tree_check.h"
 #include "tool/session/session.h"
 #include "tool/watch/query_protocol.h"
@@ -186,6 +187,7 @@ int UpdatePolicy(CSession& session, const CRefPolicySettings& policy, const CCom
   // --bind saves even an unchanged tree: that is how a database gets its policy binding.
   if (!result.differences.empty() || line.Has("--bind")) {
     saved = session.Store(policy).Save(database, &entry);
+    KeepAcceptedContent(session, policy, result.differences);
     if (result.from_live_record) TellServiceOfNewBaseline(session, policy);
   }
   CReportContext context =

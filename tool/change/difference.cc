@@ -205,3 +205,9 @@ void PairRenamesAndSort(std::vector<CDifference>& differences) {
             [](const CDifference& a, const CDifference& b) { return a.path < b.path; });
   differences = std::move(kept);
 }
+
+void SortMostSevereFirst(std::vector<CDifference>& differences) {
+  std::stable_sort(
+      differences.begin(), differences.end(),
+      [](const CDifference& a, const CDifference& b) { return a.severity > b.severity; });
+}

@@ -61,6 +61,9 @@ struct CDifference {
   CPackageVerdict package_verdict = CPackageVerdict::kNone;
   std::string package;  // "name version" of the package that owns it, when one does
   CBaselineVerdict baseline = CBaselineVerdict::kNotSaid;
+  // What changed inside a file whose accepted content is kept: one line for people each (the
+  // lines taken out and put in, the accounts added or changed), safe to print.
+  std::vector<std::string> content;
 
   // The state that describes the object in a report: the current one unless it is gone.
   const CObjectState& shown() const { return change == CChange::kGone ? recorded : current; }
@@ -77,6 +80,9 @@ CDifference DescribeRecorded(CChange change, const std::string& relative_path,
 // One object that left "gone"'s path and arrived at "arrived"'s: a rename, with whatever else
 // changed on the way (a move always sets the status-change time: that alone is no change).
 CDifference RenamedDifference(const CDifference& gone, CDifference arrived);
+
+// Orders differences the most severe first, keeping the order of those of one severity.
+void SortMostSevereFirst(std::vector<CDifference>& differences);
 
 // Pairs a gone directory and a new one that are the same inode into one rename (what moved with
 // it unchanged is no difference of its own), then a gone file and a new file that carry the same

@@ -70,9 +70,7 @@ void CJudge::Settle(std::vector<CDifference>& differences) const {
   }
   ForgiveRotations(differences, rules_);
   NameHardLinks(differences, root_);
-  std::stable_sort(
-      differences.begin(), differences.end(),
-      [](const CDifference& a, const CDifference& b) { return a.severity > b.severity; });
+  SortMostSevereFirst(differences);
 }
 
 bool CLiveRotations::Forgives(const CDifference& difference) {

@@ -74,11 +74,14 @@ std::vector<std::string> Shown(const std::vector<std::pair<char, std::string>>& 
       shown.push_back("... " + std::to_string(edit.size() - most) + " more lines changed");
       break;
     }
-    shown.push_back(std::string(1, sign) + " " +
-                    EscapedText(redact ? FirstField(line) + (line.size() > FirstField(line).size()
-                                                                 ? " (rest of the line withheld)"
-                                                                 : "")
-                                       : line));
+    std::string text = line;
+    if (redact) {
+      // Only a field that a separator ends is a name; a line without one is all content.
+      std::string first = FirstField(line);
+      text = first.size() == line.size() ? std::string("(a line withheld)")
+                                         : first + " (rest of the line withheld)";
+    }
+    shown.push_back(std::string(1, sign) + " " + EscapedText(text));
   }
   return shown;
 }

@@ -148,6 +148,11 @@ std::string DifferenceJson(const CDifference& difference, const CReportContext& 
   line.OpenArray("warnings");
   for (const std::string& warning : difference.warnings) line.Item(warning);
   line.Close();
+  if (!difference.content.empty()) {
+    line.OpenArray("content");
+    for (const std::string& text : difference.content) line.Item(text);
+    line.Close();
+  }
   line.OpenArray("changes");
   for (const CAttributeChange& change : difference.changes) {
     line.Open().String("attribute", change.attribute);

@@ -6,6 +6,8 @@
 void CTextLineSink::Difference(const CDifference& difference, const CReportContext& context,
                                const char*) {
   Put(CEntry::kDifference, context, DifferenceText(difference, form_));
+  for (const std::string& line : difference.content)
+    Put(CEntry::kDifference, context, "    " + line);
 }
 
 void CTextLineSink::Unreadable(const std::string& relative_path, const std::string& reason,

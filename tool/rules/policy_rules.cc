@@ -172,9 +172,10 @@ CPolicyRules CPolicyRules::Load(const std::string& config_path, const std::strin
     try {
       for (const std::string& key : entry->getNames()) {
         if (key != "path" && key != "kind" && key != "exclude" && key != "check" &&
-            key != "severity") {
-          throw std::invalid_argument("unknown key \"" + key +
-                                      "\" (a rule has path, kind, exclude or check, severity)");
+            key != "severity" && key != "content") {
+          throw std::invalid_argument(
+              "unknown key \"" + key +
+              "\" (a rule has path, kind, exclude or check, severity, content)");
         }
       }
       CRule rule{CPathPattern(path), {}, false, CSelection(), line};
@@ -189,6 +190,22 @@ CPolicyRules CPolicyRules::Load(const std::string& config_path, const std::strin
       bool exclude = entry->has("exclude");
       if (exclude == entry->has("check"))
         throw std::invalid_argument("a rule has either \"exclude\" or \"check\"");
+      if (entry->has("content")) {
+        Poco::Dynamic::Var value = entry->get("content");
+        std::string word = value.isString() ? value.extract<std::string>() : std::string();
+        if (word == "diff") {
+          rule.selection.kept = CKeptContent::kDiff;
+        } else if (word == "redact") {
+          rule.selection.kept = CKeptContent::kRedact;
+        } else {
+          throw std::invalid_argument(
+              "\"content\" is \"diff\" (keep the accepted content of small text files and "
+              "show what changed in them) or \"redact\" (for secrets: changed lines by their "
+              "first field only)");
+        }
+      }
+      if (exclude && entry->has("content"))
+        throw std::invalid_argument("an excluded path has no content to keep");
       if (exclude && entry->has("severity"))
         throw std::invalid_argument("an excluded path has no severity: nothing is reported");
       if (exclude) {
@@ -217,6 +234,11 @@ CPolicyRules CPolicyRules::Load(const std::string& config_path, const std::strin
           }
           rule.selection.has_severity = true;
           rule.selection.name += std::string(", severity ") + SeverityWord(rule.selection.severity);
+        }
+        if (rule.selection.kept != CKeptContent::kNone) {
+          rule.selection.name += rule.selection.kept == CKeptContent::kDiff
+                                     ? ", content kept (diff)"
+                                     : ", content kept (redacted)";
         }
       }
       if (const std::string* first = rule.pattern.FirstLiteral()) {

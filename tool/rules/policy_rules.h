@@ -15,6 +15,10 @@ inline constexpr size_t kAspectCount = static_cast<size_t>(CAspect::kStatusChang
 
 // What a check compares for one object: which aspects are reported when they differ, and how a
 // log is let grow.
+// Whether the accepted content of a small text file is kept to show what changed inside it:
+// "diff" shows the lines taken out and put in, "redact" (secrets) each line by its first field.
+enum class CKeptContent { kNone, kDiff, kRedact };
+
 struct CSelection {
   std::bitset<kAspectCount> aspects;
   // "log": content and size may grow; a growth that keeps the old bytes is not reported, a shrink
@@ -22,7 +26,8 @@ struct CSelection {
   // ...) is not reported as a change.
   bool may_grow = false;
   bool directory_times = true;  // false: a directory's times are not reported
-  bool has_severity = false;    // the rule sets the severity of every change at the path
+  CKeptContent kept = CKeptContent::kNone;
+  bool has_severity = false;  // the rule sets the severity of every change at the path
   CSeverity severity = CSeverity::kMedium;
   std::string name;  // the group or list, for explanations
 
@@ -37,6 +42,7 @@ struct CSelection {
 //   {"path": "log/**", "check": "log"}                           a group, or a list of groups and
 //   {"path": "etc/**", "check": ["content", "permissions"]}     aspect words
 //   {"path": "srv/app/**", "check": "everything", "severity": "high"}
+//   {"path": "etc/**", "check": "read-only", "content": "diff"}    kept: "diff" or "redact"
 //
 // Groups: "everything" (the default), "read-only" (everything but the status-change time),
 // "permissions" (kind, owner, group, mode, ACLs, capabilities, SELinux label, xattrs, flags),

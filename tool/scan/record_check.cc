@@ -12,6 +12,7 @@
 #include "tool/judge/judge.h"
 #include "tool/packages/package_changes.h"
 #include "tool/rules/policy_rules.h"
+#include "tool/scan/kept_content.h"
 #include "tool/session/session.h"
 #include "util/text_conversion.h"
 
@@ -85,6 +86,8 @@ CTreeCheckResult CheckRecordAgainstBaseline(CSession& session, const CRefPolicyS
   judge.Settle(result.differences);
   ExplainByPackages(result.differences, policy, session.Rules(policy).dpkg_root(),
                     session.Narrow(baseline->HdbFilePath(false)));
+  ExplainContent(result.differences, session, policy);
+  SortMostSevereFirst(result.differences);
   result.seconds =
       std::chrono::duration<double>(std::chrono::steady_clock::now() - start_time).count();
   return result;

@@ -13,6 +13,7 @@
 #include "tool/judge/judge.h"
 #include "tool/packages/package_changes.h"
 #include "tool/rules/policy_rules.h"
+#include "tool/scan/kept_content.h"
 #include "tool/scan/progress_line.h"
 #include "tool/scan/tree_scanner.h"
 #include "tool/session/session.h"
@@ -113,6 +114,8 @@ CTreeCheckResult CheckTree(CSession& session, const CRefPolicySettings& policy,
   judge.Settle(result.differences);
   ExplainByPackages(result.differences, policy, rules.dpkg_root(),
                     session.Narrow(database->HdbFilePath(false)));
+  ExplainContent(result.differences, session, policy);
+  SortMostSevereFirst(result.differences);
   std::sort(result.unreadable.begin(), result.unreadable.end());
   result.seconds =
       std::chrono::duration<double>(std::chrono::steady_clock::now() - start_time).count();

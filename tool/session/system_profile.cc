@@ -13,7 +13,8 @@ namespace {
 // rule that matches decides.
 struct CSystemRule {
   const char* path;
-  const char* check;  // null: excluded
+  const char* check;              // null: excluded
+  const char* content = nullptr;  // "diff" or "redact": the accepted content is kept
 };
 
 const std::vector<CSystemRule>& SystemRules() {
@@ -72,7 +73,15 @@ const std::vector<CSystemRule>& SystemRules() {
       {"/opt/**", "read-only"},
       {"/srv/**", "read-only"},
       // Configuration: every change matters, but its times say nothing a hash does not.
-      {"/etc/**", "read-only"},
+      // Its text files are kept, to show what changed inside them; the secrets only by the first
+      // field of each line that changed.
+      {"/etc/**", "read-only", "diff"},
+      {"/etc/shadow", "read-only", "redact"},
+      {"/etc/shadow-", "read-only", "redact"},
+      {"/etc/gshadow", "read-only", "redact"},
+      {"/etc/gshadow-", "read-only", "redact"},
+      {"/etc/ssh/ssh_host_*_key", "read-only", "redact"},
+      {"/etc/ssl/private/**", "read-only", "redact"},
       {"/etc/ld.so.cache", "permissions"},
       {"/etc/adjtime", "permissions"},
       // State that programs rewrite all the time: who may touch it, not what it holds.
@@ -139,6 +148,7 @@ Poco::JSON::Array::Ptr RulesUnder(const std::string& root) {
     } else {
       entry->set("check", check);
     }
+    if (rule.content != nullptr) entry->set("content", std::string(rule.content));
     rules->add(entry);
   }
   return rules;

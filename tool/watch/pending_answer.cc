@@ -154,6 +154,8 @@ std::string PendingAnswer(const CTreeCheckResult& result) {
     }
     line.Close().OpenArray("warnings");
     for (const std::string& warning : difference.warnings) line.Item(warning);
+    line.Close().OpenArray("content");
+    for (const std::string& text : difference.content) line.Item(Hex(text));
     line.Close().String("package_verdict", NameOf(kVerdictNames, difference.package_verdict));
     line.String("package", Hex(difference.package)).Close();
   }
@@ -212,6 +214,10 @@ CTreeCheckResult ReadPendingAnswer(const Poco::JSON::Object& answer, CSession& s
       Poco::JSON::Array::Ptr warnings = ArrayMember(*object, "warnings");
       for (size_t j = 0; j < warnings->size(); ++j)
         difference.warnings.push_back(warnings->getElement<std::string>(static_cast<unsigned>(j)));
+      Poco::JSON::Array::Ptr content = ArrayMember(*object, "content");
+      for (size_t j = 0; j < content->size(); ++j)
+        difference.content.push_back(
+            Unhex(content->getElement<std::string>(static_cast<unsigned>(j))));
       difference.package_verdict =
           Named(kVerdictNames, Member<std::string>(*object, "package_verdict"));
       difference.package = Text(*object, "package");
