@@ -344,3 +344,18 @@ TEST_F(KeptContentTest, AKeptCopyChangedBehindTheToolsBackIsToldAndCritical) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST_F(KeptContentTest, AHardLinkToAFileTheRulesCallSecretIsCritical) {
+  Write("etc/shadow", "root:$6$salt$hash:19000:0:99999:7:::\n");
+  Init();
+  Keep();
+  ASSERT_EQ(0, Tool("scan t").status);
+  ASSERT_EQ(0, RunShell("ln tree/etc/shadow tree/etc/.shadow.hl").status);
+  CToolRun check = Tool("check t");
+  EXPECT_EQ("critical", SeverityAbout(check, "etc/.shadow.hl")) << check.out;
+  EXPECT_THAT(LineAbout(check, "etc/.shadow.hl"), HasSubstr("[hard link to etc/shadow]"));
+}
+
+}  // namespace

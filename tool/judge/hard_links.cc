@@ -50,7 +50,8 @@ bool IsSecretFile(const std::string& full_path) {
   return false;
 }
 
-void NameHardLinks(std::vector<CDifference>& differences, const std::string& root) {
+void NameHardLinks(std::vector<CDifference>& differences, const std::string& root,
+                   const std::function<bool(const std::string&)>& secret) {
   // The recorded files whose link count rose, by inode.
   std::map<std::string, const CDifference*> linked;
   for (const CDifference& difference : differences) {
@@ -71,8 +72,8 @@ void NameHardLinks(std::vector<CDifference>& differences, const std::string& roo
     const std::string& target = found->second->path;
     difference.words = "new hard link";
     difference.warnings.insert(difference.warnings.begin(), "hard link to " + target);
-    bool secret = IsSecretFile(JoinedPath(root, target));
-    CSeverity severity = secret ? CSeverity::kCritical : CSeverity::kHigh;
+    bool holds_secret = IsSecretFile(JoinedPath(root, target)) || secret(target);
+    CSeverity severity = holds_secret ? CSeverity::kCritical : CSeverity::kHigh;
     if (difference.severity < severity) difference.severity = severity;
   }
 }

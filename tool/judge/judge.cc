@@ -69,7 +69,9 @@ void CJudge::Settle(std::vector<CDifference>& differences) const {
     if (difference.change == CChange::kRenamed) Grade(difference);  // paired just now
   }
   ForgiveRotations(differences, rules_);
-  NameHardLinks(differences, root_);
+  NameHardLinks(differences, root_, [this](const std::string& relative) {
+    return rules_.SelectionFor(relative, CObjectKind::kFile).kept == CKeptContent::kRedact;
+  });
   SortMostSevereFirst(differences);
 }
 

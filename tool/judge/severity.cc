@@ -122,6 +122,12 @@ std::vector<std::string> WhatWasAdded(const CDifference& difference) {
 
 bool IsPersistencePlace(std::string_view full_path) {
   while (!full_path.empty() && full_path.front() == '/') full_path.remove_prefix(1);
+  // Every place lies below one of these: the rest of the system is told apart at once.
+  std::string_view first = full_path.substr(0, full_path.find('/'));
+  if (first != "etc" && first != "var" && first != "lib" && first != "usr" && first != "root" &&
+      first != "home") {
+    return false;
+  }
   std::vector<std::string_view> names = SplitPath(full_path);
   for (const CPathPattern& place : PersistencePlaces()) {
     if (place.Matches(names)) return true;
