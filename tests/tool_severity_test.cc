@@ -359,3 +359,20 @@ TEST_F(KeptContentTest, AHardLinkToAFileTheRulesCallSecretIsCritical) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST_F(KeptContentTest, ASecretCopiedOverAKeptFileOrIntoANewOneIsNotShown) {
+  Write("etc/motd", "welcome\n");
+  Init();
+  Keep();
+  ASSERT_EQ(0, Tool("scan t").status);
+  Write("etc/motd", "root:$6$salt$rootshash:19000:0:99999:7:::\n");
+  Write("etc/copy", "root:$6$salt$rootshash:19000:0:99999:7:::\n");
+  CToolRun check = Tool("check t");
+  EXPECT_EQ(1, check.status);
+  EXPECT_THAT(check.out, ::testing::Not(HasSubstr("$6$"))) << check.out;
+  EXPECT_THAT(check.out, HasSubstr("    + root (rest of the line withheld)\n"));
+}
+
+}  // namespace

@@ -1,6 +1,7 @@
 #include "tool/report/content_diff.h"
 
 #include <algorithm>
+#include <cctype>
 #include <map>
 #include <sstream>
 
@@ -222,6 +223,21 @@ std::vector<std::string> LineChanges(const std::string& before, const std::strin
 std::vector<std::string> RedactedLineChanges(const std::string& before, const std::string& after,
                                              size_t most) {
   return Shown(Edit(Lines(before), Lines(after)), most, true);
+}
+
+bool LooksSecret(const std::string& text) {
+  if (text.find("PRIVATE KEY") != std::string::npos) return true;
+  // A crypt hash: "$ID$" (ID letters or digits, a few of them) right after a separator.
+  for (size_t at = text.find('$'); at != std::string::npos; at = text.find('$', at + 1)) {
+    if (at > 0 && text[at - 1] != ':' && text[at - 1] != '\n' && text[at - 1] != ' ') continue;
+    size_t end = text.find('$', at + 1);
+    if (end == std::string::npos || end - at < 2 || end - at > 5) continue;
+    bool id = true;
+    for (size_t i = at + 1; i < end; ++i)
+      id = id && std::isalnum(static_cast<unsigned char>(text[i]));
+    if (id && end + 1 < text.size() && text[end + 1] != '$') return true;
+  }
+  return false;
 }
 
 bool IsAccountFile(const std::string& path) {

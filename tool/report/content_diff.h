@@ -15,6 +15,10 @@ std::vector<std::string> LineChanges(const std::string& before, const std::strin
 std::vector<std::string> RedactedLineChanges(const std::string& before, const std::string& after,
                                              size_t most);
 
+// Whether a text looks like it holds a secret whatever its file: a private key, or a password
+// hash of the crypt forms ("$6$...", "$y$...").
+bool LooksSecret(const std::string& text);
+
 // One account's change in an account file, for people.
 struct CAccountChange {
   std::string text;       // "account toor added: uid 0, gid 0, home /, shell /bin/sh, no password"

@@ -74,7 +74,8 @@ void ExplainContent(std::vector<CDifference>& differences, CSession& session,
   if (rules.empty()) return;
   CContentStore store = StoreOf(session);
   for (CDifference& difference : differences) {
-    if (difference.change != CChange::kChanged && difference.change != CChange::kNew) continue;
+    // Only against content a person accepted: a new file (a copy of a secret, say) shows none.
+    if (difference.change != CChange::kChanged) continue;
     if (difference.current.kind() != CObjectKind::kFile || difference.current.hash.empty())
       continue;
     if (difference.change == CChange::kChanged &&
@@ -116,8 +117,9 @@ void ExplainContent(std::vector<CDifference>& differences, CSession& session,
       }
       continue;
     }
-    difference.content = kept == CKeptContent::kRedact
-                             ? RedactedLineChanges(before, *after, kMostLines)
-                             : LineChanges(before, *after, kMostLines);
+    // A secret copied over a kept file is not shown either.
+    bool secret = kept == CKeptContent::kRedact || LooksSecret(before) || LooksSecret(*after);
+    difference.content = secret ? RedactedLineChanges(before, *after, kMostLines)
+                                : LineChanges(before, *after, kMostLines);
   }
 }

@@ -19,8 +19,9 @@ void KeepRecordedContent(CSession& session, const CRefPolicySettings& policy, CH
 void KeepAcceptedContent(CSession& session, const CRefPolicySettings& policy,
                          const std::vector<CDifference>& accepted);
 
-// Says what changed inside each changed or new file whose content is kept: the lines taken out and
-// put in (redacted for secrets), and for an account file each account added, removed or changed;
-// an account added with uid 0 or without a password makes the difference critical.
+// Says what changed inside each changed file whose content is kept: the lines taken out and put
+// in (redacted for secrets, and for any content that looks like one), and for an account file each
+// account added, removed or changed; an account added with uid 0 or without a password makes the
+// difference critical.
 void ExplainContent(std::vector<CDifference>& differences, CSession& session,
                     const CRefPolicySettings& policy);
