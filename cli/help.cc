@@ -61,7 +61,8 @@ const std::map<std::string, std::string>& CommandHelp() {
        "  signdb scan etc\n"
        "  signdb --config /etc/signdb/signdb.json scan usr --quiet\n"},
       {"check",
-       "usage: signdb check [POLICY | --all] [--json] [--quiet] [--walk] [--report DEST]...\n"
+       "usage: signdb check [POLICY | --all] [--json] [--long] [--quiet] [--walk] [--report "
+       "DEST]...\n"
        "\n"
        "Reports what is pending: what differs between the tree and the policy's baseline (the\n"
        "signed database a person accepted). While the watch service keeps the policy, it answers\n"
@@ -75,6 +76,14 @@ const std::map<std::string, std::string>& CommandHelp() {
        "line,\n"
        "the summary last. The database is not changed.\n"
        "\n"
+       "Lines come the most severe first: critical (setuid, setgid, capabilities or\n"
+       "world-writability added; a file turned device or link; an account with uid 0 or no\n"
+       "password; a hard link to a secret), high (programs, libraries, kernel modules, places\n"
+       "where intruders persist), medium, low (times, directories); the summary counts them.\n"
+       "A line fits a 120-column terminal; --long prints every digit of every hash and time.\n"
+       "A file whose rules keep its content shows the lines that changed below its line.\n"
+       "\n"
+       "  --long         every digit of every value (full hashes, times to the nanosecond)\n"
        "  --report DEST  send each finding and the summary there too: syslog (or journal: the\n"
        "                 system log socket /dev/log), syslog:SOCKET, or file:PATH (appended)\n"
        "\n"
@@ -83,7 +92,8 @@ const std::map<std::string, std::string>& CommandHelp() {
        "\n"
        "examples:\n"
        "  signdb check etc\n"
-       "  signdb check etc --json | jq -r 'select(.change == \"hash changed\") | .path'\n"},
+       "  signdb check etc --json | jq -r 'select(.signdb.severity == \"critical\") | "
+       ".file.path'\n"},
       {"update",
        "usage: signdb update [POLICY [PATH...] [--except PATH]... | --all] [--json] [--quiet] "
        "[--bind]\n"
@@ -230,6 +240,9 @@ const std::map<std::string, std::string>& CommandHelp() {
        "or {\"path\": GLOB, \"check\": GROUP or [WORDS]}, each with an optional \"kind\". GLOB is\n"
        "anchored at the root; \"**\" spans any number of names. Groups: everything, read-only,\n"
        "permissions, log (may grow; rotation is not a change), ignore directory times.\n"
+       "A check rule may also set \"severity\" (low, medium, high, critical) for the changes at\n"
+       "the path, and \"content\": \"diff\" (keep the accepted content of small text files and\n"
+       "show the lines that change) or \"redact\" (secrets: changed lines by their first field).\n"
        "\n"
        "examples:\n"
        "  signdb rules var log/syslog\n"},
