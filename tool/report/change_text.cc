@@ -137,12 +137,12 @@ std::string FlagsText(const std::string& letters) {
 std::string ObjectSummary(const CObjectState& state, CLineForm form) {
   CObjectKind kind = state.kind();
   CSecurityItems items = security_text::Parse(state.security);
+  auto item = [&](const char* key) {
+    auto found = items.find(key);
+    return found == items.end() ? std::string() : found->second;
+  };
   if (form == CLineForm::kCompact && state.attributes != kUnknownAttributes) {
     // As ls shows it: "-rwsr-xr-x root:root", then what else it has.
-    auto item = [&](const char* key) {
-      auto found = items.find(key);
-      return found == items.end() ? std::string() : found->second;
-    };
     std::string mode = ModeText(state.attributes);
     // A kind that the mode's letter alone would leave to guess is named.
     std::string text = kind == CObjectKind::kFile || kind == CObjectKind::kDirectory
@@ -170,10 +170,6 @@ std::string ObjectSummary(const CObjectState& state, CLineForm form) {
   }
   std::string text = std::string("kind ") + KindWords(kind);
   if (state.attributes != kUnknownAttributes) text += "; mode " + ModeText(state.attributes);
-  auto item = [&](const char* key) {
-    auto found = items.find(key);
-    return found == items.end() ? std::string() : found->second;
-  };
   if (!item(security_text::kUid).empty()) text += "; owner " + OwnerText(item(security_text::kUid));
   if (!item(security_text::kGid).empty()) text += "; group " + GroupText(item(security_text::kGid));
   if (!item(security_text::kCapabilities).empty()) {
