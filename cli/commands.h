@@ -22,3 +22,4 @@ int RunJournal(const CCommandLine& line);
 int RunRules(const CCommandLine& line);
 int RunWatch(const CCommandLine& line);
 int RunStatus(const CCommandLine& line);
+int RunFleet(const CCommandLine& line);

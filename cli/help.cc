@@ -282,6 +282,18 @@ const std::map<std::string, std::string>& CommandHelp() {
        "\n"
        "examples:\n"
        "  signdb watch etc home --save-period 60\n"},
+      {"fleet",
+       "usage: signdb fleet init | hosts [--json]\n"
+       "\n"
+       "The fleet store: a ClickHouse server where every host publishes its records and changes,\n"
+       "named by the configuration's \"fleet\" section ({\"url\": \"http://HOST:8123\",\n"
+       "\"database\": \"signdb\", \"host\": NAME, \"groups\": [...], \"credentials\": FILE}).\n"
+       "'init' makes its tables (safe to run again; a store of another schema version is\n"
+       "refused); 'hosts' lists every host that published, when and with what.\n"
+       "\n"
+       "examples:\n"
+       "  signdb fleet init\n"
+       "  signdb fleet hosts --json\n"},
       {"status",
        "usage: signdb status [--json]\n"
        "\n"
@@ -333,6 +345,7 @@ void PrintUsage(std::ostream& out) {
          "  watch [POLICY...]        keep the databases up to date from file events, answer "
          "queries\n"
          "  status                   what the running watch service does, or when each was saved\n"
+         "  fleet init | hosts       the fleet store that every host publishes to\n"
          "  renew --ca-key PATH      issue a new signer certificate with the offline CA key\n"
          "  selftest                 exercise the module through the reference host\n"
          "  version                  print the tool's version\n"

@@ -30,13 +30,13 @@ int main(int argc, char** argv) {
   // the umask it was started with.
   ::umask(077);
   static const std::map<std::string, int (*)(const CCommandLine&)> kCommands = {
-      {"init", RunInit},      {"scan", RunScan},         {"check", RunCheck},
-      {"update", RunUpdate},  {"diff", RunDiff},         {"lookup", RunLookup},
-      {"ls", RunList},        {"show", RunShow},         {"verify", RunVerify},
-      {"dump", RunDump},      {"selftest", RunSelfTest}, {"version", RunVersion},
-      {"renew", RunRenew},    {"sign", RunSign},         {"accept", RunAccept},
-      {"rules", RunRules},    {"watch", RunWatch},       {"status", RunStatus},
-      {"journal", RunJournal}};
+      {"init", RunInit},     {"scan", RunScan},         {"check", RunCheck},
+      {"update", RunUpdate}, {"diff", RunDiff},         {"lookup", RunLookup},
+      {"ls", RunList},       {"show", RunShow},         {"verify", RunVerify},
+      {"dump", RunDump},     {"selftest", RunSelfTest}, {"version", RunVersion},
+      {"renew", RunRenew},   {"sign", RunSign},         {"accept", RunAccept},
+      {"rules", RunRules},   {"watch", RunWatch},       {"status", RunStatus},
+      {"fleet", RunFleet},   {"journal", RunJournal}};
   try {
     CCommandLine line = ParseCommandLine(std::vector<std::string>(argv + 1, argv + argc));
     if (line.command == "help") {

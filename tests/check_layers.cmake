@@ -3,7 +3,8 @@
 # listed) fails, as does a folder that is not listed here.
 cmake_policy(VERSION 3.25)
 set(module "entry|host|front|hashdb|hdbfile")
-set(allowed_cli "tool/watch|tool/scan|tool/session|tool/store|tool/report|tool/packages|tool/judge|tool/rules|tool/change|tool/common|util|refhost|${module}")
+set(allowed_cli "tool/fleet|tool/watch|tool/scan|tool/session|tool/store|tool/report|tool/packages|tool/judge|tool/rules|tool/change|tool/common|util|refhost|${module}")
+set(allowed_tool/fleet "tool/session|tool/store|tool/report|tool/change|tool/common|util|refhost|${module}")
 set(allowed_tool/watch "tool/scan|tool/session|tool/store|tool/report|tool/packages|tool/judge|tool/rules|tool/change|tool/common|util|refhost|${module}")
 set(allowed_tool/scan "tool/session|tool/store|tool/report|tool/packages|tool/judge|tool/rules|tool/change|tool/common|util|refhost|${module}")
 set(allowed_tool/session "tool/store|tool/packages|tool/rules|tool/change|tool/common|util|refhost|${module}")

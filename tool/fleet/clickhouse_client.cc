@@ -1,0 +1,98 @@
+#include "tool/fleet/clickhouse_client.h"
+
+#include <Poco/Net/HTMLForm.h>
+#include <Poco/Net/HTTPClientSession.h>
+#include <Poco/Net/HTTPRequest.h>
+#include <Poco/Net/HTTPResponse.h>
+#include <Poco/Net/NetException.h>
+#include <Poco/Net/PartSource.h>
+#include <Poco/Net/StringPartSource.h>
+#include <Poco/StreamCopier.h>
+#include <Poco/URI.h>
+
+#include <sstream>
+#include <stdexcept>
+#include <utility>
+
+#include "util/safe_text.h"
+
+CClickHouseClient::CClickHouseClient(std::string url, std::string user, std::string password)
+    : url_(std::move(url)), user_(std::move(user)), password_(std::move(password)) {
+  Poco::URI uri;
+  try {
+    uri = Poco::URI(url_);
+  } catch (const Poco::Exception& e) {
+    throw std::runtime_error("the fleet store's url '" + url_ + "' is not one: " + e.message());
+  }
+  if (uri.getScheme() != "http" || uri.getHost().empty()) {
+    throw std::runtime_error("the fleet store's url '" + url_ +
+                             "' is not http://HOST:PORT (https is not supported yet)");
+  }
+}
+
+std::string CClickHouseClient::TabField(const std::string& text) {
+  std::string field;
+  field.reserve(text.size());
+  for (char c : text) {
+    switch (c) {
+      case '\t':
+        field += "\\t";
+        break;
+      case '\n':
+        field += "\\n";
+        break;
+      case '\\':
+        field += "\\\\";
+        break;
+      default:
+        field += c;
+    }
+  }
+  return field;
+}
+
+std::string CClickHouseClient::Run(const std::string& statement, const std::string& body,
+                                   const std::vector<CTable>& tables) const {
+  Poco::URI uri(url_);
+  uri.setPath("/");
+  uri.addQueryParameter("query", statement);
+  for (const CTable& table : tables)
+    uri.addQueryParameter(table.name + "_structure", table.structure);
+  Poco::Net::HTTPClientSession session(uri.getHost(), uri.getPort());
+  session.setTimeout(Poco::Timespan(60, 0));
+  Poco::Net::HTTPRequest request(Poco::Net::HTTPRequest::HTTP_POST, uri.getPathAndQuery(),
+                                 Poco::Net::HTTPMessage::HTTP_1_1);
+  if (!user_.empty()) request.set("X-ClickHouse-User", user_);
+  if (!password_.empty()) request.set("X-ClickHouse-Key", password_);
+  std::string answer;
+  try {
+    if (tables.empty()) {
+      request.setContentLength(static_cast<std::streamsize>(body.size()));
+      request.setContentType("text/plain; charset=utf-8");
+      session.sendRequest(request) << body;
+    } else {
+      // External data: each table a part of a multipart form, named as the statement reads it.
+      Poco::Net::HTMLForm form(Poco::Net::HTMLForm::ENCODING_MULTIPART);
+      for (const CTable& table : tables) {
+        form.addPart(table.name,
+                     new Poco::Net::StringPartSource(table.rows, "text/plain", table.name));
+      }
+      form.prepareSubmit(request);
+      form.write(session.sendRequest(request));
+    }
+    Poco::Net::HTTPResponse response;
+    std::istream& in = session.receiveResponse(response);
+    std::ostringstream text;
+    Poco::StreamCopier::copyStream(in, text);
+    answer = text.str();
+    if (response.getStatus() != Poco::Net::HTTPResponse::HTTP_OK) {
+      std::string first = answer.substr(0, answer.find('\n'));
+      throw std::runtime_error("the fleet store at " + url_ + " refused a request (HTTP " +
+                               std::to_string(static_cast<int>(response.getStatus())) +
+                               "): " + EscapedText(first.substr(0, 500)));
+    }
+  } catch (const Poco::Exception& e) {
+    throw std::runtime_error("cannot reach the fleet store at " + url_ + ": " + e.displayText());
+  }
+  return answer;
+}

@@ -1,0 +1,39 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+// A ClickHouse server asked over its HTTP interface (POCO Net): one statement per request, in the
+// URL's "query" parameter, with its data, when it has any, as the request's body. What a user
+// gives (a path, a host name, a hash) never becomes statement text: it travels as the body of an
+// INSERT or as a table of external data that the statement reads ("hashes" below).
+class CClickHouseClient {
+ public:
+  // A table of external data: its rows as tab-separated text and the structure that names and
+  // types its columns ("hash String").
+  struct CTable {
+    std::string name;
+    std::string structure;
+    std::string rows;  // TabSeparated: \t, \n and \\ escaped
+  };
+
+  // "url": http://HOST:PORT (https:// is refused until the tool links TLS). "user" and
+  // "password" may be empty (the server's default user).
+  CClickHouseClient(std::string url, std::string user, std::string password);
+
+  // Runs "statement" with "body" as its data; returns what the server answered. Throws
+  // std::runtime_error naming the server and what it said (an error, a refusal) or why it could
+  // not be reached.
+  std::string Run(const std::string& statement, const std::string& body = std::string(),
+                  const std::vector<CTable>& tables = {}) const;
+
+  const std::string& url() const { return url_; }
+
+  // A text as a field of TabSeparated data (its escapes).
+  static std::string TabField(const std::string& text);
+
+ private:
+  std::string url_;
+  std::string user_;
+  std::string password_;
+};

@@ -1,0 +1,92 @@
+#include "tool/fleet/fleet_settings.h"
+
+#include <Poco/JSON/Array.h>
+#include <Poco/JSON/Object.h>
+#include <Poco/JSON/Parser.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cctype>
+#include <fstream>
+
+#include "refhost/file_io.h"
+#include "tool/common/exit_status.h"
+
+namespace {
+
+std::string HostName() {
+  char name[256] = {};
+  if (::gethostname(name, sizeof name - 1) != 0) return "localhost";
+  return name;
+}
+
+}  // namespace
+
+CFleetSettings ReadFleetSettings(const std::string& config_path) {
+  CFleetSettings settings;
+  if (config_path.size() < 5 || config_path.compare(config_path.size() - 5, 5, ".json") != 0)
+    return settings;
+  std::vector<uint8_t> bytes = ReadWholeFile(config_path, 16 << 20);
+  Poco::JSON::Object::Ptr config;
+  try {
+    config = Poco::JSON::Parser()
+                 .parse(std::string(bytes.begin(), bytes.end()))
+                 .extract<Poco::JSON::Object::Ptr>();
+  } catch (const Poco::Exception& e) {
+    throw CToolError(config_path + ": " + e.displayText());
+  }
+  if (!config || !config->has("fleet")) return settings;
+  const std::string where = config_path + ": \"fleet\": ";
+  Poco::JSON::Object::Ptr fleet = config->getObject("fleet");
+  if (!fleet) throw CToolError(where + "an object with \"url\" is expected");
+  auto text = [&](const char* key, std::string& into, bool required) {
+    if (!fleet->has(key)) {
+      if (required) throw CToolError(where + "\"" + key + "\" is missing");
+      return;
+    }
+    Poco::Dynamic::Var value = fleet->get(key);
+    if (!value.isString() || value.extract<std::string>().empty())
+      throw CToolError(where + "\"" + key + "\" is a text that is not empty");
+    into = value.extract<std::string>();
+  };
+  settings.configured = true;
+  text("url", settings.url, true);
+  text("database", settings.database, false);
+  if (!std::all_of(settings.database.begin(), settings.database.end(),
+                   [](unsigned char c) { return std::isalnum(c) || c == '_'; })) {
+    throw CToolError(where + "\"database\" is letters, digits and '_' only: '" + settings.database +
+                     "'");
+  }
+  settings.host = HostName();
+  text("host", settings.host, false);
+  if (fleet->has("groups")) {
+    Poco::JSON::Array::Ptr groups = fleet->getArray("groups");
+    if (!groups) throw CToolError(where + "\"groups\" is a list of texts");
+    for (size_t i = 0; i < groups->size(); ++i) {
+      Poco::Dynamic::Var group = groups->get(static_cast<unsigned>(i));
+      if (!group.isString()) throw CToolError(where + "\"groups\" is a list of texts");
+      settings.groups.push_back(group.extract<std::string>());
+    }
+  }
+  std::string credentials;
+  text("credentials", credentials, false);
+  if (!credentials.empty()) {
+    struct stat status {};
+    if (::stat(credentials.c_str(), &status) != 0)
+      throw CToolError(where + "cannot read the credentials file " + credentials);
+    if ((status.st_mode & 077) != 0) {
+      throw CToolError(where + "the credentials file " + credentials +
+                       " may be read by others; make it the owner's alone (chmod 600)");
+    }
+    std::ifstream in(credentials);
+    std::string line;
+    std::getline(in, line);
+    size_t colon = line.find(':');
+    if (colon == std::string::npos || colon == 0)
+      throw CToolError(where + "the credentials file " + credentials + " holds no USER:PASSWORD");
+    settings.user = line.substr(0, colon);
+    settings.password = line.substr(colon + 1);
+  }
+  return settings;
+}
