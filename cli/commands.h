@@ -23,3 +23,6 @@ int RunRules(const CCommandLine& line);
 int RunWatch(const CCommandLine& line);
 int RunStatus(const CCommandLine& line);
 int RunFleet(const CCommandLine& line);
+
+// What "signdb version" says, and what a fleet publication names.
+inline constexpr const char* kToolVersion = "0.2.0";

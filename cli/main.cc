@@ -15,7 +15,7 @@
 
 namespace {
 
-constexpr const char* kVersion = "0.2.0";
+constexpr const char* kVersion = kToolVersion;
 
 int RunVersion(const CCommandLine& line) {
   RequireShape(line, {}, 0, 0);

@@ -5,8 +5,12 @@
 #include <optional>
 
 #include "cli/command_line.h"
+#include "cli/commands.h"
+#include "hashdb/hash_db.h"
 #include "refhost/settings.h"
 #include "tool/common/exit_status.h"
+#include "tool/fleet/fleet_publisher.h"
+#include "tool/fleet/fleet_settings.h"
 #include "tool/report/file_sink.h"
 #include "tool/report/stream_sinks.h"
 #include "tool/watch/pending_answer.h"
@@ -81,4 +85,20 @@ std::optional<CTreeCheckResult> PendingFromService(CSession& session,
               << "); walking the tree instead\n";
     return std::nullopt;
   }
+}
+
+void PublishToFleet(CSession& session, const CRefPolicySettings& policy, CHashDB& database) {
+  CFleetSettings settings;
+  try {
+    settings = ReadFleetSettings(session.config_path());
+  } catch (const CToolError& e) {
+    std::cerr << "signdb: not published to the fleet store: " << EscapedText(e.what()) << "\n";
+    return;
+  }
+  if (!settings.configured) return;
+  CFleetPublisher publisher(settings, session.DataFolder(), kToolVersion);
+  std::cerr << "signdb: policy '" << EscapedText(policy.name) << "' "
+            << publisher.Publish(policy.name, database, database.Revision(),
+                                 session.settings().local_cstm_id, session.settings().local_lcs_id)
+            << "\n";
 }

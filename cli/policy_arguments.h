@@ -7,6 +7,7 @@
 #include "tool/report/report_sink.h"
 #include "tool/session/session.h"
 
+class CHashDB;
 class CToolError;
 struct CCommandLine;
 struct CRefPolicySettings;
@@ -33,6 +34,11 @@ int WorstStatus(int a, int b);
 // otherwise, or when it cannot answer (said on the standard error: the caller walks the tree).
 std::optional<CTreeCheckResult> PendingFromService(CSession& session,
                                                    const CRefPolicySettings& policy);
+
+// Publishes the policy's database, as just saved, to the fleet store when the configuration has
+// a "fleet" section (see CFleetPublisher); says on standard error what became of it. Never fails
+// the command: the saved database stands whatever the store does.
+void PublishToFleet(CSession& session, const CRefPolicySettings& policy, CHashDB& database);
 
 // Where a check's or an update's report goes: standard output (lines for people, or JSON lines
 // with --json) and every --report destination. Throws CToolError for a destination it does not

@@ -95,6 +95,7 @@ int ScanPolicy(CSession& session, const CRefPolicySettings& policy, const CComma
                 std::to_string(scanner.counters().objects) + " objects";
   std::string saved = store.Save(database, &entry);
   KeepRecordedContent(session, policy, *database);
+  if (!line.Has("--sign-later")) PublishToFleet(session, policy, *database);
   double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   const CScanCounters& counters = scanner.counters();
   char elapsed[32];

@@ -188,6 +188,7 @@ int UpdatePolicy(CSession& session, const CRefPolicySettings& policy, const CCom
   if (!result.differences.empty() || line.Has("--bind")) {
     saved = session.Store(policy).Save(database, &entry);
     KeepAcceptedContent(session, policy, result.differences);
+    if (!line.Has("--sign-later")) PublishToFleet(session, policy, *database);
     if (result.from_live_record) TellServiceOfNewBaseline(session, policy);
   }
   CReportContext context =

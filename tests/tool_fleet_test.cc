@@ -102,3 +102,83 @@ TEST_F(FleetTest, WithoutAFleetSectionTheFleetCommandSaysHowToAddOne) {
 }
 
 }  // namespace
+
+namespace {
+
+class FleetPublishTest : public FleetTest {
+ protected:
+  // Another host: its own configuration, keys, data folder and tree, named "host" in the fleet
+  // ("host_json": the name as a JSON text writes it).
+  std::string OtherHost(const std::string& folder_name, const std::string& host_json, const std::string& tree) {
+    std::string folder = dir_ / ("host-" + folder_name);
+    EXPECT_EQ(0, Run("init --dir '" + folder + "' --policy t='" + tree + "'").status);
+    std::string config = folder + "/signdb.json";
+    SetConfigMember(config, "fleet", R"({"url":")" + server_.url() + R"(","host":")" + host_json + R"("})");
+    return config;
+  }
+  CToolRun ToolOf(const std::string& config, const std::string& args) {
+    return Run("--config '" + config + "' " + args);
+  }
+};
+
+TEST_F(FleetPublishTest, EveryHostsRecordsArePublishedAndALookupFindsEveryHolderNowAndForgetsTheGone) {
+  ASSERT_EQ(0, Tool("fleet init").status);
+  Write("etc/shared.conf", "the same everywhere\n");
+  Write("etc/only-a", "only on web-01\n");
+  std::string tree_b = dir_.Write("tree-b/etc/shared.conf", "the same everywhere\n");
+  std::string tree_c = dir_.Write("tree-c/etc/shared.conf", "the same everywhere\n");
+  std::string b = OtherHost("b", "web-02", dir_ / "tree-b");
+  std::string c = OtherHost("c", R"(db\"01\nx)", dir_ / "tree-c");  // a hostile host name
+  CToolRun scan = Tool("scan t");
+  EXPECT_EQ(0, scan.status) << scan.err;
+  EXPECT_THAT(scan.err, HasSubstr("published to the fleet store at " + server_.url() + " as host web-01"));
+  ASSERT_EQ(0, ToolOf(b, "scan t").status);
+  ASSERT_EQ(0, ToolOf(c, "scan t").status);
+
+  CToolRun shared = Tool("fleet lookup " + Sha256("the same everywhere\n") + " --json");
+  EXPECT_EQ(0, shared.status) << shared.err;
+  std::vector<std::string> holders;
+  for (const std::string& line : shared.OutLines()) {
+    Poco::JSON::Object::Ptr holder = ParseJson(line);
+    holders.push_back(holder->getValue<std::string>("host") + "|" + holder->getValue<std::string>("path"));
+  }
+  EXPECT_THAT(holders, ::testing::UnorderedElementsAre("web-01|etc/shared.conf", "web-02|etc/shared.conf",
+                                                       "db\"01\nx|etc/shared.conf"));
+  // Deleted and accepted: the host no longer holds it.
+  ASSERT_EQ(0, ::unlink(Tree("etc/only-a").c_str()));
+  ASSERT_EQ(0, Tool("update t").status);
+  CToolRun gone = Tool("fleet lookup " + Sha256("only on web-01\n"));
+  EXPECT_EQ(1, gone.status) << gone.out;
+  EXPECT_THAT(gone.err, HasSubstr("no host of the fleet holds it now"));
+  CToolRun hosts = Tool("fleet hosts");
+  EXPECT_THAT(hosts.out, HasSubstr("web-01  t  published "));
+  EXPECT_THAT(hosts.out, HasSubstr("db\"01\\nx  t"));
+}
+
+TEST_F(FleetPublishTest, AStoreThatIsDownKeepsTheBatchInTheSpoolAndTheNextRunDeliversItOnce) {
+  ASSERT_EQ(0, Tool("fleet init").status);
+  Write("etc/a", "a\n");
+  server_.Stop();
+  CToolRun scan = Tool("scan t");
+  EXPECT_EQ(0, scan.status) << "the saved database stands whatever the store does: " << scan.err;
+  EXPECT_THAT(scan.err, HasSubstr("kept in the fleet spool"));
+  std::string error;
+  // Started again on its data folder is not possible here: a new server, initialised afresh.
+  CClickHouseServer again;
+  ASSERT_TRUE(again.Start(error)) << error;
+  SetFleet(R"({"url":")" + again.url() + R"(","host":"web-01"})");
+  ASSERT_EQ(0, Tool("fleet init").status);
+  Write("etc/b", "b\n");
+  ASSERT_EQ(0, Tool("update t").status);  // delivers the spooled scan, then its own batch
+  CClickHouseClient client(again.url(), "", "");
+  EXPECT_EQ("2\n", client.Run("SELECT count() FROM (SELECT DISTINCT revision FROM signdb.hosts)"));
+  // Sent twice (a stop between the store's answer and the spool's forgetting), counted once.
+  std::string once = client.Run("SELECT count() FROM signdb.holders FINAL WHERE path = 'etc/a'");
+  std::string body = client.Run("SELECT * FROM signdb.holders WHERE path = 'etc/a' FORMAT TabSeparated");
+  client.Run("INSERT INTO signdb.holders FORMAT TabSeparated", body);
+  EXPECT_EQ(once, client.Run("SELECT count() FROM signdb.holders FINAL WHERE path = 'etc/a'"));
+  CToolRun lookup = Tool("fleet lookup " + Sha256("a\n") + " --json");
+  EXPECT_EQ(1u, lookup.OutLines().size()) << lookup.out;
+}
+
+}  // namespace

@@ -41,6 +41,12 @@ std::string CClickHouseClient::TabField(const std::string& text) {
       case '\n':
         field += "\\n";
         break;
+      case '\r':
+        field += "\\r";
+        break;
+      case '\0':
+        field += "\\0";
+        break;
       case '\\':
         field += "\\\\";
         break;
@@ -49,6 +55,52 @@ std::string CClickHouseClient::TabField(const std::string& text) {
     }
   }
   return field;
+}
+
+std::string CClickHouseClient::FromTabField(const std::string& field) {
+  std::string text;
+  text.reserve(field.size());
+  for (size_t i = 0; i < field.size(); ++i) {
+    if (field[i] != '\\' || i + 1 == field.size()) {
+      text += field[i];
+      continue;
+    }
+    char next = field[++i];
+    switch (next) {
+      case 't':
+        text += '\t';
+        break;
+      case 'n':
+        text += '\n';
+        break;
+      case 'r':
+        text += '\r';
+        break;
+      case 'b':
+        text += '\b';
+        break;
+      case 'f':
+        text += '\f';
+        break;
+      case '0':
+        text += '\0';
+        break;
+      default:
+        text += next;  // \\, \', and whatever else stands for itself
+    }
+  }
+  return text;
+}
+
+std::vector<std::string> CClickHouseClient::TabFields(const std::string& line) {
+  std::vector<std::string> fields;
+  size_t start = 0;
+  for (;;) {
+    size_t tab = line.find('\t', start);
+    fields.push_back(FromTabField(line.substr(start, tab - start)));
+    if (tab == std::string::npos) return fields;
+    start = tab + 1;
+  }
 }
 
 std::string CClickHouseClient::Run(const std::string& statement, const std::string& body,

@@ -29,8 +29,11 @@ class CClickHouseClient {
 
   const std::string& url() const { return url_; }
 
-  // A text as a field of TabSeparated data (its escapes).
+  // A text as a field of TabSeparated data (its escapes), and back.
   static std::string TabField(const std::string& text);
+  static std::string FromTabField(const std::string& field);
+  // The fields of one line of TabSeparated data, unescaped.
+  static std::vector<std::string> TabFields(const std::string& line);
 
  private:
   std::string url_;
