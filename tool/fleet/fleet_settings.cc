@@ -12,6 +12,7 @@
 
 #include "refhost/file_io.h"
 #include "tool/common/exit_status.h"
+#include "tool/session/config_location.h"
 
 namespace {
 
@@ -25,21 +26,9 @@ std::string HostName() {
 
 CFleetSettings ReadFleetSettings(const std::string& config_path) {
   CFleetSettings settings;
-  if (config_path.size() < 5 || config_path.compare(config_path.size() - 5, 5, ".json") != 0)
-    return settings;
-  std::vector<uint8_t> bytes = ReadWholeFile(config_path, 16 << 20);
-  Poco::JSON::Object::Ptr config;
-  try {
-    config = Poco::JSON::Parser()
-                 .parse(std::string(bytes.begin(), bytes.end()))
-                 .extract<Poco::JSON::Object::Ptr>();
-  } catch (const Poco::Exception& e) {
-    throw CToolError(config_path + ": " + e.displayText());
-  }
-  if (!config || !config->has("fleet")) return settings;
+  Poco::JSON::Object::Ptr fleet = ConfigSection(config_path, "fleet");
+  if (!fleet) return settings;
   const std::string where = config_path + ": \"fleet\": ";
-  Poco::JSON::Object::Ptr fleet = config->getObject("fleet");
-  if (!fleet) throw CToolError(where + "an object with \"url\" is expected");
   auto text = [&](const char* key, std::string& into, bool required) {
     if (!fleet->has(key)) {
       if (required) throw CToolError(where + "\"" + key + "\" is missing");

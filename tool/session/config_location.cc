@@ -1,9 +1,14 @@
 #include "tool/session/config_location.h"
 
+#include <Poco/JSON/Parser.h>
 #include <unistd.h>
 
 #include <boost/filesystem/operations.hpp>
 #include <cstdlib>
+#include <vector>
+
+#include "refhost/file_io.h"
+#include "tool/common/exit_status.h"
 
 namespace {
 
@@ -30,4 +35,22 @@ std::string DefaultConfigPath() {
     return system_file;
   }
   return user_file;
+}
+
+Poco::JSON::Object::Ptr ConfigSection(const std::string& config_path, const std::string& key) {
+  if (config_path.size() < 5 || config_path.compare(config_path.size() - 5, 5, ".json") != 0)
+    return nullptr;
+  std::vector<uint8_t> bytes = ReadWholeFile(config_path, 16 << 20);
+  Poco::JSON::Object::Ptr config;
+  try {
+    config = Poco::JSON::Parser()
+                 .parse(std::string(bytes.begin(), bytes.end()))
+                 .extract<Poco::JSON::Object::Ptr>();
+  } catch (const Poco::Exception& e) {
+    throw CToolError(config_path + ": " + e.displayText());
+  }
+  if (!config || !config->has(key)) return nullptr;
+  Poco::JSON::Object::Ptr section = config->getObject(key);
+  if (!section) throw CToolError(config_path + ": \"" + key + "\" is an object");
+  return section;
 }

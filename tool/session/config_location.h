@@ -1,8 +1,14 @@
 #pragma once
 
+#include <Poco/JSON/Object.h>
+
 #include <string>
 
 // Where the tool looks for its configuration when --config is not given: $SIGNDB_CONFIG, else
 // $XDG_CONFIG_HOME/signdb/signdb.json, else ~/.config/signdb/signdb.json; for root, when none of
 // those exists, /etc/signdb/signdb.json if that does.
 std::string DefaultConfigPath();
+
+// The configuration's top-level "key" section when the configuration is JSON and has one; null
+// otherwise. Throws CToolError naming the file for JSON that does not parse.
+Poco::JSON::Object::Ptr ConfigSection(const std::string& config_path, const std::string& key);

@@ -8,6 +8,7 @@
 
 #include "refhost/file_io.h"
 #include "tool/common/exit_status.h"
+#include "tool/session/config_location.h"
 
 namespace {
 
@@ -28,23 +29,11 @@ const char* ChangeLinesName(CChangeLines lines) {
 
 CWatchSettings ReadWatchSettings(const std::string& config_path) {
   CWatchSettings settings;
-  if (config_path.size() < 5 || config_path.compare(config_path.size() - 5, 5, ".json") != 0)
-    return settings;
-  std::vector<uint8_t> bytes = ReadWholeFile(config_path, 16 << 20);
-  Poco::JSON::Object::Ptr config;
-  try {
-    config = Poco::JSON::Parser()
-                 .parse(std::string(bytes.begin(), bytes.end()))
-                 .extract<Poco::JSON::Object::Ptr>();
-  } catch (const Poco::Exception& e) {
-    throw CToolError(config_path + ": " + e.displayText());
-  }
-  if (!config || !config->has("watch")) return settings;
-  Poco::JSON::Object::Ptr watch = config->getObject("watch");
+  Poco::JSON::Object::Ptr watch = ConfigSection(config_path, "watch");
+  if (!watch) return settings;
   const std::string what = config_path + ": \"watch\": {\"change_lines\": ...} takes \"both\" " +
                            "(standard output and the system log), \"journal\" (standard output, " +
                            "which the journal takes under systemd) or \"system-log\"";
-  if (!watch) throw CToolError(what);
   if (!watch->has("change_lines")) return settings;
   Poco::Dynamic::Var value = watch->get("change_lines");
   if (!value.isString()) throw CToolError(what);
