@@ -47,8 +47,8 @@ int Hosts(const CFleetSettings& settings, bool json) {
   RequireFleetSchema(client, settings.database);
   // The latest publication of each host and policy.
   std::string rows = client.Run(
-      "SELECT host, policy, toString(max(published)), argMax(revision, published), "
-      "argMax(objects, published) FROM " +
+      "SELECT host, policy, toString(max(published)), argMax(revision, sequence), "
+      "argMax(objects, sequence) FROM " +
       settings.database + ".hosts GROUP BY host, policy ORDER BY host, policy FORMAT TabSeparated");
   std::istringstream in(rows);
   size_t count = 0;
@@ -91,7 +91,7 @@ int Lookup(const CFleetSettings& settings, const std::vector<std::string>& hashe
   std::string rows = client.Run(
       "SELECT hash, host, policy, path, revision FROM " + d + ".holders FINAL WHERE hash IN " +
           "wanted AND (host, policy, revision) IN (SELECT host, policy, argMax(revision, " +
-          "(published, revision)) FROM " + d + ".hosts GROUP BY host, policy) AND present = 1 " +
+          "sequence) FROM " + d + ".hosts GROUP BY host, policy) AND present = 1 " +
           "ORDER BY hash, host, policy, path FORMAT TabSeparated",
       std::string(), {CClickHouseClient::CTable{"wanted", "hash String", wanted}});
   std::istringstream in(rows);

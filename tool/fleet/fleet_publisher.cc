@@ -77,6 +77,23 @@ CFleetPublisher::CFleetPublisher(CFleetSettings settings, std::string data_folde
       spool_(std::move(data_folder) + "/fleet-spool"),
       tool_version_(std::move(tool_version)) {}
 
+uint64_t CFleetPublisher::NextSequence(const std::string& policy) {
+  // The order of a policy's publications: greater than the last one's, and than the clock's
+  // nanoseconds (so that it keeps growing when the spool is lost), whatever the clock does.
+  std::string path = spool_ + "/" + policy + ".sequence";
+  uint64_t last = 0;
+  {
+    std::ifstream in(path);
+    in >> last;
+  }
+  uint64_t now = static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(
+                                           std::chrono::system_clock::now().time_since_epoch())
+                                           .count());
+  uint64_t next = std::max(last + 1, now);
+  std::ofstream(path, std::ios::trunc) << next << "\n";
+  return next;
+}
+
 std::string CFleetPublisher::Spool(const std::string& policy, CHashDB& database, uint64_t revision,
                                    const std::string& cstm_id, const std::string& lcs_id) {
   if (::mkdir(spool_.c_str(), 0700) != 0 && errno != EEXIST)
@@ -120,9 +137,10 @@ std::string CFleetPublisher::Spool(const std::string& policy, CHashDB& database,
   for (size_t i = 0; i < settings_.groups.size(); ++i)
     groups += (i ? "," : "") + Field(Quoted(settings_.groups[i]));
   groups += "]";
-  std::string hosts = host + "\t" + published + "\t" + policy_field + "\t" + rev + "\t" +
-                      std::to_string(objects) + "\t" + Field(cstm_id) + "\t" + Field(lcs_id) +
-                      "\t" + groups + "\t" + Field(tool_version_) + "\t0\n";
+  std::string hosts = host + "\t" + published + "\t" + std::to_string(NextSequence(policy)) + "\t" +
+                      policy_field + "\t" + rev + "\t" + std::to_string(objects) + "\t" +
+                      Field(cstm_id) + "\t" + Field(lcs_id) + "\t" + groups + "\t" +
+                      Field(tool_version_) + "\t0\n";
   // Written aside, moved in whole: a batch in the spool is always complete.
   auto now = std::chrono::system_clock::now().time_since_epoch();
   std::string name =

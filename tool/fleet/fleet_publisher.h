@@ -36,6 +36,8 @@ class CFleetPublisher {
   size_t Deliver();
 
  private:
+  // The next number of the policy's publications (see the hosts table).
+  uint64_t NextSequence(const std::string& policy);
   std::string Spool(const std::string& policy, CHashDB& database, uint64_t revision,
                     const std::string& cstm_id, const std::string& lcs_id);
 

@@ -35,24 +35,25 @@ void CreateFleetSchema(const CClickHouseClient& client, const std::string& datab
   // The database name is checked to be [A-Za-z0-9_]+ where it is read (fleet_settings).
   const std::string& d = database;
   client.Run("CREATE DATABASE IF NOT EXISTS " + d);
-  client.Run("CREATE TABLE IF NOT EXISTS " + d +
-             ".records (host String, policy String, path String, revision UInt64, present UInt8, "
-             "kind String, hash String, size UInt64, mode UInt32, uid String, gid String, "
-             "published UInt32) ENGINE = ReplacingMergeTree(revision) "
-             "ORDER BY (host, policy, path)");
-  client.Run("CREATE TABLE IF NOT EXISTS " + d +
-             ".holders (hash String, host String, policy String, path String, revision UInt64, "
-             "present UInt8) ENGINE = ReplacingMergeTree(revision) "
-             "ORDER BY (hash, host, policy, path)");
+  client.Run(
+      "CREATE TABLE IF NOT EXISTS " + d +
+      ".records (host String, policy String, path String, revision UInt64, present UInt8, "
+      "kind String, hash String, size UInt64, mode UInt32, uid String, gid String, "
+      "published UInt32) ENGINE = ReplacingMergeTree ORDER BY (host, policy, path, revision)");
+  client.Run(
+      "CREATE TABLE IF NOT EXISTS " + d +
+      ".holders (hash String, host String, policy String, path String, revision UInt64, "
+      "present UInt8) ENGINE = ReplacingMergeTree ORDER BY (hash, host, policy, path, revision)");
   client.Run("CREATE TABLE IF NOT EXISTS " + d +
              ".changes (host String, batch String, line UInt32, time UInt32, policy String, "
              "path String, change String, severity String, event String) "
              "ENGINE = ReplacingMergeTree ORDER BY (host, batch, line)");
-  client.Run("CREATE TABLE IF NOT EXISTS " + d +
-             ".hosts (host String, published UInt32, policy String, revision UInt64, "
-             "objects UInt64, cstm_id String, lcs_id String, groups Array(String), "
-             "version String, period UInt32) ENGINE = ReplacingMergeTree(published) "
-             "ORDER BY (host, policy)");
+  client.Run(
+      "CREATE TABLE IF NOT EXISTS " + d +
+      ".hosts (host String, published UInt32, sequence UInt64, policy String, revision UInt64, "
+      "objects UInt64, cstm_id String, lcs_id String, groups Array(String), "
+      "version String, period UInt32) ENGINE = ReplacingMergeTree(sequence) "
+      "ORDER BY (host, policy)");
   client.Run("CREATE TABLE IF NOT EXISTS " + d +
              ".schema (version UInt32, made DateTime) ENGINE = ReplacingMergeTree(made) "
              "ORDER BY version");

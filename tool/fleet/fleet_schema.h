@@ -7,16 +7,17 @@ class CClickHouseClient;
 
 // The tables of the fleet store, in the database the configuration names:
 //
-//   records   every host's records as of each publication, by (host, policy, path): the latest
-//             revision of a path is what the host holds now ("present" 0: the path was removed)
+//   records   every host's records as of each publication, by (host, policy, path, revision):
+//             a host holds now what its latest publication holds
 //   holders   the same rows by content hash first: a look-up by hash reads only its part
 //   changes   every change line that a host reported, by (host, batch, line): a batch delivered
 //             twice is one batch
-//   hosts     each host's last publication: when, revision, objects, signer, groups, version
+//   hosts     each host's publications: when, in which order (a sequence that only grows, per
+//             host and policy: revisions are not ordered), revision, objects, groups, version
 //   schema    the version of these tables
 //
-// ReplacingMergeTree tables: a row sent again replaces itself, so that a batch delivered twice is
-// counted once (queries read the latest version of each key).
+// ReplacingMergeTree tables: a row sent again replaces itself (its whole key is the same), so that
+// a batch delivered twice is counted once (questions read FINAL).
 inline constexpr uint32_t kFleetSchemaVersion = 1;
 
 // Makes the database and the tables where they are missing and records the schema's version;
