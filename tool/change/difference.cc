@@ -103,12 +103,6 @@ CDifference RenamedDifference(const CDifference& gone, CDifference arrived) {
 
 namespace {
 
-std::string InodeOf(const CObjectState& state) {
-  security_text::CSecurityItems items = security_text::Parse(state.security);
-  auto found = items.find(security_text::kInode);
-  return found == items.end() ? std::string() : found->second;
-}
-
 bool Below(const std::string& path, const std::string& folder) {
   return path.size() > folder.size() + 1 && path.compare(0, folder.size(), folder) == 0 &&
          path[folder.size()] == '/';
@@ -122,10 +116,10 @@ void PairDirectoryRenames(std::vector<CDifference>& differences) {
   for (size_t i = 0; i < differences.size(); ++i) {
     const CDifference& d = differences[i];
     if (d.change == CChange::kGone && d.recorded.is_dir) {
-      std::string inode = InodeOf(d.recorded);
+      std::string inode = SecurityItem(d.recorded, security_text::kInode);
       if (!inode.empty()) by_inode[inode].first.push_back(i);
     } else if (d.change == CChange::kNew && d.current.is_dir) {
-      std::string inode = InodeOf(d.current);
+      std::string inode = SecurityItem(d.current, security_text::kInode);
       if (!inode.empty()) by_inode[inode].second.push_back(i);
     }
   }
@@ -157,7 +151,8 @@ void PairDirectoryRenames(std::vector<CDifference>& differences) {
       if (found == gone_below.end()) continue;
       const CObjectState& was = differences[found->second].recorded;
       const CObjectState& is = arrived.current;
-      if (was.is_dir != is.is_dir || was.hash != is.hash || InodeOf(was) != InodeOf(is) ||
+      if (was.is_dir != is.is_dir || was.hash != is.hash ||
+          SecurityItem(was, security_text::kInode) != SecurityItem(is, security_text::kInode) ||
           was.attributes != is.attributes || was.target != is.target)
         continue;
       dropped[i] = dropped[found->second] = true;

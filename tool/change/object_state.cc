@@ -4,6 +4,7 @@
 
 #include "hashdb/hash_db.h"
 #include "refhost/file_obj_info.h"
+#include "refhost/security_text.h"
 #include "util/text_conversion.h"
 
 namespace {
@@ -92,4 +93,10 @@ std::optional<CObjectState> RecordedStateIfAny(CHashDB& database, const std::wst
   bool target_is_dir = false;
   state.target = WideToUtf8(database.TargetOfObject(full_path, target_is_dir));
   return state;
+}
+
+std::string SecurityItem(const CObjectState& state, const char* key) {
+  security_text::CSecurityItems items = security_text::Parse(state.security);
+  auto found = items.find(key);
+  return found == items.end() ? std::string() : found->second;
 }

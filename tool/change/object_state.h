@@ -33,6 +33,10 @@ struct CObjectState : CRecordedValues {
   CObjectKind kind() const { return KindOf(is_dir, attributes, !target.empty()); }
 };
 
+// One item of the state's security text ("" when it has none): security_text's keys, "inode",
+// "nlink", "uid", ...
+std::string SecurityItem(const CObjectState& state, const char* key);
+
 // The object as the disk showed it.
 CObjectState StateOfObject(CRefFileObjInfo& info);
 // Its kind alone, without copying its texts.

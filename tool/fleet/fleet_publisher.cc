@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "hashdb/hash_db.h"
+#include "refhost/file_io.h"
 #include "refhost/security_text.h"
 #include "tool/change/object_state.h"
 #include "tool/fleet/clickhouse_client.h"
@@ -55,13 +56,6 @@ std::vector<std::string> BatchesIn(const std::string& spool) {
   ::closedir(directory);
   std::sort(batches.begin(), batches.end());  // named by time: oldest first
   return batches;
-}
-
-std::string ReadFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
 }
 
 void RemoveBatch(const std::string& path) {
@@ -185,7 +179,8 @@ size_t CFleetPublisher::Deliver() {
   for (const std::string& name : batches) {
     std::string path = spool_ + "/" + name;
     for (const char* table : kTables) {
-      std::string body = ReadFile(path + "/" + table + ".tsv");
+      std::vector<uint8_t> bytes = ReadWholeFile(path + "/" + table + ".tsv");
+      std::string body(bytes.begin(), bytes.end());
       if (body.empty()) continue;
       client.Run("INSERT INTO " + settings_.database + "." + table + " FORMAT TabSeparated", body);
     }

@@ -1,5 +1,6 @@
 #include "tool/fleet/fleet_settings.h"
 
+#include <Poco/Environment.h>
 #include <Poco/JSON/Array.h>
 #include <Poco/JSON/Object.h>
 #include <Poco/JSON/Parser.h>
@@ -13,16 +14,6 @@
 #include "refhost/file_io.h"
 #include "tool/common/exit_status.h"
 #include "tool/session/config_location.h"
-
-namespace {
-
-std::string HostName() {
-  char name[256] = {};
-  if (::gethostname(name, sizeof name - 1) != 0) return "localhost";
-  return name;
-}
-
-}  // namespace
 
 CFleetSettings ReadFleetSettings(const std::string& config_path) {
   CFleetSettings settings;
@@ -47,7 +38,7 @@ CFleetSettings ReadFleetSettings(const std::string& config_path) {
     throw CToolError(where + "\"database\" is letters, digits and '_' only: '" + settings.database +
                      "'");
   }
-  settings.host = HostName();
+  settings.host = Poco::Environment::nodeName();  // as reports name the host
   text("host", settings.host, false);
   if (fleet->has("groups")) {
     Poco::JSON::Array::Ptr groups = fleet->getArray("groups");

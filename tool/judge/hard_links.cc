@@ -10,12 +10,6 @@
 
 namespace {
 
-std::string Item(const CObjectState& state, const char* key) {
-  security_text::CSecurityItems items = security_text::Parse(state.security);
-  auto found = items.find(key);
-  return found == items.end() ? std::string() : found->second;
-}
-
 uint64_t Number(const std::string& text) {
   uint64_t value = 0;
   for (char c : text) {
@@ -57,17 +51,17 @@ void NameHardLinks(std::vector<CDifference>& differences, const std::string& roo
   for (const CDifference& difference : differences) {
     if (difference.change != CChange::kChanged || difference.current.kind() != CObjectKind::kFile)
       continue;
-    if (Number(Item(difference.current, security_text::kLinkCount)) <=
-        Number(Item(difference.recorded, security_text::kLinkCount)))
+    if (Number(SecurityItem(difference.current, security_text::kLinkCount)) <=
+        Number(SecurityItem(difference.recorded, security_text::kLinkCount)))
       continue;
-    std::string inode = Item(difference.current, security_text::kInode);
+    std::string inode = SecurityItem(difference.current, security_text::kInode);
     if (!inode.empty()) linked.emplace(inode, &difference);
   }
   if (linked.empty()) return;
   for (CDifference& difference : differences) {
     if (difference.change != CChange::kNew || difference.current.kind() != CObjectKind::kFile)
       continue;
-    auto found = linked.find(Item(difference.current, security_text::kInode));
+    auto found = linked.find(SecurityItem(difference.current, security_text::kInode));
     if (found == linked.end()) continue;
     const std::string& target = found->second->path;
     difference.words = "new hard link";

@@ -10,9 +10,8 @@
 #include "refhost/ref_host.h"
 #include "tool/change/object_state.h"
 #include "tool/judge/judge.h"
-#include "tool/packages/package_changes.h"
 #include "tool/rules/policy_rules.h"
-#include "tool/scan/kept_content.h"
+#include "tool/scan/tree_check.h"
 #include "tool/session/session.h"
 #include "util/text_conversion.h"
 
@@ -83,11 +82,7 @@ CTreeCheckResult CheckRecordAgainstBaseline(CSession& session, const CRefPolicyS
         DifferenceFromBaseline(session, policy, judge, *baseline, *record, relative);
     if (difference) result.differences.push_back(std::move(*difference));
   }
-  judge.Settle(result.differences);
-  ExplainByPackages(result.differences, policy, session.Rules(policy).dpkg_root(),
-                    session.Narrow(baseline->HdbFilePath(false)));
-  ExplainContent(result.differences, session, policy);
-  SortMostSevereFirst(result.differences);
+  SettleAndExplain(judge, result.differences, session, policy, *baseline);
   result.seconds =
       std::chrono::duration<double>(std::chrono::steady_clock::now() - start_time).count();
   return result;

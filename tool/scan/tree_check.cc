@@ -41,6 +41,15 @@ bool InsideUnreadable(const std::set<std::string>& unreadable, std::string path)
 
 }  // namespace
 
+void SettleAndExplain(const CJudge& judge, std::vector<CDifference>& differences, CSession& session,
+                      const CRefPolicySettings& policy, CHashDB& baseline) {
+  judge.Settle(differences);
+  ExplainByPackages(differences, policy, judge.rules().dpkg_root(),
+                    session.Narrow(baseline.HdbFilePath(false)));
+  ExplainContent(differences, session, policy);
+  SortMostSevereFirst(differences);  // what is inside a file may have made it more severe
+}
+
 CTreeCheckResult CheckTree(CSession& session, const CRefPolicySettings& policy,
                            const std::shared_ptr<CHashDB>& database, bool quiet) {
   CTreeCheckResult result;
@@ -111,11 +120,7 @@ CTreeCheckResult CheckTree(CSession& session, const CRefPolicySettings& policy,
       result.differences.push_back(std::move(*difference));
     }
   }
-  judge.Settle(result.differences);
-  ExplainByPackages(result.differences, policy, rules.dpkg_root(),
-                    session.Narrow(database->HdbFilePath(false)));
-  ExplainContent(result.differences, session, policy);
-  SortMostSevereFirst(result.differences);
+  SettleAndExplain(judge, result.differences, session, policy, *database);
   std::sort(result.unreadable.begin(), result.unreadable.end());
   result.seconds =
       std::chrono::duration<double>(std::chrono::steady_clock::now() - start_time).count();

@@ -10,8 +10,15 @@
 #include "tool/common/exit_status.h"
 
 class CHashDB;
+class CJudge;
 class CSession;
 struct CRefPolicySettings;
+
+// What a check found, made a report: settled by the judge (renames, rotations, hard links),
+// explained by the packages (owners recorded beside "baseline") and by the kept contents, the
+// most severe first. A walk of the disk and a comparison of two records both end here.
+void SettleAndExplain(const CJudge& judge, std::vector<CDifference>& differences, CSession& session,
+                      const CRefPolicySettings& policy, CHashDB& baseline);
 
 // Checks every object below the policy's root against the loaded database, on several threads,
 // then asks the database about each recorded object that the walk did not meet: those are gone,
