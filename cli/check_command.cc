@@ -19,7 +19,7 @@
 int RunCheck(const CCommandLine& line) {
   RequireShape(line, {"--json", "--all", "--report", "--walk", "--long"}, 0, 1);
   CSession session(SessionOptionsOf(line));
-  std::unique_ptr<CReportSinks> report = ReportSinksOf(line);
+  std::unique_ptr<CReportSinks> report = ReportSinksOf(line, session);
   int status = kExitOk;
   for (const CRefPolicySettings* policy : PoliciesOf(session, line)) {
     int one = kExitOk;

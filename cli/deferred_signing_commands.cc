@@ -10,6 +10,7 @@
 #include "cli/commands.h"
 #include "cli/journal_entry.h"
 #include "cli/policy_arguments.h"
+#include "hashdb/hash_db.h"
 #include "refhost/pkcs7.h"
 #include "tool/common/exit_status.h"
 #include "tool/common/policy_files.h"
@@ -71,5 +72,9 @@ int RunAccept(const CCommandLine& line) {
     std::cout << "; journalled in " << session.Store(policy).journal().path() << " (entry "
               << entry.sequence << ")";
   std::cout << "\n";
+  if (FleetPublisherOf(session)) {  // the accepted candidate is what the host holds now
+    std::shared_ptr<CHashDB> database = session.Store(policy).Load();
+    PublishToFleet(session, policy, *database);
+  }
   return kExitOk;
 }

@@ -9,10 +9,12 @@
 #include "hashdb/hash_db.h"
 #include "refhost/settings.h"
 #include "tool/common/exit_status.h"
+#include "tool/fleet/fleet_change_sink.h"
 #include "tool/fleet/fleet_publisher.h"
 #include "tool/fleet/fleet_settings.h"
 #include "tool/report/file_sink.h"
 #include "tool/report/stream_sinks.h"
+#include "tool/store/dev_keys.h"
 #include "tool/watch/pending_answer.h"
 #include "util/relative_path.h"
 #include "util/safe_text.h"
@@ -62,8 +64,10 @@ int WorstStatus(int a, int b) {
   return std::max(a, b);
 }
 
-std::unique_ptr<CReportSinks> ReportSinksOf(const CCommandLine& line) {
+std::unique_ptr<CReportSinks> ReportSinksOf(const CCommandLine& line, CSession& session) {
   auto sinks = std::make_unique<CReportSinks>();
+  if (std::shared_ptr<CFleetPublisher> publisher = FleetPublisherOf(session))
+    sinks->Add(std::make_unique<CFleetChangeSink>(std::move(publisher), true));
   if (line.Has("--json")) {
     sinks->Add(std::make_unique<CJsonSink>(std::cout));
   } else {
@@ -87,18 +91,32 @@ std::optional<CTreeCheckResult> PendingFromService(CSession& session,
   }
 }
 
-void PublishToFleet(CSession& session, const CRefPolicySettings& policy, CHashDB& database) {
+std::shared_ptr<CFleetPublisher> FleetPublisherOf(CSession& session) {
   CFleetSettings settings;
   try {
     settings = ReadFleetSettings(session.config_path());
   } catch (const CToolError& e) {
-    std::cerr << "signdb: not published to the fleet store: " << EscapedText(e.what()) << "\n";
-    return;
+    std::cerr << "signdb: nothing is published to the fleet store: " << EscapedText(e.what())
+              << "\n";
+    return nullptr;
   }
-  if (!settings.configured) return;
-  CFleetPublisher publisher(settings, session.DataFolder(), kToolVersion);
-  std::cerr << "signdb: policy '" << EscapedText(policy.name) << "' "
-            << publisher.Publish(policy.name, database, database.Revision(),
-                                 session.settings().local_cstm_id, session.settings().local_lcs_id)
+  if (!settings.configured) return nullptr;
+  return std::make_shared<CFleetPublisher>(settings, session.DataFolder(), kToolVersion);
+}
+
+void PublishToFleet(CSession& session, const CRefPolicySettings& policy, CHashDB& database) {
+  std::shared_ptr<CFleetPublisher> publisher = FleetPublisherOf(session);
+  if (!publisher) return;
+  // The signer as its certificate names it (what the fleet shows of who signed).
+  std::string cstm_id;
+  std::string lcs_id;
+  try {
+    cstm_id = CertificateOrganization(session.settings().signer_certificate);
+    lcs_id = CertificateSerialNumber(session.settings().signer_certificate);
+  } catch (const std::exception&) {
+    cstm_id = session.settings().local_cstm_id;  // no signer here (a host that only checks)
+  }
+  std::cerr << "signdb: policy '" << EscapedText(policy.name) << "': "
+            << publisher->Publish(policy.name, database, database.Revision(), cstm_id, lcs_id)
             << "\n";
 }

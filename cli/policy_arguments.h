@@ -1,5 +1,6 @@
 #pragma once
 
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -7,6 +8,7 @@
 #include "tool/report/report_sink.h"
 #include "tool/session/session.h"
 
+class CFleetPublisher;
 class CHashDB;
 class CToolError;
 struct CCommandLine;
@@ -41,6 +43,10 @@ std::optional<CTreeCheckResult> PendingFromService(CSession& session,
 void PublishToFleet(CSession& session, const CRefPolicySettings& policy, CHashDB& database);
 
 // Where a check's or an update's report goes: standard output (lines for people, or JSON lines
-// with --json) and every --report destination. Throws CToolError for a destination it does not
-// know or cannot reach, before anything is checked.
-std::unique_ptr<CReportSinks> ReportSinksOf(const CCommandLine& line);
+// with --json), every --report destination, and the fleet store when one is configured. Throws
+// CToolError for a destination it does not know or cannot reach, before anything is checked.
+std::unique_ptr<CReportSinks> ReportSinksOf(const CCommandLine& line, CSession& session);
+
+// The fleet publisher of the configuration's "fleet" section; null without one (or with one that
+// is not well formed, said on the standard error: nothing local depends on the fleet).
+std::shared_ptr<CFleetPublisher> FleetPublisherOf(CSession& session);

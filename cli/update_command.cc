@@ -236,7 +236,7 @@ int RunUpdate(const CCommandLine& line) {
   } else if (!line.Values("--except").empty()) {
     throw CToolError("--except names paths of one policy: name the policy");
   }
-  std::unique_ptr<CReportSinks> report = ReportSinksOf(line);
+  std::unique_ptr<CReportSinks> report = ReportSinksOf(line, session);
   int status = kExitOk;
   for (const CRefPolicySettings* policy : policies) {
     try {

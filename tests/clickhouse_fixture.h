@@ -16,6 +16,7 @@
 #include <fstream>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "tool/fleet/clickhouse_client.h"
 #include "tests/temp_dir.h"
@@ -28,17 +29,19 @@ class CClickHouseServer {
 
   static bool Installed() { return ::access(kServer, X_OK) == 0; }
 
-  // Starts it; false (with why in "error") when it does not answer within 30 s.
-  bool Start(std::string& error) {
-    http_port_ = FreePort();
-    int tcp_port = FreePort();
+  CClickHouseServer() : http_port_(FreePort()), tcp_port_(FreePort()) {}
+
+  // Starts it; false (with why in "error") when it does not answer within 30 s. "extra" is more
+  // of the server's configuration (a cluster's remote_servers).
+  bool Start(std::string& error, const std::string& extra = std::string()) {
+    int tcp_port = tcp_port_;
     std::string root = dir_.path().string();
     std::ofstream(root + "/config.xml")
         << "<?xml version=\"1.0\"?>\n<yandex>\n"
         << "  <logger><level>warning</level><log>" << root << "/server.log</log><errorlog>" << root
         << "/error.log</errorlog><console>0</console></logger>\n"
         << "  <http_port>" << http_port_ << "</http_port>\n  <tcp_port>" << tcp_port << "</tcp_port>\n"
-        << "  <listen_host>127.0.0.1</listen_host>\n"
+        << "  <listen_host>127.0.0.1</listen_host>\n" << extra
         << "  <path>" << root << "/data/</path>\n  <tmp_path>" << root << "/tmp/</tmp_path>\n"
         << "  <user_files_path>" << root << "/user_files/</user_files_path>\n"
         << "  <users_config>users.xml</users_config>\n  <default_profile>default</default_profile>\n"
@@ -96,6 +99,17 @@ class CClickHouseServer {
   ~CClickHouseServer() { Stop(); }
 
   std::string url() const { return "http://127.0.0.1:" + std::to_string(http_port_); }
+  int tcp_port() const { return tcp_port_; }
+
+  // The configuration of a cluster named "name" with one shard on each server (by TCP port).
+  static std::string ClusterConfig(const std::string& name, const std::vector<int>& tcp_ports) {
+    std::string xml = "  <remote_servers><" + name + ">";
+    for (int port : tcp_ports) {
+      xml += "<shard><replica><host>127.0.0.1</host><port>" + std::to_string(port) +
+             "</port></replica></shard>";
+    }
+    return xml + "</" + name + "></remote_servers>\n";
+  }
 
  private:
   static int FreePort() {
@@ -114,4 +128,5 @@ class CClickHouseServer {
   CTempDir dir_;
   pid_t pid_ = -1;
   int http_port_ = 0;
+  int tcp_port_ = 0;
 };

@@ -99,6 +99,32 @@ std::string IsoMillisecondsText(uint64_t nanoseconds) {
          Fraction(nanoseconds, 3) + "Z";
 }
 
+bool SecondsOfTimeText(std::string_view text, int64_t now, int64_t& seconds) {
+  if (text.size() >= 2 && text.size() <= 10 &&
+      text.find_first_not_of("0123456789", 0) == text.size() - 1) {
+    int64_t count = std::stoll(std::string(text.substr(0, text.size() - 1)));
+    const std::string_view units = "smhd";
+    const int64_t unit_seconds[] = {1, 60, 3600, 86400};
+    size_t unit = units.find(text.back());
+    if (unit == std::string_view::npos) return false;
+    seconds = now - count * unit_seconds[unit];
+    return true;
+  }
+  std::string date(text);
+  if (!date.empty() && date.back() == 'Z') date.pop_back();
+  std::tm parts{};
+  for (const char* form :
+       {"%Y-%m-%dT%H:%M:%S", "%Y-%m-%d %H:%M:%S", "%Y-%m-%dT%H:%M", "%Y-%m-%d %H:%M", "%Y-%m-%d"}) {
+    parts = std::tm{};
+    const char* end = ::strptime(date.c_str(), form, &parts);
+    if (end != nullptr && *end == '\0') {
+      seconds = static_cast<int64_t>(::timegm(&parts));
+      return true;
+    }
+  }
+  return false;
+}
+
 bool IsValidUtf8(std::string_view text) {
   for (size_t i = 0; i < text.size();) {
     size_t length = Utf8SequenceAt(text.substr(i));

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <ctime>
 #include <string>
 #include <string_view>
 
@@ -16,6 +17,10 @@ std::string IsoTimeText(uint64_t nanoseconds);
 std::string IsoMillisecondsText(uint64_t nanoseconds);
 // A time in whole seconds since the epoch, in ISO 8601 UTC: "2026-11-23T02:10:44Z".
 std::string IsoSecondsText(int64_t seconds);
+// A time a person gives, in seconds since the epoch: a date and time in UTC ("2026-11-23",
+// "2026-11-23T02:10", "2026-11-23 02:10:44", a trailing "Z" allowed) or a span back from "now"
+// ("90s", "30m", "24h", "7d"). False for anything else.
+bool SecondsOfTimeText(std::string_view text, int64_t now, int64_t& seconds);
 // Whether every byte of "text" is part of a valid UTF-8 sequence.
 bool IsValidUtf8(std::string_view text);
 // The text with every byte that is not part of a valid UTF-8 sequence replaced by U+FFFD.

@@ -103,11 +103,77 @@ std::vector<std::string> CClickHouseClient::TabFields(const std::string& line) {
   }
 }
 
+std::vector<std::string> CClickHouseClient::RawTabFields(const std::string& line) {
+  std::vector<std::string> fields;
+  size_t start = 0;
+  for (;;) {
+    size_t tab = line.find('\t', start);
+    fields.push_back(line.substr(start, tab == std::string::npos ? tab : tab - start));
+    if (tab == std::string::npos) return fields;
+    start = tab + 1;
+  }
+}
+
+std::vector<std::string> CClickHouseClient::ArrayItems(const std::string& field) {
+  auto refuse = [&] {
+    return std::runtime_error("the fleet store answered '" + EscapedText(field.substr(0, 60)) +
+                              "' where an array was asked for");
+  };
+  if (field.size() < 2 || field.front() != '[' || field.back() != ']') throw refuse();
+  std::vector<std::string> items;
+  if (field.size() == 2) return items;
+  size_t start = 1;
+  int depth = 0;
+  bool quoted = false;
+  for (size_t i = 1; i + 1 < field.size(); ++i) {
+    char c = field[i];
+    if (quoted) {
+      if (c == '\\') {
+        ++i;  // the escaped character stands for itself here
+      } else if (c == '\'') {
+        quoted = false;
+      }
+      continue;
+    }
+    if (c == '\'') {
+      quoted = true;
+    } else if (c == '[' || c == '(') {
+      ++depth;
+    } else if (c == ']' || c == ')') {
+      if (--depth < 0) throw refuse();
+    } else if (c == ',' && depth == 0) {
+      items.push_back(field.substr(start, i - start));
+      start = i + 1;
+    }
+  }
+  if (quoted || depth != 0) throw refuse();
+  items.push_back(field.substr(start, field.size() - 1 - start));
+  return items;
+}
+
+std::string CClickHouseClient::UnquotedText(const std::string& item) {
+  // Every quote inside is escaped, and the last one closes the text.
+  bool whole = item.size() >= 2 && item.front() == '\'' && item.back() == '\'';
+  for (size_t i = 1; whole && i + 1 < item.size(); ++i) {
+    if (item[i] == '\\') {
+      whole = ++i + 1 < item.size();
+    } else {
+      whole = item[i] != '\'';
+    }
+  }
+  if (!whole) {
+    throw std::runtime_error("the fleet store answered '" + EscapedText(item.substr(0, 60)) +
+                             "' where a quoted text was asked for");
+  }
+  return FromTabField(item.substr(1, item.size() - 2));
+}
+
 std::string CClickHouseClient::Run(const std::string& statement, const std::string& body,
                                    const std::vector<CTable>& tables) const {
   Poco::URI uri(url_);
   uri.setPath("/");
   uri.addQueryParameter("query", statement);
+  for (const auto& [name, value] : settings_) uri.addQueryParameter(name, value);
   for (const CTable& table : tables)
     uri.addQueryParameter(table.name + "_structure", table.structure);
   Poco::Net::HTTPClientSession session(uri.getHost(), uri.getPort());

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <utility>
 #include <vector>
 
 // A ClickHouse server asked over its HTTP interface (POCO Net): one statement per request, in the
@@ -29,14 +30,28 @@ class CClickHouseClient {
 
   const std::string& url() const { return url_; }
 
+  // A setting of the server's sent with every statement ("insert_distributed_sync", "1").
+  void Set(const std::string& name, const std::string& value) {
+    settings_.emplace_back(name, value);
+  }
+
   // A text as a field of TabSeparated data (its escapes), and back.
   static std::string TabField(const std::string& text);
   static std::string FromTabField(const std::string& field);
   // The fields of one line of TabSeparated data, unescaped.
   static std::vector<std::string> TabFields(const std::string& line);
+  // The same, as they are written (escapes kept): an array's field is read by ArrayItems.
+  static std::vector<std::string> RawTabFields(const std::string& line);
+  // The items of an array as a TabSeparated field writes it ("['a\\'b',[1,2]]"), each as it
+  // is written: a quoted text, a number or an inner array. Throws std::runtime_error for a field
+  // that is not an array.
+  static std::vector<std::string> ArrayItems(const std::string& field);
+  // A quoted text of an array ('a\'b'), unescaped. Throws std::runtime_error for another.
+  static std::string UnquotedText(const std::string& item);
 
  private:
   std::string url_;
   std::string user_;
   std::string password_;
+  std::vector<std::pair<std::string, std::string>> settings_;
 };

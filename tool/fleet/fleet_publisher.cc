@@ -1,37 +1,28 @@
 #include "tool/fleet/fleet_publisher.h"
 
-#include <dirent.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
+#include <atomic>
 #include <chrono>
-#include <cstring>
 #include <ctime>
 #include <fstream>
 #include <iostream>
 #include <memory>
 #include <optional>
-#include <sstream>
 #include <stdexcept>
 #include <utility>
-#include <vector>
 
 #include "hashdb/hash_db.h"
-#include "refhost/file_io.h"
 #include "refhost/security_text.h"
 #include "tool/change/object_state.h"
 #include "tool/fleet/clickhouse_client.h"
 #include "tool/fleet/fleet_schema.h"
+#include "tool/fleet/published_state.h"
 #include "util/safe_text.h"
 #include "util/text_conversion.h"
 
 namespace {
-
-// The three tables a batch fills, in the order they are sent (the host's publication last: a
-// question never sees a publication whose records are not all there).
-constexpr const char* kTables[] = {"records", "holders", "hosts"};
 
 std::string Field(const std::string& text) { return CClickHouseClient::TabField(text); }
 
@@ -45,22 +36,42 @@ std::string Quoted(const std::string& text) {
   return quoted + "'";
 }
 
-std::vector<std::string> BatchesIn(const std::string& spool) {
-  std::vector<std::string> batches;
-  DIR* directory = ::opendir(spool.c_str());
-  if (directory == nullptr) return batches;
-  while (dirent* entry = ::readdir(directory)) {
-    std::string name = entry->d_name;
-    if (name.size() > 6 && name.compare(name.size() - 6, 6, ".batch") == 0) batches.push_back(name);
-  }
-  ::closedir(directory);
-  std::sort(batches.begin(), batches.end());  // named by time: oldest first
-  return batches;
+uint64_t Now() { return static_cast<uint64_t>(std::time(nullptr)); }
+
+uint64_t NowNanoseconds() {
+  return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(
+                                   std::chrono::system_clock::now().time_since_epoch())
+                                   .count());
 }
 
-void RemoveBatch(const std::string& path) {
-  for (const char* table : kTables) ::unlink((path + "/" + table + ".tsv").c_str());
-  ::rmdir(path.c_str());
+// The objects of "database" as the records table takes them, by escaped relative path.
+std::unordered_map<std::string, CPublishedObject> RecordedObjects(CHashDB& database) {
+  std::unordered_map<std::string, CPublishedObject> objects;
+  std::shared_ptr<CPathEntryList> nodes = database.SubNodes(L"");
+  objects.reserve(nodes->size());
+  const std::wstring& root = database.RootPath();
+  for (const CPathEntry& node : *nodes) {
+    std::wstring full = root;
+    if (!node.second.empty()) {
+      if (!full.empty() && full.back() != L'/') full += L'/';
+      full += node.second;
+    }
+    std::optional<CObjectState> state = RecordedStateIfAny(database, full);
+    if (!state) continue;
+    security_text::CSecurityItems items = security_text::Parse(state->security);
+    auto item = [&](const char* key) {
+      auto found = items.find(key);
+      return found == items.end() ? std::string() : found->second;
+    };
+    CPublishedObject object;
+    object.hash = Field(state->hash);
+    object.row = std::string(KindType(state->kind())) + "\t" + object.hash + "\t" +
+                 std::to_string(state->size) + "\t" +
+                 std::to_string(state->attributes == kUnknownAttributes ? 0 : state->attributes) +
+                 "\t" + Field(item(security_text::kUid)) + "\t" + Field(item(security_text::kGid));
+    objects.emplace(Field(WideToUtf8(node.second)), std::move(object));
+  }
+  return objects;
 }
 
 }  // namespace
@@ -68,142 +79,187 @@ void RemoveBatch(const std::string& path) {
 CFleetPublisher::CFleetPublisher(CFleetSettings settings, std::string data_folder,
                                  std::string tool_version)
     : settings_(std::move(settings)),
-      spool_(std::move(data_folder) + "/fleet-spool"),
+      spool_(std::move(data_folder)),
       tool_version_(std::move(tool_version)) {}
 
 uint64_t CFleetPublisher::NextSequence(const std::string& policy) {
-  // The order of a policy's publications: greater than the last one's, and than the clock's
-  // nanoseconds (so that it keeps growing when the spool is lost), whatever the clock does.
-  std::string path = spool_ + "/" + policy + ".sequence";
+  // Greater than the last one's, and than the clock's nanoseconds (so that it keeps growing when
+  // the spool is lost), whatever the clock does.
+  std::string path = spool_.PathOf(policy + ".sequence");
   uint64_t last = 0;
   {
     std::ifstream in(path);
     in >> last;
   }
-  uint64_t now = static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(
-                                           std::chrono::system_clock::now().time_since_epoch())
-                                           .count());
-  uint64_t next = std::max(last + 1, now);
+  uint64_t next = std::max(last + 1, NowNanoseconds());
   std::ofstream(path, std::ios::trunc) << next << "\n";
   return next;
 }
 
-std::string CFleetPublisher::Spool(const std::string& policy, CHashDB& database, uint64_t revision,
-                                   const std::string& cstm_id, const std::string& lcs_id) {
-  if (::mkdir(spool_.c_str(), 0700) != 0 && errno != EEXIST)
-    throw std::runtime_error("cannot make the fleet spool " + spool_ + ": " + std::strerror(errno));
-  std::string host = Field(settings_.host);
-  std::string policy_field = Field(policy);
-  std::string rev = std::to_string(revision);
-  std::string published = std::to_string(static_cast<uint64_t>(std::time(nullptr)));
-  std::string records;
-  std::string holders;
-  uint64_t objects = 0;
-  std::shared_ptr<CPathEntryList> nodes = database.SubNodes(L"");
-  const std::wstring& root = database.RootPath();
-  for (const CPathEntry& node : *nodes) {
-    std::string relative = WideToUtf8(node.second);
-    std::wstring full = root;
-    if (!relative.empty()) {
-      if (!full.empty() && full.back() != L'/') full += L'/';
-      full += node.second;
-    }
-    std::optional<CObjectState> state = RecordedStateIfAny(database, full);
-    if (!state) continue;
-    ++objects;
-    security_text::CSecurityItems items = security_text::Parse(state->security);
-    auto item = [&](const char* key) {
-      auto found = items.find(key);
-      return found == items.end() ? std::string() : found->second;
-    };
-    std::string path = Field(relative);
-    records += host + "\t" + policy_field + "\t" + path + "\t" + rev + "\t1\t" +
-               KindType(state->kind()) + "\t" + Field(state->hash) + "\t" +
-               std::to_string(state->size) + "\t" +
-               std::to_string(state->attributes == kUnknownAttributes ? 0 : state->attributes) +
-               "\t" + Field(item(security_text::kUid)) + "\t" + Field(item(security_text::kGid)) +
-               "\t" + published + "\n";
-    if (!state->hash.empty())
-      holders += Field(state->hash) + "\t" + host + "\t" + policy_field + "\t" + path + "\t" + rev +
-                 "\t1\n";
-  }
+std::string CFleetPublisher::HostsRow(const std::string& policy, uint64_t published,
+                                      uint64_t sequence, uint64_t generation, uint64_t revision,
+                                      uint64_t objects, const std::string& cstm_id,
+                                      const std::string& lcs_id) const {
   std::string groups = "[";
   for (size_t i = 0; i < settings_.groups.size(); ++i)
     groups += (i ? "," : "") + Field(Quoted(settings_.groups[i]));
   groups += "]";
-  std::string hosts = host + "\t" + published + "\t" + std::to_string(NextSequence(policy)) + "\t" +
-                      policy_field + "\t" + rev + "\t" + std::to_string(objects) + "\t" +
-                      Field(cstm_id) + "\t" + Field(lcs_id) + "\t" + groups + "\t" +
-                      Field(tool_version_) + "\t0\n";
-  // Written aside, moved in whole: a batch in the spool is always complete.
-  auto now = std::chrono::system_clock::now().time_since_epoch();
-  std::string name =
-      std::to_string(std::chrono::duration_cast<std::chrono::nanoseconds>(now).count()) + "-" +
-      std::to_string(::getpid());
-  std::string partial = spool_ + "/" + name + ".partial";
-  std::string batch = spool_ + "/" + name + ".batch";
-  if (::mkdir(partial.c_str(), 0700) != 0)
-    throw std::runtime_error("cannot write to the fleet spool " + spool_ + ": " +
-                             std::strerror(errno));
-  const std::string* bodies[] = {&records, &holders, &hosts};
-  for (size_t i = 0; i < 3; ++i) {
-    std::ofstream out(partial + "/" + kTables[i] + ".tsv", std::ios::binary | std::ios::trunc);
-    out << *bodies[i];
-    out.flush();
-    if (!out) {
-      RemoveBatch(partial);
-      throw std::runtime_error("cannot write to the fleet spool " + spool_);
-    }
-  }
-  if (::rename(partial.c_str(), batch.c_str()) != 0) {
-    RemoveBatch(partial);
-    throw std::runtime_error("cannot write to the fleet spool " + spool_ + ": " +
-                             std::strerror(errno));
-  }
-  // Bounded: the oldest snapshots go first (a later one of the same policy holds what they held).
-  std::vector<std::string> batches = BatchesIn(spool_);
-  for (size_t i = 0; batches.size() - i > kMostSpooled; ++i) {
-    std::cerr << "signdb: the fleet spool holds more than " << kMostSpooled
-              << " batches; the oldest snapshot (" << batches[i] << ") is dropped\n";
-    RemoveBatch(spool_ + "/" + batches[i]);
-  }
-  return batch;
+  return Field(settings_.host) + "\t" + Field(policy) + "\t" + std::to_string(published) + "\t" +
+         std::to_string(sequence) + "\t" + std::to_string(generation) + "\t" +
+         std::to_string(revision) + "\t" + std::to_string(objects) + "\t" + cstm_id + "\t" +
+         lcs_id + "\t" + groups + "\t" + Field(tool_version_) + "\t" +
+         std::to_string(settings_.period) + "\n";
 }
 
-size_t CFleetPublisher::Deliver() {
-  std::vector<std::string> batches = BatchesIn(spool_);
-  if (batches.empty()) return 0;
-  CClickHouseClient client(settings_.url, settings_.user, settings_.password);
-  RequireFleetSchema(client, settings_.database);
+void CFleetPublisher::SpoolRecords(const std::string& policy, CHashDB& database, uint64_t revision,
+                                   const std::string& cstm_id, const std::string& lcs_id) {
+  std::unordered_map<std::string, CPublishedObject> now_held = RecordedObjects(database);
+  CFleetSpoolLock lock(spool_, true);
+  std::string state_path = spool_.PathOf(policy + ".state");
+  CPublishedState state = CPublishedState::Read(state_path);
+  bool whole = state.generation == 0;
+  // Bounded: the oldest snapshot goes (a later one holds what it held), and since the store
+  // then misses what it changed, this publication is whole.
+  std::vector<std::string> snapshots;
+  for (const std::string& batch : spool_.Batches()) {
+    if (spool_.HoldsRecords(batch)) snapshots.push_back(batch);
+  }
+  for (size_t i = 0; snapshots.size() - i >= kMostSpooledSnapshots; ++i) {
+    std::cerr << "signdb: the fleet spool holds " << kMostSpooledSnapshots
+              << " snapshots that the store has not taken; the oldest (" << snapshots[i]
+              << ") is dropped and this publication is whole\n";
+    spool_.Remove(snapshots[i]);
+    whole = true;
+  }
+  uint64_t published = Now();
+  uint64_t sequence = NextSequence(policy);
+  uint64_t generation = whole ? sequence : state.generation;
+  std::string host = Field(settings_.host);
+  std::string prefix = host + "\t" + Field(policy) + "\t";
+  std::string seq = std::to_string(sequence) + "\t" + std::to_string(generation) + "\t";
+  std::string tail = "\t" + std::to_string(revision) + "\t" + std::to_string(published) + "\n";
+  std::string records;
+  std::string holders;
+  auto record = [&](const std::string& path, const CPublishedObject& object, bool present) {
+    records += prefix + path + "\t" + seq + (present ? "1\t" : "0\t") + object.row + tail;
+  };
+  auto holder = [&](const std::string& path, const CPublishedObject& object, bool present) {
+    if (object.hash.empty()) return;
+    holders += object.hash + "\t" + prefix + path + "\t" + seq + (present ? "1\t" : "0\t") +
+               std::to_string(object.since_revision) + "\t" + std::to_string(object.since) + "\n";
+  };
+  for (auto& [path, object] : now_held) {
+    auto before = state.objects.find(path);
+    bool same_content = before != state.objects.end() && before->second.hash == object.hash;
+    object.since_revision = same_content ? before->second.since_revision : revision;
+    object.since = same_content ? before->second.since : published;
+    if (whole) {
+      record(path, object, true);
+      holder(path, object, true);
+      continue;
+    }
+    if (before == state.objects.end() || before->second.row != object.row)
+      record(path, object, true);
+    if (!same_content) {
+      if (before != state.objects.end()) holder(path, before->second, false);
+      holder(path, object, true);
+    }
+  }
+  if (!whole) {
+    for (const auto& [path, object] : state.objects) {
+      if (now_held.count(path) != 0) continue;
+      record(path, object, false);
+      holder(path, object, false);
+    }
+  }
+  std::string cstm = Field(cstm_id);
+  std::string lcs = Field(lcs_id);
+  spool_.Write({{"records", records},
+                {"holders", holders},
+                {"hosts", HostsRow(policy, published, sequence, generation, revision,
+                                   now_held.size(), cstm, lcs)}});
+  // After the batch: a stop in between sends the same differences again next time, never less.
+  state.generation = generation;
+  state.revision = revision;
+  state.cstm_id = cstm;
+  state.lcs_id = lcs;
+  state.objects = std::move(now_held);
+  state.Write(state_path);
+}
+
+void CFleetPublisher::SpoolChanges(const std::vector<CFleetChange>& changes,
+                                   const std::vector<std::string>& alive) {
+  // A batch's name in the store: this host's, told apart from every other of its batches.
+  static std::atomic<uint64_t> counter{0};
+  std::string batch = std::to_string(NowNanoseconds()) + "-" + std::to_string(::getpid()) + "-" +
+                      std::to_string(counter.fetch_add(1));
+  std::string host = Field(settings_.host);
+  std::string rows;
+  for (size_t i = 0; i < changes.size(); ++i) {
+    const CFleetChange& change = changes[i];
+    rows += std::to_string(change.time) + "\t" + host + "\t" + batch + "\t" + std::to_string(i) +
+            "\t" + Field(change.dataset) + "\t" + Field(change.policy) + "\t" + Field(change.path) +
+            "\t" + Field(change.change) + "\t" + Field(change.severity) + "\t" +
+            Field(change.event) + "\t" + Field(change.text) + "\n";
+  }
+  CFleetSpoolLock lock(spool_, true);
+  std::string hosts;
+  for (const std::string& policy : alive) {
+    CPublishedState state = CPublishedState::Read(spool_.PathOf(policy + ".state"), true);
+    if (state.generation == 0) continue;
+    hosts += HostsRow(policy, Now(), NextSequence(policy), state.generation, state.revision,
+                      state.object_count, state.cstm_id, state.lcs_id);
+  }
+  if (rows.empty() && hosts.empty()) return;
+  spool_.Write({{"changes", rows}, {"hosts", hosts}});
+}
+
+size_t CFleetPublisher::Deliver(bool wait) {
+  CFleetSpoolLock lock(spool_, wait);
+  std::vector<std::string> batches = spool_.Batches();
+  if (!lock.Held() || batches.empty()) return batches.size();
+  CClickHouseClient client = ConnectToFleet(settings_);
   size_t left = batches.size();
-  for (const std::string& name : batches) {
-    std::string path = spool_ + "/" + name;
-    for (const char* table : kTables) {
-      std::vector<uint8_t> bytes = ReadWholeFile(path + "/" + table + ".tsv");
-      std::string body(bytes.begin(), bytes.end());
+  for (const std::string& batch : batches) {
+    for (const std::string& table : CFleetSpool::Tables()) {
+      std::string body = spool_.Body(batch, table);
       if (body.empty()) continue;
       client.Run("INSERT INTO " + settings_.database + "." + table + " FORMAT TabSeparated", body);
     }
-    RemoveBatch(path);  // a stop before this sends it again: its rows replace themselves
+    spool_.Remove(batch);  // a stop before this sends it again: its rows replace themselves
     --left;
   }
   return left;
+}
+
+std::string CFleetPublisher::Delivered(const std::string& what) {
+  try {
+    Deliver();
+  } catch (const std::exception& e) {
+    return what + " kept in the fleet spool " + spool_.folder() + " until the store takes it (" +
+           EscapedText(e.what()) + ")";
+  }
+  return what + " published to the fleet store at " + settings_.url + " as host " +
+         EscapedText(settings_.host);
 }
 
 std::string CFleetPublisher::Publish(const std::string& policy, CHashDB& database,
                                      uint64_t revision, const std::string& cstm_id,
                                      const std::string& lcs_id) {
   try {
-    Spool(policy, database, revision, cstm_id, lcs_id);
+    SpoolRecords(policy, database, revision, cstm_id, lcs_id);
   } catch (const std::exception& e) {
-    return std::string("not published to the fleet store: ") + e.what();
+    return std::string("records not published to the fleet store: ") + EscapedText(e.what());
   }
+  return Delivered("records");
+}
+
+std::string CFleetPublisher::PublishChanges(const std::vector<CFleetChange>& changes) {
   try {
-    Deliver();
+    SpoolChanges(changes);
   } catch (const std::exception& e) {
-    return "kept in the fleet spool " + spool_ + " until the store takes it (" +
-           EscapedText(e.what()) + ")";
+    return std::string("change lines not published to the fleet store: ") + EscapedText(e.what());
   }
-  return "published to the fleet store at " + settings_.url + " as host " +
-         EscapedText(settings_.host);
+  return Delivered(changes.size() == 1 ? "1 change line"
+                                       : std::to_string(changes.size()) + " change lines");
 }

@@ -2,46 +2,81 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "tool/fleet/fleet_settings.h"
+#include "tool/fleet/fleet_spool.h"
 
 class CHashDB;
 
-// Publishes a policy's records to the fleet store after each save, as a whole snapshot of that
-// revision: every recorded object (path, kind, hash, size, mode, owner) under this host's name,
-// by path and by hash, and the host's publication (when, revision, objects, signer, groups). The
-// fleet's view of a host is its latest revision: a path that is no longer recorded is no longer
-// there, and no longer a holder of its hash.
+// One change line as the fleet keeps it (see the changes table).
+struct CFleetChange {
+  uint64_t time = 0;    // seconds since the epoch
+  std::string dataset;  // what reported it: "check", "update", "watch"
+  std::string policy;
+  std::string path;    // relative to the policy's root
+  std::string change;  // the report's words: "new", "hash changed", ...
+  std::string severity;
+  std::string event;  // the report's JSON line
+  std::string text;   // the line for people, whole
+};
+
+// Publishes this host's records and change lines to the fleet store.
 //
-// Nothing is lost: a batch is written to the spool in the data folder (DATA/fleet-spool, owner-
-// only) before it is sent, and taken out only once the store has taken it; what could not be sent
-// is sent first by the next publication. A batch sent twice (a stop after the store took it and
-// before the spool forgot it) is counted once: its rows replace themselves.
+// Records: after each save, the policy's objects (path, kind, hash, size, mode, owner) as of that
+// revision, by path and by hash, and the host's publication (when, sequence, revision, signer,
+// groups, period). Only what differs from the last publication is sent, with a tombstone
+// (present = 0) for each object that is gone and each content an object no longer has; the first
+// publication, and the one after the spool dropped a batch, are whole and start a generation:
+// what an older generation held no longer counts. A question reads, for each host and policy,
+// the rows of its latest publication's generation, the latest row of each path.
+//
+// Nothing is lost: a batch is written to the spool (CFleetSpool) before it is sent, and taken out
+// once the store took it; what could not be sent is sent first by the next delivery. A batch sent
+// twice is counted once: its rows replace themselves (same key, same sequence).
 class CFleetPublisher {
  public:
-  // At most this many batches wait in the spool; the oldest is dropped (and said) beyond it.
-  static constexpr size_t kMostSpooled = 16;
+  // At most this many snapshots wait in the spool; beyond it the oldest is dropped, said, and the
+  // next publication is whole. Change lines are never dropped.
+  static constexpr size_t kMostSpooledSnapshots = 16;
 
   // "tool_version": what the host's publication says this signdb is.
   CFleetPublisher(CFleetSettings settings, std::string data_folder, std::string tool_version);
 
-  // Spools the policy's snapshot of "database" (saved at "revision"), then delivers the spool.
-  // Returns what to tell the person (delivered, or kept in the spool and why); never throws for
-  // the store's failures.
-  std::string Publish(const std::string& policy, CHashDB& database, uint64_t revision,
-                      const std::string& cstm_id, const std::string& lcs_id);
+  const CFleetSettings& settings() const { return settings_; }
+  const CFleetSpool& spool() const { return spool_; }
+
+  // Spools what differs in the policy's records since its last publication ("database" as saved
+  // at "revision", signed by cstm_id and lcs_id). Throws std::runtime_error when the spool
+  // cannot be written.
+  void SpoolRecords(const std::string& policy, CHashDB& database, uint64_t revision,
+                    const std::string& cstm_id, const std::string& lcs_id);
+  // Spools change lines as one batch, with the host's publication of each policy of "alive" as
+  // of its last one (the host is alive and its records are as they were; nothing for a policy
+  // never published).
+  void SpoolChanges(const std::vector<CFleetChange>& changes,
+                    const std::vector<std::string>& alive = {});
 
   // Sends every spooled batch, oldest first, and forgets each once the store took it. Returns how
-  // many are left; throws std::runtime_error with the store's failure when one could not be sent.
-  size_t Deliver();
+  // many are left (without "wait", another process delivering leaves them all); throws
+  // std::runtime_error with the store's failure when one could not be sent.
+  size_t Deliver(bool wait = true);
+
+  // SpoolRecords (or SpoolChanges), then Deliver: returns what to tell the person (published, or
+  // kept in the spool and why); never throws.
+  std::string Publish(const std::string& policy, CHashDB& database, uint64_t revision,
+                      const std::string& cstm_id, const std::string& lcs_id);
+  std::string PublishChanges(const std::vector<CFleetChange>& changes);
 
  private:
-  // The next number of the policy's publications (see the hosts table).
+  // The next number of the policy's publications: greater than every one before.
   uint64_t NextSequence(const std::string& policy);
-  std::string Spool(const std::string& policy, CHashDB& database, uint64_t revision,
-                    const std::string& cstm_id, const std::string& lcs_id);
+  std::string HostsRow(const std::string& policy, uint64_t published, uint64_t sequence,
+                       uint64_t generation, uint64_t revision, uint64_t objects,
+                       const std::string& cstm_id, const std::string& lcs_id) const;
+  std::string Delivered(const std::string& what);
 
   CFleetSettings settings_;
-  std::string spool_;
+  CFleetSpool spool_;
   std::string tool_version_;
 };

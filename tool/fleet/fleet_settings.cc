@@ -15,6 +15,16 @@
 #include "tool/common/exit_status.h"
 #include "tool/session/config_location.h"
 
+namespace {
+
+// A name that may stand in a statement as it is: letters, digits and '_'.
+bool IsPlainName(const std::string& name) {
+  return !name.empty() && std::all_of(name.begin(), name.end(),
+                                      [](unsigned char c) { return std::isalnum(c) || c == '_'; });
+}
+
+}  // namespace
+
 CFleetSettings ReadFleetSettings(const std::string& config_path) {
   CFleetSettings settings;
   Poco::JSON::Object::Ptr fleet = ConfigSection(config_path, "fleet");
@@ -33,8 +43,7 @@ CFleetSettings ReadFleetSettings(const std::string& config_path) {
   settings.configured = true;
   text("url", settings.url, true);
   text("database", settings.database, false);
-  if (!std::all_of(settings.database.begin(), settings.database.end(),
-                   [](unsigned char c) { return std::isalnum(c) || c == '_'; })) {
+  if (!IsPlainName(settings.database)) {
     throw CToolError(where + "\"database\" is letters, digits and '_' only: '" + settings.database +
                      "'");
   }
@@ -49,6 +58,30 @@ CFleetSettings ReadFleetSettings(const std::string& config_path) {
       settings.groups.push_back(group.extract<std::string>());
     }
   }
+  if (fleet->has("period")) {
+    Poco::Dynamic::Var period = fleet->get("period");
+    if (!period.isInteger() || period.convert<int64_t>() < 60 ||
+        period.convert<int64_t>() > 366 * 86400) {
+      throw CToolError(where + "\"period\" is a number of seconds from 60 to a year");
+    }
+    settings.period = static_cast<uint32_t>(period.convert<int64_t>());
+  }
+  text("cluster", settings.cluster, false);
+  if (!settings.cluster.empty() && !IsPlainName(settings.cluster))
+    throw CToolError(where + "\"cluster\" is letters, digits and '_' only: '" + settings.cluster +
+                     "'");
+  if (fleet->has("shards")) {
+    Poco::JSON::Array::Ptr shards = fleet->getArray("shards");
+    if (!shards) throw CToolError(where + "\"shards\" is a list of urls");
+    for (size_t i = 0; i < shards->size(); ++i) {
+      Poco::Dynamic::Var shard = shards->get(static_cast<unsigned>(i));
+      if (!shard.isString()) throw CToolError(where + "\"shards\" is a list of urls");
+      settings.shards.push_back(shard.extract<std::string>());
+    }
+  }
+  if (settings.cluster.empty() != settings.shards.empty())
+    throw CToolError(
+        where + "\"cluster\" and \"shards\" go together: the cluster's name and every shard's url");
   std::string credentials;
   text("credentials", credentials, false);
   if (!credentials.empty()) {
