@@ -1,5 +1,7 @@
 #pragma once
 
+#include "tool/common/tool_version.h"
+
 struct CCommandLine;
 
 // The tool's commands; each returns the exit status and throws CToolError for what the user can
@@ -24,5 +26,3 @@ int RunWatch(const CCommandLine& line);
 int RunStatus(const CCommandLine& line);
 int RunFleet(const CCommandLine& line);
 
-// What "signdb version" says, and what a fleet publication names.
-inline constexpr const char* kToolVersion = "0.2.0";

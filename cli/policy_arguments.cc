@@ -14,7 +14,6 @@
 #include "tool/fleet/fleet_settings.h"
 #include "tool/report/file_sink.h"
 #include "tool/report/stream_sinks.h"
-#include "tool/store/dev_keys.h"
 #include "tool/watch/pending_answer.h"
 #include "util/relative_path.h"
 #include "util/safe_text.h"
@@ -107,16 +106,9 @@ std::shared_ptr<CFleetPublisher> FleetPublisherOf(CSession& session) {
 void PublishToFleet(CSession& session, const CRefPolicySettings& policy, CHashDB& database) {
   std::shared_ptr<CFleetPublisher> publisher = FleetPublisherOf(session);
   if (!publisher) return;
-  // The signer as its certificate names it (what the fleet shows of who signed).
-  std::string cstm_id;
-  std::string lcs_id;
-  try {
-    cstm_id = CertificateOrganization(session.settings().signer_certificate);
-    lcs_id = CertificateSerialNumber(session.settings().signer_certificate);
-  } catch (const std::exception&) {
-    cstm_id = session.settings().local_cstm_id;  // no signer here (a host that only checks)
-  }
+  CFleetSigner signer = FleetSignerOf(session.settings());
   std::cerr << "signdb: policy '" << EscapedText(policy.name) << "': "
-            << publisher->Publish(policy.name, database, database.Revision(), cstm_id, lcs_id)
+            << publisher->Publish(policy.name, database, database.Revision(), signer.cstm_id,
+                                  signer.lcs_id)
             << "\n";
 }

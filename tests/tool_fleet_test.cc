@@ -19,6 +19,7 @@
 #include "tests/clickhouse_fixture.h"
 #include "tests/tool_fixture.h"
 #include "tests/tool_json.h"
+#include "tests/watch_fixture.h"
 #include "tool/fleet/clickhouse_client.h"
 #include "tool/fleet/fleet_schema.h"
 
@@ -520,6 +521,66 @@ TEST_F(FleetClusterTest, TwoShardsAnswerAsOneServerWithTheSameRows) {
     EXPECT_THAT(from_cluster, ::testing::StartsWith(question.find("drift") != std::string::npos ? "1\n" : "0\n")) << question << from_cluster;
   }
   EXPECT_THAT(ask(cluster_config, "fleet lookup " + Sha256("common\n")), HasSubstr("web-05"));
+}
+
+}  // namespace
+
+namespace {
+
+// The watch service publishes each save's records and every change line it reports, and delivers
+// what it spooled while the store was away once the store is back.
+class FleetWatchTest : public WatchFixture {
+ protected:
+  void SetUp() override {
+    if (!CClickHouseServer::Installed()) GTEST_SKIP() << "clickhouse-server is not installed (scripts/bootstrap.sh installs it)";
+    std::string error;
+    ASSERT_TRUE(server_.Start(error)) << error;
+    Init();
+    SetConfigMember(config_, "fleet", R"({"url":")" + server_.url() + R"(","host":"web-01"})");
+    ASSERT_EQ(0, Tool("fleet init").status);
+  }
+  bool Holds(const std::string& content, const std::string& path) {
+    return Eventually(
+        [&] {
+          CToolRun lookup = Tool("fleet lookup " + Sha256(content) + " --json");
+          return lookup.OutLines().size() == 1 && ParseJson(lookup.out)->getValue<std::string>("path") == path;
+        },
+        std::chrono::seconds(20));
+  }
+
+  CClickHouseServer server_;
+};
+
+TEST_F(FleetWatchTest, TheServicePublishesItsSavesAndChangeLinesAndDeliversWhatWaitedWhileTheStoreWasAway) {
+  Write("etc/a", "a\n");
+  ASSERT_EQ(0, Tool("scan t").status);
+  Start("--save-period 1");
+  Write("etc/dropped", "payload\n");
+  EXPECT_TRUE(Holds("payload\n", "etc/dropped")) << CTempDir::Read(dir_ / "watch.err");
+  EXPECT_TRUE(Eventually(
+      [&] {
+        CToolRun changes = Tool("fleet changes --json --path etc/dropped");
+        return changes.OutLines().size() == 1 && ParseJson(changes.out)->getValue<std::string>("dataset") == "watch";
+      },
+      std::chrono::seconds(10)));
+  server_.Stop();
+  Write("etc/while-away", "away\n");
+  std::string spool = dir_ / "cfg/data/fleet-spool";
+  EXPECT_TRUE(Eventually(
+      [&] {
+        for (const auto& entry : boost::filesystem::directory_iterator(spool)) {
+          if (entry.path().extension() == ".batch" && boost::filesystem::exists(entry.path() / "holders.tsv")) return true;
+        }
+        return false;
+      },
+      std::chrono::seconds(10)))
+      << "the save is spooled while the store is away";
+  std::string error;
+  ASSERT_TRUE(server_.Start(error)) << error;
+  EXPECT_TRUE(Holds("away\n", "etc/while-away")) << CTempDir::Read(dir_ / "watch.err");
+  EXPECT_THAT(CTempDir::Read(dir_ / "watch.err"), HasSubstr("the fleet store did not take the spool"));
+  EXPECT_EQ(0, Stop());
+  EXPECT_EQ(1u, Tool("fleet changes --path etc/while-away").OutLines().size());
 }
 
 }  // namespace

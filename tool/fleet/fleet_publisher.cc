@@ -15,10 +15,12 @@
 
 #include "hashdb/hash_db.h"
 #include "refhost/security_text.h"
+#include "refhost/settings.h"
 #include "tool/change/object_state.h"
 #include "tool/fleet/clickhouse_client.h"
 #include "tool/fleet/fleet_schema.h"
 #include "tool/fleet/published_state.h"
+#include "tool/store/dev_keys.h"
 #include "util/safe_text.h"
 #include "util/text_conversion.h"
 
@@ -76,6 +78,15 @@ std::unordered_map<std::string, CPublishedObject> RecordedObjects(CHashDB& datab
 
 }  // namespace
 
+CFleetSigner FleetSignerOf(const CRefSettings& settings) {
+  try {
+    return CFleetSigner{CertificateOrganization(settings.signer_certificate),
+                        CertificateSerialNumber(settings.signer_certificate)};
+  } catch (const std::exception&) {
+    return CFleetSigner{settings.local_cstm_id, std::string()};
+  }
+}
+
 CFleetPublisher::CFleetPublisher(CFleetSettings settings, std::string data_folder,
                                  std::string tool_version)
     : settings_(std::move(settings)),
@@ -114,7 +125,7 @@ std::string CFleetPublisher::HostsRow(const std::string& policy, uint64_t publis
 void CFleetPublisher::SpoolRecords(const std::string& policy, CHashDB& database, uint64_t revision,
                                    const std::string& cstm_id, const std::string& lcs_id) {
   std::unordered_map<std::string, CPublishedObject> now_held = RecordedObjects(database);
-  CFleetSpoolLock lock(spool_, true);
+  CFleetSpoolLock lock(spool_, CFleetSpoolLock::CKind::kWrite);
   std::string state_path = spool_.PathOf(policy + ".state");
   CPublishedState state = CPublishedState::Read(state_path);
   bool whole = state.generation == 0;
@@ -202,7 +213,7 @@ void CFleetPublisher::SpoolChanges(const std::vector<CFleetChange>& changes,
             "\t" + Field(change.change) + "\t" + Field(change.severity) + "\t" +
             Field(change.event) + "\t" + Field(change.text) + "\n";
   }
-  CFleetSpoolLock lock(spool_, true);
+  CFleetSpoolLock lock(spool_, CFleetSpoolLock::CKind::kWrite);
   std::string hosts;
   for (const std::string& policy : alive) {
     CPublishedState state = CPublishedState::Read(spool_.PathOf(policy + ".state"), true);
@@ -215,7 +226,7 @@ void CFleetPublisher::SpoolChanges(const std::vector<CFleetChange>& changes,
 }
 
 size_t CFleetPublisher::Deliver(bool wait) {
-  CFleetSpoolLock lock(spool_, wait);
+  CFleetSpoolLock lock(spool_, CFleetSpoolLock::CKind::kDelivery, wait);
   std::vector<std::string> batches = spool_.Batches();
   if (!lock.Held() || batches.empty()) return batches.size();
   CClickHouseClient client = ConnectToFleet(settings_);

@@ -8,6 +8,16 @@
 #include "tool/fleet/fleet_spool.h"
 
 class CHashDB;
+struct CRefSettings;
+
+// Who signs this host's databases, as the fleet names it: the signer certificate's cstm_id
+// (organizationName) and lcs_id (serialNumber); this installation's cstm_id and no lcs_id where
+// no signer certificate can be read (a host that only checks).
+struct CFleetSigner {
+  std::string cstm_id;
+  std::string lcs_id;
+};
+CFleetSigner FleetSignerOf(const CRefSettings& settings);
 
 // One change line as the fleet keeps it (see the changes table).
 struct CFleetChange {

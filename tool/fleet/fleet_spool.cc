@@ -108,8 +108,13 @@ bool CFleetSpool::HoldsRecords(const std::string& batch) const {
 std::string CFleetSpool::Body(const std::string& batch, const std::string& table) const {
   std::string path = folder_ + "/" + batch + "/" + table + ".tsv";
   if (!Exists(path)) return std::string();
-  std::vector<uint8_t> bytes = ReadWholeFile(path);
-  return std::string(bytes.begin(), bytes.end());
+  try {
+    std::vector<uint8_t> bytes = ReadWholeFile(path);
+    return std::string(bytes.begin(), bytes.end());
+  } catch (const std::exception&) {
+    if (!Exists(path)) return std::string();  // dropped while it was read
+    throw;
+  }
 }
 
 void CFleetSpool::Remove(const std::string& batch) {
@@ -118,10 +123,11 @@ void CFleetSpool::Remove(const std::string& batch) {
   ::rmdir(path.c_str());
 }
 
-CFleetSpoolLock::CFleetSpoolLock(const CFleetSpool& spool, bool wait) {
+CFleetSpoolLock::CFleetSpoolLock(const CFleetSpool& spool, CKind kind, bool wait) {
   if (::mkdir(spool.folder().c_str(), 0700) != 0 && errno != EEXIST)
     throw SpoolError(spool.folder(), "make");
-  fd_ = ::open(spool.PathOf("lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+  std::string path = spool.PathOf(kind == CKind::kWrite ? "lock" : "delivery");
+  fd_ = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
   if (fd_ < 0) throw SpoolError(spool.folder(), "lock");
   int result;
   do {

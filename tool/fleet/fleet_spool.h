@@ -9,9 +9,11 @@
 // of TabSeparated bodies, one per table it fills ("records.tsv", "holders.tsv", "changes.tsv",
 // "hosts.tsv"), written aside and moved in whole: a batch in the spool is always complete.
 //
-// Processes share the spool (a scan and the watch service): who publishes or delivers holds the
-// spool's lock (flock on DATA/fleet-spool/lock), so that a policy's publications are spooled in
-// the order of their sequence and a batch is sent by one process at a time.
+// Processes share the spool (a scan and the watch service): who writes to it holds its write lock
+// (flock on DATA/fleet-spool/lock), so that a policy's publications are spooled in the order of
+// their sequence, and who delivers holds its delivery lock (DATA/fleet-spool/delivery), so that a
+// batch is sent by one at a time. A batch may be dropped (the spool's bound) while it is sent:
+// what was sent stands, and the next publication is whole.
 class CFleetSpool {
  public:
   // The tables in the order a batch is sent: the host's publication last, so that a question
@@ -30,7 +32,7 @@ class CFleetSpool {
   std::vector<std::string> Batches() const;
   // Whether the batch holds a snapshot of records (a batch of change lines only does not).
   bool HoldsRecords(const std::string& batch) const;
-  // The body of one table of a batch ("" when the batch has none).
+  // The body of one table of a batch ("" when the batch has none or is gone).
   std::string Body(const std::string& batch, const std::string& table) const;
   void Remove(const std::string& batch);
 
@@ -43,11 +45,13 @@ class CFleetSpool {
   std::string folder_;
 };
 
-// The spool's lock, held while it lives. "wait": blocks until free; without it, Held() says
-// whether it was taken.
+// One of the spool's locks, held while it lives: kWrite while batches and states are written
+// (briefly), kDelivery while batches are sent (one sender at a time; a writer does not wait for
+// the network). "wait": blocks until free; without it, Held() says whether it was taken.
 class CFleetSpoolLock {
  public:
-  CFleetSpoolLock(const CFleetSpool& spool, bool wait);
+  enum class CKind { kWrite, kDelivery };
+  CFleetSpoolLock(const CFleetSpool& spool, CKind kind, bool wait = true);
   ~CFleetSpoolLock();
   CFleetSpoolLock(const CFleetSpoolLock&) = delete;
   CFleetSpoolLock& operator=(const CFleetSpoolLock&) = delete;

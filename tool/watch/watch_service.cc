@@ -11,7 +11,13 @@
 #include <optional>
 #include <string>
 
+#include "hashdb/hash_db.h"
 #include "tool/common/exit_status.h"
+#include "tool/common/tool_version.h"
+#include "tool/fleet/fleet_change_sink.h"
+#include "tool/fleet/fleet_courier.h"
+#include "tool/fleet/fleet_publisher.h"
+#include "tool/fleet/fleet_settings.h"
 #include "tool/session/session.h"
 #include "tool/watch/policy_watch.h"
 #include "tool/watch/query_answers.h"
@@ -43,9 +49,35 @@ CWatchService::CWatchService(CSession& session, std::chrono::seconds save_period
   to_standard_output_ = change_lines != CChangeLines::kSystemLog || !log_.reaches_system_log();
   if (to_standard_output_) report_.Add(lines_);
   report_.Add(log_);
+  CFleetSettings fleet;
+  try {
+    fleet = ReadFleetSettings(session.config_path());
+  } catch (const std::exception& e) {  // the files are watched whatever the fleet's settings
+    std::cerr << "signdb watch: nothing is published to the fleet store: " << EscapedText(e.what())
+              << "\n";
+  }
+  if (fleet.configured) {
+    fleet_ = std::make_shared<CFleetPublisher>(fleet, session.DataFolder(), kToolVersion);
+    auto sink = std::make_unique<CFleetChangeSink>(fleet_, false);
+    fleet_lines_ = sink.get();
+    report_.Add(std::move(sink));
+  }
 }
 
 CWatchService::~CWatchService() = default;
+
+void CWatchService::PublishToFleet(CPolicyWatch& watch) {
+  if (!fleet_) return;
+  CFleetSigner signer = FleetSignerOf(session_.settings());
+  try {
+    fleet_->SpoolRecords(watch.policy().name, *watch.database(), watch.database()->Revision(),
+                         signer.cstm_id, signer.lcs_id);
+  } catch (const std::exception& e) {
+    std::cerr << "signdb watch: " << watch.policy().name
+              << ": records not published to the fleet store: " << EscapedText(e.what()) << "\n";
+  }
+  if (courier_) courier_->Wake();
+}
 
 void CWatchService::Add(const CRefPolicySettings& policy, std::shared_ptr<CHashDB> database,
                         CJournalEntry journal_entry) {
@@ -73,9 +105,15 @@ void CWatchService::Run(const sigset_t& stop_signals) {
   if (signal_fd < 0 || epoll_fd < 0)
     throw CToolError(std::string("cannot wait for events: ") + std::strerror(errno));
 
+  if (fleet_) {
+    std::vector<std::string> policies;
+    for (const auto& watch : watches_) policies.push_back(watch->policy().name);
+    courier_ = std::make_unique<CFleetCourier>(fleet_, std::move(policies));
+  }
   for (size_t i = 0; i < watches_.size(); ++i) {
     watches_[i]->Start(force_inotify_);
     watches_[i]->Save(true);  // what the start-up reconcile found is kept at once
+    PublishToFleet(*watches_[i]);
     // What the start-up reconcile took in changed while no service ran; none of it is accepted.
     uint64_t taken_in = watches_[i]->counters().applied;
     Journal(i, "service-start",
@@ -140,6 +178,7 @@ void CWatchService::Run(const sigset_t& stop_signals) {
     // Changes are logged as they happen: what is gathered goes out before the service sleeps.
     if (timeout != 0) {
       report_.Flush();
+      if (fleet_lines_ && fleet_lines_->TakeSpooled()) courier_->Wake();
     }
     epoll_event ready[16];
     int count = ::epoll_wait(epoll_fd, ready, 16, timeout);
@@ -191,6 +230,16 @@ void CWatchService::Run(const sigset_t& stop_signals) {
   // Stopped: what is still queued is read now, and everything saved.
   for (auto& watch : watches_) watch->ApplyDue(CClock::time_point::max());
   SaveAll(true);
+  report_.Flush();
+  if (courier_) {
+    courier_.reset();
+    try {  // one last delivery of what the last save spooled; what fails stays for the next run
+      fleet_->Deliver(false);
+    } catch (const std::exception& e) {
+      std::cerr << "signdb watch: the fleet spool waits for the next run: " << EscapedText(e.what())
+                << "\n";
+    }
+  }
   for (size_t i = 0; i < watches_.size(); ++i) Journal(i, "service-stop", "");
   ::close(epoll_fd);
   ::close(signal_fd);
@@ -200,7 +249,10 @@ bool CWatchService::SaveAll(bool wait) {
   bool all = true;
   for (auto& watch : watches_) {
     try {
-      all = watch->Save(false, wait) && all;
+      bool changed = watch->changed_since_save();
+      bool saved = watch->Save(false, wait);
+      if (changed && saved) PublishToFleet(*watch);
+      all = saved && all;
     } catch (const std::exception& e) {
       std::cerr << "signdb watch: " << watch->policy().name
                 << ": cannot save: " << EscapedText(e.what()) << "\n";

@@ -12,6 +12,9 @@
 #include "tool/session/watch_settings.h"
 #include "tool/store/accept_journal.h"
 
+class CFleetChangeSink;
+class CFleetCourier;
+class CFleetPublisher;
 class CHashDB;
 class CPolicyWatch;
 class CSession;
@@ -43,8 +46,11 @@ class CWatchService {
 
  private:
   // Saves every policy that changed; without "wait", one whose saved files are being read is left
-  // for later (returns false).
+  // for later (returns false). What was saved is published to the fleet store when one is
+  // configured.
   bool SaveAll(bool wait);
+  // Spools the policy's records as just saved for the fleet store, and wakes the courier.
+  void PublishToFleet(CPolicyWatch& watch);
   // Appends an entry for the i-th policy to its journal; a journal that cannot take it is said on
   // stderr and stops nothing.
   void Journal(size_t i, const std::string& event, const std::string& note);
@@ -60,4 +66,9 @@ class CWatchService {
   std::vector<std::unique_ptr<CPolicyWatch>> watches_;
   std::vector<CJournalEntry> journal_entries_;  // for each watch
   std::vector<uint64_t> lost_journalled_;       // for each watch: the drops journalled so far
+  // With a "fleet" section: the publisher, the change lines' sink, and (while Run runs) the
+  // courier that delivers the spool.
+  std::shared_ptr<CFleetPublisher> fleet_;
+  CFleetChangeSink* fleet_lines_ = nullptr;  // owned by report_
+  std::unique_ptr<CFleetCourier> courier_;
 };
