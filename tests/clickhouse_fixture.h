@@ -111,8 +111,7 @@ class CClickHouseServer {
     return xml + "</" + name + "></remote_servers>\n";
   }
 
- private:
-  static int FreePort() {
+ static int FreePort() {
     int fd = ::socket(AF_INET, SOCK_STREAM, 0);
     sockaddr_in address{};
     address.sin_family = AF_INET;
@@ -125,6 +124,7 @@ class CClickHouseServer {
     return port;
   }
 
+ private:
   CTempDir dir_;
   pid_t pid_ = -1;
   int http_port_ = 0;

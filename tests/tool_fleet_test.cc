@@ -584,3 +584,42 @@ TEST_F(FleetWatchTest, TheServicePublishesItsSavesAndChangeLinesAndDeliversWhatW
 }
 
 }  // namespace
+
+namespace {
+
+// A store that speaks https: its certificate is checked against the configured authority, and one
+// that does not lead to a trusted authority is refused, by name.
+TEST_F(FleetTest, AStoreOverHttpsIsReachedWithItsAuthorityAndRefusedWithoutIt) {
+  std::string keys = dir_ / "tls";
+  boost::filesystem::create_directories(keys);
+  std::string make =
+      "cd '" + keys + "' && openssl req -x509 -newkey rsa:2048 -nodes -keyout ca.key -out ca.pem -days 2 -subj /CN=fleet-ca "
+      "&& openssl req -newkey rsa:2048 -nodes -keyout server.key -out server.csr -subj /CN=localhost "
+      "&& printf 'subjectAltName=DNS:localhost,IP:127.0.0.1\\n' > san.ext "
+      "&& openssl x509 -req -in server.csr -CA ca.pem -CAkey ca.key -CAcreateserial -out server.pem -days 2 -extfile san.ext";
+  ASSERT_EQ(0, RunShell(make).status) << RunShell(make).err;
+  int https_port = CClickHouseServer::FreePort();
+  std::string tls_config = "  <https_port>" + std::to_string(https_port) + "</https_port>\n" +
+                           "  <openSSL><server><certificateFile>" + keys + "/server.pem</certificateFile><privateKeyFile>" +
+                           keys + "/server.key</privateKeyFile><verificationMode>none</verificationMode>"
+                           "<loadDefaultCAFile>false</loadDefaultCAFile></server></openSSL>\n";
+  CClickHouseServer secure;
+  std::string error;
+  ASSERT_TRUE(secure.Start(error, tls_config)) << error;
+  std::string url = "https://localhost:" + std::to_string(https_port);
+  SetFleet(R"({"url":")" + url + R"(","ca":")" + keys + R"(/ca.pem","host":"web-01"})");
+  CToolRun init = Tool("fleet init");
+  EXPECT_EQ(0, init.status) << init.err;
+  Write("etc/a", "over tls\n");
+  ASSERT_EQ(0, Tool("scan t").status);
+  CToolRun lookup = Tool("fleet lookup " + Sha256("over tls\n"));
+  EXPECT_EQ(0, lookup.status) << lookup.err;
+  EXPECT_THAT(lookup.out, HasSubstr("web-01  t  etc/a"));
+  SetFleet(R"({"url":")" + url + R"(","host":"web-01"})");  // the system's authorities do not know it
+  CToolRun untrusted = Tool("fleet hosts");
+  EXPECT_EQ(2, untrusted.status);
+  EXPECT_THAT(untrusted.err, HasSubstr("cannot reach the fleet store at " + url));
+  EXPECT_THAT(untrusted.err, ::testing::AnyOf(HasSubstr("certificate"), HasSubstr("Certificate")));
+}
+
+}  // namespace

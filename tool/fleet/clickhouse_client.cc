@@ -4,19 +4,22 @@
 #include <Poco/Net/HTTPClientSession.h>
 #include <Poco/Net/HTTPRequest.h>
 #include <Poco/Net/HTTPResponse.h>
+#include <Poco/Net/HTTPSClientSession.h>
 #include <Poco/Net/NetException.h>
 #include <Poco/Net/PartSource.h>
 #include <Poco/Net/StringPartSource.h>
 #include <Poco/StreamCopier.h>
 #include <Poco/URI.h>
 
+#include <memory>
 #include <sstream>
 #include <stdexcept>
 #include <utility>
 
 #include "util/safe_text.h"
 
-CClickHouseClient::CClickHouseClient(std::string url, std::string user, std::string password)
+CClickHouseClient::CClickHouseClient(std::string url, std::string user, std::string password,
+                                     std::string ca_file)
     : url_(std::move(url)), user_(std::move(user)), password_(std::move(password)) {
   Poco::URI uri;
   try {
@@ -24,9 +27,20 @@ CClickHouseClient::CClickHouseClient(std::string url, std::string user, std::str
   } catch (const Poco::Exception& e) {
     throw std::runtime_error("the fleet store's url '" + url_ + "' is not one: " + e.message());
   }
-  if (uri.getScheme() != "http" || uri.getHost().empty()) {
+  if ((uri.getScheme() != "http" && uri.getScheme() != "https") || uri.getHost().empty()) {
     throw std::runtime_error("the fleet store's url '" + url_ +
-                             "' is not http://HOST:PORT (https is not supported yet)");
+                             "' is not http://HOST:PORT or https://HOST:PORT");
+  }
+  if (uri.getScheme() == "https") {
+    try {
+      // Strict: the chain must lead to the given (or the system's) authorities and the
+      // certificate must name the host; nothing is accepted that fails either.
+      tls_ = new Poco::Net::Context(Poco::Net::Context::TLS_CLIENT_USE, "", "", ca_file,
+                                    Poco::Net::Context::VERIFY_STRICT, 9, ca_file.empty());
+    } catch (const Poco::Exception& e) {
+      throw std::runtime_error("cannot use the fleet store's certificate authority " + ca_file +
+                               ": " + e.displayText());
+    }
   }
 }
 
@@ -176,8 +190,13 @@ std::string CClickHouseClient::Run(const std::string& statement, const std::stri
   for (const auto& [name, value] : settings_) uri.addQueryParameter(name, value);
   for (const CTable& table : tables)
     uri.addQueryParameter(table.name + "_structure", table.structure);
-  Poco::Net::HTTPClientSession session(uri.getHost(), uri.getPort());
-  session.setTimeout(Poco::Timespan(60, 0));
+  std::unique_ptr<Poco::Net::HTTPClientSession> session;
+  if (tls_) {
+    session = std::make_unique<Poco::Net::HTTPSClientSession>(uri.getHost(), uri.getPort(), tls_);
+  } else {
+    session = std::make_unique<Poco::Net::HTTPClientSession>(uri.getHost(), uri.getPort());
+  }
+  session->setTimeout(Poco::Timespan(60, 0));
   Poco::Net::HTTPRequest request(Poco::Net::HTTPRequest::HTTP_POST, uri.getPathAndQuery(),
                                  Poco::Net::HTTPMessage::HTTP_1_1);
   if (!user_.empty()) request.set("X-ClickHouse-User", user_);
@@ -187,7 +206,7 @@ std::string CClickHouseClient::Run(const std::string& statement, const std::stri
     if (tables.empty()) {
       request.setContentLength(static_cast<std::streamsize>(body.size()));
       request.setContentType("text/plain; charset=utf-8");
-      session.sendRequest(request) << body;
+      session->sendRequest(request) << body;
     } else {
       // External data: each table a part of a multipart form, named as the statement reads it.
       Poco::Net::HTMLForm form(Poco::Net::HTMLForm::ENCODING_MULTIPART);
@@ -196,10 +215,10 @@ std::string CClickHouseClient::Run(const std::string& statement, const std::stri
                      new Poco::Net::StringPartSource(table.rows, "text/plain", table.name));
       }
       form.prepareSubmit(request);
-      form.write(session.sendRequest(request));
+      form.write(session->sendRequest(request));
     }
     Poco::Net::HTTPResponse response;
-    std::istream& in = session.receiveResponse(response);
+    std::istream& in = session->receiveResponse(response);
     std::ostringstream text;
     Poco::StreamCopier::copyStream(in, text);
     answer = text.str();

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <Poco/Net/Context.h>
+
 #include <string>
 #include <utility>
 #include <vector>
@@ -18,9 +20,11 @@ class CClickHouseClient {
     std::string rows;  // TabSeparated: \t, \n and \\ escaped
   };
 
-  // "url": http://HOST:PORT (https:// is refused until the tool links TLS). "user" and
-  // "password" may be empty (the server's default user).
-  CClickHouseClient(std::string url, std::string user, std::string password);
+  // "url": http://HOST:PORT or https://HOST:PORT. "user" and "password" may be empty (the
+  // server's default user). Over https the server's certificate must be valid for its host name
+  // and signed by "ca_file" (PEM) or, without one, by a certificate authority the system trusts.
+  CClickHouseClient(std::string url, std::string user, std::string password,
+                    std::string ca_file = std::string());
 
   // Runs "statement" with "body" as its data; returns what the server answered. Throws
   // std::runtime_error naming the server and what it said (an error, a refusal) or why it could
@@ -54,4 +58,5 @@ class CClickHouseClient {
   std::string user_;
   std::string password_;
   std::vector<std::pair<std::string, std::string>> settings_;
+  Poco::Net::Context::Ptr tls_;  // over https
 };

@@ -96,11 +96,11 @@ void CreateFleetSchema(const CFleetSettings& settings) {
   if (std::find(servers.begin(), servers.end(), settings.url) == servers.end())
     servers.push_back(settings.url);
   for (const std::string& url : servers)
-    CreateOn(CClickHouseClient(url, settings.user, settings.password), settings);
+    CreateOn(CClickHouseClient(url, settings.user, settings.password, settings.ca_file), settings);
 }
 
 CClickHouseClient ConnectToFleet(const CFleetSettings& settings) {
-  CClickHouseClient client(settings.url, settings.user, settings.password);
+  CClickHouseClient client(settings.url, settings.user, settings.password, settings.ca_file);
   if (!settings.cluster.empty()) client.Set("insert_distributed_sync", "1");
   RequireFleetSchema(client, settings.database);
   return client;

@@ -66,6 +66,7 @@ CFleetSettings ReadFleetSettings(const std::string& config_path) {
     }
     settings.period = static_cast<uint32_t>(period.convert<int64_t>());
   }
+  text("ca", settings.ca_file, false);
   text("cluster", settings.cluster, false);
   if (!settings.cluster.empty() && !IsPlainName(settings.cluster))
     throw CToolError(where + "\"cluster\" is letters, digits and '_' only: '" + settings.cluster +

@@ -16,8 +16,10 @@
 // may read; without it the server's default user is used. "period" says how often this host
 // publishes at least, in seconds (a day by default, as the check timer runs; the watch service
 // publishes this often even when nothing changed): a host silent for twice its period is named by
-// 'fleet hosts'. "cluster" names the store's cluster of shards ("shards": every shard's url, where
-// 'fleet init' makes the tables); the url is where the host publishes and asks.
+// 'fleet hosts'. Over https, "ca" names the PEM file of the authority that signs the store's
+// certificate (the system's authorities without it). "cluster" names the store's cluster of shards
+// ("shards": every shard's url, where 'fleet init' makes the tables); the url is where the host
+// publishes and asks.
 struct CFleetSettings {
   bool configured = false;  // a "fleet" section is there
   std::string url;
@@ -26,6 +28,7 @@ struct CFleetSettings {
   std::vector<std::string> groups;
   std::string user;
   std::string password;
+  std::string ca_file;  // over https: the authority that signs the store's certificate
   uint32_t period = 86400;
   std::string cluster;              // empty: one server
   std::vector<std::string> shards;  // with a cluster: every shard's url
