@@ -21,7 +21,10 @@
 #include "tests/tool_json.h"
 #include "tests/watch_fixture.h"
 #include "tool/fleet/clickhouse_client.h"
+#include "tool/fleet/fleet_questions.h"
 #include "tool/fleet/fleet_schema.h"
+#include "tool/fleet/published_state.h"
+#include "util/text_format.h"
 
 namespace {
 
@@ -620,6 +623,100 @@ TEST_F(FleetTest, AStoreOverHttpsIsReachedWithItsAuthorityAndRefusedWithoutIt) {
   EXPECT_EQ(2, untrusted.status);
   EXPECT_THAT(untrusted.err, HasSubstr("cannot reach the fleet store at " + url));
   EXPECT_THAT(untrusted.err, ::testing::AnyOf(HasSubstr("certificate"), HasSubstr("Certificate")));
+}
+
+}  // namespace
+
+namespace {
+
+// What a store answers is read strictly: a line of the wrong shape, a number that is none, an array
+// cut short are refused by name, never half read.
+TEST(FleetAnswerTest, EscapedTextsRoundTripAndArraysAreReadItemByItem) {
+  for (const std::string& text : {std::string("a\tb\nc\\d\re"), std::string("nul\0byte", 8), std::string("\xff\xfe"), std::string()})
+    EXPECT_EQ(text, CClickHouseClient::FromTabField(CClickHouseClient::TabField(text)));
+  EXPECT_EQ((std::vector<std::string>{"'a\\'b'", "[1,2]", "'c,d'"}), CClickHouseClient::ArrayItems("['a\\'b',[1,2],'c,d']"));
+  EXPECT_TRUE(CClickHouseClient::ArrayItems("[]").empty());
+  EXPECT_EQ("a'b\\", CClickHouseClient::UnquotedText("'a\\'b\\\\'"));
+  EXPECT_THROW(CClickHouseClient::ArrayItems("['a',"), std::runtime_error);
+  EXPECT_THROW(CClickHouseClient::ArrayItems("['unterminated]"), std::runtime_error);
+  EXPECT_THROW(CClickHouseClient::UnquotedText("'a\\'"), std::runtime_error);
+  EXPECT_THROW(CClickHouseClient::UnquotedText("'a'b'"), std::runtime_error);
+}
+
+TEST(FleetAnswerTest, AnAnswerOfTheWrongShapeIsRefusedByName) {
+  try {
+    ReadFleetHosts("web-01\tt\t1\n", 0);
+    FAIL() << "a line of three fields read as a host";
+  } catch (const std::runtime_error& e) {
+    EXPECT_THAT(e.what(), HasSubstr("the fleet store answered a line that is not a host (3 fields of 10)"));
+  }
+  try {
+    ReadFleetHolders("h\tweb\tt\tp\tseven\t1\n");
+    FAIL() << "a revision that is no number";
+  } catch (const std::runtime_error& e) {
+    EXPECT_THAT(e.what(), HasSubstr("answered 'seven' for a revision, which is not a number"));
+  }
+  EXPECT_THROW(ReadFleetHosts("w\tt\t1\t1\t1\tc\tl\tnot-an-array\tv\t60\n", 0), std::runtime_error);
+  std::vector<CFleetHost> hosts = ReadFleetHosts("w\tt\t1000\t1\t1\tc\tl\t['g']\tv\t60\nx\tt\t1000\t1\t1\tc\tl\t[]\tv\t600\n", 1200);
+  ASSERT_EQ(2u, hosts.size());
+  EXPECT_TRUE(hosts[0].silent) << "200 s without a word from a host that publishes each minute";
+  EXPECT_FALSE(hosts[1].silent);
+}
+
+TEST(FleetAnswerTest, DriftTakesWhatMostHostsHaveAndNamesTheRestWithTheHostsThatLackThePath) {
+  std::vector<CDriftPath> paths = ReadFleetDrift(
+      "etc/x\t['file','file']\t['aa','bb']\t[33188,33188]\t['0','0']\t['0','0']\t[['a','b'],['c']]\n", "t",
+      {"a", "b", "c", "d"});
+  ASSERT_EQ(1u, paths.size());
+  EXPECT_EQ("aa", paths[0].most.hash);
+  EXPECT_EQ((std::vector<std::string>{"a", "b"}), paths[0].most.hosts);
+  ASSERT_EQ(2u, paths[0].others.size());
+  EXPECT_EQ("bb", paths[0].others[0].hash);
+  EXPECT_FALSE(paths[0].others[1].present);
+  EXPECT_EQ((std::vector<std::string>{"d"}), paths[0].others[1].hosts);
+  EXPECT_THROW(ReadFleetDrift("etc/x\t['file']\t[]\t[1]\t['0']\t['0']\t[['a']]\n", "t", {"a"}), std::runtime_error);
+  EXPECT_THROW(ReadFleetDrift("etc/x\t[]\t[]\t[]\t[]\t[]\t[]\n", "t", {}), std::runtime_error);
+}
+
+TEST(FleetAnswerTest, PathGlobsBecomeLikePatternsWithTheirOwnWildcardsOnly) {
+  EXPECT_EQ("etc/%.conf", GlobAsLikePattern("etc/*.conf"));
+  EXPECT_EQ("a\\%b\\_c_", GlobAsLikePattern("a%b_c?"));
+  EXPECT_EQ("x*y\\\\", GlobAsLikePattern("x\\*y\\\\"));
+}
+
+TEST(FleetAnswerTest, TimesArePeopleTimesOrSpansBack) {
+  int64_t seconds = 0;
+  ASSERT_TRUE(SecondsOfTimeText("2026-11-24", 0, seconds));
+  EXPECT_EQ(1795478400, seconds);
+  ASSERT_TRUE(SecondsOfTimeText("2026-11-24T10:00:00Z", 0, seconds));
+  EXPECT_EQ(1795514400, seconds);
+  ASSERT_TRUE(SecondsOfTimeText("24h", 100000, seconds));
+  EXPECT_EQ(100000 - 86400, seconds);
+  EXPECT_FALSE(SecondsOfTimeText("yesterday", 0, seconds));
+  EXPECT_FALSE(SecondsOfTimeText("24x", 0, seconds));
+  EXPECT_FALSE(SecondsOfTimeText("2026-11-24 junk", 0, seconds));
+}
+
+TEST(FleetAnswerTest, APublishedStateThatCannotBeReadCountsAsNoneSoTheNextPublicationIsWhole) {
+  CTempDir dir;
+  CPublishedState state;
+  state.generation = 7;
+  state.revision = 9;
+  state.cstm_id = "signdb x";
+  state.lcs_id = "1001";
+  state.objects["etc/a\\nb"] = CPublishedObject{"file\tab\t1\t33188\t0\t0", "ab", 9, 100};
+  std::string path = dir / "t.state";
+  state.Write(path);
+  CPublishedState read = CPublishedState::Read(path);
+  EXPECT_EQ(7u, read.generation);
+  ASSERT_EQ(1u, read.objects.size());
+  EXPECT_EQ("file\tab\t1\t33188\t0\t0", read.objects["etc/a\\nb"].row);
+  EXPECT_EQ(1u, CPublishedState::Read(path, true).object_count);
+  std::string text = CTempDir::Read(path);
+  std::ofstream(path, std::ios::trunc) << text.substr(0, text.size() - 4);  // cut short
+  EXPECT_EQ(0u, CPublishedState::Read(path).generation);
+  std::ofstream(path, std::ios::trunc) << text << "etc/b\tfile\tcd\t1\t33188\t0\t0\t9\t100\n";  // one more than counted
+  EXPECT_EQ(0u, CPublishedState::Read(path).generation);
 }
 
 }  // namespace

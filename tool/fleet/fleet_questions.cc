@@ -105,6 +105,10 @@ std::vector<CFleetHolder> FleetHolders(const CClickHouseClient& client, const st
           "GLOBAL IN (" +
           LatestGenerations(d) + ") ORDER BY hash, host, policy, path FORMAT TabSeparated",
       std::string(), {CTable{"wanted", "hash String", Lines(hashes)}});
+  return ReadFleetHolders(answer);
+}
+
+std::vector<CFleetHolder> ReadFleetHolders(const std::string& answer) {
   std::vector<CFleetHolder> holders;
   for (const auto& row : Rows(answer, 6, "a holder")) {
     holders.push_back(CFleetHolder{Text(row[0]), Text(row[1]), Text(row[2]), Text(row[3]),
@@ -121,6 +125,10 @@ std::vector<CFleetHost> FleetHosts(const CClickHouseClient& client, const std::s
       "sequence), argMax(cstm_id, sequence), argMax(lcs_id, sequence), argMax(groups, sequence), "
       "argMax(version, sequence), argMax(period, sequence) FROM " +
       database + ".hosts GROUP BY host, policy ORDER BY host, policy FORMAT TabSeparated");
+  return ReadFleetHosts(answer, now);
+}
+
+std::vector<CFleetHost> ReadFleetHosts(const std::string& answer, uint64_t now) {
   std::vector<CFleetHost> hosts;
   for (const auto& row : Rows(answer, 10, "a host")) {
     CFleetHost host;
@@ -168,6 +176,10 @@ std::vector<CFleetChangeLine> FleetChanges(const CClickHouseClient& client,
           "line LIMIT " +
           std::to_string(query.limit) + ") ORDER BY time, host, batch, line FORMAT TabSeparated",
       std::string(), tables);
+  return ReadFleetChanges(answer);
+}
+
+std::vector<CFleetChangeLine> ReadFleetChanges(const std::string& answer) {
   std::vector<CFleetChangeLine> lines;
   for (const auto& row : Rows(answer, 9, "a change line")) {
     lines.push_back(CFleetChangeLine{Text(row[0]), Number(row[1], "a time"), Text(row[2]),
@@ -227,54 +239,65 @@ CDriftAnswer FleetDrift(const CClickHouseClient& client, const std::string& data
             "sum(length(holders)) < " +
             std::to_string(policy_hosts.size()) + " ORDER BY path FORMAT TabSeparated",
         std::string(), tables);
-    for (const auto& row : Rows(answer, 7, "a path of a drift")) {
-      CDriftPath path;
-      path.policy = policy;
-      path.path = Text(row[0]);
-      std::vector<std::string> kinds = Texts(row[1]);
-      std::vector<std::string> hashes = Texts(row[2]);
-      std::vector<std::string> modes = CClickHouseClient::ArrayItems(row[3]);
-      std::vector<std::string> uids = Texts(row[4]);
-      std::vector<std::string> gids = Texts(row[5]);
-      std::vector<std::string> holders = CClickHouseClient::ArrayItems(row[6]);
-      size_t values = kinds.size();
-      if (hashes.size() != values || modes.size() != values || uids.size() != values ||
-          gids.size() != values || holders.size() != values) {
-        throw std::runtime_error("the fleet store answered a path of a drift whose lists differ");
-      }
-      std::vector<CDriftValue> all;
-      std::set<std::string> have(policy_hosts.begin(), policy_hosts.end());
-      for (size_t i = 0; i < values; ++i) {
-        CDriftValue value;
-        value.kind = kinds[i];
-        value.hash = hashes[i];
-        value.mode = static_cast<uint32_t>(Number(modes[i], "a mode"));
-        value.uid = uids[i];
-        value.gid = gids[i];
-        value.hosts = Texts(holders[i]);
-        std::sort(value.hosts.begin(), value.hosts.end());
-        for (const std::string& host : value.hosts) have.erase(host);
-        all.push_back(std::move(value));
-      }
-      if (!have.empty()) {
-        CDriftValue absent;
-        absent.present = false;
-        absent.hosts.assign(have.begin(), have.end());
-        all.push_back(std::move(absent));
-      }
-      // What most hosts have; of equally many, the one whose first host sorts first.
-      auto most = std::min_element(all.begin(), all.end(), [](const auto& a, const auto& b) {
-        if (a.hosts.size() != b.hosts.size()) return a.hosts.size() > b.hosts.size();
-        return a.hosts < b.hosts;
-      });
-      path.most = *most;
-      for (auto it = all.begin(); it != all.end(); ++it) {
-        if (it != most) path.others.push_back(std::move(*it));
-      }
-      std::sort(path.others.begin(), path.others.end(),
-                [](const auto& a, const auto& b) { return a.hosts < b.hosts; });
-      drift.paths.push_back(std::move(path));
-    }
+    std::vector<CDriftPath> paths = ReadFleetDrift(answer, policy, policy_hosts);
+    drift.paths.insert(drift.paths.end(), std::make_move_iterator(paths.begin()),
+                       std::make_move_iterator(paths.end()));
   }
   return drift;
+}
+
+std::vector<CDriftPath> ReadFleetDrift(const std::string& answer, const std::string& policy,
+                                       const std::vector<std::string>& policy_hosts) {
+  std::vector<CDriftPath> paths;
+  for (const auto& row : Rows(answer, 7, "a path of a drift")) {
+    CDriftPath path;
+    path.policy = policy;
+    path.path = Text(row[0]);
+    std::vector<std::string> kinds = Texts(row[1]);
+    std::vector<std::string> hashes = Texts(row[2]);
+    std::vector<std::string> modes = CClickHouseClient::ArrayItems(row[3]);
+    std::vector<std::string> uids = Texts(row[4]);
+    std::vector<std::string> gids = Texts(row[5]);
+    std::vector<std::string> holders = CClickHouseClient::ArrayItems(row[6]);
+    size_t values = kinds.size();
+    if (hashes.size() != values || modes.size() != values || uids.size() != values ||
+        gids.size() != values || holders.size() != values) {
+      throw std::runtime_error("the fleet store answered a path of a drift whose lists differ");
+    }
+    std::vector<CDriftValue> all;
+    std::set<std::string> have(policy_hosts.begin(), policy_hosts.end());
+    for (size_t i = 0; i < values; ++i) {
+      CDriftValue value;
+      value.kind = kinds[i];
+      value.hash = hashes[i];
+      value.mode = static_cast<uint32_t>(Number(modes[i], "a mode"));
+      value.uid = uids[i];
+      value.gid = gids[i];
+      value.hosts = Texts(holders[i]);
+      std::sort(value.hosts.begin(), value.hosts.end());
+      for (const std::string& host : value.hosts) have.erase(host);
+      all.push_back(std::move(value));
+    }
+    if (!have.empty()) {
+      CDriftValue absent;
+      absent.present = false;
+      absent.hosts.assign(have.begin(), have.end());
+      all.push_back(std::move(absent));
+    }
+    if (all.empty())
+      throw std::runtime_error("the fleet store answered a path of a drift without values");
+    // What most hosts have; of equally many, the one whose first host sorts first.
+    auto most = std::min_element(all.begin(), all.end(), [](const auto& a, const auto& b) {
+      if (a.hosts.size() != b.hosts.size()) return a.hosts.size() > b.hosts.size();
+      return a.hosts < b.hosts;
+    });
+    path.most = *most;
+    for (auto it = all.begin(); it != all.end(); ++it) {
+      if (it != most) path.others.push_back(std::move(*it));
+    }
+    std::sort(path.others.begin(), path.others.end(),
+              [](const auto& a, const auto& b) { return a.hosts < b.hosts; });
+    paths.push_back(std::move(path));
+  }
+  return paths;
 }

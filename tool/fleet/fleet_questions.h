@@ -91,3 +91,12 @@ CDriftAnswer FleetDrift(const CClickHouseClient& client, const std::string& data
 
 // A glob ('*', '?'; a backslash takes the next character as it is) as a LIKE pattern.
 std::string GlobAsLikePattern(const std::string& glob);
+
+// The readers of the store's answers to the questions above (TabSeparated rows); each throws
+// std::runtime_error for an answer that is not the rows asked for.
+std::vector<CFleetHolder> ReadFleetHolders(const std::string& answer);
+std::vector<CFleetHost> ReadFleetHosts(const std::string& answer, uint64_t now);
+std::vector<CFleetChangeLine> ReadFleetChanges(const std::string& answer);
+// The paths of one policy where "policy_hosts" differ.
+std::vector<CDriftPath> ReadFleetDrift(const std::string& answer, const std::string& policy,
+                                       const std::vector<std::string>& policy_hosts);
