@@ -164,7 +164,8 @@ TEST_F(FleetPublishTest, EveryHostsRecordsArePublishedAndALookupFindsEveryHolder
   std::string c = OtherHost("c", R"(db\"01\nx)", dir_ / "tree-c");  // a hostile host name
   CToolRun scan = Tool("scan t");
   EXPECT_EQ(0, scan.status) << scan.err;
-  EXPECT_THAT(scan.err, HasSubstr("records published to the fleet store at " + server_.url() + " as host web-01"));
+  EXPECT_THAT(scan.err, HasSubstr("records (whole: 6 rows) published to the fleet store at " + server_.url() +
+                                  " as host web-01"));
   ASSERT_EQ(0, ToolOf(b, "scan t").status);
   ASSERT_EQ(0, ToolOf(c, "scan t").status);
 
@@ -191,7 +192,10 @@ TEST_F(FleetPublishTest, AContentThatChangesMovesItsHolderAndSaysSinceWhichRevis
   uint64_t scanned = first->getValue<uint64_t>("since_revision");
   Write("etc/a", "second\n");
   Write("etc/new", "new\n");
-  ASSERT_EQ(0, Tool("update t").status);
+  CToolRun update = Tool("update t");
+  ASSERT_EQ(0, update.status);
+  // etc/a and etc/new by path; by hash: the new contents, and a tombstone for the old one.
+  EXPECT_THAT(update.err, HasSubstr("records (5 rows) published"));
   EXPECT_TRUE(Holders(Sha256("first\n")).empty()) << "the old content is held no more";
   std::vector<std::string> lines = Tool("fleet lookup " + Sha256("second\n") + " " + Sha256("stays\n") + " --json").OutLines();
   ASSERT_EQ(2u, lines.size());
@@ -215,7 +219,7 @@ TEST_F(FleetPublishTest, AStoreThatIsDownKeepsTheBatchInTheSpoolAndAfterItsResta
   server_.Stop();
   CToolRun scan = Tool("scan t");
   EXPECT_EQ(0, scan.status) << "the saved database stands whatever the store does: " << scan.err;
-  EXPECT_THAT(scan.err, HasSubstr("records kept in the fleet spool"));
+  EXPECT_THAT(scan.err, HasSubstr("records (whole: 4 rows) kept in the fleet spool"));
   Write("etc/a", "changed\n");
   CToolRun check = Tool("check t");
   EXPECT_EQ(1, check.status);
@@ -704,7 +708,7 @@ TEST(FleetAnswerTest, APublishedStateThatCannotBeReadCountsAsNoneSoTheNextPublic
   state.revision = 9;
   state.cstm_id = "signdb x";
   state.lcs_id = "1001";
-  state.objects["etc/a\\nb"] = CPublishedObject{"file\tab\t1\t33188\t0\t0", "ab", 9, 100};
+  state.objects["etc/a\\nb"] = CPublishedObject{"file\tab\t1\t33188\t0\t0", 9, 100};
   std::string path = dir / "t.state";
   state.Write(path);
   CPublishedState read = CPublishedState::Read(path);

@@ -11,6 +11,7 @@
 #include <memory>
 #include <optional>
 #include <stdexcept>
+#include <thread>
 #include <utility>
 
 #include "hashdb/hash_db.h"
@@ -23,6 +24,7 @@
 #include "tool/store/dev_keys.h"
 #include "util/safe_text.h"
 #include "util/text_conversion.h"
+#include "util/text_format.h"
 
 namespace {
 
@@ -46,32 +48,49 @@ uint64_t NowNanoseconds() {
                                    .count());
 }
 
-// The objects of "database" as the records table takes them, by escaped relative path.
+// The objects of "database" as the records table takes them, by escaped relative path. Each
+// object is asked of the database by its path; the asking is shared among the processor's cores
+// (the database answers readers at once).
 std::unordered_map<std::string, CPublishedObject> RecordedObjects(CHashDB& database) {
-  std::unordered_map<std::string, CPublishedObject> objects;
-  std::shared_ptr<CPathEntryList> nodes = database.SubNodes(L"");
-  objects.reserve(nodes->size());
+  std::shared_ptr<CPathEntryList> listed = database.SubNodes(L"");
+  std::vector<const CPathEntry*> nodes;
+  nodes.reserve(listed->size());
+  for (const CPathEntry& node : *listed) nodes.push_back(&node);
   const std::wstring& root = database.RootPath();
-  for (const CPathEntry& node : *nodes) {
-    std::wstring full = root;
-    if (!node.second.empty()) {
-      if (!full.empty() && full.back() != L'/') full += L'/';
-      full += node.second;
+  size_t workers = std::clamp<size_t>(std::thread::hardware_concurrency(), 1, 8);
+  std::vector<std::vector<std::pair<std::string, CPublishedObject>>> parts(workers);
+  auto ask = [&](size_t part) {
+    for (size_t i = part; i < nodes.size(); i += workers) {
+      const CPathEntry& node = *nodes[i];
+      std::wstring full = root;
+      if (!node.second.empty()) {
+        if (!full.empty() && full.back() != L'/') full += L'/';
+        full += node.second;
+      }
+      std::optional<CObjectState> state = RecordedStateIfAny(database, full);
+      if (!state) continue;
+      security_text::CSecurityItems items = security_text::Parse(state->security);
+      auto item = [&](const char* key) {
+        auto found = items.find(key);
+        return found == items.end() ? std::string() : found->second;
+      };
+      CPublishedObject object;
+      object.row = std::string(KindType(state->kind())) + "\t" + Field(state->hash) + "\t" +
+                   std::to_string(state->size) + "\t" +
+                   std::to_string(state->attributes == kUnknownAttributes ? 0 : state->attributes) +
+                   "\t" + Field(item(security_text::kUid)) + "\t" +
+                   Field(item(security_text::kGid));
+      parts[part].emplace_back(Field(WideToUtf8(node.second)), std::move(object));
     }
-    std::optional<CObjectState> state = RecordedStateIfAny(database, full);
-    if (!state) continue;
-    security_text::CSecurityItems items = security_text::Parse(state->security);
-    auto item = [&](const char* key) {
-      auto found = items.find(key);
-      return found == items.end() ? std::string() : found->second;
-    };
-    CPublishedObject object;
-    object.hash = Field(state->hash);
-    object.row = std::string(KindType(state->kind())) + "\t" + object.hash + "\t" +
-                 std::to_string(state->size) + "\t" +
-                 std::to_string(state->attributes == kUnknownAttributes ? 0 : state->attributes) +
-                 "\t" + Field(item(security_text::kUid)) + "\t" + Field(item(security_text::kGid));
-    objects.emplace(Field(WideToUtf8(node.second)), std::move(object));
+  };
+  std::vector<std::thread> threads;
+  for (size_t part = 1; part < workers; ++part) threads.emplace_back(ask, part);
+  ask(0);
+  for (std::thread& thread : threads) thread.join();
+  std::unordered_map<std::string, CPublishedObject> objects;
+  objects.reserve(nodes.size());
+  for (auto& part : parts) {
+    for (auto& [path, object] : part) objects.emplace(std::move(path), std::move(object));
   }
   return objects;
 }
@@ -122,12 +141,22 @@ std::string CFleetPublisher::HostsRow(const std::string& policy, uint64_t publis
          std::to_string(settings_.period) + "\n";
 }
 
-void CFleetPublisher::SpoolRecords(const std::string& policy, CHashDB& database, uint64_t revision,
-                                   const std::string& cstm_id, const std::string& lcs_id) {
-  std::unordered_map<std::string, CPublishedObject> now_held = RecordedObjects(database);
+std::string CFleetPublisher::SpoolRecords(const std::string& policy, CHashDB& database,
+                                          uint64_t revision, const std::string& cstm_id,
+                                          const std::string& lcs_id) {
   CFleetSpoolLock lock(spool_, CFleetSpoolLock::CKind::kWrite);
   std::string state_path = spool_.PathOf(policy + ".state");
-  CPublishedState state = CPublishedState::Read(state_path);
+  // The last publication is read while the database is asked what it holds now.
+  CPublishedState state;
+  std::thread reader([&] { state = CPublishedState::Read(state_path); });
+  std::unordered_map<std::string, CPublishedObject> now_held;
+  try {
+    now_held = RecordedObjects(database);
+  } catch (...) {
+    reader.join();
+    throw;
+  }
+  reader.join();
   bool whole = state.generation == 0;
   // Bounded: the oldest snapshot goes (a later one holds what it held), and since the store
   // then misses what it changed, this publication is whole.
@@ -155,13 +184,15 @@ void CFleetPublisher::SpoolRecords(const std::string& policy, CHashDB& database,
     records += prefix + path + "\t" + seq + (present ? "1\t" : "0\t") + object.row + tail;
   };
   auto holder = [&](const std::string& path, const CPublishedObject& object, bool present) {
-    if (object.hash.empty()) return;
-    holders += object.hash + "\t" + prefix + path + "\t" + seq + (present ? "1\t" : "0\t") +
+    std::string_view hash = object.hash();
+    if (hash.empty()) return;
+    holders.append(hash);
+    holders += "\t" + prefix + path + "\t" + seq + (present ? "1\t" : "0\t") +
                std::to_string(object.since_revision) + "\t" + std::to_string(object.since) + "\n";
   };
   for (auto& [path, object] : now_held) {
     auto before = state.objects.find(path);
-    bool same_content = before != state.objects.end() && before->second.hash == object.hash;
+    bool same_content = before != state.objects.end() && before->second.hash() == object.hash();
     object.since_revision = same_content ? before->second.since_revision : revision;
     object.since = same_content ? before->second.since : published;
     if (whole) {
@@ -196,6 +227,9 @@ void CFleetPublisher::SpoolRecords(const std::string& policy, CHashDB& database,
   state.lcs_id = lcs;
   state.objects = std::move(now_held);
   state.Write(state_path);
+  size_t rows = static_cast<size_t>(std::count(records.begin(), records.end(), '\n') +
+                                    std::count(holders.begin(), holders.end(), '\n'));
+  return (whole ? "whole: " : "") + GroupedNumber(rows) + (rows == 1 ? " row" : " rows");
 }
 
 void CFleetPublisher::SpoolChanges(const std::vector<CFleetChange>& changes,
@@ -257,12 +291,13 @@ std::string CFleetPublisher::Delivered(const std::string& what) {
 std::string CFleetPublisher::Publish(const std::string& policy, CHashDB& database,
                                      uint64_t revision, const std::string& cstm_id,
                                      const std::string& lcs_id) {
+  std::string spooled;
   try {
-    SpoolRecords(policy, database, revision, cstm_id, lcs_id);
+    spooled = SpoolRecords(policy, database, revision, cstm_id, lcs_id);
   } catch (const std::exception& e) {
     return std::string("records not published to the fleet store: ") + EscapedText(e.what());
   }
-  return Delivered("records");
+  return Delivered("records (" + spooled + ")");
 }
 
 std::string CFleetPublisher::PublishChanges(const std::vector<CFleetChange>& changes) {

@@ -58,9 +58,9 @@ class CFleetPublisher {
 
   // Spools what differs in the policy's records since its last publication ("database" as saved
   // at "revision", signed by cstm_id and lcs_id). Throws std::runtime_error when the spool
-  // cannot be written.
-  void SpoolRecords(const std::string& policy, CHashDB& database, uint64_t revision,
-                    const std::string& cstm_id, const std::string& lcs_id);
+  // cannot be written. Returns what it spooled, for people: "whole: 347,136 rows" or "12 rows".
+  std::string SpoolRecords(const std::string& policy, CHashDB& database, uint64_t revision,
+                           const std::string& cstm_id, const std::string& lcs_id);
   // Spools change lines as one batch, with the host's publication of each policy of "alive" as
   // of its last one (the host is alive and its records are as they were; nothing for a policy
   // never published).

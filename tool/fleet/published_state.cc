@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <charconv>
 #include <cstring>
@@ -14,14 +15,18 @@ namespace {
 
 constexpr std::string_view kHeader = "signdb-fleet-state 1";
 
-// The fields of a line as they are (escapes kept): the state stores what is sent.
-std::vector<std::string_view> RawFields(std::string_view line) {
-  std::vector<std::string_view> fields;
+// The fields of a line as they are (escapes kept): the state stores what is sent. Returns how many
+// there are; only the first "most" are kept.
+template <size_t most>
+size_t RawFields(std::string_view line, std::array<std::string_view, most>& fields) {
+  size_t count = 0;
   size_t start = 0;
   for (;;) {
     size_t tab = line.find('\t', start);
-    fields.push_back(line.substr(start, tab == std::string_view::npos ? tab : tab - start));
-    if (tab == std::string_view::npos) return fields;
+    if (count < most)
+      fields[count] = line.substr(start, tab == std::string_view::npos ? tab : tab - start);
+    ++count;
+    if (tab == std::string_view::npos) return count;
     start = tab + 1;
   }
 }
@@ -38,27 +43,25 @@ CPublishedState CPublishedState::Read(const std::string& path, bool header_only)
   CPublishedState state;
   std::string line;
   if (!std::getline(in, line)) return state;
-  std::vector<std::string_view> header = RawFields(line);
-  if (header.size() != 6 || header[0] != kHeader || !Number(header[1], state.generation) ||
-      !Number(header[2], state.revision) || !Number(header[3], state.object_count)) {
+  std::array<std::string_view, 6> header;
+  if (RawFields(line, header) != 6 || header[0] != kHeader ||
+      !Number(header[1], state.generation) || !Number(header[2], state.revision) ||
+      !Number(header[3], state.object_count)) {
     return CPublishedState();
   }
   state.cstm_id = header[4];
   state.lcs_id = header[5];
   if (header_only) return state;
   while (std::getline(in, line)) {
-    std::vector<std::string_view> fields = RawFields(line);
+    std::array<std::string_view, 9> fields;
     CPublishedObject object;
-    if (fields.size() != 9 || !Number(fields[7], object.since_revision) ||
+    if (RawFields(line, fields) != 9 || !Number(fields[7], object.since_revision) ||
         !Number(fields[8], object.since)) {
       return CPublishedState();
     }
-    object.hash = fields[2];
-    object.row.reserve(line.size());
-    for (size_t i = 1; i <= 6; ++i) {
-      if (i > 1) object.row += '\t';
-      object.row += fields[i];
-    }
+    // The six fields of the row, as they stand in the line.
+    object.row.assign(fields[1].data(),
+                      static_cast<size_t>(fields[6].data() + fields[6].size() - fields[1].data()));
     state.objects.emplace(std::string(fields[0]), std::move(object));
   }
   if (state.generation == 0 || state.objects.size() != state.object_count) return CPublishedState();

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 
 // What the fleet store holds of one policy of this host once every spooled batch is delivered:
@@ -15,9 +16,14 @@
 // A state that cannot be read counts as none: the next publication is whole.
 struct CPublishedObject {
   std::string row;              // KIND \t HASH \t SIZE \t MODE \t UID \t GID, escaped
-  std::string hash;             // escaped
   uint64_t since_revision = 0;  // the revision from which the object has had this content
   uint64_t since = 0;           // and when that was published (seconds since the epoch)
+
+  // The row's hash, escaped.
+  std::string_view hash() const {
+    size_t start = row.find('\t') + 1;
+    return std::string_view(row).substr(start, row.find('\t', start) - start);
+  }
 };
 
 struct CPublishedState {
