@@ -362,6 +362,28 @@ TEST_F(FleetPublishTest, DriftNamesExactlyThePathsWhereHostsOfAGroupDifferAndWha
   EXPECT_THAT(Tool("fleet drift").err, HasSubstr("compares a group (--group G) or hosts"));
 }
 
+TEST_F(FleetPublishTest, DriftSeesAPathThatOneHostRemovedSinceAsAbsentThere) {
+  ASSERT_EQ(0, Tool("fleet init").status);
+  Write("etc/kept", "kept\n");
+  Write("etc/removed-on-b", "soon gone on b\n");
+  dir_.Write("tree-b/etc/kept", "kept\n");
+  dir_.Write("tree-b/etc/removed-on-b", "soon gone on b\n");
+  std::string b = OtherHost("b", "web-02", dir_ / "tree-b");
+  ASSERT_EQ(0, Tool("scan t").status);
+  ASSERT_EQ(0, ToolOf(b, "scan t").status);
+  EXPECT_EQ(0, Tool("fleet drift --hosts web-01,web-02").status);
+  ASSERT_EQ(0, ::unlink((dir_ / "tree-b/etc/removed-on-b").c_str()));
+  ASSERT_EQ(0, ToolOf(b, "update t").status);  // its tombstone is the latest row of the path
+  CToolRun drift = Tool("fleet drift --hosts web-01,web-02 --json");
+  EXPECT_EQ(1, drift.status);
+  ASSERT_EQ(1u, drift.OutLines().size()) << drift.out;
+  Poco::JSON::Object::Ptr path = ParseJson(drift.out);
+  EXPECT_EQ("etc/removed-on-b", path->getValue<std::string>("path"));
+  Poco::JSON::Object::Ptr other = path->getArray("others")->getObject(0);
+  EXPECT_EQ(other->getValue<bool>("present") ? "web-01" : "web-02",
+            other->getArray("hosts")->getElement<std::string>(0));
+}
+
 TEST_F(FleetPublishTest, HostsNamesTheSignerAndTheHostsThatFellSilent) {
   SetFleet(R"({"url":")" + server_.url() + R"(","host":"web-01","groups":["web","debian"],"period":3600})");
   ASSERT_EQ(0, Tool("fleet init").status);

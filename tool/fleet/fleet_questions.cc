@@ -189,8 +189,12 @@ std::vector<CFleetChangeLine> ReadFleetChanges(const std::string& answer) {
   return lines;
 }
 
-CDriftAnswer FleetDrift(const CClickHouseClient& client, const std::string& database,
+CDriftAnswer FleetDrift(const CClickHouseClient& store, const std::string& database,
                         const std::vector<std::string>& hosts, const std::string& group) {
+  // A filter on a column that is not of the sorting key must not move below FINAL, where it
+  // would choose among a key's versions before the latest is taken.
+  CClickHouseClient client = store;
+  client.Set("enable_optimize_predicate_expression", "0");
   const std::string& d = database;
   // The hosts of the set that published, and the policies each publishes.
   std::vector<CTable> chosen;
@@ -217,25 +221,26 @@ CDriftAnswer FleetDrift(const CClickHouseClient& client, const std::string& data
     if (policy_hosts.size() < 2) continue;
     std::vector<CTable> tables = {CTable{"wanted_host", "name String", Lines(policy_hosts)},
                                   CTable{"wanted_policy", "name String", Lines({policy})}};
-    // What each host holds now of the policy, one row per path; then the values of each path,
-    // with how many hosts have each and which; then the paths with more than one value, or that
-    // some hosts lack.
+    // What each host holds now of the policy, one row per path: the latest version of each key
+    // (FINAL, which merges by the sorting key; only key columns are filtered before it, the
+    // rest after), in its host's latest generation. Then the values of each path, told apart by
+    // a hash of them, with the hosts that have each; then the paths with more than one value, or
+    // that some hosts lack.
     std::string now_held =
-        "SELECT host, path, tupleElement(latest, 3) AS kind, tupleElement(latest, 4) AS hash, "
-        "tupleElement(latest, 5) AS mode, tupleElement(latest, 6) AS uid, "
-        "tupleElement(latest, 7) AS gid FROM (SELECT host, policy, path, argMax((present, "
-        "generation, kind, hash, mode, uid, gid), sequence) AS latest FROM " +
+        "SELECT host, path, kind, hash, mode, uid, gid, cityHash64(kind, hash, mode, uid, gid) AS "
+        "value FROM (SELECT host, policy, path, present, generation, kind, hash, mode, uid, gid "
+        "FROM " +
         d +
-        ".records WHERE host IN wanted_host AND policy = (SELECT name FROM wanted_policy) "
-        "GROUP BY host, policy, path) WHERE tupleElement(latest, 1) = 1 AND (host, policy, "
-        "tupleElement(latest, 2)) GLOBAL IN (" +
+        ".records FINAL WHERE host IN wanted_host AND policy = (SELECT name FROM "
+        "wanted_policy)) WHERE present = 1 AND (host, policy, generation) GLOBAL IN (" +
         LatestGenerations(d) + ")";
     std::string answer = client.Run(
         "SELECT path, groupArray(kind), groupArray(hash), groupArray(mode), groupArray(uid), "
-        "groupArray(gid), groupArray(holders) FROM (SELECT path, kind, hash, mode, uid, gid, "
+        "groupArray(gid), groupArray(holders) FROM (SELECT path, value, any(kind) AS kind, "
+        "any(hash) AS hash, any(mode) AS mode, any(uid) AS uid, any(gid) AS gid, "
         "groupArray(host) AS holders FROM (" +
             now_held +
-            ") GROUP BY path, kind, hash, mode, uid, gid) GROUP BY path HAVING count() > 1 OR "
+            ") GROUP BY path, value) GROUP BY path HAVING count() > 1 OR "
             "sum(length(holders)) < " +
             std::to_string(policy_hosts.size()) + " ORDER BY path FORMAT TabSeparated",
         std::string(), tables);
