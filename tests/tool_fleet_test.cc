@@ -13,6 +13,15 @@
 #include <boost/filesystem.hpp>
 
 #include <Poco/JSON/Object.h>
+#include <Poco/Net/HTTPRequestHandler.h>
+#include <Poco/Net/HTTPRequestHandlerFactory.h>
+#include <Poco/Net/HTTPServer.h>
+#include <Poco/Net/HTTPServerParams.h>
+#include <Poco/Net/HTTPServerRequest.h>
+#include <Poco/Net/HTTPServerResponse.h>
+#include <Poco/Net/ServerSocket.h>
+#include <Poco/NullStream.h>
+#include <Poco/StreamCopier.h>
 #include <Poco/JSON/Parser.h>
 #include <gmock/gmock.h>
 
@@ -743,6 +752,74 @@ TEST(FleetAnswerTest, APublishedStateThatCannotBeReadCountsAsNoneSoTheNextPublic
   EXPECT_EQ(0u, CPublishedState::Read(path).generation);
   std::ofstream(path, std::ios::trunc) << text << "etc/b\tfile\tcd\t1\t33188\t0\t0\t9\t100\n";  // one more than counted
   EXPECT_EQ(0u, CPublishedState::Read(path).generation);
+}
+
+}  // namespace
+
+namespace {
+
+// A server that answers every request with the same status and body: a store gone wrong.
+class CGarbageServer {
+ public:
+  CGarbageServer(int status, std::string body) : socket_(Poco::Net::SocketAddress("127.0.0.1", 0)) {
+    auto* params = new Poco::Net::HTTPServerParams;
+    params->setMaxThreads(2);
+    server_ = std::make_unique<Poco::Net::HTTPServer>(new CFactory(status, std::move(body)), socket_, params);
+    server_->start();
+  }
+  ~CGarbageServer() { server_->stopAll(true); }
+  std::string url() const { return "http://127.0.0.1:" + std::to_string(socket_.address().port()); }
+
+ private:
+  class CHandler : public Poco::Net::HTTPRequestHandler {
+   public:
+    CHandler(int status, const std::string& body) : status_(status), body_(body) {}
+    void handleRequest(Poco::Net::HTTPServerRequest& request, Poco::Net::HTTPServerResponse& response) override {
+      Poco::NullOutputStream discard;
+      Poco::StreamCopier::copyStream(request.stream(), discard);
+      response.setStatus(static_cast<Poco::Net::HTTPResponse::HTTPStatus>(status_));
+      response.sendBuffer(body_.data(), body_.size());
+    }
+
+   private:
+    int status_;
+    std::string body_;
+  };
+  class CFactory : public Poco::Net::HTTPRequestHandlerFactory {
+   public:
+    CFactory(int status, std::string body) : status_(status), body_(std::move(body)) {}
+    Poco::Net::HTTPRequestHandler* createRequestHandler(const Poco::Net::HTTPServerRequest&) override {
+      return new CHandler(status_, body_);
+    }
+
+   private:
+    int status_;
+    std::string body_;
+  };
+
+  Poco::Net::ServerSocket socket_;
+  std::unique_ptr<Poco::Net::HTTPServer> server_;
+};
+
+TEST_F(ToolTest, AStoreThatAnswersGarbageIsSaidClearlyAndTheLocalDatabaseStands) {
+  Init();
+  Write("etc/a", "a\n");
+  CGarbageServer garbage(200, std::string("\x01\x02 not a number\n\xff", 17));
+  SetConfigMember(config_, "fleet", R"({"url":")" + garbage.url() + R"(","host":"web-01"})");
+  CToolRun scan = Tool("scan t");
+  EXPECT_EQ(0, scan.status) << scan.err;
+  EXPECT_THAT(scan.err, HasSubstr("kept in the fleet spool"));
+  EXPECT_THAT(scan.err, HasSubstr("answered its schema version with"));
+  EXPECT_EQ(0, Tool("check t").status) << "the saved database is whole";
+  CToolRun hosts = Tool("fleet hosts");
+  EXPECT_EQ(2, hosts.status);
+  EXPECT_THAT(hosts.err, HasSubstr("the fleet store at " + garbage.url() + " answered its schema version with '"));
+  EXPECT_THAT(hosts.err, ::testing::Not(HasSubstr("\x01")));
+  CGarbageServer failing(500, "Code: 60, e.displayText() = DB::Exception: Table signdb.hosts doesn't exist\nmore\n");
+  SetConfigMember(config_, "fleet", R"({"url":")" + failing.url() + R"(","host":"web-01"})");
+  CToolRun refused = Tool("fleet lookup " + Sha256("a\n"));
+  EXPECT_EQ(2, refused.status);
+  EXPECT_THAT(refused.err, HasSubstr("refused a request (HTTP 500): Code: 60, e.displayText() = DB::Exception: Table signdb.hosts doesn't exist"));
 }
 
 }  // namespace
