@@ -6,10 +6,10 @@ namespace {
 
 // Options that take a value, and their short forms.
 const std::set<std::string> kValueOptions = {
-    "--config",     "--module", "--dir",  "--policy", "--signature", "--passphrase-fd",
-    "--ca-key-out", "--ca-key", "--days", "--except", "--report",    "--save-period",
-    "--from",       "--since",  "--host", "--group",  "--path",      "--hosts",
-    "--limit"};
+    "--config",        "--module",      "--dir",    "--policy", "--signature",
+    "--passphrase-fd", "--ca-key-out",  "--ca-key", "--days",   "--except",
+    "--report",        "--save-period", "--from",   "--since",  "--host",
+    "--group",         "--path",        "--hosts",  "--limit"};
 const std::set<std::string> kFlagOptions = {
     "--help",      "--json",     "--quiet",  "--verify",      "--force",
     "--recursive", "--wait",     "--bind",   "--protect-key", "--sign-later",

@@ -25,4 +25,3 @@ int RunRules(const CCommandLine& line);
 int RunWatch(const CCommandLine& line);
 int RunStatus(const CCommandLine& line);
 int RunFleet(const CCommandLine& line);
-

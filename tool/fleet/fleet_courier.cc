@@ -1,12 +1,10 @@
 #include "tool/fleet/fleet_courier.h"
 
 #include <algorithm>
-#include <ctime>
 #include <iostream>
 #include <utility>
 
 #include "util/safe_text.h"
-#include "util/text_format.h"
 
 CFleetCourier::CFleetCourier(std::shared_ptr<CFleetPublisher> publisher,
                              std::vector<std::string> policies)
@@ -31,11 +29,6 @@ void CFleetCourier::Wake() {
   wake_.notify_one();
 }
 
-std::string CFleetCourier::State() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return state_;
-}
-
 void CFleetCourier::Run() {
   using CClock = std::chrono::steady_clock;
   const std::chrono::seconds period(publisher_->settings().period);
@@ -55,15 +48,14 @@ void CFleetCourier::Run() {
     if (!due_ && !alive) continue;
     due_ = false;
     lock.unlock();
-    std::string state;
+    std::string failure;
     bool delivered = false;
     try {
       if (alive) publisher_->SpoolChanges({}, policies_);
       publisher_->Deliver();
       delivered = true;
-      state = "delivered at " + IsoSecondsText(std::time(nullptr));
     } catch (const std::exception& e) {
-      state = EscapedText(e.what());
+      failure = EscapedText(e.what());
     }
     if (alive) alive_due = CClock::now() + period;
     if (delivered) {
@@ -71,11 +63,10 @@ void CFleetCourier::Run() {
     } else {
       retry = retry.count() == 0 ? kFirstRetry : std::min(retry * 2, kLongestRetry);
       retry_at = CClock::now() + retry;
-      state += "; tried again in " + std::to_string(retry.count()) + " s";
-      std::cerr << "signdb watch: the fleet store did not take the spool: " << state << "\n";
+      std::cerr << "signdb watch: the fleet store did not take the spool: " << failure
+                << "; tried again in " << retry.count() << " s\n";
     }
     lock.lock();
     if (!delivered) due_ = true;
-    state_ = std::move(state);
   }
 }

@@ -30,18 +30,14 @@ class CFleetCourier {
   // Something was spooled: deliver it (at once, or when the back-off ends).
   void Wake();
 
-  // What the service's status says: "delivered", or the failure and when it is tried again.
-  std::string State() const;
-
  private:
   void Run();
 
   std::shared_ptr<CFleetPublisher> publisher_;
   std::vector<std::string> policies_;
-  mutable std::mutex mutex_;  // guards what follows
+  std::mutex mutex_;  // guards what follows
   std::condition_variable wake_;
   bool stop_ = false;
-  bool due_ = true;  // a first delivery of what an earlier run left
-  std::string state_ = "nothing sent yet";
+  bool due_ = true;     // a first delivery of what an earlier run left
   std::thread thread_;  // last: starts once the members above are made
 };

@@ -49,15 +49,17 @@ CFleetSettings ReadFleetSettings(const std::string& config_path) {
   }
   settings.host = Poco::Environment::nodeName();  // as reports name the host
   text("host", settings.host, false);
-  if (fleet->has("groups")) {
-    Poco::JSON::Array::Ptr groups = fleet->getArray("groups");
-    if (!groups) throw CToolError(where + "\"groups\" is a list of texts");
-    for (size_t i = 0; i < groups->size(); ++i) {
-      Poco::Dynamic::Var group = groups->get(static_cast<unsigned>(i));
-      if (!group.isString()) throw CToolError(where + "\"groups\" is a list of texts");
-      settings.groups.push_back(group.extract<std::string>());
+  auto texts = [&](const char* key, std::vector<std::string>& into, const char* what) {
+    if (!fleet->has(key)) return;
+    Poco::JSON::Array::Ptr list = fleet->getArray(key);
+    if (!list) throw CToolError(where + "\"" + key + "\" is " + what);
+    for (size_t i = 0; i < list->size(); ++i) {
+      Poco::Dynamic::Var item = list->get(static_cast<unsigned>(i));
+      if (!item.isString()) throw CToolError(where + "\"" + key + "\" is " + what);
+      into.push_back(item.extract<std::string>());
     }
-  }
+  };
+  texts("groups", settings.groups, "a list of texts");
   if (fleet->has("period")) {
     Poco::Dynamic::Var period = fleet->get("period");
     if (!period.isInteger() || period.convert<int64_t>() < 60 ||
@@ -71,15 +73,7 @@ CFleetSettings ReadFleetSettings(const std::string& config_path) {
   if (!settings.cluster.empty() && !IsPlainName(settings.cluster))
     throw CToolError(where + "\"cluster\" is letters, digits and '_' only: '" + settings.cluster +
                      "'");
-  if (fleet->has("shards")) {
-    Poco::JSON::Array::Ptr shards = fleet->getArray("shards");
-    if (!shards) throw CToolError(where + "\"shards\" is a list of urls");
-    for (size_t i = 0; i < shards->size(); ++i) {
-      Poco::Dynamic::Var shard = shards->get(static_cast<unsigned>(i));
-      if (!shard.isString()) throw CToolError(where + "\"shards\" is a list of urls");
-      settings.shards.push_back(shard.extract<std::string>());
-    }
-  }
+  texts("shards", settings.shards, "a list of urls");
   if (settings.cluster.empty() != settings.shards.empty())
     throw CToolError(
         where + "\"cluster\" and \"shards\" go together: the cluster's name and every shard's url");
