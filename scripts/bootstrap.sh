@@ -12,7 +12,7 @@ packages=(
   libgtest-dev libgmock-dev googletest
   libbenchmark-dev
   clang libclang-rt-14-dev clang-format
-  clickhouse-server clickhouse-client
+  clickhouse-server clickhouse-client curl
 )
 
 missing=()
