@@ -55,5 +55,8 @@ std::string CModuleLoader::DefaultModulePath() {
   if (const char* path = std::getenv("SIGNDB_MODULE"); path != nullptr && *path) return path;
   boost::system::error_code error;
   boost::filesystem::path self = boost::filesystem::read_symlink("/proc/self/exe", error);
-  return (self.parent_path() / "libsigndb.so").string();
+  boost::filesystem::path beside = self.parent_path() / "libsigndb.so";
+  if (boost::filesystem::exists(beside, error)) return beside.string();  // a build folder
+  // An install: the module's folder, found from the program's own (so a prefix moves whole).
+  return (self.parent_path() / SIGNDB_MODULE_FROM_BINDIR / "libsigndb.so").lexically_normal().string();
 }

@@ -22,7 +22,9 @@ class CModuleLoader {
   std::shared_ptr<CSignDB> Front() const;
   const std::string& module_path() const { return module_path_; }
 
-  // The module beside the running program ("libsigndb.so"), or $SIGNDB_MODULE when set.
+  // $SIGNDB_MODULE when set; the module beside the running program ("libsigndb.so") in a build
+  // folder; in an install, the module's folder below the prefix (lib/MULTIARCH/signdb), found
+  // relative to the program's own folder.
   static std::string DefaultModulePath();
 
  private:
