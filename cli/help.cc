@@ -134,8 +134,9 @@ const std::map<std::string, std::string>& CommandHelp() {
       {"lookup",
        "usage: signdb lookup HASH [--verify] [--json]\n"
        "\n"
-       "Names a recorded file that carries the content hash, searching every policy's database.\n"
-       "--verify names only a file that still carries it on disk.\n"
+       "Lists every recorded file that carries the content hash, searching every policy's\n"
+       "database (while the watch service runs, its live record). --verify lists only the files\n"
+       "that still carry it on disk.\n"
        "\n"
        "exit status: 0 found, 1 not found, 2 an error\n"
        "\n"

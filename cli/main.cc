@@ -11,6 +11,7 @@
 #include "cli/commands.h"
 #include "cli/help.h"
 #include "tool/common/exit_status.h"
+#include "util/edit_distance.h"
 #include "util/safe_text.h"
 
 namespace {
@@ -53,8 +54,14 @@ int main(int argc, char** argv) {
     }
     auto command = kCommands.find(line.command);
     if (command == kCommands.end()) {
-      std::cerr << "signdb: unknown command '" << EscapedText(line.command)
-                << "' (see signdb --help)\n";
+      std::vector<std::string> names;
+      for (const auto& [name, run] : kCommands) names.push_back(name);
+      std::vector<std::string> meant = NearestWords(line.command, names);
+      std::cerr << "signdb: unknown command '" << EscapedText(line.command) << "'";
+      for (size_t i = 0; i < meant.size(); ++i)
+        std::cerr << (i == 0 ? "; did you mean " : (i + 1 == meant.size() ? " or " : ", ")) << "'"
+                  << meant[i] << "'";
+      std::cerr << (meant.empty() ? " (see signdb --help)\n" : "? (see signdb --help)\n");
       return kExitError;
     }
     if (line.Has("--help")) {

@@ -101,13 +101,13 @@ int ScanPolicy(CSession& session, const CRefPolicySettings& policy, const CComma
   char elapsed[32];
   std::snprintf(elapsed, sizeof elapsed, "%.2f", seconds);
   std::cout << "policy " << EscapedText(policy.name) << " (" << EscapedText(policy.root)
-            << "): recorded " << GroupedNumber(counters.objects) << " objects ("
+            << "): recorded " << CountText(counters.objects, "object", "objects") << " ("
             << ByteSize(counters.bytes) << ") in " << elapsed << " s; saved " << saved << "\n";
   if (counters.unreadable > 0) {
-    std::cout << GroupedNumber(counters.unreadable)
-              << (counters.unreadable == 1 ? " object could not be read"
-                                           : " objects could not be read")
-              << " and is not recorded (see above)\n";
+    std::cout << CountText(counters.unreadable, "object", "objects")
+              << (counters.unreadable == 1 ? " could not be read and is not recorded"
+                                           : " could not be read and are not recorded")
+              << " (see above)\n";
     return kExitError;
   }
   return kExitOk;

@@ -28,6 +28,7 @@
 #include "tool/scan/tree_check.h"
 #include "tool/session/session.h"
 #include "tool/watch/query_protocol.h"
+#include "util/edit_distance.h"
 #include "util/relative_path.h"
 #include "util/safe_text.h"
 
@@ -37,22 +38,6 @@ namespace {
 bool Touches(const CDifference& difference, const std::string& name) {
   return IsBelowOrSame(difference.path, name) ||
          (difference.change == CChange::kRenamed && IsBelowOrSame(difference.from, name));
-}
-
-// How many single-character edits turn "a" into "b".
-size_t EditDistance(const std::string& a, const std::string& b) {
-  std::vector<size_t> row(b.size() + 1);
-  for (size_t j = 0; j <= b.size(); ++j) row[j] = j;
-  for (size_t i = 1; i <= a.size(); ++i) {
-    size_t diagonal = row[0];
-    row[0] = i;
-    for (size_t j = 1; j <= b.size(); ++j) {
-      size_t above = row[j];
-      row[j] = std::min({row[j] + 1, row[j - 1] + 1, diagonal + (a[i - 1] == b[j - 1] ? 0 : 1)});
-      diagonal = above;
-    }
-  }
-  return row[b.size()];
 }
 
 // Refuses (before anything is accepted) a path named to update or to --except that no pending

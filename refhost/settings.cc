@@ -1,18 +1,23 @@
 #include "refhost/settings.h"
 
-#include <cctype>
-#include <fstream>
-#include <stdexcept>
-
 #include <Poco/AutoPtr.h>
 #include <Poco/Exception.h>
-#include <Poco/JSON/Parser.h>
 #include <Poco/File.h>
+#include <Poco/JSON/JSONException.h>
+#include <Poco/JSON/Parser.h>
 #include <Poco/Path.h>
 #include <Poco/Util/AbstractConfiguration.h>
 #include <Poco/Util/IniFileConfiguration.h>
 #include <Poco/Util/JSONConfiguration.h>
 #include <Poco/Util/PropertyFileConfiguration.h>
+
+#include <cctype>
+#include <fstream>
+#include <iterator>
+#include <optional>
+#include <stdexcept>
+
+#include "util/json_position.h"
 
 namespace {
 
@@ -41,12 +46,14 @@ CRefPolicySettings ReadPolicy(const AbstractConfiguration& config, const std::st
   // The name becomes a file name in the data folder: nothing that could lead out of it.
   bool plain = policy.name.size() <= 64 && policy.name[0] != '.' && policy.name[0] != '-';
   for (char c : policy.name) {
-    plain = plain && (std::isalnum(static_cast<unsigned char>(c)) || c == '.' || c == '_' || c == '-');
+    plain =
+        plain && (std::isalnum(static_cast<unsigned char>(c)) || c == '.' || c == '_' || c == '-');
   }
   if (!plain) {
-    throw std::runtime_error("policy name '" + policy.name +
-                             "': a name holds up to 64 letters, digits, '.', '_' and '-', and does not "
-                             "begin with '.' or '-'");
+    throw std::runtime_error(
+        "policy name '" + policy.name +
+        "': a name holds up to 64 letters, digits, '.', '_' and '-', and does not "
+        "begin with '.' or '-'");
   }
   return policy;
 }
@@ -55,14 +62,17 @@ CRefPolicySettings ReadPolicy(const AbstractConfiguration& config, const std::st
 int JsonPolicyCount(const std::string& file) {
   std::ifstream in(file);
   Poco::Dynamic::Var root = Poco::JSON::Parser().parse(in);
-  if (root.type() != typeid(Poco::JSON::Object::Ptr)) throw std::runtime_error("the file must hold one JSON object");
+  if (root.type() != typeid(Poco::JSON::Object::Ptr))
+    throw std::runtime_error("the file must hold one JSON object");
   Poco::JSON::Object::Ptr object = root.extract<Poco::JSON::Object::Ptr>();
   if (!object->has("policies")) return 0;
   Poco::JSON::Array::Ptr list = object->getArray("policies");
-  if (!list) throw std::runtime_error("\"policies\" must be a list: [{\"name\": ..., \"root\": ...}, ...]");
+  if (!list)
+    throw std::runtime_error("\"policies\" must be a list: [{\"name\": ..., \"root\": ...}, ...]");
   for (size_t i = 0; i < list->size(); ++i) {
     if (!list->getObject(static_cast<unsigned>(i))) {
-      throw std::runtime_error("\"policies\" entry " + std::to_string(i + 1) + " must be an object");
+      throw std::runtime_error("\"policies\" entry " + std::to_string(i + 1) +
+                               " must be an object");
     }
   }
   return static_cast<int>(list->size());
@@ -96,8 +106,8 @@ CRefSettings LoadSettings(const std::string& file) {
         config->getUInt64("restore_time_limit_ms", settings.restore_time_limit_ms);
     settings.threads = config->getUInt("threads", settings.threads);
     if (settings.threads > kMaxThreads) {
-      throw std::runtime_error("\"threads\" is " + std::to_string(settings.threads) + "; give 0 (one per processor) to " +
-                               std::to_string(kMaxThreads));
+      throw std::runtime_error("\"threads\" is " + std::to_string(settings.threads) +
+                               "; give 0 (one per processor) to " + std::to_string(kMaxThreads));
     }
     settings.log_file = ResolveFile(config->getString("log.file", ""), base);
     settings.log_console = config->getBool("log.console", settings.log_console);
@@ -128,6 +138,15 @@ CRefSettings LoadSettings(const std::string& file) {
       }
     }
     return settings;
+  } catch (const Poco::JSON::JSONException& e) {
+    // Where the text breaks, said as editors count: the parser's own words do not say it.
+    std::ifstream in(file, std::ios::binary);
+    std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    std::optional<CJsonPosition> at = JsonErrorPosition(text);
+    std::string where =
+        at ? ":" + std::to_string(at->line) + ":" + std::to_string(at->column) : std::string();
+    throw std::runtime_error("configuration file " + file + where +
+                             ": not valid JSON: " + e.message());
   } catch (const Poco::Exception& e) {
     throw std::runtime_error("configuration file " + file + ": " + e.displayText());
   } catch (const std::runtime_error& e) {

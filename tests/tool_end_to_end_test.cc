@@ -6,8 +6,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <fstream>
+#include <optional>
 #include <set>
+#include <string_view>
 
+#include "util/json_position.h"
 #include "util/text_conversion.h"
 #include "tests/tool_fixture.h"
 #include "tests/tool_json.h"
@@ -614,3 +619,65 @@ TEST_F(ToolTest, MistakesOnTheCommandLineAreErrors) {
   EXPECT_THAT(wrong_option.err, HasSubstr("signdb scan does not take --json"));
   EXPECT_EQ(Run("").status, 2);
 }
+
+namespace {
+
+using ::testing::HasSubstr;
+
+// What a person mistypes is answered with what to type.
+TEST_F(ToolTest, AMistypedCommandIsAnsweredWithTheNearestOnesAndAFarOneWithNone) {
+  CToolRun typo = Run("chek t");
+  EXPECT_EQ(2, typo.status);
+  EXPECT_THAT(typo.err, HasSubstr("unknown command 'chek'; did you mean 'check'? (see signdb --help)"));
+  EXPECT_THAT(Run("looku").err, HasSubstr("did you mean 'lookup'?"));
+  EXPECT_THAT(Run("s").err, HasSubstr("did you mean 'scan', 'selftest' or 'show'?"));
+  CToolRun far = Run("xyzzy");
+  EXPECT_THAT(far.err, HasSubstr("unknown command 'xyzzy' (see signdb --help)"));
+}
+
+TEST_F(ToolTest, AConfigurationThatIsNotJsonIsRefusedWithTheLineAndColumnWhereItBreaks) {
+  Init();
+  std::string text = CTempDir::Read(config_);
+  size_t policies = text.find("\"policies\"");
+  ASSERT_NE(std::string::npos, policies);
+  size_t line = 1 + static_cast<size_t>(std::count(text.begin(), text.begin() + static_cast<long>(policies), '\n'));
+  size_t column = policies - text.rfind('\n', policies);
+  text.insert(policies, "\"oops\" ");  // a member without its value
+  std::ofstream(config_, std::ios::trunc) << text;
+  CToolRun check = Tool("check t");
+  EXPECT_EQ(2, check.status);
+  EXPECT_THAT(check.err, HasSubstr(config_ + ":" + std::to_string(line) + ":" + std::to_string(column + 7) +
+                                   ": not valid JSON: "));
+}
+
+TEST_F(ToolTest, CountsAgreeWithTheirNouns) {
+  Init();
+  CToolRun scan = Tool("scan t");
+  EXPECT_THAT(scan.out, HasSubstr("recorded 1 object ("));  // the root alone
+  CToolRun check = Tool("check t");
+  EXPECT_THAT(check.out, HasSubstr("checked 1 object ("));
+  Write("a", "a");
+  EXPECT_THAT(Tool("check t").out, HasSubstr("checked 2 objects ("));
+}
+
+}  // namespace
+
+namespace {
+
+TEST(JsonPositionTest, TheFirstByteThatBreaksTheTextIsNamedByLineAndColumn) {
+  EXPECT_FALSE(JsonErrorPosition("{\"a\": [1, 2.5e3, true, null, \"x\\u00e9\"]}\n").has_value());
+  auto at = [](std::string_view text) {
+    std::optional<CJsonPosition> position = JsonErrorPosition(text);
+    return position ? std::to_string(position->line) + ":" + std::to_string(position->column) : std::string("whole");
+  };
+  EXPECT_EQ("2:7", at("{\"a\": 1,\n  \"b\" 2}"));
+  EXPECT_EQ("1:11", at("{\"a\": [1, ]}"));
+  EXPECT_EQ("1:8", at("{\"a\": 01}"));
+  EXPECT_EQ("1:9", at("{\"a\": \"x"));
+  EXPECT_EQ("1:10", at("{\"a\": 1} trailing"));
+  EXPECT_EQ("1:1", at(""));
+  EXPECT_EQ("1:3", at("[\"\t\"]")) << "a raw tab in a string";
+  EXPECT_EQ("1:513", at(std::string(600, '[')));  // refused, not recursed without end
+}
+
+}  // namespace

@@ -99,6 +99,10 @@ std::string IsoMillisecondsText(uint64_t nanoseconds) {
          Fraction(nanoseconds, 3) + "Z";
 }
 
+std::string CountText(uint64_t count, std::string_view one, std::string_view many) {
+  return GroupedNumber(count) + " " + std::string(count == 1 ? one : many);
+}
+
 bool SecondsOfTimeText(std::string_view text, int64_t now, int64_t& seconds) {
   if (text.size() >= 2 && text.size() <= 10 &&
       text.find_first_not_of("0123456789", 0) == text.size() - 1) {

@@ -8,6 +8,8 @@
 // Texts for people: "1,234,567", "1.2 GiB", "100644", "2026-11-22 10:00:00.123456789".
 std::string GroupedNumber(uint64_t value);
 std::string ByteSize(uint64_t bytes);
+// A count with its noun agreeing: "1 object", "2,081 objects".
+std::string CountText(uint64_t count, std::string_view one, std::string_view many);
 std::string AttributesText(uint32_t attributes);  // the whole st_mode, six octal digits
 // A time in nanoseconds since the epoch, in UTC; "unknown" for all bits set.
 std::string TimeText(uint64_t nanoseconds);

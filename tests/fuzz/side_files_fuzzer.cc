@@ -1,14 +1,16 @@
 // Fuzzes the parsers of the files the tool reads beside a database and from the system: the
 // package manager's status and lists (parts of the input split at 0xFF bytes: status, md5sums,
-// list), the owners file, and the policy binding's record.
+// list), the owners file, the policy binding's record, and where a configuration stops being JSON.
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "tool/packages/package_files.h"
 #include "tool/packages/package_owners.h"
+#include "util/json_position.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::string input(reinterpret_cast<const char*>(data), size);
@@ -31,6 +33,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   (void)packages->Find("/usr/bin/x");
   (void)packages->Installed("pkg");
   std::unordered_map<std::string, std::string> owners = ParsePackageOwners(input);
+  if (std::optional<CJsonPosition> at = JsonErrorPosition(input)) seen += at->line + at->column;
   for (const auto& [path, owner] : owners) seen += path.size() + owner.size();
   volatile size_t sink = seen;  // keeps the reads
   (void)sink;

@@ -251,11 +251,12 @@ std::string SummaryText(const CReportSummary& summary, const CReportContext& con
   std::string line =
       "policy " + EscapedText(context.policy) + " (" + EscapedText(context.root) + "): ";
   if (summary.from_live_record) {
-    line += "compared the watch service's live record (" + GroupedNumber(summary.checked) +
-            " objects) with the baseline in " + seconds + " s: ";
+    line += "compared the watch service's live record (" +
+            CountText(summary.checked, "object", "objects") + ") with the baseline in " + seconds +
+            " s: ";
   } else {
-    line += "checked " + GroupedNumber(summary.checked) + " objects (" + ByteSize(summary.bytes) +
-            ") in " + seconds + " s: ";
+    line += "checked " + CountText(summary.checked, "object", "objects") + " (" +
+            ByteSize(summary.bytes) + ") in " + seconds + " s: ";
   }
   if (summary.differences == 0) {
     line += "no differences";
