@@ -52,4 +52,5 @@ find "$work/prefix" -path '*wants*' | grep -q . && fail "an install enabled a un
 for example in signdb.cron signdb-fleet.conf; do
   [ -f "$work/prefix/share/doc/signdb/examples/$example" ] || fail "no example $example"
 done
+[ -f "$work/prefix/share/bash-completion/completions/signdb" ] || fail "no bash completion"
 echo "the install works from its own paths, moved or not"
