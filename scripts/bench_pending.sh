@@ -39,21 +39,10 @@ pid=$!
 trap 'kill $pid 2>/dev/null || true' EXIT
 socket="$work/cfg/data/watch.sock"
 
-# status_field FIELD: the first policy's FIELD in the service's status.
+# status_field FIELD: the first policy's FIELD in the service's status ("?": a binary without it).
 status_field() {
-  python3 - "$socket" "$1" <<'PY'
-import json, socket, sys
-s = socket.socket(socket.AF_UNIX)
-s.connect(sys.argv[1])
-s.sendall(b'{"request":"status"}\n')
-data = b""
-while not data.endswith(b"\n"):
-    chunk = s.recv(65536)
-    if not chunk:
-        break
-    data += chunk
-print(json.loads(data)["policies"][0].get(sys.argv[2], "?"))  # "?": a binary without it
-PY
+  python3 scripts/ask_service.py "$socket" '{"request":"status"}' |
+    python3 -c "import json, sys; print(json.load(sys.stdin)['policies'][0].get('$1', '?'))"
 }
 for _ in $(seq 1 600); do [ -S "$socket" ] && status_field queued >/dev/null 2>&1 && break; sleep 0.1; done
 
@@ -85,23 +74,15 @@ lines=$("$signdb" --config "$config" check big --quiet | grep -c -v '^policy ' |
 walk_lines=$("$signdb" --config "$config" check big --walk --quiet | grep -c -v '^policy ' || true)
 
 echo "update of 10 pending changes, three rounds, with status asked every 20 ms" >&2
-python3 - "$socket" "$work/latency" <<'PY' &
-import socket, sys, time
+PYTHONPATH=scripts python3 - "$socket" "$work/latency" <<'PY' &
+import sys, time
+from ask_service import ask
 slowest = 0.0
 end = time.monotonic() + 3600
 while time.monotonic() < end:
     start = time.monotonic()
     try:
-        s = socket.socket(socket.AF_UNIX)
-        s.connect(sys.argv[1])
-        s.sendall(b'{"request":"status"}\n')
-        data = b""
-        while not data.endswith(b"\n"):
-            chunk = s.recv(65536)
-            if not chunk:
-                break
-            data += chunk
-        s.close()
+        ask(sys.argv[1], '{"request":"status"}')
     except OSError:
         break
     slowest = max(slowest, time.monotonic() - start)

@@ -65,36 +65,16 @@ trap 'kill $pid 2>/dev/null || true' EXIT
 socket="$work/cfg/data/watch.sock"
 
 # ask REQUEST: one request to the service, its answer on stdout.
-ask() {
-  python3 - "$socket" "$1" <<'PY'
-import socket, sys
-s = socket.socket(socket.AF_UNIX)
-s.connect(sys.argv[1])
-s.sendall((sys.argv[2] + "\n").encode())
-data = b""
-while not data.endswith(b"\n"):
-    chunk = s.recv(65536)
-    if not chunk:
-        break
-    data += chunk
-print(data.decode().strip())
-PY
-}
+ask() { python3 scripts/ask_service.py "$socket" "$1"; }
 # until REQUEST TEXT [present|absent]: seconds until the answer contains (or no longer contains) TEXT.
 until_answer() {
-  python3 - "$socket" "$1" "$2" "$3" <<'PY'
-import socket, sys, time
+  PYTHONPATH=scripts python3 - "$socket" "$1" "$2" "$3" <<'PY'
+import sys, time
+from ask_service import ask
 path, request, text, want = sys.argv[1:5]
 start = time.monotonic()
 while True:
-    s = socket.socket(socket.AF_UNIX)
-    s.connect(path)
-    s.sendall((request + "\n").encode())
-    data = b""
-    while not data.endswith(b"\n"):
-        data += s.recv(65536)
-    s.close()
-    found = text in data.decode()
+    found = text in ask(path, request)
     if found == (want == "present"):
         print("%.4f" % (time.monotonic() - start))
         break
