@@ -72,9 +72,10 @@ int RunAccept(const CCommandLine& line) {
     std::cout << "; journalled in " << session.Store(policy).journal().path() << " (entry "
               << entry.sequence << ")";
   std::cout << "\n";
-  if (FleetPublisherOf(session)) {  // the accepted candidate is what the host holds now
+  // The accepted candidate is what the host holds now (loaded only for a fleet to tell).
+  if (std::shared_ptr<CFleetPublisher> publisher = FleetPublisherOf(session)) {
     std::shared_ptr<CHashDB> database = session.Store(policy).Load();
-    PublishToFleet(session, policy, *database);
+    PublishToFleet(*publisher, session, policy, *database);
   }
   return kExitOk;
 }

@@ -33,8 +33,7 @@
 namespace {
 
 CFleetSettings SettingsOf(const CCommandLine& line) {
-  std::string config =
-      line.Value("--config").empty() ? DefaultConfigPath() : line.Value("--config");
+  std::string config = ConfigPathOf(line.Value("--config"));
   CFleetSettings settings = ReadFleetSettings(config);
   if (!settings.configured) {
     throw CToolError("the configuration " + config +
@@ -140,9 +139,7 @@ std::vector<std::string> HashesOfFile(const std::string& path) {
     size_t start = line.find_first_not_of(" \t\r");
     if (start == std::string::npos || line[start] == '#') continue;
     std::string hash = line.substr(start, line.find_first_of(" \t\r", start) - start);
-    bool hex =
-        std::all_of(hash.begin(), hash.end(), [](unsigned char c) { return std::isxdigit(c); });
-    if (!hex || hash.size() < 32 || hash.size() % 2 != 0) {
+    if (!IsHexDigits(hash) || hash.size() < 32 || hash.size() % 2 != 0) {
       throw CToolError(path + ":" + std::to_string(number) + ": '" +
                        EscapedText(hash.substr(0, 80)) + "' is not a hash in hexadecimal");
     }
@@ -152,10 +149,7 @@ std::vector<std::string> HashesOfFile(const std::string& path) {
 }
 
 int Lookup(const CFleetSettings& settings, std::vector<std::string> hashes, bool json) {
-  for (std::string& hash : hashes) {
-    std::transform(hash.begin(), hash.end(), hash.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-  }
+  for (std::string& hash : hashes) hash = AsciiLower(hash);
   std::vector<CFleetHolder> holders =
       FleetHolders(ConnectToFleet(settings), settings.database, hashes);
   std::set<std::string> held;

@@ -30,12 +30,8 @@ namespace {
 
 std::string NormalisedHash(const std::string& text, uint32_t policy_number) {
   size_t digits = policy_number / 4;
-  std::string hash = text;
-  std::transform(hash.begin(), hash.end(), hash.begin(),
-                 [](unsigned char c) { return std::tolower(c); });
-  bool hex = std::all_of(hash.begin(), hash.end(),
-                         [](char c) { return std::isxdigit(static_cast<unsigned char>(c)); });
-  if (!hex || hash.size() != digits) {
+  std::string hash = AsciiLower(text);
+  if (!IsHexDigits(hash) || hash.size() != digits) {
     throw CToolError("'" + text + "' is not a hash of this installation: it records " +
                      std::to_string(policy_number) + "-bit hashes, " + std::to_string(digits) +
                      " hexadecimal digits");

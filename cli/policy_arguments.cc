@@ -104,11 +104,15 @@ std::shared_ptr<CFleetPublisher> FleetPublisherOf(CSession& session) {
 }
 
 void PublishToFleet(CSession& session, const CRefPolicySettings& policy, CHashDB& database) {
-  std::shared_ptr<CFleetPublisher> publisher = FleetPublisherOf(session);
-  if (!publisher) return;
+  if (std::shared_ptr<CFleetPublisher> publisher = FleetPublisherOf(session))
+    PublishToFleet(*publisher, session, policy, database);
+}
+
+void PublishToFleet(CFleetPublisher& publisher, CSession& session, const CRefPolicySettings& policy,
+                    CHashDB& database) {
   CFleetSigner signer = FleetSignerOf(session.settings());
   std::cerr << "signdb: policy '" << EscapedText(policy.name) << "': "
-            << publisher->Publish(policy.name, database, database.Revision(), signer.cstm_id,
-                                  signer.lcs_id)
+            << publisher.Publish(policy.name, database, database.Revision(), signer.cstm_id,
+                                 signer.lcs_id)
             << "\n";
 }

@@ -41,6 +41,9 @@ std::optional<CTreeCheckResult> PendingFromService(CSession& session,
 // a "fleet" section (see CFleetPublisher); says on standard error what became of it. Never fails
 // the command: the saved database stands whatever the store does.
 void PublishToFleet(CSession& session, const CRefPolicySettings& policy, CHashDB& database);
+// The same with the publisher already made (FleetPublisherOf).
+void PublishToFleet(CFleetPublisher& publisher, CSession& session, const CRefPolicySettings& policy,
+                    CHashDB& database);
 
 // Where a check's or an update's report goes: standard output (lines for people, or JSON lines
 // with --json), every --report destination, and the fleet store when one is configured. Throws

@@ -23,6 +23,10 @@ std::string IsoSecondsText(int64_t seconds);
 // "2026-11-23T02:10", "2026-11-23 02:10:44", a trailing "Z" allowed) or a span back from "now"
 // ("90s", "30m", "24h", "7d"). False for anything else.
 bool SecondsOfTimeText(std::string_view text, int64_t now, int64_t& seconds);
+// The text with ASCII letters in lower case (hashes are compared in lower-case hexadecimal).
+std::string AsciiLower(std::string_view text);
+// Whether the text is not empty and every byte of it a hexadecimal digit.
+bool IsHexDigits(std::string_view text);
 // Whether every byte of "text" is part of a valid UTF-8 sequence.
 bool IsValidUtf8(std::string_view text);
 // The text with every byte that is not part of a valid UTF-8 sequence replaced by U+FFFD.

@@ -107,14 +107,9 @@ std::string CClickHouseClient::FromTabField(const std::string& field) {
 }
 
 std::vector<std::string> CClickHouseClient::TabFields(const std::string& line) {
-  std::vector<std::string> fields;
-  size_t start = 0;
-  for (;;) {
-    size_t tab = line.find('\t', start);
-    fields.push_back(FromTabField(line.substr(start, tab - start)));
-    if (tab == std::string::npos) return fields;
-    start = tab + 1;
-  }
+  std::vector<std::string> fields = RawTabFields(line);
+  for (std::string& field : fields) field = FromTabField(field);
+  return fields;
 }
 
 std::vector<std::string> CClickHouseClient::RawTabFields(const std::string& line) {

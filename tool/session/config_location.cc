@@ -37,6 +37,10 @@ std::string DefaultConfigPath() {
   return user_file;
 }
 
+std::string ConfigPathOf(const std::string& given) {
+  return given.empty() ? DefaultConfigPath() : given;
+}
+
 Poco::JSON::Object::Ptr ConfigSection(const std::string& config_path, const std::string& key) {
   if (config_path.size() < 5 || config_path.compare(config_path.size() - 5, 5, ".json") != 0)
     return nullptr;

@@ -8,6 +8,8 @@
 // $XDG_CONFIG_HOME/signdb/signdb.json, else ~/.config/signdb/signdb.json; for root, when none of
 // those exists, /etc/signdb/signdb.json if that does.
 std::string DefaultConfigPath();
+// The configuration a run reads: "given" (--config), else DefaultConfigPath().
+std::string ConfigPathOf(const std::string& given);
 
 // The configuration's top-level "key" section when the configuration is JSON and has one; null
 // otherwise. Throws CToolError naming the file for JSON that does not parse.

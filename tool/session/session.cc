@@ -56,7 +56,7 @@ CSession::CSession(const CSessionOptions& options) {
   store_options_.say_when_waiting = ::isatty(STDERR_FILENO) != 0;
   store_options_.accept_unbound = options.accept_unbound;
   store_options_.sign_later = options.sign_later;
-  config_path_ = options.config_path.empty() ? DefaultConfigPath() : options.config_path;
+  config_path_ = ConfigPathOf(options.config_path);
   if (!boost::filesystem::exists(config_path_)) {
     throw CToolError("no configuration at " + config_path_ +
                      "; run 'signdb init' to make one, or name one with --config FILE");

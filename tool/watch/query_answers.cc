@@ -100,9 +100,7 @@ std::string CQueryAnswers::Status() {
 }
 
 std::string CQueryAnswers::Lookup(const std::string& hash) {
-  std::string lowered = hash;
-  std::transform(lowered.begin(), lowered.end(), lowered.begin(),
-                 [](unsigned char c) { return std::tolower(c); });
+  std::string lowered = AsciiLower(hash);
   CJsonLine answer;
   answer.Open().Bool("ok", true).OpenArray("holders");
   for (const auto& watch : watches_) {
