@@ -58,9 +58,10 @@ int RunInit(const CCommandLine& line) {
     throw CToolError("--system writes its own policies: give it or --policy, not both");
   }
   fs::path config = line.Value("--config");
+  if (config.empty() && !line.Values("--dir").empty())
+    config = fs::path(line.Value("--dir")) / "signdb.json";
   if (config.empty())
-    config = line.Values("--dir").empty() ? fs::path(DefaultConfigPath())
-                                          : fs::path(line.Value("--dir")) / "signdb.json";
+    config = line.Has("--system") ? fs::path(SystemConfigPath()) : fs::path(DefaultConfigPath());
   config = fs::absolute(config).lexically_normal();
   if (config.extension() != ".json")
     throw CToolError("the configuration that init writes is JSON: name it *.json");
@@ -182,7 +183,8 @@ int RunInit(const CCommandLine& line) {
     ForgetPassphrase(request.signer_passphrase);
   }
   out << "databases and the log go to " << data.string() << "\n";
-  std::string config_option = line.Values("--config").empty() && line.Values("--dir").empty()
+  // The next run finds this configuration by itself only where it looks by default.
+  std::string config_option = fs::absolute(DefaultConfigPath()).lexically_normal() == config
                                   ? std::string()
                                   : " --config " + config.string();
   out << "next: signdb" << config_option << " scan " << policies.front().name << "\n";

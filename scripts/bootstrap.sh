@@ -13,6 +13,8 @@ packages=(
   libbenchmark-dev
   clang libclang-rt-14-dev clang-format
   clickhouse-server clickhouse-client curl
+  debhelper dpkg-dev fakeroot lintian debootstrap
+  mandoc man-db jq socat less
 )
 
 missing=()

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Builds from scratch and runs every test: once under AddressSanitizer + UndefinedBehaviorSanitizer
 # (all tests), once under ThreadSanitizer (the tests labelled "concurrency"); checks the tool's
-# format and layers, the lock annotations with clang, and fuzzes the parsers.
+# format and layers, the lock annotations with clang, fuzzes the parsers, and builds and installs the
+# Debian package in a fresh chroot.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -33,5 +34,11 @@ cmake --build build/clang-tsa -j "$jobs" --target signdb_core
 
 # The HDB parsers read files that come from outside: fuzz them for a bounded time.
 SIGNDB_FUZZ_SECONDS="${SIGNDB_FUZZ_SECONDS:-60}" bash scripts/fuzz.sh
+
+# The Debian package: built from a clean copy, lintian, then install, upgrade, remove and purge in a
+# fresh chroot (skipped, with the reason, where there is no root or no debootstrap).
+status=0
+SIGNDB_JOBS="$jobs" bash tests/check_debian_package.sh build/package || status=$?
+[ "$status" -eq 0 ] || [ "$status" -eq 77 ] || exit "$status"
 
 echo "all tests passed"

@@ -42,7 +42,8 @@ grep -q "^ExecStart=$program " "$work/prefix/lib/systemd/system/signdb-check.ser
 grep -q "^ExecStart=$program " "$work/prefix/lib/systemd/system/signdb-watch.service" ||
   fail "signdb-watch.service does not call $program"
 if command -v systemd-analyze >/dev/null 2>&1; then
-  (cd "$work/prefix/lib/systemd/system" &&
+  # The units' Documentation= names the man pages installed beside them.
+  (cd "$work/prefix/lib/systemd/system" && export MANPATH="$work/prefix/share/man" &&
     systemd-analyze verify signdb-check.service signdb-check.timer signdb-watch.service) ||
     fail "systemd-analyze verify"
 else
@@ -53,4 +54,8 @@ for example in signdb.cron signdb-fleet.conf; do
   [ -f "$work/prefix/share/doc/signdb/examples/$example" ] || fail "no example $example"
 done
 [ -f "$work/prefix/share/bash-completion/completions/signdb" ] || fail "no bash completion"
+for page in man1/signdb.1 man5/signdb.json.5 man8/signdb-watch.8; do
+  [ -f "$work/prefix/share/man/$page" ] || fail "no man page $page"
+done
+MANPATH="$work/prefix/share/man" man -w signdb.json > /dev/null 2>&1 || fail "man does not find signdb.json(5)"
 echo "the install works from its own paths, moved or not"

@@ -17,7 +17,14 @@ std::string Environment(const char* name) {
   return value ? std::string(value) : std::string();
 }
 
+constexpr const char* kSystemConfigFile = "/etc/signdb/signdb.json";
+
 }  // namespace
+
+std::string SystemConfigPath() {
+  std::string chosen = Environment("SIGNDB_CONFIG");
+  return chosen.empty() ? std::string(kSystemConfigFile) : chosen;
+}
 
 std::string DefaultConfigPath() {
   std::string chosen = Environment("SIGNDB_CONFIG");
@@ -28,7 +35,7 @@ std::string DefaultConfigPath() {
     folder = (home.empty() ? std::string(".") : home) + "/.config";
   }
   std::string user_file = folder + "/signdb/signdb.json";
-  const std::string system_file = "/etc/signdb/signdb.json";
+  const std::string system_file = kSystemConfigFile;
   boost::system::error_code error;
   if (::geteuid() == 0 && !boost::filesystem::exists(user_file, error) &&
       boost::filesystem::exists(system_file, error)) {

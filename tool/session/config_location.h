@@ -8,6 +8,10 @@
 // $XDG_CONFIG_HOME/signdb/signdb.json, else ~/.config/signdb/signdb.json; for root, when none of
 // those exists, /etc/signdb/signdb.json if that does.
 std::string DefaultConfigPath();
+// Where the configuration of a whole installed system lives (signdb init --system writes it there
+// unless told otherwise): $SIGNDB_CONFIG, else /etc/signdb/signdb.json, the file the systemd units
+// and the cron job read.
+std::string SystemConfigPath();
 // The configuration a run reads: "given" (--config), else DefaultConfigPath().
 std::string ConfigPathOf(const std::string& given);
 
