@@ -49,8 +49,10 @@ mkdir -p "$work/src"
 
 step "building the package from a clean copy of the sources"
 # What git knows of (committed or not, ignored files left out): what a clean clone builds.
-(git ls-files -z --cached --others --exclude-standard | xargs -0 -I{} sh -c '[ -e "{}" ] && printf "%s\0" "{}"' \
-  | tar --null -T - -cf - | tar -xf - -C "$work/src") || fail "could not copy the sources"
+# A file deleted in the work tree but not yet in git is left out.
+(git ls-files -z --cached --others --exclude-standard |
+  while IFS= read -r -d '' file; do [ -e "$file" ] && printf '%s\0' "$file"; done |
+  tar --null -T - -cf - | tar -xf - -C "$work/src") || fail "could not copy the sources"
 (cd "$work/src" && dpkg-buildpackage -us -uc -b -j"${SIGNDB_JOBS:-2}") > "$work/build.log" 2>&1 \
   || { tail -40 "$work/build.log"; fail "dpkg-buildpackage failed (log: $work/build.log)"; }
 [ -f "$deb" ] || fail "no $deb"
@@ -96,6 +98,13 @@ mount -t proc proc "$root/proc"
 in_root() { chroot "$root" env -i HOME=/root PATH=/usr/sbin:/usr/bin:/sbin:/bin LC_ALL=C.UTF-8 "$@"; }
 in_root apt-get update -q > "$work/apt.log" 2>&1 || { tail -5 "$work/apt.log"; skip "the chroot cannot reach $mirror"; }
 cp "$deb" "$previous_deb" "$root/tmp/"
+# apt-get in the chroot, its output kept in apt.log; says WHAT and stops when it fails.
+apt_in_root() {
+  local what=$1
+  shift
+  in_root env DEBIAN_FRONTEND=noninteractive apt-get -y -q "$@" >> "$work/apt.log" 2>&1 ||
+    { tail -20 "$work/apt.log"; fail "$what failed"; }
+}
 package_state() { in_root dpkg-query -W -f='${db:Status-Abbrev}${Version}' signdb 2> /dev/null || true; }
 # Enabled means a link in a .wants folder (debhelper's state files, *.dsh-also, only remember what
 # enabling would make).
@@ -109,8 +118,7 @@ no_unit_enabled() {
 }
 
 step "install the previous build"
-in_root env DEBIAN_FRONTEND=noninteractive apt-get install -y -q "/tmp/$(basename "$previous_deb")" \
-  >> "$work/apt.log" 2>&1 || { tail -20 "$work/apt.log"; fail "the package did not install"; }
+apt_in_root "the install of the previous build" install "/tmp/$(basename "$previous_deb")"
 [ "$(package_state)" = "ii $previous_version" ] || fail "installed state: $(package_state)"
 for path in /usr/bin/signdb "/usr/lib/$(dpkg-architecture -qDEB_HOST_MULTIARCH)/signdb/libsigndb.so" \
   /lib/systemd/system/signdb-watch.service /lib/systemd/system/signdb-check.timer \
@@ -138,8 +146,7 @@ sum_admin_files() { (cd "$root" && sha256sum "${made_by_admin[@]#/}"); }
 sums_before=$(sum_admin_files)
 
 step "upgrade to this build"
-in_root env DEBIAN_FRONTEND=noninteractive apt-get install -y -q "/tmp/$(basename "$deb")" \
-  >> "$work/apt.log" 2>&1 || { tail -20 "$work/apt.log"; fail "the upgrade failed"; }
+apt_in_root "the upgrade" install "/tmp/$(basename "$deb")"
 [ "$(package_state)" = "ii $version" ] || fail "state after the upgrade: $(package_state)"
 no_unit_enabled
 [ "$(sum_admin_files)" = "$sums_before" ] || fail "the upgrade changed the administrator's files"
@@ -151,8 +158,7 @@ in_root signdb check --all --quiet > "$work/check-upgraded.txt" 2>&1 || status=$
 package_files=$(in_root dpkg-query -L signdb | grep -v '^/\.$')
 
 step "remove, then purge"
-in_root env DEBIAN_FRONTEND=noninteractive apt-get remove -y -q signdb >> "$work/apt.log" 2>&1 \
-  || { tail -20 "$work/apt.log"; fail "remove failed"; }
+apt_in_root "remove" remove signdb
 [ ! -e "$root/usr/bin/signdb" ] || fail "remove left /usr/bin/signdb"
 [ "$(sum_admin_files)" = "$sums_before" ] || fail "remove touched the administrator's files"
 in_root dpkg --purge signdb >> "$work/apt.log" 2>&1 || { tail -20 "$work/apt.log"; fail "purge failed"; }
@@ -171,8 +177,7 @@ done <<< "$package_files"
 no_unit_enabled
 
 step "install again over the kept configuration"
-in_root env DEBIAN_FRONTEND=noninteractive apt-get install -y -q "/tmp/$(basename "$deb")" \
-  >> "$work/apt.log" 2>&1 || { tail -20 "$work/apt.log"; fail "the second install failed"; }
+apt_in_root "the second install" install "/tmp/$(basename "$deb")"
 status=0
 in_root signdb check --all --quiet > "$work/check-again.txt" 2>&1 || status=$?
 [ "$status" -le 1 ] || { cat "$work/check-again.txt"; fail "check with the kept databases ended with $status"; }

@@ -49,6 +49,12 @@ NOT_RUN = [
 ]
 
 
+def runs_signdb(command, verb, anywhere=True):
+    """Whether the command runs `signdb [--config FILE] VERB` (at its start only, unless anywhere)."""
+    pattern = r"\bsigndb( --config \S+)? " + verb + r"\b"
+    return re.search(pattern, command) if anywhere else re.match(r"(sudo )?" + pattern, command)
+
+
 def help_groups():
     top = subprocess.run([SIGNDB, "--help"], capture_output=True, text=True, check=True).stdout
     commands = re.findall(r"^  ([a-z]+)\s", top.split("commands:")[1].split("options:")[0], re.M)
@@ -68,7 +74,7 @@ def help_groups():
         # A help's examples are one story, but each `signdb init` sets up a host of its own.
         story = []
         for line in lines:
-            if re.match(r"signdb( --config \S+)? init\b", line) and story:
+            if runs_signdb(line, "init", anywhere=False) and story:
                 yield name, story
                 story = []
             story.append([line])
@@ -136,7 +142,7 @@ def readme_groups():
             while lines[i] != "```":
                 block.append(re.sub(r"\s+#\s.*$", "", lines[i]) if not lines[i].startswith("#") else "")
                 i += 1
-            commands = [c for c in join_lines([b for b in block if b.strip()])]
+            commands = join_lines([b for b in block if b.strip()])
             shown = None
             j = i + 1
             while j < len(lines) and not lines[j].strip():
@@ -159,14 +165,12 @@ class Host:
     def __init__(self, root):
         self.root = root
         self.conf = os.path.join(root, "conf")
-        self.work = os.path.join(root, "work")
         self.shims = os.path.join(root, "shims")
-        self.children = []
         self.changed = False
         self.clickhouse = None
         os.makedirs(self.conf, mode=0o700)
         for folder in ("etc/ssh", "usr/bin", "var/log", "home/ann", "media/offline", "transfer", "backup",
-                       "work", "shims"):
+                       "shims"):
             os.makedirs(os.path.join(root, folder), exist_ok=True)
         self.write("etc/hosts", "127.0.0.1 localhost\n")
         self.write("etc/passwd", "root:x:0:0:root:/root:/bin/bash\n")
@@ -202,9 +206,10 @@ class Host:
         for shim in ("sudo", "systemctl"):
             os.chmod(os.path.join(self.shims, shim), 0o755)
 
-    def signdb(self, *args, ok=(0, 1)):
-        run = subprocess.run([SIGNDB, "--quiet", *args], capture_output=True, text=True, env=self.env,
-                             cwd=self.conf)
+    def signdb(self, *args, ok=(0, 1), config=None):
+        env = dict(self.env, SIGNDB_CONFIG=config) if config else self.env
+        run = subprocess.run([SIGNDB, "--quiet", *args], capture_output=True, text=True, env=env,
+                             cwd=os.path.dirname(env["SIGNDB_CONFIG"]))
         if run.returncode not in ok:
             raise RuntimeError(f"setting up: signdb {' '.join(args)} ended with {run.returncode}: {run.stderr}")
         return run
@@ -296,12 +301,8 @@ class Host:
         config = os.path.join(other, "signdb.json")
         text = open(config).read().replace('"web-01"', '"web-02"')
         open(config, "w").write(text)
-        env = dict(self.env, SIGNDB_CONFIG=config)
         self.write("etc/motd", "welcome to web-02\n")
-        run = subprocess.run([SIGNDB, "--quiet", "scan", "--all", "--replace"], capture_output=True, text=True,
-                             env=env, cwd=other)
-        if run.returncode != 0:
-            raise RuntimeError(f"setting up: the second fleet host's scan ended with {run.returncode}: {run.stderr}")
+        self.signdb("scan", "--all", "--replace", ok=(0,), config=config)
 
     def localise(self, command):
         """The system's places in an example, taken to this host's."""
@@ -313,13 +314,17 @@ class Host:
         return re.sub(r"(?<![\w.~/-])/(etc|usr|var|home)(?=[/\s'\"=]|$)", lambda m: f"{root}/{m.group(1)}", command)
 
     def stop(self):
-        for child in self.children:
-            if child.poll() is None:
-                child.send_signal(signal.SIGTERM)
-                try:
-                    child.wait(30)
-                except subprocess.TimeoutExpired:
-                    child.kill()
+        """Stops the services the examples started (each named in service.pid) and the store."""
+        pids = os.path.join(self.root, "service.pid")
+        if os.path.exists(pids):
+            for pid in open(pids).read().split():
+                # A unit's service leads a session of its own; a `signdb watch &` is the process itself.
+                for stop in (os.killpg, os.kill):
+                    try:
+                        stop(int(pid), signal.SIGTERM)
+                    except ProcessLookupError:
+                        pass
+            time.sleep(0.5)
         if self.clickhouse:
             self.clickhouse.terminate()
             self.clickhouse.wait(30)
@@ -345,13 +350,7 @@ def systemctl(root, args):
     child = subprocess.Popen(argv, stdin=subprocess.DEVNULL, stdout=log, stderr=log, start_new_session=True)
     with open(os.path.join(root, "service.pid"), "a") as out:
         out.write(f"{child.pid}\n")
-    sock = os.path.join(root, "conf", "data", "watch.sock")
-    deadline = time.time() + 60
-    while time.time() < deadline and not os.path.exists(sock):
-        if child.poll() is not None:
-            return 2
-        time.sleep(0.1)
-    return 0 if os.path.exists(sock) else 2
+    return 0 if wait_for_service(os.path.join(root, "conf"), child) else 2
 
 
 def shown_lines_missing(shown, printed):
@@ -371,10 +370,10 @@ def run_group(name, examples, scratch):
     host = Host(tempfile.mkdtemp(prefix="example-", dir=scratch))
     failures = []
     try:
-        starts_fresh = re.search(r"\bsigndb( --config \S+)? init\b", first) or "dpkg" in first or "apt" in first
+        starts_fresh = runs_signdb(first, "init") or "dpkg" in first or "apt" in first
         if not starts_fresh:
             host.configure(fleet="signdb fleet" in text)
-            if not re.search(r"\bsigndb( --config \S+)? scan\b(?!.*--replace)", first):
+            if not (runs_signdb(first, "scan") and "--replace" not in first):
                 host.record()
                 if host.clickhouse:
                     host.second_fleet_host()
@@ -397,7 +396,7 @@ def run_group(name, examples, scratch):
                     print(f"  not run ({reason}): {command}")
                     continue
                 local = host.localise(command)
-                if re.search(r"^(sudo )?signdb( --config \S+)? watch\b", local) and "&" not in local:
+                if runs_signdb(local, "watch", anywhere=False) and "&" not in local:
                     local += " &"  # runs until stopped: the group's end stops it
                 background = local.rstrip().endswith("&")
                 script = "set -o pipefail\n" + (f"({local.rstrip()[:-1]}) > {host.root}/service.log 2>&1 & "
@@ -405,7 +404,7 @@ def run_group(name, examples, scratch):
                                                if background else local + "\n")
                 if background:
                     subprocess.run(["bash", "-c", script], env=host.env, cwd=host.conf)
-                    wait_for_service(host)
+                    wait_for_service(host.conf)
                     print(f"  ran (in the background): {command}")
                     continue
                 if "--protect-key" in local:
@@ -417,7 +416,7 @@ def run_group(name, examples, scratch):
                 printed += (run.stdout + run.stderr).replace(host.root + "/", "/")
                 status = run.returncode
                 ends_in_jq = re.search(r"\|\s*jq\s+(-\w+\s+)*'[^']*'\s*$", command)
-                if status == 0 and not host.changed and re.search(r"\bsigndb( --config \S+)? scan\b", command):
+                if status == 0 and not host.changed and runs_signdb(command, "scan"):
                     host.change_trees()  # "check it later": the trees change after the first record
                 if status >= 2:
                     failures.append(f"{name}: `{command}` ended with status {status}:\n{run.stdout}{run.stderr}")
@@ -428,18 +427,6 @@ def run_group(name, examples, scratch):
                     print(f"  ran (status {status}): {command}")
     finally:
         host.stop()
-        pids = os.path.join(host.root, "service.pid")
-        if os.path.exists(pids):
-            for pid in open(pids).read().split():
-                try:
-                    os.killpg(int(pid), signal.SIGTERM)
-                except ProcessLookupError:
-                    pass
-                try:
-                    os.kill(int(pid), signal.SIGTERM)
-                except ProcessLookupError:
-                    pass
-            time.sleep(0.5)
     return failures
 
 
@@ -477,11 +464,16 @@ def run_on_terminal(script, env, cwd):
     return subprocess.CompletedProcess(script, status, said.decode(errors="replace"), "")
 
 
-def wait_for_service(host):
-    sock = os.path.join(host.conf, "data", "watch.sock")
+def wait_for_service(conf, child=None):
+    """Whether the watch service of the configuration's folder answers on its socket within a
+    minute (never, once the child that should run it has ended)."""
+    sock = os.path.join(conf, "data", "watch.sock")
     deadline = time.time() + 60
     while time.time() < deadline and not os.path.exists(sock):
+        if child is not None and child.poll() is not None:
+            return False
         time.sleep(0.1)
+    return os.path.exists(sock)
 
 
 def main():
