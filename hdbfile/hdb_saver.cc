@@ -3,9 +3,11 @@
 
 #include "hdbfile/hdb_saver.h"
 
-#ifndef _WIN32
 #include <ext/stdio_filebuf.h>
 #include <fcntl.h>
+#ifdef _WIN32
+#include <io.h>
+#include <windows.h>
 #endif
 
 #include <atomic>
@@ -31,27 +33,27 @@ constexpr size_t kBatchBytes = 256 * 1024;
 
 std::atomic<uint64_t> saves_made{0};
 
+// Opens the temporary file for writing, made anew: never opened through a symbolic link (or a
+// reparse point) or over a file that appeared after the delete before it; on POSIX readable by
+// its owner only, on Windows with the permissions its folder hands down. -1 when it cannot be.
+int OpenNewFile(const std::wstring& path, [[maybe_unused]] CUtilityService& utility) {
 #ifdef _WIN32
-// The temporary file, truncated.
-class CTemporaryOutput {
- public:
-  CTemporaryOutput(const std::wstring& path, CUtilityService&)
-      : stream_(path, std::ios::binary | std::ios::out | std::ios::trunc) {}
-  std::ostream& stream() { return stream_; }
-  void Close() { stream_.close(); }
-
- private:
-  std::ofstream stream_;
-};
+  HANDLE handle = ::CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW,
+                                FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, nullptr);
+  if (handle == INVALID_HANDLE_VALUE) return -1;
+  int fd = ::_open_osfhandle(reinterpret_cast<intptr_t>(handle), _O_WRONLY | _O_BINARY);
+  if (fd < 0) ::CloseHandle(handle);
+  return fd;
 #else
-// The temporary file, made anew: never opened through a symbolic link or over a file that
-// appeared after the delete before it (O_EXCL | O_NOFOLLOW), readable by its owner only.
+  return ::open(utility.ToNarrow(path).c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+#endif
+}
+
+// The temporary file as a stream.
 class CTemporaryOutput {
  public:
   CTemporaryOutput(const std::wstring& path, CUtilityService& utility)
-      : fd_(::open(utility.ToNarrow(path).c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600)),
-        buffer_(fd_, std::ios::binary | std::ios::out),
-        stream_(&buffer_) {
+      : fd_(OpenNewFile(path, utility)), buffer_(fd_, std::ios::binary | std::ios::out), stream_(&buffer_) {
     if (fd_ < 0) stream_.setstate(std::ios::failbit);
   }
   std::ostream& stream() { return stream_; }
@@ -68,7 +70,6 @@ class CTemporaryOutput {
   __gnu_cxx::stdio_filebuf<char> buffer_;  // owns fd_ once made
   std::ostream stream_;
 };
-#endif
 
 bool SameNode(const std::weak_ptr<CHashNode>& a, const std::weak_ptr<CHashNode>& b) {
   return !a.owner_before(b) && !b.owner_before(a);

@@ -15,6 +15,7 @@ packages=(
   clickhouse-server clickhouse-client curl
   debhelper dpkg-dev fakeroot lintian debootstrap
   mandoc man-db jq socat less
+  g++-mingw-w64-x86-64-posix wine64 libboost1.74-tools-dev
 )
 
 missing=()

@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Builds from scratch and runs every test: once under AddressSanitizer + UndefinedBehaviorSanitizer
 # (all tests), once under ThreadSanitizer (the tests labelled "concurrency"); checks the tool's
-# format and layers, the lock annotations with clang, fuzzes the parsers, and builds and installs the
-# Debian package in a fresh chroot.
+# format and layers, the lock annotations with clang, fuzzes the parsers, cross-builds the module for
+# Windows and tests it under wine, and builds and installs the Debian package in a fresh chroot.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -34,6 +34,10 @@ cmake --build build/clang-tsa -j "$jobs" --target signdb_core
 
 # The HDB parsers read files that come from outside: fuzz them for a bounded time.
 SIGNDB_FUZZ_SECONDS="${SIGNDB_FUZZ_SECONDS:-60}" bash scripts/fuzz.sh
+
+# The module for Windows: cross-built with MinGW-w64 against libraries built from Debian's source
+# packages (cached in build/cache/windows), its tests run under wine.
+SIGNDB_JOBS="$jobs" bash scripts/windows.sh
 
 # The Debian package: built from a clean copy, lintian, then install, upgrade, remove and purge in a
 # fresh chroot (skipped, with the reason, where there is no root or no debootstrap).

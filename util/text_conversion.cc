@@ -4,7 +4,28 @@
 
 #include <algorithm>
 
-static_assert(sizeof(wchar_t) == 4, "wide strings are UTF-32 here");
+// Wide strings are UTF-32 on Linux and UTF-16 on Windows, where a character beyond U+FFFF takes
+// two units (a surrogate pair).
+inline constexpr bool kWideIsUtf16 = sizeof(wchar_t) == 2;
+static_assert(sizeof(wchar_t) == 2 || sizeof(wchar_t) == 4);
+
+namespace {
+
+bool IsHighSurrogate(uint32_t unit) { return unit >= 0xD800 && unit <= 0xDBFF; }
+bool IsLowSurrogate(uint32_t unit) { return unit >= 0xDC00 && unit <= 0xDFFF; }
+
+// A surrogate on its own, as the three bytes UTF-8 would give it (ED A0 80 to ED BF BF), or 0. A
+// Windows name may hold one, unpaired: it is told apart from every other name this way and comes
+// back as itself.
+uint32_t LoneSurrogateAt(std::string_view text) {
+  if (text.size() < 3) return 0;
+  auto b0 = static_cast<unsigned char>(text[0]), b1 = static_cast<unsigned char>(text[1]),
+       b2 = static_cast<unsigned char>(text[2]);
+  if (b0 != 0xED || b1 < 0xA0 || b1 > 0xBF || (b2 & 0xC0) != 0x80) return 0;
+  return 0xD000u | ((b1 & 0x3Fu) << 6) | (b2 & 0x3Fu);
+}
+
+}  // namespace
 
 // Most names are plain ASCII, which is the same in both encodings: copied directly, without the
 // general converter.
@@ -12,8 +33,12 @@ static_assert(sizeof(wchar_t) == 4, "wide strings are UTF-32 here");
 std::string WideToUtf8(const std::wstring& wide) {
   std::string narrow;
   narrow.reserve(wide.size());
-  for (wchar_t wide_character : wide) {
-    auto c = static_cast<uint32_t>(wide_character);
+  for (size_t i = 0; i < wide.size(); ++i) {
+    auto c = static_cast<uint32_t>(wide[i]);
+    if (kWideIsUtf16 && IsHighSurrogate(c) && i + 1 < wide.size() &&
+        IsLowSurrogate(static_cast<uint32_t>(wide[i + 1]))) {
+      c = 0x10000 + ((c - 0xD800) << 10) + (static_cast<uint32_t>(wide[++i]) - 0xDC00);
+    }
     if (c < 0x80) {
       narrow += static_cast<char>(c);
     } else if (IsEscapedByte(c)) {
@@ -49,9 +74,18 @@ std::wstring Utf8ToWide(const std::string& narrow) {
     }
     int code_point = 0;
     size_t length = Utf8SequenceAt(rest, &code_point);
-    if (length == 0 || IsEscapedByte(static_cast<uint32_t>(code_point))) {
+    if (length == 0 && kWideIsUtf16 && LoneSurrogateAt(rest) != 0 &&
+        !IsEscapedByte(LoneSurrogateAt(rest))) {
+      wide += static_cast<wchar_t>(LoneSurrogateAt(rest));
+      rest.remove_prefix(3);
+    } else if (length == 0 || IsEscapedByte(static_cast<uint32_t>(code_point))) {
       wide += static_cast<wchar_t>(kEscapedByteBase + byte);
       rest.remove_prefix(1);
+    } else if (kWideIsUtf16 && code_point >= 0x10000) {
+      uint32_t above = static_cast<uint32_t>(code_point) - 0x10000;
+      wide += static_cast<wchar_t>(0xD800 + (above >> 10));
+      wide += static_cast<wchar_t>(0xDC00 + (above & 0x3FF));
+      rest.remove_prefix(length);
     } else {
       wide += static_cast<wchar_t>(code_point);
       rest.remove_prefix(length);

@@ -4,11 +4,11 @@
 #include <string>
 #include <string_view>
 
-// UTF-8 narrow text to and from the platform's wide strings (UTF-32 on Linux), losslessly: a
-// file name is a string of bytes, and one that is not UTF-8 must still be recorded as itself and
-// told apart from every other. Each byte that starts no valid UTF-8 sequence becomes the lone
-// surrogate U+DC80 + (byte - 0x80) (only bytes 0x80-0xFF can), and such a character becomes that
-// byte again, so Utf8ToWide then WideToUtf8 gives back the very bytes for any input.
+// UTF-8 narrow text to and from the platform's wide strings (UTF-32 on Linux, UTF-16 on Windows),
+// losslessly: a file name is a string of bytes, and one that is not UTF-8 must still be recorded as
+// itself and told apart from every other. Each byte that starts no valid UTF-8 sequence becomes the
+// lone surrogate U+DC80 + (byte - 0x80) (only bytes 0x80-0xFF can), and such a character becomes
+// that byte again, so Utf8ToWide then WideToUtf8 gives back the very bytes for any input.
 std::string WideToUtf8(const std::wstring& wide);
 std::wstring Utf8ToWide(const std::string& narrow);
 
