@@ -26,4 +26,5 @@ set(SIGNDB_PUBLIC_HEADERS
   host/thread_pool.h
   host/time_service.h
   host/utility_service.h
+  host/windows_api.h
 )

@@ -5,7 +5,7 @@
 #include "entry/init.h"
 
 #ifdef _WIN32
-#include <windows.h>
+#include "host/windows_api.h"
 
 // The load hook only turns off thread attach and detach notifications; it builds and logs nothing.
 BOOL APIENTRY DllMain(HMODULE module, DWORD reason, LPVOID) {

@@ -1,7 +1,7 @@
 #include "hashdb/monotonic_clock.h"
 
 #ifdef _WIN32
-#include <windows.h>
+#include "host/windows_api.h"
 #else
 #include <time.h>
 #endif

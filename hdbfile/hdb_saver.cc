@@ -7,7 +7,7 @@
 #include <fcntl.h>
 #ifdef _WIN32
 #include <io.h>
-#include <windows.h>
+#include "host/windows_api.h"
 #endif
 
 #include <atomic>

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "host/buffer.h"
+#include "host/windows_api.h"  // before any use of DeleteFile or MoveFile below
 
 // Reports the time passed since the host started it, as text for the end of a message.
 class CStopwatch {

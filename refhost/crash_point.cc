@@ -1,6 +1,10 @@
 #include "refhost/crash_point.h"
 
+#ifdef _WIN32
+#include "host/windows_api.h"
+#else
 #include <signal.h>
+#endif
 
 #include <atomic>
 #include <cstdlib>
@@ -23,5 +27,10 @@ void CrashPoint() {
   }();
   if (kill_at <= 0) return;
   static std::atomic<long> reached{0};
-  if (++reached == kill_at) ::raise(SIGKILL);
+  if (++reached != kill_at) return;
+#ifdef _WIN32
+  ::TerminateProcess(::GetCurrentProcess(), 137);  // no handler runs, as with SIGKILL
+#else
+  ::raise(SIGKILL);
+#endif
 }

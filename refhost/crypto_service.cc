@@ -6,6 +6,9 @@
 #include <openssl/objects.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#ifdef _WIN32
+#include <io.h>
+#endif
 
 #include <algorithm>
 #include <cerrno>
@@ -23,6 +26,45 @@
 namespace {
 
 constexpr size_t kReadBlock = 1 << 20;
+
+#ifdef _WIN32
+// Windows' C run-time has no positional read: a seek, then a read (a descriptor here is read by
+// one thread at a time). Nor can it say where a sparse file's holes are: every byte is read.
+constexpr bool kFindsHoles = false;
+constexpr int kSeekData = 0, kSeekHole = 1;
+int64_t ReadAt(int fd, void* into, size_t count, uint64_t offset) {
+  if (::_lseeki64(fd, static_cast<int64_t>(offset), SEEK_SET) < 0) return -1;
+  return ::_read(fd, into, static_cast<unsigned>(count));
+}
+bool FileSizeOf(int fd, uint64_t& size) {
+  struct _stat64 status {};
+  if (::_fstat64(fd, &status) != 0) return false;
+  size = static_cast<uint64_t>(status.st_size);
+  return true;
+}
+int64_t SeekTo(int, uint64_t, int) { return -1; }
+void AdviseSequential(int, uint64_t) {}
+int OpenForReading(const std::string& path) {
+  return ::_wopen(Utf8ToWide(path).c_str(), _O_RDONLY | _O_BINARY);
+}
+#else
+constexpr bool kFindsHoles = true;
+constexpr int kSeekData = SEEK_DATA, kSeekHole = SEEK_HOLE;
+int64_t ReadAt(int fd, void* into, size_t count, uint64_t offset) {
+  return ::pread(fd, into, count, static_cast<off_t>(offset));
+}
+bool FileSizeOf(int fd, uint64_t& size) {
+  struct stat status {};
+  if (::fstat(fd, &status) != 0) return false;
+  size = static_cast<uint64_t>(status.st_size);
+  return true;
+}
+int64_t SeekTo(int fd, uint64_t from, int whence) { return ::lseek(fd, static_cast<off_t>(from), whence); }
+void AdviseSequential(int fd, uint64_t length) {
+  ::posix_fadvise(fd, 0, static_cast<off_t>(length), POSIX_FADV_SEQUENTIAL);
+}
+int OpenForReading(const std::string& path) { return ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW); }
+#endif
 
 // Each digest is fetched from the providers once and kept for the life of the process: a handle
 // from EVP_sha256() and the like makes every EVP_DigestInit_ex fetch it again, which costs as much
@@ -69,9 +111,9 @@ std::string FinishDigest(EVP_MD_CTX* context) {
 }  // namespace
 
 std::string HashOpenFile(int fd, uint32_t policy_number, const std::string& name) {
-  struct stat status {};
-  if (::fstat(fd, &status) != 0) throw std::runtime_error("cannot examine " + name + ": " + std::strerror(errno));
-  return HashOpenFilePrefix(fd, static_cast<uint64_t>(status.st_size), policy_number, name);
+  uint64_t size = 0;
+  if (!FileSizeOf(fd, size)) throw std::runtime_error("cannot examine " + name + ": " + std::strerror(errno));
+  return HashOpenFilePrefix(fd, size, policy_number, name);
 }
 
 std::string HashOpenFilePrefix(int fd, uint64_t length, uint32_t policy_number, const std::string& name) {
@@ -79,7 +121,7 @@ std::string HashOpenFilePrefix(int fd, uint64_t length, uint32_t policy_number, 
   // digest takes for them, and asking where they are or advising read-ahead would cost more
   // system calls than the read itself (most files of a system are this small).
   bool one_block = length <= kReadBlock;
-  if (!one_block) ::posix_fadvise(fd, 0, static_cast<off_t>(length), POSIX_FADV_SEQUENTIAL);
+  if (!one_block) AdviseSequential(fd, length);
   CDigestContext context = StartDigest(policy_number);
   // One block per thread, kept: hashing many small files should not cost an allocation each.
   thread_local std::unique_ptr<unsigned char[]> block(new unsigned char[kReadBlock]);
@@ -94,28 +136,28 @@ std::string HashOpenFilePrefix(int fd, uint64_t length, uint32_t policy_number, 
   // Where the file system says the next data or hole starts, within [from, length]. A file system
   // that cannot say treats the whole file as data; ENXIO for data means only a hole follows.
   auto seek = [&](uint64_t from, int whence) -> uint64_t {
-    if (one_block) return whence == SEEK_DATA ? from : length;
-    off_t found = ::lseek(fd, static_cast<off_t>(from), whence);
+    if (one_block || !kFindsHoles) return whence == kSeekData ? from : length;
+    int64_t found = SeekTo(fd, from, whence);
     if (found >= 0) return std::clamp<uint64_t>(static_cast<uint64_t>(found), from, length);
-    if (whence != SEEK_DATA) return length;
+    if (whence != kSeekData) return length;
     if (errno != ENXIO) return from;
-    struct stat now {};  // no data past "from": a hole up to the end, or the end itself
-    if (::fstat(fd, &now) == 0 && static_cast<uint64_t>(now.st_size) < length) throw shrank(from);
+    uint64_t now = 0;  // no data past "from": a hole up to the end, or the end itself
+    if (FileSizeOf(fd, now) && now < length) throw shrank(from);
     return length;
   };
   uint64_t offset = 0;
   while (offset < length) {
-    for (uint64_t data = seek(offset, SEEK_DATA); offset < data;) {  // a hole: zeros, never read
+    for (uint64_t data = seek(offset, kSeekData); offset < data;) {  // a hole: zeros, never read
       size_t count = static_cast<size_t>(std::min<uint64_t>(data - offset, kReadBlock));
       update(zeros.data(), count);
       offset += count;
     }
     if (offset >= length) break;
-    uint64_t hole = seek(offset, SEEK_HOLE);
+    uint64_t hole = seek(offset, kSeekHole);
     if (hole <= offset) hole = length;
     while (offset < hole) {
       size_t want = static_cast<size_t>(std::min<uint64_t>(hole - offset, kReadBlock));
-      ssize_t n = ::pread(fd, block.get(), want, static_cast<off_t>(offset));
+      int64_t n = ReadAt(fd, block.get(), want, offset);
       if (n < 0) {
         if (errno == EINTR) continue;
         throw std::runtime_error("cannot read " + name + ": " + std::strerror(errno));
@@ -145,7 +187,7 @@ uint32_t CRefCryptoService::DigestDescriptor(uint32_t policy_number) {
 
 std::string CRefCryptoService::HashFile(const std::wstring& path, uint32_t policy_number) {
   std::string narrow = WideToUtf8(path);
-  CFileDescriptor fd(::open(narrow.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+  CFileDescriptor fd(OpenForReading(narrow));
   if (!fd.valid()) throw std::runtime_error("cannot open " + narrow + ": " + std::strerror(errno));
   return HashOpenFile(fd.get(), policy_number, narrow);
 }

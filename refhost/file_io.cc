@@ -56,32 +56,39 @@ void SyncDirectoryOf(const std::string& path) {
   if (fd.get() >= 0) ::fsync(fd.get());
 }
 
+void WriteNewFile(const std::string& path, const void* data, uint64_t length, unsigned mode) {
+  CFileDescriptor fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode));
+  if (fd.get() < 0) Fail("cannot create", path, errno);
+  const char* bytes = static_cast<const char*>(data);
+  uint64_t done = 0;
+  while (done < length) {
+    ssize_t n = ::write(fd.get(), bytes + done, length - done);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      int error = errno;
+      ::unlink(path.c_str());
+      Fail("cannot write", path, error);
+    }
+    done += static_cast<uint64_t>(n);
+  }
+  if (::fsync(fd.get()) != 0) {
+    int error = errno;
+    ::unlink(path.c_str());
+    Fail("cannot sync", path, error);
+  }
+}
+
+bool RemoveFile(const std::string& path) {
+  if (::unlink(path.c_str()) == 0) return true;
+  if (errno == ENOENT) return false;
+  Fail("cannot delete", path, errno);
+}
+
 void WriteWholeFile(const std::string& path, const void* data, uint64_t length) {
   std::string temporary = path + ".writing";
   CrashPoint();
   ::unlink(temporary.c_str());  // a leftover of a run that died; never followed if it is a link
-  {
-    CFileDescriptor fd(
-        ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
-    if (fd.get() < 0) Fail("cannot create", temporary, errno);
-    const char* bytes = static_cast<const char*>(data);
-    uint64_t done = 0;
-    while (done < length) {
-      ssize_t n = ::write(fd.get(), bytes + done, length - done);
-      if (n < 0) {
-        if (errno == EINTR) continue;
-        int error = errno;
-        ::unlink(temporary.c_str());
-        Fail("cannot write", temporary, error);
-      }
-      done += static_cast<uint64_t>(n);
-    }
-    if (::fsync(fd.get()) != 0) {
-      int error = errno;
-      ::unlink(temporary.c_str());
-      Fail("cannot sync", temporary, error);
-    }
-  }
+  WriteNewFile(temporary, data, length);
   CrashPoint();
   if (::rename(temporary.c_str(), path.c_str()) != 0) {
     int error = errno;

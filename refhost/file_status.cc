@@ -175,6 +175,17 @@ std::string ReadSecurityAttributes(const std::string& path, const struct stat& s
   return security_text::Text(items);
 }
 
+bool ReadPathStatus(const std::string& path, CPathStatus& status) {
+  struct stat info {};
+  if (::lstat(path.c_str(), &info) != 0) return false;
+  status.attributes = static_cast<uint32_t>(info.st_mode);
+  status.time_1 = StatTimeNs(info.st_ctim);
+  status.time_2 = StatTimeNs(info.st_mtim);
+  return true;
+}
+
+// lstat(2), then a regular file or directory is opened (never followed, never blocking) for the
+// reads of ReadSecurityAttributes.
 std::string PathSecurityAttributesText(const std::string& path) {
   struct stat status {};
   if (::lstat(path.c_str(), &status) != 0) return std::string();

@@ -5,7 +5,28 @@
 #include <cstdint>
 #include <string>
 
-// What the reference host records of one object's status on POSIX.
+// What the reference host records of one object's status (file_status.cc on POSIX,
+// file_status_windows.cc on Windows).
+
+// An object's attributes and times: on POSIX its mode, status-change and modification times; on
+// Windows its attribute flags, creation and last-write times. Times are nanoseconds since the
+// epoch (1970) on both.
+struct CPathStatus {
+  uint32_t attributes = 0;
+  uint64_t time_1 = 0;
+  uint64_t time_2 = 0;
+};
+
+// The status of the object at "path" itself (a symbolic link's own, never its target's); false
+// when nothing can be examined there.
+bool ReadPathStatus(const std::string& path, CPathStatus& status);
+
+// The security attributes text of the object at "path" (never following a link): on POSIX the
+// text of ReadSecurityAttributes below, on Windows its owner, group and access list in the
+// system's security descriptor language (SDDL). Empty when the object cannot be examined.
+std::string PathSecurityAttributesText(const std::string& path);
+
+#ifndef _WIN32
 
 // A status time in nanoseconds since the epoch.
 inline uint64_t StatTimeNs(const struct timespec& time) {
@@ -20,7 +41,4 @@ inline uint64_t StatTimeNs(const struct timespec& time) {
 // FIFO or socket is never opened). A file system that has no extended attributes, ACLs or inode
 // flags gives a text without them; that is not an error.
 std::string ReadSecurityAttributes(const std::string& path, const struct stat& status, int fd);
-
-// The same for a path: lstat(2), then a regular file or directory is opened (never followed, never
-// blocking) for the reads above. Empty when the object cannot be examined.
-std::string PathSecurityAttributesText(const std::string& path);
+#endif

@@ -1,6 +1,10 @@
 #include "refhost/module_loader.h"
 
+#ifdef _WIN32
+#include "host/windows_api.h"
+#else
 #include <dlfcn.h>
+#endif
 
 #include <cstdlib>
 #include <stdexcept>
@@ -10,22 +14,64 @@
 #include "front/sign_db.h"
 #include "host/host.h"
 #include "refhost/ref_host.h"
+#include "util/text_conversion.h"
 
 namespace {
 using InitFunction = void (*)(const std::shared_ptr<CHost>&);
+
+#ifdef _WIN32
+// The dynamic loader's three calls on Windows: LoadLibraryW with the UTF-16 path.
+void* OpenLibrary(const std::string& path) {
+  return ::LoadLibraryW(Utf8ToWide(path).c_str());
 }
+void* FindSymbol(void* handle, const char* name) {
+  return reinterpret_cast<void*>(::GetProcAddress(static_cast<HMODULE>(handle), name));
+}
+void CloseLibrary(void* handle) { ::FreeLibrary(static_cast<HMODULE>(handle)); }
+std::string LoadError() { return "Windows error " + std::to_string(::GetLastError()); }
+constexpr const char* kModuleFileName = "signdb.dll";
+#else
+void* OpenLibrary(const std::string& path) { return ::dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL); }
+void* FindSymbol(void* handle, const char* name) { return ::dlsym(handle, name); }
+void CloseLibrary(void* handle) { ::dlclose(handle); }
+std::string LoadError() {
+  const char* reason = ::dlerror();
+  return reason ? reason : "unknown reason";
+}
+constexpr const char* kModuleFileName = "libsigndb.so";
+#endif
+
+// A path as UTF-8 text.
+std::string PathText(const boost::filesystem::path& path) {
+#ifdef _WIN32
+  return WideToUtf8(path.wstring());
+#else
+  return path.string();
+#endif
+}
+
+// The running program's own file.
+boost::filesystem::path SelfPath() {
+#ifdef _WIN32
+  std::wstring path(32768, L'\0');
+  path.resize(::GetModuleFileNameW(nullptr, path.data(), static_cast<DWORD>(path.size())));
+  return boost::filesystem::path(path);
+#else
+  boost::system::error_code error;
+  return boost::filesystem::read_symlink("/proc/self/exe", error);
+#endif
+}
+}  // namespace
 
 CModuleLoader::CModuleLoader(const std::string& module_path, const std::shared_ptr<CRefHost>& host)
     : module_path_(module_path), host_(host) {
-  handle_ = ::dlopen(module_path_.c_str(), RTLD_NOW | RTLD_LOCAL);
+  handle_ = OpenLibrary(module_path_);
   if (handle_ == nullptr) {
-    const char* reason = ::dlerror();
-    throw std::runtime_error("cannot load the module " + module_path_ + ": " +
-                             (reason ? reason : "unknown reason"));
+    throw std::runtime_error("cannot load the module " + module_path_ + ": " + LoadError());
   }
-  auto init = reinterpret_cast<InitFunction>(::dlsym(handle_, "init"));
+  auto init = reinterpret_cast<InitFunction>(FindSymbol(handle_, "init"));
   if (init == nullptr) {
-    ::dlclose(handle_);
+    CloseLibrary(handle_);
     throw std::runtime_error("the module " + module_path_ + " has no init");
   }
   try {
@@ -33,11 +79,11 @@ CModuleLoader::CModuleLoader(const std::string& module_path, const std::shared_p
     init(as_host);
   } catch (...) {
     host_->ReleaseFront();
-    ::dlclose(handle_);
+    CloseLibrary(handle_);
     throw;
   }
   if (!host_->Front()) {
-    ::dlclose(handle_);
+    CloseLibrary(handle_);
     throw std::runtime_error("the module " + module_path_ + " handed over no front");
   }
 }
@@ -46,7 +92,7 @@ CModuleLoader::~CModuleLoader() {
   host_->ReleaseFront();
   // A worker may still be releasing a task that the module made; its code must stay mapped.
   host_->WaitForIdlePool();
-  ::dlclose(handle_);
+  CloseLibrary(handle_);
 }
 
 std::shared_ptr<CSignDB> CModuleLoader::Front() const { return host_->Front(); }
@@ -54,9 +100,9 @@ std::shared_ptr<CSignDB> CModuleLoader::Front() const { return host_->Front(); }
 std::string CModuleLoader::DefaultModulePath() {
   if (const char* path = std::getenv("SIGNDB_MODULE"); path != nullptr && *path) return path;
   boost::system::error_code error;
-  boost::filesystem::path self = boost::filesystem::read_symlink("/proc/self/exe", error);
-  boost::filesystem::path beside = self.parent_path() / "libsigndb.so";
-  if (boost::filesystem::exists(beside, error)) return beside.string();  // a build folder
+  boost::filesystem::path self = SelfPath();
+  boost::filesystem::path beside = self.parent_path() / kModuleFileName;
+  if (boost::filesystem::exists(beside, error)) return PathText(beside);  // a build folder
   // An install: the module's folder, found from the program's own (so a prefix moves whole).
-  return (self.parent_path() / SIGNDB_MODULE_FROM_BINDIR / "libsigndb.so").lexically_normal().string();
+  return PathText((self.parent_path() / SIGNDB_MODULE_FROM_BINDIR / kModuleFileName).lexically_normal());
 }

@@ -80,7 +80,11 @@ time_t CertificateNotAfter(const std::string& path) {
   if (ASN1_TIME_to_tm(X509_get0_notAfter(certificate.get()), &end) != 1) {
     throw std::runtime_error("the validity of " + path + " cannot be read");
   }
+#ifdef _WIN32
+  return ::_mkgmtime(&end);
+#else
   return ::timegm(&end);
+#endif
 }
 
 struct CRefSigner::CState {

@@ -3,8 +3,6 @@
 #include <Poco/Environment.h>
 #include <Poco/NumberFormatter.h>
 #include <openssl/rand.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <boost/filesystem/operations.hpp>
@@ -79,10 +77,6 @@ class CRefBufferedWriter : public CBufferedWriter {
   std::vector<char> buffer_;
 };
 
-bool LStat(const std::wstring& path, struct stat& info) {
-  return ::lstat(WideToUtf8(path).c_str(), &info) == 0;
-}
-
 char LowerAscii(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
 
 }  // namespace
@@ -151,18 +145,18 @@ bool CRefUtilityService::HashEquals(const std::string& a, const std::string& b) 
 }
 
 uint32_t CRefUtilityService::PathAttributes(const std::wstring& path) {
-  struct stat info {};
-  return LStat(path, info) ? static_cast<uint32_t>(info.st_mode) : 0xFFFFFFFFu;
+  CPathStatus status;
+  return ReadPathStatus(WideToUtf8(path), status) ? status.attributes : 0xFFFFFFFFu;
 }
 
 uint64_t CRefUtilityService::PathTime1(const std::wstring& path) {
-  struct stat info {};
-  return LStat(path, info) ? StatTimeNs(info.st_ctim) : ~0ull;
+  CPathStatus status;
+  return ReadPathStatus(WideToUtf8(path), status) ? status.time_1 : ~0ull;
 }
 
 uint64_t CRefUtilityService::PathTime2(const std::wstring& path) {
-  struct stat info {};
-  return LStat(path, info) ? StatTimeNs(info.st_mtim) : ~0ull;
+  CPathStatus status;
+  return ReadPathStatus(WideToUtf8(path), status) ? status.time_2 : ~0ull;
 }
 
 std::string CRefUtilityService::PathSecurityAttributes(const std::wstring& path, uint64_t) {
@@ -174,7 +168,13 @@ std::string CRefUtilityService::ToNarrow(const std::wstring& wide) { return Wide
 std::wstring CRefUtilityService::ToWide(const std::string& narrow) { return Utf8ToWide(narrow); }
 
 void CRefUtilityService::PrepareWrite(const std::wstring& path) {
+  // The path library takes wide text as UTF-16 on Windows, and narrow text as bytes on POSIX; its
+  // other conversions go through the process locale.
+#ifdef _WIN32
+  boost::filesystem::path parent = boost::filesystem::path(path).parent_path();
+#else
   boost::filesystem::path parent = boost::filesystem::path(WideToUtf8(path)).parent_path();
+#endif
   if (!parent.empty()) boost::filesystem::create_directories(parent);
 }
 
@@ -199,7 +199,11 @@ std::string CRefUtilityService::SedText(uint32_t) { return sed_text_; }
 bool CRefUtilityService::DeleteFile(const std::wstring& path) {
   std::string narrow = WideToUtf8(path);
   CrashPoint();
-  if (::unlink(narrow.c_str()) != 0) return errno == ENOENT;
+  try {
+    if (!RemoveFile(narrow)) return true;  // nothing there: the outcome asked for
+  } catch (const std::exception&) {
+    return false;
+  }
   SyncDirectoryOf(narrow);
   CrashPoint();
   return true;

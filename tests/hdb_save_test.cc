@@ -251,9 +251,8 @@ TEST_F(HdbSaveTest, ALinkPlantedAtTheTemporaryNameIsNeverWrittenThrough) {
   std::string victim = dir_.Write("victim", "precious\n");
   std::string temporary = dir_ / "test.hdb.tmp";
   SetCrashPointHook([&] {
-    struct stat status {};
-    if (::lstat(temporary.c_str(), &status) != 0) {
-      ASSERT_EQ(0, ::symlink(victim.c_str(), temporary.c_str()));
+    if (!boost::filesystem::exists(boost::filesystem::symlink_status(temporary))) {
+      boost::filesystem::create_symlink(victim, temporary);
     }
   });
   std::string error = ErrorOf<std::runtime_error>([&] { db_->Save(); });

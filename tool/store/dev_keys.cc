@@ -1,6 +1,5 @@
 #include "tool/store/dev_keys.h"
 
-#include <fcntl.h>
 #include <openssl/bio.h>
 #include <openssl/ec.h>
 #include <openssl/evp.h>
@@ -8,15 +7,12 @@
 #include <openssl/rand.h>
 #include <openssl/x509.h>
 #include <openssl/x509v3.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <boost/filesystem/operations.hpp>
-#include <cerrno>
-#include <cstring>
 #include <memory>
 #include <stdexcept>
 
+#include "refhost/file_io.h"
 #include "refhost/openssl_handles.h"
 #include "refhost/pkcs7.h"
 #include "util/text_conversion.h"
@@ -95,31 +91,35 @@ CX509 NewCertificate(EVP_PKEY* key, X509* issuer, EVP_PKEY* issuer_key, long not
   return certificate;
 }
 
-// Opens "path" for writing; it must not exist yet. Keys are readable by their owner only.
-CBio CreateFile(const std::string& path, mode_t mode) {
-  int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
-  if (fd < 0) throw std::runtime_error("cannot create " + path + ": " + std::strerror(errno));
-  CBio bio(BIO_new_fd(fd, BIO_CLOSE));
-  if (!bio) {
-    ::close(fd);
-    Require(false, "BIO_new_fd");
-  }
+// A PEM text is made in memory, then written to a file that must not exist yet.
+CBio MemoryBio() {
+  CBio bio(BIO_new(BIO_s_mem()));
+  Require(bio != nullptr, "BIO_new");
   return bio;
 }
 
-void WriteCertificate(const std::string& path, X509* certificate) {
-  CBio bio = CreateFile(path, 0644);
-  Require(PEM_write_bio_X509(bio.get(), certificate) == 1, path.c_str());
+void WriteNewFileFrom(const std::string& path, BIO* bio, unsigned mode) {
+  char* data = nullptr;
+  long length = BIO_get_mem_data(bio, &data);
+  WriteNewFile(path, data, static_cast<uint64_t>(length), mode);
 }
 
+void WriteCertificate(const std::string& path, X509* certificate) {
+  CBio bio = MemoryBio();
+  Require(PEM_write_bio_X509(bio.get(), certificate) == 1, path.c_str());
+  WriteNewFileFrom(path, bio.get(), 0644);
+}
+
+// Keys are readable by their owner only.
 void WriteKey(const std::string& path, EVP_PKEY* key,
               const std::string& passphrase = std::string()) {
-  CBio bio = CreateFile(path, 0600);
+  CBio bio = MemoryBio();
   const EVP_CIPHER* cipher = passphrase.empty() ? nullptr : EVP_aes_256_cbc();
   auto* bytes = reinterpret_cast<unsigned char*>(const_cast<char*>(passphrase.data()));
   Require(PEM_write_bio_PrivateKey(bio.get(), key, cipher, passphrase.empty() ? nullptr : bytes,
                                    static_cast<int>(passphrase.size()), nullptr, nullptr) == 1,
           path.c_str());
+  WriteNewFileFrom(path, bio.get(), 0600);
 }
 
 }  // namespace
