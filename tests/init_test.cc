@@ -15,6 +15,7 @@
 #include "front/sign_db.h"
 #include "tests/mock_host.h"
 #include "tests/temp_dir.h"
+#include "tests/native_path.h"
 
 using testing::_;
 using testing::InSequence;
@@ -68,7 +69,7 @@ TEST(InitTest, InitHandsTheFrontToTheHostOnce) {
   EXPECT_CALL(*services.host, TakeSignDB(_)).WillOnce(SaveArg<0>(&front));
   module.init()(services.host);
   ASSERT_NE(nullptr, front);
-  EXPECT_EQ(L"/var/lib/signdb/etc.hdb", front->HdbFilePath("etc"));
+  EXPECT_EQ(L"/var/lib/signdb" + Native(L"/etc.hdb"), front->HdbFilePath("etc"));
   front.reset();
 }
 

@@ -7,6 +7,7 @@
 #include "refhost/module_loader.h"
 #include "refhost/ref_host.h"
 #include "tests/temp_dir.h"
+#include "tests/native_path.h"
 
 TEST(ModuleIntegrationTest, TheReferenceHostLoadsTheModuleAndReceivesTheFront) {
   CTempDir dir;
@@ -18,7 +19,7 @@ TEST(ModuleIntegrationTest, TheReferenceHostLoadsTheModuleAndReceivesTheFront) {
   std::shared_ptr<CSignDB> front = loader.Front();
   ASSERT_NE(nullptr, front);
   EXPECT_EQ("SDBI-Read", front->ReadContext()->Name());
-  EXPECT_EQ(dir.path().wstring() + L"/etc.hdb", front->HdbFilePath("etc"));
+  EXPECT_EQ(dir.path().wstring() + Native(L"/etc.hdb"), front->HdbFilePath("etc"));
   EXPECT_FALSE(front->SedFileExists("etc"));
   front->WriteSedFile("etc");
   EXPECT_TRUE(front->SedFileExists("etc"));

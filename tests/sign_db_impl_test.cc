@@ -8,6 +8,7 @@
 #include "host/read_context.h"
 #include "tests/mock_host.h"
 #include "tests/temp_dir.h"
+#include "tests/native_path.h"
 
 using testing::_;
 using testing::InSequence;
@@ -107,7 +108,7 @@ TEST(SignDBImplTest, HdbPathJoinsTheDataDirectoryAndThePolicyName) {
   MockServices services;
   services.data_directory = L"/var/lib/signdb";
   CSignDBImpl front(services.host);
-  EXPECT_EQ(L"/var/lib/signdb/etc.hdb", front.HdbFilePath("etc"));
+  EXPECT_EQ(L"/var/lib/signdb" + Native(L"/etc.hdb"), front.HdbFilePath("etc"));
 }
 
 TEST(SignDBImplTest, NoSeparatorIsAddedWhenTheDirectoryEndsInOne) {
@@ -153,9 +154,9 @@ TEST(SignDBImplTest, TheSedFileHoldsTheHostsSedText) {
   EXPECT_CALL(services.mock_utility(), SedText(0)).WillOnce(Return("sed text"));
   {
     InSequence order;
-    EXPECT_CALL(services.mock_utility(), PrepareWrite(std::wstring(L"/var/lib/signdb/etc.hdb.sed")));
+    EXPECT_CALL(services.mock_utility(), PrepareWrite(L"/var/lib/signdb" + Native(L"/etc.hdb.sed")));
     EXPECT_CALL(services.mock_utility(),
-                WriteBytes(std::wstring(L"/var/lib/signdb/etc.hdb.sed"), _, 8, 1, 0))
+                WriteBytes(L"/var/lib/signdb" + Native(L"/etc.hdb.sed"), _, 8, 1, 0))
         .WillOnce([](const std::wstring&, const void* data, uint64_t length, uint32_t, uint32_t) {
           EXPECT_EQ("sed text", std::string(static_cast<const char*>(data), length));
           return true;
