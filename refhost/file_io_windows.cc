@@ -67,14 +67,16 @@ bool WriteAll(HANDLE handle, const void* data, uint64_t length, DWORD& error) {
 // writes the bytes and flushes them to the disk.
 void CreateDurableFile(const std::string& path, const void* data, uint64_t length) {
   std::wstring wide = Utf8ToWide(path);
-  CHandle file(::CreateFileW(wide.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL,
-                             nullptr));
-  if (!file.valid()) Fail("cannot create", path, ::GetLastError());
   DWORD error = 0;
-  bool written = WriteAll(file.get(), data, length, error);
-  if (written && !::FlushFileBuffers(file.get())) error = ::GetLastError();
+  bool written = false;
+  {
+    CHandle file(::CreateFileW(wide.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL,
+                               nullptr));
+    if (!file.valid()) Fail("cannot create", path, ::GetLastError());
+    written = WriteAll(file.get(), data, length, error);
+    if (written && !::FlushFileBuffers(file.get())) error = ::GetLastError();
+  }  // closed here, before a failed file is deleted
   if (!written || error != 0) {
-    ::CloseHandle(file.get());
     ::DeleteFileW(wide.c_str());
     Fail(written ? "cannot sync" : "cannot write", path, error);
   }
@@ -115,15 +117,16 @@ void SyncDirectoryOf(const std::string&) {}
 
 void WriteWholeFile(const std::string& path, const void* data, uint64_t length) {
   std::string temporary = path + ".writing";
+  std::wstring wide_temporary = Utf8ToWide(temporary);
   CrashPoint();
   // A leftover of a run that died; deleting a link deletes the link, never its target.
-  ::DeleteFileW(Utf8ToWide(temporary).c_str());
+  ::DeleteFileW(wide_temporary.c_str());
   CreateDurableFile(temporary, data, length);
   CrashPoint();
-  if (!::MoveFileExW(Utf8ToWide(temporary).c_str(), Utf8ToWide(path).c_str(),
+  if (!::MoveFileExW(wide_temporary.c_str(), Utf8ToWide(path).c_str(),
                      MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH)) {
     DWORD error = ::GetLastError();
-    ::DeleteFileW(Utf8ToWide(temporary).c_str());
+    ::DeleteFileW(wide_temporary.c_str());
     Fail("cannot replace", path, error);
   }
   CrashPoint();

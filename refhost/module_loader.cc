@@ -2,8 +2,6 @@
 
 #ifdef _WIN32
 #include "host/windows_api.h"
-#else
-#include <dlfcn.h>
 #endif
 
 #include <cstdlib>
@@ -14,30 +12,15 @@
 #include "front/sign_db.h"
 #include "host/host.h"
 #include "refhost/ref_host.h"
+#include "refhost/shared_library.h"
 #include "util/text_conversion.h"
 
 namespace {
 using InitFunction = void (*)(const std::shared_ptr<CHost>&);
 
 #ifdef _WIN32
-// The dynamic loader's three calls on Windows: LoadLibraryW with the UTF-16 path.
-void* OpenLibrary(const std::string& path) {
-  return ::LoadLibraryW(Utf8ToWide(path).c_str());
-}
-void* FindSymbol(void* handle, const char* name) {
-  return reinterpret_cast<void*>(::GetProcAddress(static_cast<HMODULE>(handle), name));
-}
-void CloseLibrary(void* handle) { ::FreeLibrary(static_cast<HMODULE>(handle)); }
-std::string LoadError() { return "Windows error " + std::to_string(::GetLastError()); }
 constexpr const char* kModuleFileName = "signdb.dll";
 #else
-void* OpenLibrary(const std::string& path) { return ::dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL); }
-void* FindSymbol(void* handle, const char* name) { return ::dlsym(handle, name); }
-void CloseLibrary(void* handle) { ::dlclose(handle); }
-std::string LoadError() {
-  const char* reason = ::dlerror();
-  return reason ? reason : "unknown reason";
-}
 constexpr const char* kModuleFileName = "libsigndb.so";
 #endif
 
@@ -65,13 +48,13 @@ boost::filesystem::path SelfPath() {
 
 CModuleLoader::CModuleLoader(const std::string& module_path, const std::shared_ptr<CRefHost>& host)
     : module_path_(module_path), host_(host) {
-  handle_ = OpenLibrary(module_path_);
+  handle_ = OpenSharedLibrary(module_path_);
   if (handle_ == nullptr) {
-    throw std::runtime_error("cannot load the module " + module_path_ + ": " + LoadError());
+    throw std::runtime_error("cannot load the module " + module_path_ + ": " + SharedLibraryError());
   }
-  auto init = reinterpret_cast<InitFunction>(FindSymbol(handle_, "init"));
+  auto init = reinterpret_cast<InitFunction>(FindSharedLibrarySymbol(handle_, "init"));
   if (init == nullptr) {
-    CloseLibrary(handle_);
+    CloseSharedLibrary(handle_);
     throw std::runtime_error("the module " + module_path_ + " has no init");
   }
   try {
@@ -79,11 +62,11 @@ CModuleLoader::CModuleLoader(const std::string& module_path, const std::shared_p
     init(as_host);
   } catch (...) {
     host_->ReleaseFront();
-    CloseLibrary(handle_);
+    CloseSharedLibrary(handle_);
     throw;
   }
   if (!host_->Front()) {
-    CloseLibrary(handle_);
+    CloseSharedLibrary(handle_);
     throw std::runtime_error("the module " + module_path_ + " handed over no front");
   }
 }
@@ -92,7 +75,7 @@ CModuleLoader::~CModuleLoader() {
   host_->ReleaseFront();
   // A worker may still be releasing a task that the module made; its code must stay mapped.
   host_->WaitForIdlePool();
-  CloseLibrary(handle_);
+  CloseSharedLibrary(handle_);
 }
 
 std::shared_ptr<CSignDB> CModuleLoader::Front() const { return host_->Front(); }

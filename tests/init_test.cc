@@ -1,18 +1,13 @@
 // The module as a plug-in: each test loads its own copy of the built library, so that every test
 // starts with an uninitialised module.
 
-#ifdef _WIN32
-#include "host/windows_api.h"
-#else
-#include <dlfcn.h>
-#endif
-
 #include <stdexcept>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "front/sign_db.h"
+#include "refhost/shared_library.h"
 #include "tests/mock_host.h"
 #include "tests/temp_dir.h"
 #include "tests/native_path.h"
@@ -27,30 +22,16 @@ namespace {
 
 using InitFunction = void (*)(const std::shared_ptr<CHost>&);
 
-#ifdef _WIN32
-void* OpenLibrary(const std::string& path) { return ::LoadLibraryA(path.c_str()); }
-void* FindSymbol(void* handle, const char* name) {
-  return reinterpret_cast<void*>(::GetProcAddress(static_cast<HMODULE>(handle), name));
-}
-void CloseLibrary(void* handle) { ::FreeLibrary(static_cast<HMODULE>(handle)); }
-std::string LoadError() { return "Windows error " + std::to_string(::GetLastError()); }
-#else
-void* OpenLibrary(const std::string& path) { return ::dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL); }
-void* FindSymbol(void* handle, const char* name) { return ::dlsym(handle, name); }
-void CloseLibrary(void* handle) { ::dlclose(handle); }
-std::string LoadError() { return ::dlerror(); }
-#endif
-
 class CFreshModule {
  public:
   CFreshModule() {
     std::string copy = dir_ / "signdb-copy.module";
     boost::filesystem::copy_file(SIGNDB_MODULE_PATH, copy);
-    handle_ = OpenLibrary(copy);
-    if (handle_ == nullptr) throw std::runtime_error(LoadError());
-    init_ = reinterpret_cast<InitFunction>(FindSymbol(handle_, "init"));
+    handle_ = OpenSharedLibrary(copy);
+    if (handle_ == nullptr) throw std::runtime_error(SharedLibraryError());
+    init_ = reinterpret_cast<InitFunction>(FindSharedLibrarySymbol(handle_, "init"));
   }
-  ~CFreshModule() { CloseLibrary(handle_); }
+  ~CFreshModule() { CloseSharedLibrary(handle_); }
   InitFunction init() const { return init_; }
 
  private:

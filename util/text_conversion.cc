@@ -74,9 +74,9 @@ std::wstring Utf8ToWide(const std::string& narrow) {
     }
     int code_point = 0;
     size_t length = Utf8SequenceAt(rest, &code_point);
-    if (length == 0 && kWideIsUtf16 && LoneSurrogateAt(rest) != 0 &&
-        !IsEscapedByte(LoneSurrogateAt(rest))) {
-      wide += static_cast<wchar_t>(LoneSurrogateAt(rest));
+    uint32_t lone_surrogate = length == 0 && kWideIsUtf16 ? LoneSurrogateAt(rest) : 0;
+    if (lone_surrogate != 0 && !IsEscapedByte(lone_surrogate)) {
+      wide += static_cast<wchar_t>(lone_surrogate);
       rest.remove_prefix(3);
     } else if (length == 0 || IsEscapedByte(static_cast<uint32_t>(code_point))) {
       wide += static_cast<wchar_t>(kEscapedByteBase + byte);

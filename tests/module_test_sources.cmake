@@ -1,0 +1,25 @@
+# The module's unit tests that build on Linux and on Windows: mock hosts and the reference host.
+set(SIGNDB_MODULE_TEST_SOURCES
+  ${CMAKE_CURRENT_LIST_DIR}/block_tree_test.cc
+  ${CMAKE_CURRENT_LIST_DIR}/class_counter_test.cc
+  ${CMAKE_CURRENT_LIST_DIR}/front_test.cc
+  ${CMAKE_CURRENT_LIST_DIR}/hash_db_query_test.cc
+  ${CMAKE_CURRENT_LIST_DIR}/hash_tree_test.cc
+  ${CMAKE_CURRENT_LIST_DIR}/hdb_corruption_test.cc
+  ${CMAKE_CURRENT_LIST_DIR}/hdb_format_test.cc
+  ${CMAKE_CURRENT_LIST_DIR}/hdb_load_test.cc
+  ${CMAKE_CURRENT_LIST_DIR}/hdb_save_test.cc
+  ${CMAKE_CURRENT_LIST_DIR}/hdb_signature_test.cc
+  ${CMAKE_CURRENT_LIST_DIR}/init_test.cc
+  ${CMAKE_CURRENT_LIST_DIR}/language_test.cc
+  ${CMAKE_CURRENT_LIST_DIR}/message_test.cc
+  ${CMAKE_CURRENT_LIST_DIR}/module_integration_test.cc
+  ${CMAKE_CURRENT_LIST_DIR}/object_check_test.cc
+  ${CMAKE_CURRENT_LIST_DIR}/object_insert_test.cc
+  ${CMAKE_CURRENT_LIST_DIR}/object_rename_test.cc
+  ${CMAKE_CURRENT_LIST_DIR}/previous_compare_test.cc
+  ${CMAKE_CURRENT_LIST_DIR}/sign_db_impl_test.cc
+  ${CMAKE_CURRENT_LIST_DIR}/text_pool_test.cc
+  ${CMAKE_CURRENT_LIST_DIR}/tree_walk_test.cc
+  ${CMAKE_CURRENT_LIST_DIR}/wide_path_test.cc
+)
